@@ -1,0 +1,25 @@
+# skein_layer(NAME name SOURCES files... [DEPENDS targets...] [PRIVATE_DEPENDS targets...])
+#
+# One static library a folder. A layer names the layers above it in DEPENDS; nothing else is linked.
+function(skein_layer)
+  cmake_parse_arguments(LAYER "" "NAME" "SOURCES;DEPENDS;PRIVATE_DEPENDS" ${ARGN})
+  add_library(${LAYER_NAME} STATIC ${LAYER_SOURCES})
+  target_link_libraries(${LAYER_NAME} PUBLIC ${LAYER_DEPENDS} PRIVATE skein_flags ${LAYER_PRIVATE_DEPENDS})
+  target_include_directories(${LAYER_NAME} PUBLIC ${PROJECT_SOURCE_DIR})
+  skein_precompile(${LAYER_NAME})
+endfunction()
+
+# All layers share one precompiled header: it is built once, and again only when a flag differs.
+function(skein_precompile target)
+  if(NOT SKEIN_PCH)
+    return()
+  endif()
+  if(NOT TARGET skein_pch)
+    file(WRITE ${CMAKE_BINARY_DIR}/pch.cpp "")
+    add_library(skein_pch OBJECT ${CMAKE_BINARY_DIR}/pch.cpp)
+    target_link_libraries(skein_pch PRIVATE skein_flags skein_asio)
+    target_precompile_headers(skein_pch PRIVATE ${PROJECT_SOURCE_DIR}/cmake/Precompiled.h)
+  endif()
+  target_link_libraries(${target} PRIVATE skein_asio)
+  target_precompile_headers(${target} REUSE_FROM skein_pch)
+endfunction()

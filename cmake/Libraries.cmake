@@ -1,0 +1,16 @@
+# The libraries we use; all are Debian packages and Homebrew formulae.
+
+find_package(Threads REQUIRED)
+find_package(Boost 1.81 REQUIRED)
+find_package(OpenSSL 3 REQUIRED)
+find_package(CURL REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(CLI11 REQUIRED)
+
+# Boost.Asio compiled once instead of in every file.
+add_library(skein_asio STATIC ${PROJECT_SOURCE_DIR}/cmake/asio.cpp)
+target_compile_features(skein_asio PUBLIC cxx_std_20)
+target_compile_definitions(skein_asio PUBLIC BOOST_ASIO_SEPARATE_COMPILATION BOOST_ASIO_NO_DEPRECATED BOOST_ALL_NO_LIB)
+target_include_directories(skein_asio SYSTEM PUBLIC ${Boost_INCLUDE_DIRS})
+target_link_libraries(skein_asio PUBLIC Threads::Threads PRIVATE skein_flags)

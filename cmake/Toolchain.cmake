@@ -1,0 +1,39 @@
+# Warnings, sanitizers, ccache and the linker: everything that depends on how we build, not on what.
+
+add_library(skein_flags INTERFACE)
+target_compile_options(skein_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fno-omit-frame-pointer)
+target_include_directories(skein_flags INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_definitions(skein_flags INTERFACE SKEIN_VERSION="${PROJECT_VERSION}")
+
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # GCC 12 finds dangling and uninitialised uses inside the standard library and Asio at -O2 that are not there.
+  target_compile_options(skein_flags INTERFACE -Wno-maybe-uninitialized -Wno-stringop-overflow -Wno-array-bounds -Wno-restrict)
+endif()
+
+if(SKEIN_SANITIZER STREQUAL "address")
+  target_compile_options(skein_flags INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all)
+  target_link_options(skein_flags INTERFACE -fsanitize=address,undefined)
+elseif(SKEIN_SANITIZER STREQUAL "thread")
+  target_compile_options(skein_flags INTERFACE -fsanitize=thread -Wno-tsan)
+  target_link_options(skein_flags INTERFACE -fsanitize=thread)
+endif()
+if(SKEIN_SANITIZER)
+  # Asio's reuse of small blocks would hide a use of a freed coroutine frame.
+  target_compile_definitions(skein_flags INTERFACE BOOST_ASIO_DISABLE_SMALL_BLOCK_RECYCLING SKEIN_SANITIZED)
+endif()
+
+find_program(SKEIN_CCACHE ccache)
+if(SKEIN_CCACHE)
+  # Precompiled headers carry their build time; ccache must be told that this does not matter.
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
+    CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${SKEIN_CCACHE})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(skein_flags INTERFACE -fpch-preprocess)
+  endif()
+endif()
+
+find_program(SKEIN_MOLD mold)
+if(SKEIN_MOLD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT SKEIN_SANITIZER)
+  target_link_options(skein_flags INTERFACE -fuse-ld=mold)
+endif()

@@ -1,0 +1,72 @@
+#include "public/common/FileLogger.h"
+
+#include <spdlog/async.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace skein {
+
+namespace {
+
+constexpr std::size_t rotateAtBytes = std::size_t{5} << 20U;
+constexpr std::size_t keptFiles = 3;
+constexpr std::size_t waitingLines = 8192;
+
+spdlog::level::level_enum levelOf(LogLevel level) {
+    switch (level) {
+        case LogLevel::trace: return spdlog::level::trace;
+        case LogLevel::debug: return spdlog::level::debug;
+        case LogLevel::info: return spdlog::level::info;
+        case LogLevel::warning: return spdlog::level::warn;
+        case LogLevel::error: return spdlog::level::err;
+        case LogLevel::off: break;
+    }
+    return spdlog::level::off;
+}
+
+bool isControl(char character) { return static_cast<unsigned char>(character) < 0x20 || character == 0x7F; }
+
+}  // namespace
+
+struct FileLogger::Sink {
+    explicit Sink(const std::filesystem::path& file)
+        : writer(std::make_shared<spdlog::details::thread_pool>(waitingLines, 1)),
+          logger(std::make_shared<spdlog::async_logger>(
+              "skein", std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file.string(), rotateAtBytes, keptFiles),
+              writer, spdlog::async_overflow_policy::overrun_oldest)) {
+        logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %L %v");
+        logger->set_level(spdlog::level::trace);
+        logger->flush_on(spdlog::level::info);
+    }
+
+    std::shared_ptr<spdlog::details::thread_pool> writer;
+    std::shared_ptr<spdlog::async_logger> logger;
+};
+
+FileLogger::FileLogger() : FileLogger(LogLevel::off) {}
+
+FileLogger::FileLogger(LogLevel least) : least_(least) {}
+
+FileLogger::FileLogger(const std::filesystem::path& file, LogLevel least) : least_(least) {
+    try {
+        sink_ = std::make_unique<Sink>(file);
+    } catch (const spdlog::spdlog_ex& error) {
+        std::fprintf(stderr, "skein: the log is off: %s\n", error.what());
+        least_ = LogLevel::off;
+    }
+}
+
+FileLogger::~FileLogger() {
+    if (sink_) sink_->logger->flush();
+}
+
+void FileLogger::write(LogLevel level, std::string_view line) {
+    if (!sink_) return;
+    std::string clean(line);
+    std::replace_if(clean.begin(), clean.end(), isControl, '?');
+    sink_->logger->log(levelOf(level), clean);
+}
+
+}  // namespace skein

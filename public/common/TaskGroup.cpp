@@ -1,0 +1,52 @@
+#include "public/common/TaskGroup.h"
+
+#include "public/common/FatalFault.h"
+
+#include <boost/asio/as_tuple.hpp>
+
+namespace skein {
+
+namespace {
+
+void reportEscaped(const std::exception_ptr& failure) {
+    if (!failure) return;
+    try {
+        std::rethrow_exception(failure);
+    } catch (const boost::system::system_error& error) {
+        if (error.code() != asio::error::operation_aborted)
+            stopProgram(std::string("a background task failed: ") + error.what());
+    } catch (const std::exception& error) {
+        stopProgram(std::string("a background task failed: ") + error.what());
+    }
+}
+
+}  // namespace
+
+TaskGroup::TaskGroup(const asio::any_io_executor& pool) : TaskGroup(asio::make_strand(pool)) {}
+
+TaskGroup::TaskGroup(const Strand& strand) : strand_(strand), changed_(strand_) {
+    changed_.expires_at(asio::steady_timer::time_point::max());
+}
+
+void TaskGroup::spawn(asio::awaitable<void> task) {
+    const auto signal = std::make_shared<asio::cancellation_signal>();
+    // The signal lives in the handler too: the slot must not outlive it.
+    asio::co_spawn(strand_, tracked(signal, std::move(task)),
+                   asio::bind_cancellation_slot(
+                       signal->slot(), [signal](const std::exception_ptr& failure) { reportEscaped(failure); }));
+}
+
+asio::awaitable<void> TaskGroup::stop() {
+    // Stopping is not given up half way, so the caller's cancellation does not reach it.
+    return asio::co_spawn(strand_, drain(),
+                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+}
+
+asio::awaitable<void> TaskGroup::drain() {
+    stopping_ = true;
+    const Signals signals = running_;
+    for (const auto& signal : signals) signal->emit(asio::cancellation_type::terminal);
+    while (!running_.empty()) co_await changed_.async_wait(asio::as_tuple(asio::use_awaitable));
+}
+
+}  // namespace skein

@@ -1,0 +1,76 @@
+#pragma once
+
+#include "public/common/Clock.h"
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <exception>
+#include <functional>
+#include <map>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+namespace skein {
+
+/// A Clock moved by hand, and the one thread (the test's) on which everything under test runs.
+///
+/// Real sockets on loopback work beside it: `finish` and `runUntil` wait for them in real time, and fail the test
+/// after `patience` instead of hanging.
+class Simulation final : public Clock {
+public:
+    static constexpr std::chrono::seconds patience{120};
+
+    Simulation();
+    ~Simulation() override;
+
+    asio::any_io_executor executor() { return context_.get_executor(); }
+
+    TimePoint now() const override { return now_; }
+    WallTime wallNow() const override;
+    asio::awaitable<void> sleep(Duration duration) override;
+
+    /// Moves time on, stopping at each sleeper's deadline to run all that is ready.
+    void advance(Duration duration);
+    /// Runs what is ready, and what sockets bring, until `condition` holds.
+    void runUntil(const std::function<bool()>& condition);
+    /// Runs what is ready now, without waiting for anything.
+    void settle();
+    /// Runs until `task` has ended and returns its result or throws what it threw. Time does not move.
+    template <class T>
+    T finish(asio::awaitable<T> task) {
+        std::optional<std::exception_ptr> ended;
+        if constexpr (std::is_void_v<T>) {
+            asio::co_spawn(context_, std::move(task), [&](const std::exception_ptr& failure) { ended = failure; });
+            runUntil([&] { return ended.has_value(); });
+            if (*ended) std::rethrow_exception(*ended);
+        } else {
+            std::optional<T> result;
+            asio::co_spawn(context_, std::move(task), [&](const std::exception_ptr& failure, T value) {
+                if (!failure) result = std::move(value);
+                ended = failure;
+            });
+            runUntil([&] { return ended.has_value(); });
+            if (*ended) std::rethrow_exception(*ended);
+            return std::move(*result);
+        }
+    }
+    /// Starts `task`; its end and its failures go unnoticed.
+    void start(asio::awaitable<void> task);
+
+private:
+    struct Sleeper {
+        asio::steady_timer wake;
+        bool isDue = false;
+    };
+
+    asio::io_context context_{1};
+    TimePoint start_{};
+    TimePoint now_{};
+    std::multimap<TimePoint, Sleeper*> sleepers_;
+};
+
+}  // namespace skein
