@@ -11,7 +11,8 @@ Clock::WallTime RealClock::wallNow() const { return std::chrono::system_clock::n
 
 asio::awaitable<void> RealClock::sleep(Duration duration) {
     if (duration <= Duration::zero()) co_return;
-    asio::steady_timer timer(co_await asio::this_coro::executor, duration);
+    const auto executor = co_await asio::this_coro::executor;
+    asio::steady_timer timer(executor, duration);
     co_await timer.async_wait(asio::use_awaitable);
 }
 

@@ -3,6 +3,7 @@
 #include "public/common/FatalFault.h"
 
 #include <boost/asio/as_tuple.hpp>
+#include <boost/asio/detached.hpp>
 
 namespace skein {
 
@@ -29,11 +30,17 @@ TaskGroup::TaskGroup(const Strand& strand) : strand_(strand), changed_(strand_) 
 }
 
 void TaskGroup::spawn(asio::awaitable<void> task) {
-    const auto signal = std::make_shared<asio::cancellation_signal>();
-    // The signal lives in the handler too: the slot must not outlive it.
-    asio::co_spawn(strand_, tracked(signal, std::move(task)),
-                   asio::bind_cancellation_slot(
-                       signal->slot(), [signal](const std::exception_ptr& failure) { reportEscaped(failure); }));
+    asio::co_spawn(strand_, supervise(std::move(task)), asio::detached);
+}
+
+asio::awaitable<void> TaskGroup::supervise(asio::awaitable<void> task) {
+    std::exception_ptr failure;
+    try {
+        co_await call(std::move(task));  // whose frame keeps the cancellation signal until the task's own is gone
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    reportEscaped(failure);
 }
 
 asio::awaitable<void> TaskGroup::stop() {

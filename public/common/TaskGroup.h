@@ -87,6 +87,7 @@ private:
         co_return co_await std::move(task);
     }
 
+    asio::awaitable<void> supervise(asio::awaitable<void> task);
     asio::awaitable<void> drain();
 
     Strand strand_;

@@ -27,7 +27,8 @@ Clock::WallTime Simulation::wallNow() const {
 
 asio::awaitable<void> Simulation::sleep(Duration duration) {
     if (duration <= Duration::zero()) co_return;
-    Sleeper sleeper{asio::steady_timer(co_await asio::this_coro::executor, asio::steady_timer::time_point::max())};
+    const auto executor = co_await asio::this_coro::executor;
+    Sleeper sleeper(executor);
     const auto entry = sleepers_.emplace(now_ + duration, &sleeper);
     const auto [error] = co_await sleeper.wake.async_wait(asio::as_tuple(asio::use_awaitable));
     if (sleeper.isDue) co_return;

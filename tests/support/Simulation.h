@@ -63,6 +63,8 @@ public:
 
 private:
     struct Sleeper {
+        explicit Sleeper(const asio::any_io_executor& executor)
+            : wake(executor, asio::steady_timer::time_point::max()) {}
         asio::steady_timer wake;
         bool isDue = false;
     };
