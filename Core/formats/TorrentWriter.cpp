@@ -2,6 +2,7 @@
 
 #include "Core/formats/BEncoder.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -12,12 +13,15 @@ namespace {
 
 using Tiers = std::vector<std::vector<std::string>>;
 
-/// The components of `path` below its first one, which is the torrent's name.
-BEncodeValue::List componentsBelow(std::string_view path) {
+/// The components of `path` below the torrent's name, which it begins with.
+BEncodeValue::List componentsBelow(std::string_view name, std::string_view path) {
+    path.remove_prefix(std::min(name.size(), path.size()));
     BEncodeValue::List components;
-    for (std::size_t slash = path.find('/'); slash != std::string_view::npos; slash = path.find('/')) {
-        path.remove_prefix(slash + 1);
-        components.emplace_back(path.substr(0, path.find('/')));
+    while (!path.empty()) {
+        path.remove_prefix(1);
+        const std::string_view component = path.substr(0, path.find('/'));
+        components.emplace_back(component);
+        path.remove_prefix(component.size());
     }
     return components;
 }
@@ -31,7 +35,8 @@ BEncodeValue infoOf(const TorrentMetaInfo& torrent) {
         BEncodeValue::List files;
         files.reserve(torrent.files.size());
         for (const TorrentFileInfo& file : torrent.files)
-            files.emplace_back(BEncodeValue::Dictionary{{"length", file.size}, {"path", componentsBelow(file.path)}});
+            files.emplace_back(
+                BEncodeValue::Dictionary{{"length", file.size}, {"path", componentsBelow(torrent.name, file.path)}});
         info.emplace_back("files", std::move(files));
     }
     if (torrent.isPrivate) info.emplace_back("private", 1);

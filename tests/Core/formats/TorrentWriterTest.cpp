@@ -22,11 +22,11 @@ TEST(TorrentWriter, writesASingleFileWithSortedKeys) {
 }
 
 TEST(TorrentWriter, whatItWritesIsReadBackTheSame) {
-    TorrentMetaInfo torrent{.name = "dir",
+    TorrentMetaInfo torrent{.name = "d/ir",
                             .pieceLength = 16384,
                             .pieces = Bytes(40, 7),
                             .totalSize = 30'000,
-                            .files = {{"dir/a", 10'000, 0}, {"dir/sub/b", 20'000, 10'000}},
+                            .files = {{"d/ir/a", 10'000, 0}, {"d/ir/sub/b", 20'000, 10'000}},
                             .isPrivate = true,
                             .creationDate = std::chrono::sys_seconds(std::chrono::seconds(1'234'567'890)),
                             .comment = "why",
