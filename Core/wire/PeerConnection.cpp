@@ -61,6 +61,9 @@ asio::awaitable<void> PeerConnection::establish(std::chrono::seconds timeout, as
     }
     isConnected_ = true;
     connectedAt_ = lastActiveAt_ = lastSentAt_ = environment_.clock.now();
+}
+
+void PeerConnection::begin() {
     tasks_.spawn(messageLoop());
     tasks_.spawn(writeLoop());
     tasks_.spawn(watchSilence());

@@ -90,10 +90,12 @@ public:
 
     void setCallbacks(Callbacks callbacks) { callbacks_ = std::move(callbacks); }
 
-    /// Dials, shakes hands and begins to listen. Throws PeerException or boost::system::system_error.
+    /// Dials and shakes hands. Throws PeerException or boost::system::system_error.
     asio::awaitable<void> connect(std::chrono::seconds timeout = defaultConnectTimeout);
     /// The same for an accepted connection: the peer's handshake comes first.
     asio::awaitable<void> accept(std::chrono::seconds timeout = defaultConnectTimeout);
+    /// After `connect` or `accept`, when the callbacks are set: messages flow from here on.
+    void begin();
     /// Ends the conversation; `onDisconnected` follows.
     void disconnect() noexcept { transport_->cancel(); }
     /// Returns when nothing of the connection runs any more. `onDisconnected` does not come any more.

@@ -4,6 +4,7 @@
 #include "Core/wire/PeerHandshake.h"
 #include "public/common/Within.h"
 
+#include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
@@ -48,13 +49,17 @@ asio::awaitable<void> PeerListener::open(std::uint16_t port) {
         listenOn(first);
     }
     port_ = acceptors_.front().local_endpoint().port();
-    if (bindAddress_.empty()) try {
-            listenOn({asio::ip::address_v6::any(), port_});
-        } catch (const boost::system::system_error& error) {
-            log_.info("[Session] no IPv6 listener: ", error.what());
-        }
+    if (bindAddress_.empty()) listenOnIPv6Too();
     for (Acceptor& acceptor : acceptors_) tasks_.spawn(acceptPeers(acceptor));
     co_return;
+}
+
+void PeerListener::listenOnIPv6Too() {
+    try {
+        listenOn({asio::ip::address_v6::any(), port_});
+    } catch (const boost::system::system_error& error) {
+        log_.info("[Session] no IPv6 listener: ", error.what());
+    }
 }
 
 void PeerListener::listenOn(const tcp::endpoint& endpoint) {

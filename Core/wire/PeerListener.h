@@ -48,6 +48,7 @@ private:
 
     asio::awaitable<void> open(std::uint16_t port);
     void listenOn(const asio::ip::tcp::endpoint& endpoint);
+    void listenOnIPv6Too();
     asio::awaitable<void> acceptPeers(Acceptor& acceptor);
     asio::awaitable<void> route(asio::ip::tcp::socket socket);
     asio::awaitable<void> insert(SHA1Digest infoHash, Handler handler);
