@@ -1,0 +1,36 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace skein {
+
+/// Why a torrent cannot be stored, or its files not be read or written. The texts are shown to users.
+enum class StorageError {
+    unsafePath,
+    duplicatePath,
+    invalidPieceLength,
+    pieceTooLarge,
+    invalidFileSize,
+    pieceCountMismatch,
+    notAFile,
+    symbolicLink,
+    fileRemoved,
+    fileTooShort,
+    system,
+};
+std::string_view textOf(StorageError error) noexcept;
+
+/// Thrown by storage. `what()` is the text followed by `detail`.
+class StorageException : public std::runtime_error {
+public:
+    explicit StorageException(StorageError why, std::string_view detail = {})
+        : std::runtime_error(std::string(textOf(why)).append(detail)), error(why) {}
+    /// A failed system call on `path`; `code` is its errno.
+    static StorageException failedCall(const std::string& path, int code);
+
+    const StorageError error;
+};
+
+}  // namespace skein

@@ -1,0 +1,89 @@
+#pragma once
+
+#include "Core/engine/OpenFiles.h"
+#include "Core/engine/TorrentLayout.h"
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace skein {
+
+/// What storage may do with a torrent's files: all that a download needs; or only read what is there.
+enum class StorageMode : std::uint8_t { download, readOnly };
+
+/// The files of one torrent as one stream of bytes.
+///
+/// A download never follows a symbolic link below the download folder (which may itself be one): a link would lead a
+/// write out of it. Written data is left to the system's cache; `sync` puts it on the device.
+/// Owner: PieceManager. Thread: any, several at once (but `prepare`); all calls block and belong on the disk pool.
+class TorrentStorage {
+public:
+    /// What is known of a range without reading it.
+    enum class Presence : std::uint8_t {
+        data,    ///< all there; to be read
+        zeros,   ///< all there, and nothing was ever written to it
+        absent,  ///< a file is missing or too short
+    };
+    /// What `presenceOf` learned last; each thread that asks keeps its own.
+    struct PresenceNotes {
+        static constexpr std::size_t noFile = static_cast<std::size_t>(-1);
+        std::size_t file = noFile;
+        std::int64_t size = -1;      // of the file on disk, -1 when there is none
+        std::int64_t holeStart = 0;  // [holeStart, holeEnd) of it is a hole
+        std::int64_t holeEnd = 0;
+    };
+
+    TorrentStorage(TorrentLayout layout, std::filesystem::path folder, StorageMode mode,
+                   std::shared_ptr<OpenFiles> openFiles, FileCalls& calls);
+    TorrentStorage(const TorrentStorage&) = delete;
+    TorrentStorage& operator=(const TorrentStorage&) = delete;
+    ~TorrentStorage();
+
+    const TorrentLayout& layout() const noexcept { return layout_; }
+
+    /// For files [first, first + count) of a download: creates folders and the file, and gives it its size.
+    /// Throws StorageException. A torrent that is only read is left as it is.
+    void prepare(std::size_t first, std::size_t count);
+    /// The first look at what `prepare` left is over; from now on others may have written to the files.
+    void forgetPreparation() noexcept { isUntouched_ = false; }
+    /// Writes the bytes of `from`, one after another, at `offset` of the torrent. Throws StorageException.
+    void write(std::int64_t offset, std::span<const iovec> from);
+    /// Fills `into`, one after another, from `offset` of the torrent on. Throws StorageException.
+    void read(std::int64_t offset, std::span<const iovec> into);
+    Presence presenceOf(std::int64_t offset, std::int64_t length, PresenceNotes& notes);
+    /// Puts on the device what was written since the last call. Throws StorageException.
+    void sync();
+    /// Closes the files; the next use opens them again.
+    void close();
+
+private:
+    OpenFiles::File file(std::size_t index, OpenFiles::Access access);
+    FileDescriptor open(std::size_t index, OpenFiles::Access access, bool create);
+    FileDescriptor openFolder(std::size_t index, bool create);
+    FileDescriptor openFolderBelow(const FileDescriptor& folder, const std::string& name, bool create,
+                                   const std::string& path);
+    int tryOpen(int folder, const char* name, int flags);
+    void prepareFile(std::size_t index);
+    std::int64_t sizeOnDisk(const FileDescriptor& file, const std::string& path);
+    void noteHole(PresenceNotes& notes, const TorrentLayout::Slice& slice);
+
+    const TorrentLayout layout_;
+    const std::filesystem::path folder_;
+    const StorageMode mode_;
+    const std::shared_ptr<OpenFiles> openFiles_;
+    const std::uint64_t owner_;
+    FileCalls& calls_;
+    std::vector<std::int64_t> zerosFrom_;   // by file: `prepare` added the bytes from here on
+    std::atomic<bool> isUntouched_{false};  // nothing was written since `prepare`
+    std::mutex unsyncedMutex_;
+    std::set<std::size_t> unsynced_;
+};
+
+}  // namespace skein
