@@ -191,10 +191,23 @@ std::vector<RequestScheduler::GivenBack> RequestScheduler::giveBackSlowPieces() 
         if (stalls || rescuerOf(piece, inFlight)) slow.push_back(piece);
         if (stalls) peers_.at(inFlight.peer).isSlow = true;
     }
+    if (piecesInFlight() >= maxInFlightPieces) addSurplus(slow);
     std::vector<GivenBack> result;
     result.reserve(slow.size());
     for (const int piece : slow) result.push_back(giveBack(piece));
     return result;
+}
+
+/// A peer that took its share before its rate was known gives back what it has not begun, newest first.
+void RequestScheduler::addSurplus(std::vector<int>& pieces) const {
+    for (const auto& [key, peer] : peers_) {
+        const auto share = static_cast<std::size_t>(shareOf(peer));
+        for (std::size_t held = peer.pieces.size(); held > share; --held) {
+            const int piece = peer.pieces[held - 1];
+            if (pieceToPeer_.at(piece).received == 0 && std::find(pieces.begin(), pieces.end(), piece) == pieces.end())
+                pieces.push_back(piece);
+        }
+    }
 }
 
 bool RequestScheduler::fasterPeerThan(const Peer& slow) const {

@@ -61,7 +61,8 @@ public:
     /// The piece verified, failed or could not be written: its slot is free.
     void pieceEnded(int piece);
 
-    /// Takes back what stalls, and what a far faster idle peer would have sooner. Called about once a second.
+    /// Takes back what stalls, what a peer holds beyond its share, and what a far faster idle peer would have sooner.
+    /// Called about once a second.
     std::vector<GivenBack> giveBackSlowPieces();
 
     /// The piece's supplier; nothing when it is not in flight. For `pieceToPeer` displays and blame.
@@ -97,6 +98,7 @@ private:
     int shareOf(const Peer& peer) const;
     int depthOf(const Peer& peer) const;
     bool couldServe(const Peer& peer) const { return !peer.isChoking && !(peer.isExhausted && peer.pieces.empty()); }
+    void addSurplus(std::vector<int>& pieces) const;
     bool fasterPeerThan(const Peer& slow) const;
     GivenBack giveBack(int piece);
     void forgetExhaustion();
