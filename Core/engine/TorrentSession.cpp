@@ -195,19 +195,17 @@ void TorrentSession::startTrackers() {
     lastPublicBTDiscoveryAt_ = services_.clock.now();
     TrackerAnnouncer::Callbacks callbacks;
     callbacks.totals = [this] { return totals(); };
-    callbacks.wantsPeers = [this] {
+    callbacks.isShortOfPeers = [this] {
         return state_.kind == Kind::downloading && peerPool_.connected().size() < fewPeers;
     };
-    callbacks.onPeersFound = [this](const std::string& tracker, const std::vector<PeerAddress>& peers) {
-        handleTrackerPeers(tracker, peers);
-    };
+    callbacks.onAnswer = [this](const TrackerAnnounceOutcome& outcome) { handleTrackerAnswer(outcome); };
     callbacks.onRowsChanged = [this](const std::vector<TrackerRuntimeInfo>& rows) {
         if (callbacks_.onTrackerDetailsUpdated) callbacks_.onTrackerDetailsUpdated(rows);
     };
-    const TrackerAnnouncer::Environment environment{tasks_.strand(), services_.clock, services_.log,
-                                                    services_.trackerClient, infoHash_, peerID_,
-                                                    services_.listener.port()};
-    announcer_ = std::make_unique<TrackerAnnouncer>(environment, std::move(tiers), std::move(callbacks));
+    auto client = std::make_unique<TrackerClient>(services_.io, services_.trackers, Bytes(peerID_.begin(), peerID_.end()),
+                                                  services_.listener.port(), IPAddress::parse(options_.bindAddress));
+    const TrackerAnnouncer::Environment environment{tasks_.strand(), services_.clock, services_.log, infoHash_};
+    announcer_ = std::make_unique<TrackerAnnouncer>(environment, std::move(client), tiers, std::move(callbacks));
     announcer_->start();
 }
 
@@ -222,12 +220,16 @@ std::vector<std::vector<std::string>> TorrentSession::effectiveTrackers() const 
     return tiers;
 }
 
-void TorrentSession::handleTrackerPeers(const std::string& tracker, const std::vector<PeerAddress>& peers) {
-    services_.log.info("[Session] Tracker ", tracker, " → ", peers.size(), " peers, connecting immediately...");
-    setStatus("Tracker found " + std::to_string(peers.size()) + " peers, connecting...");
+void TorrentSession::handleTrackerAnswer(const TrackerAnnounceOutcome& outcome) {
+    if (!outcome.isSuccess() || !isRunning()) return;
+    const std::size_t count = outcome.peers.size();
+    services_.log.info("[Session] Tracker ", outcome.tracker, " → ", count, " peers, connecting immediately...");
+    // A torrent that seeds is dialled by those who need it.
+    if (state_.kind != Kind::downloading) return;
+    setStatus("Tracker found " + std::to_string(count) + " peers, connecting...");
     // A tracker on this machine or site knows its peers by their local addresses.
-    const bool allowsLocal = options_.allowsLocalPeers || TrackerClient::isLocalTracker(tracker);
-    for (const PeerAddress& peer : peers) {
+    const bool allowsLocal = options_.allowsLocalPeers || outcome.isTrackerLocal;
+    for (const PeerAddress& peer : outcome.peers) {
         if (peer.isUsablePublicBTPeer() || (allowsLocal && peer.isLocal() && peer.port > 0)) {
             peerPool_.connectToPeer({peer, PeerSource::publicTracker, false});
         } else {

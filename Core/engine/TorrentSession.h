@@ -59,7 +59,7 @@ public:
         Clock& clock;
         FileLogger& log;
         Random& random;
-        TrackerClient& trackerClient;
+        TrackerServices trackers;
         PeerListener& listener;
     };
 
@@ -115,7 +115,7 @@ private:
     std::vector<std::vector<std::string>> effectiveTrackers() const;
     asio::awaitable<void> publicBTDiscoveryLoop();
     void rediscoverPublicBTPeers(std::string_view reason, std::chrono::seconds minInterval);
-    void handleTrackerPeers(const std::string& tracker, const std::vector<PeerAddress>& peers);
+    void handleTrackerAnswer(const TrackerAnnounceOutcome& outcome);
     asio::awaitable<void> closeTraffic();
     asio::awaitable<void> doPause();
     asio::awaitable<void> doResume();
