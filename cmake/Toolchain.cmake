@@ -1,5 +1,9 @@
 # Warnings, sanitizers, ccache and the linker: everything that depends on how we build, not on what.
 
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 12)
+  message(FATAL_ERROR "GCC ${CMAKE_CXX_COMPILER_VERSION} is too old: 12 or newer is needed (set CXX to choose another)")
+endif()
+
 add_library(skein_flags INTERFACE)
 # A designated initialiser leaves fields at their defaults on purpose: no warning for those.
 target_compile_options(skein_flags INTERFACE
@@ -29,7 +33,7 @@ if(SKEIN_CCACHE)
   # Precompiled headers carry their build time; ccache must be told that this does not matter.
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
     CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${SKEIN_CCACHE})
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  if(SKEIN_PCH AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(skein_flags INTERFACE -fpch-preprocess)
   endif()
 endif()

@@ -33,7 +33,7 @@ std::size_t whitespaceAt(std::string_view text, std::size_t index) noexcept {
     if (isPlainSpace(text[index])) return 1;
     if (static_cast<unsigned char>(text[index]) < 0x80) return 0;
     const std::string_view rest = text.substr(index);
-    const auto* const found =
+    const auto found =
         std::find_if(wideSpaces.begin(), wideSpaces.end(), [rest](auto space) { return rest.starts_with(space); });
     return found != wideSpaces.end() ? found->size() : 0;
 }

@@ -34,8 +34,8 @@ std::string prefix(ByteView peerID) {
 std::optional<std::string> clientName(ByteView peerID) {
     const std::string_view id = asText(peerID);
     if (id.size() < 8 || id[0] != '-' || id[7] != '-') return legacyClientName(prefix(peerID));
-    const auto* const client = std::find_if(clients.begin(), clients.end(),
-                                            [code = id.substr(1, 2)](const Client& one) { return one.first == code; });
+    const auto client = std::find_if(clients.begin(), clients.end(),
+                                     [code = id.substr(1, 2)](const Client& one) { return one.first == code; });
     if (client == clients.end()) return std::nullopt;
     std::string name(client->second);
     const std::string version = formatVersion(id.substr(3, 4));

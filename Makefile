@@ -1,0 +1,32 @@
+# The common chores. Everything is built below build/.
+
+.PHONY: all packages release test bench format lint clean
+
+all: release
+
+packages:
+	@cmake/install-packages
+
+release: packages
+	@cmake --preset release >build/release.log 2>&1 || { cat build/release.log; exit 1; }
+	@cmake --build --preset release
+release: | build
+build:
+	@mkdir -p build
+
+test: release
+	@ctest --test-dir build/release --output-on-failure --no-tests=error -j "$$(getconf _NPROCESSORS_ONLN)"
+
+# Benchmarks print figures, they do not pass or fail.
+bench: release
+	@for program in build/release/bench/*_bench; do echo "== $$program"; "$$program" || exit 1; done
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+lint:
+	@cmake/install-packages --ci
+	@.ci/check-format && .ci/check-layers && .ci/check-tidy
+
+clean:
+	rm -rf build

@@ -1,0 +1,49 @@
+#include "app/Command.h"
+
+#include "app/Printable.h"
+
+#include <cstdlib>
+#include <iostream>
+
+namespace skein {
+
+using CommandMaker = std::unique_ptr<Command>();
+CommandMaker makeCreateCommand;
+CommandMaker makeShowCommand;
+
+std::vector<std::unique_ptr<Command>> makeCommands() {
+    std::vector<std::unique_ptr<Command>> commands;
+    for (CommandMaker* const make : {makeShowCommand, makeCreateCommand}) commands.push_back(make());
+    return commands;
+}
+
+namespace {
+
+/// The value of an environment variable that is set and not empty.
+std::optional<std::filesystem::path> pathFromEnvironment(const char* name) {
+    const char* const value = std::getenv(name);
+    if (value == nullptr || *value == '\0') return std::nullopt;
+    return value;
+}
+
+}  // namespace
+
+std::filesystem::path GlobalOptions::home() const {
+    if (givenHome) return *givenHome;
+    if (const auto home = pathFromEnvironment("SKEIN_HOME")) return *home;
+#ifndef __APPLE__
+    // A relative one is to be ignored, says the XDG Base Directory Specification.
+    if (const auto data = pathFromEnvironment("XDG_DATA_HOME"); data && data->is_absolute()) return *data / "skein";
+#endif
+    const auto user = pathFromEnvironment("HOME");
+    if (!user) throw CommandFailure("finding the home", "neither --home nor SKEIN_HOME nor HOME is given");
+#ifdef __APPLE__
+    return *user / "Library" / "Application Support" / "skein";
+#else
+    return *user / ".local" / "share" / "skein";
+#endif
+}
+
+void reportFailure(std::string_view message) { std::cerr << "skein: " << printable(message) << std::endl; }
+
+}  // namespace skein

@@ -1,0 +1,53 @@
+#include "app/Interrupt.h"
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/strand.hpp>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+
+namespace skein {
+
+namespace {
+
+constexpr int signalStatusBase = 128;
+
+}  // namespace
+
+struct Interrupt::State : std::enable_shared_from_this<State> {
+    explicit State(const asio::any_io_executor& io) : strand(asio::make_strand(io)), signals(strand, SIGINT, SIGTERM) {}
+
+    void wait() {
+        signals.async_wait([self = shared_from_this()](const boost::system::error_code& error, int signal) {
+            if (error) return;
+            if (self->status != 0 && signal == SIGINT) std::_Exit(signalStatusBase + SIGINT);
+            if (self->status == 0) {
+                self->status = signalStatusBase + signal;
+                self->stop.request_stop();
+            }
+            self->wait();
+        });
+    }
+
+    asio::strand<asio::any_io_executor> strand;
+    asio::signal_set signals;
+    std::atomic<int> status = 0;
+    std::stop_source stop;
+};
+
+Interrupt::Interrupt(const asio::any_io_executor& io) : state_(std::make_shared<State>(io)) { state_->wait(); }
+
+Interrupt::~Interrupt() {
+    asio::post(state_->strand, [state = state_] {
+        boost::system::error_code ignored;
+        state->signals.clear(ignored);
+    });
+}
+
+std::stop_token Interrupt::token() const noexcept { return state_->stop.get_token(); }
+
+int Interrupt::exitStatus() const noexcept { return state_->status; }
+
+}  // namespace skein

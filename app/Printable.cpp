@@ -1,0 +1,49 @@
+#include "app/Printable.h"
+
+#include "public/common/Bytes.h"
+
+#include <algorithm>
+
+namespace skein {
+
+namespace {
+
+/// Bytes of the character at the start of `text`, 0 when there is no whole one.
+std::size_t characterLength(std::string_view text) noexcept {
+    for (std::size_t length = 1; length <= std::min<std::size_t>(text.size(), 4); ++length)
+        if (isValidUTF8(asBytes(text.substr(0, length)))) return length;
+    return 0;
+}
+
+bool isHarmless(std::string_view character) noexcept {
+    if (character.size() == 1) return character[0] >= ' ' && character[0] != 0x7F;
+    // U+0080 to U+009F are control characters.
+    if (character.size() == 2) return character < "\xC2\x80" || character > "\xC2\x9F";
+    if (character.size() != 3) return true;
+    const auto isBetween = [character](const char* first, const char* last) {
+        return character >= first && character <= last;
+    };
+    // U+200E, U+200F, U+2028 to U+202E, U+2066 to U+2069: writing directions and line breaks.
+    return !isBetween("\xE2\x80\x8E", "\xE2\x80\x8F") && !isBetween("\xE2\x80\xA8", "\xE2\x80\xAE") &&
+           !isBetween("\xE2\x81\xA6", "\xE2\x81\xA9");
+}
+
+}  // namespace
+
+std::string printable(std::string_view text) {
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const std::size_t length = characterLength(text);
+        const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
+        if (length > 0 && isHarmless(character)) {
+            result += character;
+        } else {
+            result += '?';
+        }
+        text.remove_prefix(character.size());
+    }
+    return result;
+}
+
+}  // namespace skein

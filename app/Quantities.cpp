@@ -1,0 +1,51 @@
+#include "app/Quantities.h"
+
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <system_error>
+
+namespace skein {
+
+std::optional<std::int64_t> parseByteCount(std::string_view text) noexcept {
+    constexpr std::string_view units = "kmgtKMGT";
+    std::int64_t factor = 1;
+    if (!text.empty() && units.find(text.back()) != std::string_view::npos) {
+        factor <<= 10U * (units.find(text.back()) % 4 + 1);
+        text.remove_suffix(1);
+    }
+    std::int64_t count = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    if (error != std::errc() || end != text.data() + text.size() || text.starts_with('-')) return std::nullopt;
+    if (__builtin_mul_overflow(count, factor, &count)) return std::nullopt;
+    return count;
+}
+
+std::string formatByteCount(std::int64_t bytes) {
+    if (bytes < 1024) return std::to_string(bytes) + " B";
+    constexpr std::array units{"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    auto value = static_cast<double>(bytes) / 1024;
+    std::size_t unit = 0;
+    // From this value on "%.1f" would round to 1024.0.
+    for (; value >= 1023.95 && unit + 1 < units.size(); ++unit) value /= 1024;
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.1f %s", value, units[unit]);
+    return text.data();
+}
+
+std::string formatDate(std::chrono::sys_seconds date) {
+    constexpr std::chrono::sys_days first = std::chrono::year(1000) / 1 / 1;
+    constexpr std::chrono::sys_days last = std::chrono::year(9999) / 12 / 31;
+    if (date < first || date >= last) return std::to_string(date.time_since_epoch().count());
+    const auto day = std::chrono::floor<std::chrono::days>(date);
+    const std::chrono::year_month_day calendar(day);
+    const std::chrono::hh_mm_ss clock(date - day);
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%04d-%02u-%02u %02d:%02d:%02d UTC", static_cast<int>(calendar.year()),
+                  static_cast<unsigned>(calendar.month()), static_cast<unsigned>(calendar.day()),
+                  static_cast<int>(clock.hours().count()), static_cast<int>(clock.minutes().count()),
+                  static_cast<int>(clock.seconds().count()));
+    return text.data();
+}
+
+}  // namespace skein

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "public/common/Bytes.h"
+
+#include <cstddef>
+#include <filesystem>
+
+namespace skein {
+
+/// All of a file. Throws std::system_error with the system's reason: file_too_large above `maxBytes`, is_a_directory
+/// for a folder. Blocks: for the disk pool, or before anything else runs.
+Bytes readWholeFile(const std::filesystem::path& file, std::size_t maxBytes);
+
+/// Has `file` hold `bytes`, or what it held before: whenever the program or the machine stops, it is never half
+/// written. A new file beside it is written, synced and renamed. `mode` holds the permissions, less the process's mask.
+/// Throws std::system_error with the system's reason. Not for two writers of one file at a time. Blocks, as above.
+void replaceWholeFile(const std::filesystem::path& file, ByteView bytes,
+                      std::filesystem::perms mode = std::filesystem::perms{0666});
+
+}  // namespace skein

@@ -1,0 +1,141 @@
+#include "Core/formats/TorrentParser.h"
+#include "public/common/WholeFile.h"
+#include "tests/support/ProgramRun.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <thread>
+
+namespace skein {
+namespace {
+
+namespace fs = std::filesystem;
+namespace json = boost::json;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class ProgramTest : public testing::Test {
+protected:
+    ProgramRun::Result skein(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), SKEIN_PROGRAM);
+        return runProgram(arguments);
+    }
+    std::string path(const std::string& name) const { return (folder.path() / name).string(); }
+    void write(const std::string& name, std::string_view content) const {
+        fs::create_directories(fs::path(path(name)).parent_path());
+        replaceWholeFile(path(name), asBytes(content));
+    }
+    std::size_t fileCount() const {
+        return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
+    }
+
+    TemporaryFolder folder;
+};
+
+TEST_F(ProgramTest, tellsItsVersionAndExplainsEachCommand) {
+    EXPECT_EQ(skein({"--version"}).out, "skein " SKEIN_VERSION "\n");
+    for (const char* command : {"show", "create"}) {
+        const auto help = skein({command, "--help"});
+        EXPECT_EQ(help.status, 0);
+        EXPECT_THAT(help.out, HasSubstr(std::string("Example:\n  skein ") + command));
+    }
+}
+
+TEST_F(ProgramTest, aWrongCommandLineEndsWith2AndOneLine) {
+    const std::vector<std::vector<std::string>> wrong{
+        {},
+        {"nonsense"},
+        {"show"},
+        {"show", "--nonsense", "x"},
+        {"create", "x"},
+        {"create", "x", "-o", "y", "--piece-length", "20000"},
+        {"create", "x", "-o", "y", "--tracker", "ftp://x"},
+    };
+    for (const auto& arguments : wrong) {
+        const auto result = skein(arguments);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_THAT(result.err, StartsWith("skein: command line: "));
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    }
+}
+
+TEST_F(ProgramTest, createMakesATorrentThatShowPrints) {
+    write("music/a/one", std::string(40'000, '1'));
+    write("music/two", "2");
+    const std::string out = path("out.torrent");
+    const auto created = skein({"create", path("music"), "-o", out, "--tracker", "udp://a.example:1", "--tracker",
+                                "http://b.example/x", "--piece-length", "32K", "--private", "--comment", "why"});
+    ASSERT_EQ(created.status, 0) << created.err;
+    const TorrentMetaInfo torrent = TorrentParser::parse(readWholeFile(out, 100'000));
+    EXPECT_THAT(created.out, HasSubstr(torrent.infoHashHex));
+    EXPECT_EQ(fileCount(), 2U);
+
+    const json::value shown = json::parse(skein({"show", "--json", out}).out);
+    const auto date = torrent.creationDate->time_since_epoch().count();
+    const json::value expected{
+        {"infoHash", torrent.infoHashHex},
+        {"name", "music"},
+        {"totalSize", 40'001},
+        {"pieceLength", 32'768},
+        {"pieceCount", 2},
+        {"isPrivate", true},
+        {"files", json::array{{{"path", "music/a/one"}, {"size", 40'000}, {"offset", 0}},
+                              {{"path", "music/two"}, {"size", 1}, {"offset", 40'000}}}},
+        {"trackers", json::array{json::array{"udp://a.example:1"}, json::array{"http://b.example/x"}}},
+        {"comment", "why"},
+        {"createdBy", "skein " SKEIN_VERSION},
+        {"creationDate", date},
+    };
+    EXPECT_EQ(shown, expected) << json::serialize(shown);
+    EXPECT_THAT(skein({"show", out}).out, HasSubstr("     1 B  music/two\n"));
+}
+
+TEST_F(ProgramTest, showPrintsSeveralSourcesAndFailsForThoseItCannotRead) {
+    write("broken.torrent", "d4:infoi1ee");
+    const std::string magnet = "magnet:?xt=urn:btih:aabbccddee11223344556677889900aabbccddee&dn=%1B%5B2Jx&tr=t";
+    const auto result = skein({"show", path("none.torrent"), path("broken.torrent"), magnet, "magnet:?dn=x"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.out, HasSubstr("?[2Jx\n"));
+    EXPECT_EQ(result.err, "skein: show: " + path("none.torrent") + ": No such file or directory\n" +
+                              "skein: show: " + path("broken.torrent") + ": Missing required field: name\n" +
+                              "skein: show: magnet:?dn=x: Magnet link missing info hash (xt parameter)\n");
+    EXPECT_EQ(json::parse(skein({"show", "--json", magnet}).out).at("name"), "\x1B[2Jx");
+}
+
+TEST_F(ProgramTest, createRefusesWhatWouldFailOrDestroySomething) {
+    write("film", "precious");
+    write("other", "precious");
+    fs::create_directories(path("folder"));
+    for (const char* out : {"film", "other", "folder", "none/x.torrent"}) {
+        const auto result = skein({"create", path("film"), "-o", path(out)});
+        EXPECT_EQ(result.status, 1);
+        EXPECT_THAT(result.err, StartsWith("skein: create: " + path(out) + ": "));
+    }
+    EXPECT_EQ(skein({"create", path("folder"), "-o", path("x.torrent")}).err,
+              "skein: create: Nothing in it to share\n");
+    EXPECT_EQ(asText(readWholeFile(path("film"), 100)), "precious");
+    EXPECT_EQ(asText(readWholeFile(path("other"), 100)), "precious");
+}
+
+TEST_F(ProgramTest, aSignalStopsCreateWithoutATrace) {
+    write("huge", "");
+    fs::resize_file(path("huge"), std::uintmax_t{1} << 43U);
+    for (const auto& [signal, status] : {std::pair(SIGINT, 130), std::pair(SIGTERM, 143)}) {
+        ProgramRun run({SKEIN_PROGRAM, "create", path("huge"), "-o", path("huge.torrent"), "--piece-length", "64M"});
+        // The first progress line shows that the hashing goes on.
+        while (run.err().empty()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        run.signal(signal);
+        EXPECT_EQ(run.finish().status, status);
+        EXPECT_EQ(fileCount(), 1U);
+    }
+}
+
+}  // namespace
+}  // namespace skein
