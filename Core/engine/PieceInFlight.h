@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Core/engine/BlockRequest.h"
+#include "Core/wire/BlockRequest.h"
 #include "Core/engine/ChunkPool.h"
 #include "public/common/Bytes.h"
 

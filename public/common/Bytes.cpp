@@ -40,8 +40,10 @@ UTF8Sequence sequenceOf(std::uint8_t lead) noexcept {
 
 Bytes toBytes(std::string_view text) { return {text.begin(), text.end()}; }
 
-std::string_view asText(ByteView bytes) noexcept {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+std::string_view asText(ByteView bytes) noexcept { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
+
+ByteView asBytes(std::string_view text) noexcept {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
 std::string toHex(ByteView bytes) { return hexWith("0123456789abcdef", bytes); }

@@ -17,6 +17,7 @@ using ByteView = std::span<const std::uint8_t>;
 Bytes toBytes(std::string_view text);
 /// The same bytes seen as text, whatever they are; valid as long as `bytes` is.
 std::string_view asText(ByteView bytes) noexcept;
+ByteView asBytes(std::string_view text) noexcept;
 
 /// Two lower-case hex digits a byte.
 std::string toHex(ByteView bytes);

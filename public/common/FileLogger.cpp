@@ -3,7 +3,6 @@
 #include <spdlog/async.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 
-#include <algorithm>
 #include <cstdio>
 
 namespace skein {
@@ -26,7 +25,15 @@ spdlog::level::level_enum levelOf(LogLevel level) {
     return spdlog::level::off;
 }
 
-bool isControl(char character) { return static_cast<unsigned char>(character) < 0x20 || character == 0x7F; }
+/// Replaces the control characters of ASCII, and those of Unicode that start with 0xC2 in UTF-8.
+void replaceControls(std::string& line) {
+    unsigned char before = 0;
+    for (char& character : line) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte < 0x20 || byte == 0x7F || (before == 0xC2 && byte >= 0x80 && byte < 0xA0)) character = '?';
+        before = byte;
+    }
+}
 
 }  // namespace
 
@@ -58,15 +65,16 @@ FileLogger::FileLogger(const std::filesystem::path& file, LogLevel least) : leas
     }
 }
 
-FileLogger::~FileLogger() {
-    if (sink_) sink_->logger->flush();
-}
+FileLogger::~FileLogger() = default;
 
 void FileLogger::write(LogLevel level, std::string_view line) {
     if (!sink_) return;
-    std::string clean(line);
-    std::replace_if(clean.begin(), clean.end(), isControl, '?');
-    sink_->logger->log(levelOf(level), clean);
+    const bool isCut = line.size() > longestLineBytes;
+    std::string clean(line.substr(0, longestLineBytes));
+    replaceControls(clean);
+    if (isCut) clean += "…";
+    // As a view: spdlog would take a string for a format, and what a peer sent may hold braces.
+    sink_->logger->log(levelOf(level), spdlog::string_view_t(clean));
 }
 
 }  // namespace skein

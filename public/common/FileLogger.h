@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -14,11 +15,14 @@ enum class LogLevel : std::uint8_t { trace, debug, info, warning, error, off };
 
 /// The program's log: one line an event, opened by a bracketed tag ("[Session] …").
 ///
-/// `trace` is for lines a block or datagram, `debug` for lines a piece or peer, `info` for the rest. A line whose level is off costs one
-/// load; its text is not put together. Lines are written by a thread of the logger's own; when it falls behind, the
-/// oldest waiting lines are dropped. Thread: any.
+/// `trace` is for lines a block or datagram, `debug` for lines a piece or peer, `info` for the rest. A line whose level
+/// is off costs one load; its text is not put together. Lines are written by a thread of the logger's own; when it
+/// falls behind, the oldest waiting lines are dropped. Thread: any.
 class FileLogger {
 public:
+    /// A longer line is cut: what waits to be written stays small however much a remote side had us quote.
+    static constexpr std::size_t longestLineBytes = 8192;
+
     /// A logger that drops everything.
     FileLogger();
     /// Appends to `file`, which is created with its folders; at 5 MiB it is rotated, three older files are kept.
@@ -39,18 +43,30 @@ public:
         write(level, line);
     }
     template <class... Parts>
-    void trace(const Parts&... parts) { log(LogLevel::trace, parts...); }
+    void trace(const Parts&... parts) {
+        log(LogLevel::trace, parts...);
+    }
     template <class... Parts>
-    void debug(const Parts&... parts) { log(LogLevel::debug, parts...); }
+    void debug(const Parts&... parts) {
+        log(LogLevel::debug, parts...);
+    }
     template <class... Parts>
-    void info(const Parts&... parts) { log(LogLevel::info, parts...); }
+    void info(const Parts&... parts) {
+        log(LogLevel::info, parts...);
+    }
     template <class... Parts>
-    void warning(const Parts&... parts) { log(LogLevel::warning, parts...); }
+    void warning(const Parts&... parts) {
+        log(LogLevel::warning, parts...);
+    }
+    template <class... Parts>
+    void error(const Parts&... parts) {
+        log(LogLevel::error, parts...);
+    }
 
 protected:
     /// For a logger that keeps its lines elsewhere (tests): takes all lines from `least` on through `write`.
     explicit FileLogger(LogLevel least);
-    /// Control characters in `line` (what a peer sent may hold a line break) are written as "?".
+    /// Control characters in `line` (what a peer sent may hold a line break or steer a terminal) are written as "?".
     virtual void write(LogLevel level, std::string_view line);
 
 private:

@@ -1,0 +1,351 @@
+#include "Core/engine/PeerPool.h"
+
+#include "Core/wire/PeerIDClientParser.h"
+
+#include <algorithm>
+
+namespace skein {
+
+namespace {
+
+constexpr std::size_t maxRememberedPeers = 50;
+/// Addresses on cooldown beyond this make room for new ones: a tracker may name any number.
+constexpr std::size_t maxCooldowns = 4096;
+/// A conversation that ends so soon and moved nothing counts as a failed dial.
+constexpr std::chrono::seconds shortConversation{10};
+
+}  // namespace
+
+PeerPool::PeerPool(const Environment& environment, Callbacks callbacks)
+    : environment_(environment), callbacks_(std::move(callbacks)), tasks_(environment.strand) {}
+
+PeerPool::~PeerPool() = default;
+
+// --- dialling --------------------------------------------------------------------------------------------------------
+
+void PeerPool::connectToPeer(const DialRequest& request) {
+    const PeerAddress& address = request.address;
+    if (!isOpen_ || publicPeerDialInFlight_.contains(address) || isConnectedTo(address)) return;
+    const auto retryAfter = publicPeerRetryAfter_.find(address);
+    if (retryAfter != publicPeerRetryAfter_.end()) {
+        if (retryAfter->second > environment_.clock.now()) {
+            environment_.log.debug("[Direct] skip recently failed public BT peer ", address.description());
+            return;
+        }
+        publicPeerRetryAfter_.erase(retryAfter);
+    }
+    if (publicPeerDialInFlight_.size() >= maxPublicPeerDialInFlight || isFull())
+        return enqueuePendingPublicPeerDial(request);
+    publicPeerDialInFlight_.insert(address);
+    tasks_.spawn(dial(request));
+}
+
+bool PeerPool::isConnectedTo(const PeerAddress& address) const {
+    return std::any_of(connected_.begin(), connected_.end(), [&](const auto& entry) {
+        return entry.second->connection->address() == address;
+    });
+}
+
+bool PeerPool::isFull() const noexcept {
+    return connected_.size() + publicPeerDialInFlight_.size() + accepting_ >= environment_.maxConnections;
+}
+
+void PeerPool::enqueuePendingPublicPeerDial(const DialRequest& request) {
+    if (pendingPublicPeerDialAddresses_.contains(request.address)) return;
+    if (pendingPublicPeerDials_.size() >= maxPendingPublicPeerDials) {
+        const PeerAddress oldest = pendingPublicPeerDials_.front().address;
+        environment_.log.debug("[Direct] public BT pending queue full; drop oldest ", oldest.description());
+        pendingPublicPeerDials_.pop_front();
+        pendingPublicPeerDialAddresses_.erase(oldest);
+    }
+    pendingPublicPeerDials_.push_back(request);
+    pendingPublicPeerDialAddresses_.insert(request.address);
+    environment_.log.debug("[Direct] public BT dial budget full; queued ", request.address.description(),
+                           " pending=", pendingPublicPeerDials_.size());
+}
+
+void PeerPool::drainPendingPublicPeerDials() {
+    while (!pendingPublicPeerDials_.empty() && publicPeerDialInFlight_.size() < maxPublicPeerDialInFlight &&
+           !isFull()) {
+        const DialRequest next = pendingPublicPeerDials_.front();
+        pendingPublicPeerDials_.pop_front();
+        pendingPublicPeerDialAddresses_.erase(next.address);
+        environment_.log.debug("[Direct] public BT dial budget released; retry queued ", next.address.description(),
+                               " pending=", pendingPublicPeerDials_.size());
+        connectToPeer(next);
+    }
+}
+
+asio::awaitable<void> PeerPool::dial(DialRequest request) {
+    co_await asio::this_coro::throw_if_cancelled(false);  // a cancelled dial still stops its connection
+    environment_.log.debug("[Direct] → ", request.address.description());
+    auto peer = makePeer(request, environment_.dial(request.address), PeerDirection::outgoing);
+    const std::string failure = co_await establish(*peer);
+    publicPeerDialInFlight_.erase(request.address);
+    if (tasks_.isStopping()) {
+        co_await peer->connection->stop();
+        co_return;
+    }
+    if (failure.empty()) {
+        environment_.log.info("[Direct] ✓ ", request.address.description());
+        admit(std::move(peer));
+    } else {
+        environment_.log.info("[Direct] ✗ ", request.address.description(), " — ", failure);
+        co_await peer->connection->stop();
+        rememberFailedDial(request, failure);
+    }
+    drainPendingPublicPeerDials();
+}
+
+/// The error's text, or nothing when the handshake is done.
+asio::awaitable<std::string> PeerPool::establish(Peer& peer) {
+    try {
+        if (peer.connection->direction() == PeerDirection::outgoing) {
+            co_await peer.connection->connect(publicBTConnectTimeout);
+        } else {
+            co_await peer.connection->accept();
+        }
+    } catch (const std::exception& error) {
+        co_return error.what();
+    }
+    co_return std::string();
+}
+
+void PeerPool::rememberFailedDial(const DialRequest& request, const std::string& error) {
+    if (request.isNamedByUser) {
+        tasks_.spawn(retryNamedPeer(request));
+    } else {
+        environment_.log.debug("[Direct] public BT peer failed; no Relay fallback ", request.address.description());
+        if (publicPeerRetryAfter_.size() >= maxCooldowns) publicPeerRetryAfter_.erase(publicPeerRetryAfter_.begin());
+        publicPeerRetryAfter_[request.address] = environment_.clock.now() + publicPeerFailureCooldown;
+    }
+    PeerRuntimeInfo info;
+    info.address = request.address;
+    info.source = request.source;
+    info.direction = PeerDirection::outgoing;
+    info.lastError = request.isNamedByUser ? error : "public peer connect failed";
+    remember(std::move(info));
+    if (callbacks_.onDialFailed) callbacks_.onDialFailed(request.address, request.source);
+}
+
+asio::awaitable<void> PeerPool::retryNamedPeer(DialRequest request) {
+    try {
+        co_await environment_.clock.sleep(namedPeerRetry);
+    } catch (const std::exception&) {
+        co_return;
+    }
+    connectToPeer(request);
+}
+
+// --- incoming --------------------------------------------------------------------------------------------------------
+
+void PeerPool::handleIncomingConnection(std::unique_ptr<PeerWireTransport> transport, PeerAddress address) {
+    environment_.log.debug("[Session] Incoming peer connecting: ", address.description());
+    if (!isOpen_ || tasks_.isStopping() || isFull()) return transport->cancel();
+    const DialRequest origin{std::move(address), PeerSource::incoming, false};
+    ++accepting_;
+    tasks_.spawn(acceptPeer(makePeer(origin, std::move(transport), PeerDirection::incoming)));
+}
+
+asio::awaitable<void> PeerPool::acceptPeer(std::unique_ptr<Peer> peer) {
+    co_await asio::this_coro::throw_if_cancelled(false);
+    const std::string failure = co_await establish(*peer);
+    --accepting_;
+    if (tasks_.isStopping()) {
+        co_await peer->connection->stop();
+        co_return;
+    }
+    const std::string address = peer->connection->address().description();
+    if (failure.empty()) {
+        environment_.log.info("[Session] ✓ Accepted peer: ", address);
+        admit(std::move(peer));
+    } else {
+        environment_.log.info("[Session] Incoming peer ", address, " failed: ", failure);
+        co_await peer->connection->stop();
+    }
+}
+
+// --- connected -------------------------------------------------------------------------------------------------------
+
+std::unique_ptr<PeerPool::Peer> PeerPool::makePeer(const DialRequest& request,
+                                                   std::unique_ptr<PeerWireTransport> transport,
+                                                   PeerDirection direction) {
+    auto peer = std::make_unique<Peer>();
+    peer->key = nextKey_++;
+    peer->source = request.source;
+    peer->isNamedByUser = request.isNamedByUser;
+    const PeerConnection::Environment environment{environment_.strand, environment_.clock, environment_.log, download_,
+                                                  upload_};
+    peer->connection = std::make_unique<PeerConnection>(environment, request.address, environment_.identity,
+                                                        std::move(transport), direction);
+    return peer;
+}
+
+/// Takes the peer in, unless it is ourselves or someone we are connected to already.
+void PeerPool::admit(std::unique_ptr<Peer> peer) {
+    if (!isOpen_) return retire(std::move(peer));
+    if (isOurselves(*peer)) {
+        publicPeerRetryAfter_[peer->connection->address()] = environment_.clock.now() + badPeerCooldown;
+        return retire(std::move(peer));
+    }
+    if (const Peer* const other = otherConnectionTo(*peer)) {
+        // Two clients that dial each other at once must drop the same one of the two connections: the one that the
+        // lower peer id dialled stays.
+        const bool weAreLower = environment_.identity.peerID < *peer->connection->remotePeerID();
+        const PeerDirection kept = weAreLower ? PeerDirection::outgoing : PeerDirection::incoming;
+        if (peer->connection->direction() != kept || other->connection->direction() == kept)
+            return retire(std::move(peer));
+        drop(other->key, "Connected twice");
+    }
+    Peer& admitted = *peer;
+    PeerConnection::Callbacks callbacks = callbacks_.connectionCallbacks(admitted.key);
+    callbacks.onDisconnected = [this, key = admitted.key](const std::string& reason) {
+        handlePeerDisconnect(key, reason);
+    };
+    admitted.connection->setCallbacks(std::move(callbacks));
+    connected_.emplace(admitted.key, std::move(peer));
+    callbacks_.onPeerReady(admitted);
+    admitted.connection->begin();
+}
+
+bool PeerPool::isOurselves(const Peer& peer) const {
+    return peer.connection->remotePeerID() == environment_.identity.peerID;
+}
+
+PeerPool::Peer* PeerPool::otherConnectionTo(const Peer& peer) {
+    for (const auto& [key, other] : connected_)
+        if (other->connection->remotePeerID() == peer.connection->remotePeerID()) return other.get();
+    return nullptr;
+}
+
+PeerPool::Peer* PeerPool::find(PeerKey key) {
+    const auto found = connected_.find(key);
+    return found == connected_.end() ? nullptr : found->second.get();
+}
+
+void PeerPool::drop(PeerKey key, const std::string& reason, Clock::Duration cooldown) {
+    const auto found = connected_.find(key);
+    if (found == connected_.end()) return;
+    if (cooldown > Clock::Duration::zero())
+        publicPeerRetryAfter_[found->second->connection->address()] = environment_.clock.now() + cooldown;
+    handlePeerDisconnect(key, reason);
+}
+
+void PeerPool::handlePeerDisconnect(PeerKey key, const std::string& reason) {
+    const auto found = connected_.find(key);
+    // While the pool stops, the peer stays where `stop` finds it.
+    if (found == connected_.end() || tasks_.isStopping()) return;
+    std::unique_ptr<Peer> peer = std::move(found->second);
+    environment_.log.info("[Session] Peer disconnected: ", peer->connection->address().description());
+    connected_.erase(found);
+    rememberDisconnectedPeer(*peer, reason);
+    callbacks_.onPeerGone(*peer);
+    retire(std::move(peer));
+    drainPendingPublicPeerDials();
+}
+
+void PeerPool::rememberDisconnectedPeer(const Peer& peer, const std::string& error) {
+    PeerRuntimeInfo info = infoOf(peer);
+    info.isConnected = false;
+    info.lastError = error;
+    const bool isShort = environment_.clock.now() - *peer.connection->connectedAt() < shortConversation;
+    if (peer.connection->direction() == PeerDirection::outgoing) {
+        const DialRequest origin{info.address, peer.source, peer.isNamedByUser};
+        if (peer.isNamedByUser) {
+            if (!publicPeerRetryAfter_.contains(info.address)) tasks_.spawn(retryNamedPeer(origin));
+        } else if (isShort && info.downloaded + info.uploaded == 0) {
+            publicPeerRetryAfter_.try_emplace(info.address, environment_.clock.now() + publicPeerFailureCooldown);
+        }
+    }
+    remember(std::move(info));
+}
+
+void PeerPool::remember(PeerRuntimeInfo info) {
+    std::erase_if(recentDisconnectedPeers_, [&](const PeerRuntimeInfo& other) { return other.address == info.address; });
+    if (recentDisconnectedPeers_.size() >= maxRememberedPeers) recentDisconnectedPeers_.pop_front();
+    recentDisconnectedPeers_.push_back(std::move(info));
+}
+
+/// A connection may be the one that is calling: it ends first and is freed after.
+void PeerPool::retire(std::unique_ptr<Peer> peer) { tasks_.spawn(retireSlowly(std::move(peer))); }
+
+asio::awaitable<void> PeerPool::retireSlowly(std::unique_ptr<Peer> peer) {
+    co_await asio::this_coro::throw_if_cancelled(false);
+    co_await peer->connection->stop();
+}
+
+void PeerPool::shedPeers(std::size_t keepAtMost) {
+    if (connected_.size() <= keepAtMost) return;
+    std::vector<const Peer*> ranked;
+    for (const auto& [key, peer] : connected_) ranked.push_back(peer.get());
+    std::sort(ranked.begin(), ranked.end(), [](const Peer* a, const Peer* b) {
+        const auto ratesOf = [](const Peer* peer) {
+            const auto stats = peer->connection->runtimeStats();
+            return stats.downloadRate + stats.uploadRate;
+        };
+        const double left = ratesOf(a);
+        const double right = ratesOf(b);
+        return left != right ? left > right : a->connection->connectedAt() < b->connection->connectedAt();
+    });
+    environment_.log.info("[Session] memory pressure: dropping ", ranked.size() - keepAtMost, " of ", ranked.size(),
+                          " peers");
+    std::vector<PeerKey> dropped;
+    for (std::size_t i = keepAtMost; i < ranked.size(); ++i) dropped.push_back(ranked[i]->key);
+    for (const PeerKey key : dropped) drop(key, "memory pressure", publicPeerFailureCooldown);
+}
+
+asio::awaitable<void> PeerPool::disconnectAll() {
+    isOpen_ = false;
+    pendingPublicPeerDials_.clear();
+    pendingPublicPeerDialAddresses_.clear();
+    std::vector<std::unique_ptr<Peer>> leaving;
+    for (auto& [key, peer] : connected_) leaving.push_back(std::move(peer));
+    connected_.clear();
+    for (const auto& peer : leaving) {
+        callbacks_.onPeerGone(*peer);
+        co_await peer->connection->stop();
+    }
+}
+
+asio::awaitable<void> PeerPool::stop() {
+    co_await tasks_.stop();
+    co_await disconnectAll();
+}
+
+void PeerPool::setSpeedLimits(std::int64_t download, std::int64_t upload) {
+    download_.setLimit(download);
+    upload_.setLimit(upload);
+}
+
+std::vector<PeerRuntimeInfo> PeerPool::makePeerRuntimeInfos(const std::function<double(PeerKey)>& progressOf) const {
+    std::vector<PeerRuntimeInfo> infos;
+    infos.reserve(connected_.size() + recentDisconnectedPeers_.size());
+    for (const auto& [key, peer] : connected_) {
+        infos.push_back(infoOf(*peer));
+        infos.back().progress = progressOf(key);
+    }
+    infos.insert(infos.end(), recentDisconnectedPeers_.begin(), recentDisconnectedPeers_.end());
+    return infos;
+}
+
+PeerRuntimeInfo PeerPool::infoOf(const Peer& peer) const {
+    const PeerConnection& connection = *peer.connection;
+    const PeerConnection::RuntimeStats stats = connection.runtimeStats();
+    PeerRuntimeInfo info;
+    info.address = connection.address();
+    info.source = peer.source;
+    info.direction = connection.direction();
+    info.transport = connection.transportKind();
+    info.encryption = connection.encryptionStatus();
+    if (connection.remotePeerID()) info.clientName = PeerIDClientParser::clientName(*connection.remotePeerID()).value_or("");
+    info.downloaded = stats.downloaded;
+    info.uploaded = stats.uploaded;
+    info.downloadRate = static_cast<std::int64_t>(stats.downloadRate);
+    info.uploadRate = static_cast<std::int64_t>(stats.uploadRate);
+    info.isConnected = connection.isConnected();
+    info.peerChoking = connection.peerChoking();
+    info.peerInterested = connection.peerInterested();
+    return info;
+}
+
+}  // namespace skein

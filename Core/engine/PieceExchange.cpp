@@ -1,0 +1,141 @@
+#include "Core/engine/PieceExchange.h"
+
+#include <cstdio>
+
+namespace skein {
+
+namespace {
+
+constexpr int forgivenBadPieces = 1;
+
+std::string percentOf(double fraction) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%.1f", fraction * 100);
+    return text;
+}
+
+}  // namespace
+
+PieceExchange::PieceExchange(const Environment& environment, std::shared_ptr<PieceManager> pieces, Callbacks callbacks)
+    : environment_(environment),
+      pieces_(std::move(pieces)),
+      callbacks_(std::move(callbacks)),
+      scheduler_(*pieces_, environment.clock),
+      tasks_(environment.strand) {}
+
+PeerConnection::Callbacks PieceExchange::connectionCallbacks(PeerKey key) {
+    PeerConnection::Callbacks callbacks;
+    callbacks.onBitfieldReceived = [this, key](ByteView bitfield) {
+        scheduler_.setBitfield(key, bitfield);
+        requestPiecesFromPeer(key);
+    };
+    callbacks.onHaveReceived = [this, key](std::uint32_t piece) {
+        scheduler_.addPiece(key, piece);
+        requestPiecesFromPeer(key);
+    };
+    callbacks.onChokeChanged = [this, key](bool isChoked) {
+        scheduler_.setChoking(key, isChoked);
+        if (isChoked) {
+            driveActivePeerRequests();
+        } else {
+            requestPiecesFromPeer(key);
+        }
+    };
+    callbacks.onInterestChanged = [this, key](bool isInterested) {
+        PeerPool::Peer* const peer = environment_.pool.find(key);
+        if (peer != nullptr && isInterested && peer->connection->amChoking() && environment_.servesPeers)
+            peer->connection->sendUnchoke();
+    };
+    callbacks.onPieceReceived = [this, key](std::uint32_t piece, std::uint32_t begin, ByteView block) {
+        handleReceivedBlock(key, piece, begin, block);
+    };
+    callbacks.onBlocksReceived = [this, key] { return afterBlocks(key); };
+    callbacks.onPieceRequested = [this](std::vector<BlockRead>& reads) { return readForUpload(reads); };
+    callbacks.onBytesUploaded = [this](std::int64_t count) { callbacks_.onBytesUploaded(count); };
+    return callbacks;
+}
+
+void PieceExchange::addPeer(PeerPool::Peer& peer) {
+    scheduler_.addPeer(peer.key);
+    if (pieces_->completedPieces() > 0) peer.connection->sendBitfield(pieces_->bitfield());
+    if (isWanting()) peer.connection->sendInterested();
+}
+
+void PieceExchange::removePeer(PeerKey key) {
+    scheduler_.removePeer(key);
+    driveActivePeerRequests();
+}
+
+void PieceExchange::requestPiecesFromPeer(PeerKey key) {
+    if (!isWanting()) return;
+    PeerPool::Peer* const peer = environment_.pool.find(key);
+    if (peer == nullptr) return;
+    const std::vector<BlockRequest> requests = scheduler_.nextRequests(key);
+    if (requests.empty()) return;
+    if (environment_.log.wants(LogLevel::debug))
+        for (const BlockRequest& request : requests)
+            if (request.begin == 0)
+                environment_.log.debug("[Session] Requesting piece ", request.pieceIndex, " from ",
+                                       peer->connection->address().description());
+    peer->connection->sendRequests(requests);
+}
+
+void PieceExchange::driveActivePeerRequests() {
+    for (const PeerKey key : scheduler_.idlePeers()) requestPiecesFromPeer(key);
+    for (const auto& [key, peer] : environment_.pool.connected()) requestPiecesFromPeer(key);
+}
+
+void PieceExchange::relieveSlowPeers() {
+    for (const RequestScheduler::GivenBack& given : scheduler_.giveBackSlowPieces())
+        if (const PeerPool::Peer* const peer = environment_.pool.find(given.peer))
+            for (const BlockRequest& request : given.cancelled) peer->connection->sendCancel(request);
+}
+
+void PieceExchange::handleReceivedBlock(PeerKey key, std::uint32_t piece, std::uint32_t begin, ByteView block) {
+    callbacks_.onBytesDownloaded(static_cast<std::int64_t>(block.size()));
+    if (scheduler_.receiveBlock(key, piece, begin, block) == RequestScheduler::BlockOutcome::whole)
+        tasks_.spawn(finishPiece(static_cast<int>(piece), key));
+}
+
+asio::awaitable<void> PieceExchange::afterBlocks(PeerKey key) {
+    requestPiecesFromPeer(key);
+    return pieces_->roomToReceive();
+}
+
+asio::awaitable<void> PieceExchange::finishPiece(int piece, PeerKey supplier) {
+    const ReceiveBlockResult result = co_await pieces_->completePiece(piece);
+    if (tasks_.isStopping()) co_return;
+    scheduler_.pieceEnded(piece);
+    if (result == ReceiveBlockResult::completed) {
+        onPieceCompleted(piece);
+    } else if (!pieces_->storageProblem()) {
+        blameForBadPiece(supplier);
+    }
+    for (const PeerKey idle : scheduler_.idlePeers()) requestPiecesFromPeer(idle);
+    requestPiecesFromPeer(supplier);
+}
+
+void PieceExchange::onPieceCompleted(int piece) {
+    environment_.log.debug("[Session] ✓ Piece ", piece, " done (", pieces_->completedPieces(), ", ",
+                           percentOf(pieces_->progress()), "%)");
+    for (const auto& [key, peer] : environment_.pool.connected()) peer->connection->sendHave(piece);
+    callbacks_.onPieceCompleted(piece);
+    if (!pieces_->isComplete()) return;
+    for (const auto& [key, peer] : environment_.pool.connected())
+        if (peer->connection->amInterested()) peer->connection->sendNotInterested();
+    callbacks_.onAllPiecesCompleted();
+}
+
+void PieceExchange::blameForBadPiece(PeerKey supplier) {
+    PeerPool::Peer* const peer = environment_.pool.find(supplier);
+    if (peer == nullptr || ++peer->badPieces <= forgivenBadPieces) return;
+    environment_.log.info("[Session] ", peer->connection->address().description(), " sent ", peer->badPieces,
+                          " pieces with a bad hash, dropping peer");
+    environment_.pool.drop(supplier, "Peer sent bad pieces", PeerPool::badPeerCooldown);
+}
+
+asio::awaitable<void> PieceExchange::readForUpload(std::vector<BlockRead>& reads) {
+    return pieces_->readBlocks(reads);
+}
+
+}  // namespace skein

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "Core/engine/PeerPool.h"
+#include "Core/engine/PieceManager.h"
+#include "Core/engine/RequestScheduler.h"
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace skein {
+
+/// Moves blocks between the connected peers and the piece manager: asks, receives, announces what is complete, and serves.
+///
+/// Lives as long as its piece manager: a recheck makes new ones. Owner: the session, which closes all connections,
+/// then awaits `stop()`. Thread: the session's strand.
+class PieceExchange {
+public:
+    struct Callbacks {
+        std::function<void(int piece)> onPieceCompleted;
+        std::function<void()> onAllPiecesCompleted;
+        std::function<void(std::int64_t bytes)> onBytesDownloaded;
+        std::function<void(std::int64_t bytes)> onBytesUploaded;
+    };
+
+    struct Environment {
+        Strand strand;
+        Clock& clock;
+        FileLogger& log;
+        PeerPool& pool;
+        bool servesPeers = true;
+        bool wantsPieces = true;  ///< false only serves what is there
+    };
+
+    PieceExchange(const Environment& environment, std::shared_ptr<PieceManager> pieces, Callbacks callbacks);
+
+    /// What a new connection reports to. The callbacks hold this object's address.
+    PeerConnection::Callbacks connectionCallbacks(PeerKey key);
+    void addPeer(PeerPool::Peer& peer);
+    void removePeer(PeerKey key);
+    /// Fills every peer's queue, those with nothing to do first.
+    void driveActivePeerRequests();
+    /// Moves pieces away from peers that are too slow with them.
+    void relieveSlowPeers();
+    /// Returns when no piece is being finished any more.
+    asio::awaitable<void> stop() { return tasks_.stop(); }
+
+    const RequestScheduler& scheduler() const noexcept { return scheduler_; }
+
+private:
+    void requestPiecesFromPeer(PeerKey key);
+    void handleReceivedBlock(PeerKey key, std::uint32_t piece, std::uint32_t begin, ByteView block);
+    asio::awaitable<void> afterBlocks(PeerKey key);
+    asio::awaitable<void> finishPiece(int piece, PeerKey supplier);
+    void onPieceCompleted(int piece);
+    void blameForBadPiece(PeerKey supplier);
+    asio::awaitable<void> readForUpload(std::vector<BlockRead>& reads);
+    bool isWanting() const { return environment_.wantsPieces && !pieces_->isComplete(); }
+
+    const Environment environment_;
+    const std::shared_ptr<PieceManager> pieces_;
+    const Callbacks callbacks_;
+    RequestScheduler scheduler_;
+    TaskGroup tasks_;
+};
+
+}  // namespace skein

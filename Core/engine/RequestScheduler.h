@@ -1,0 +1,113 @@
+#pragma once
+
+#include "Core/engine/PieceManager.h"
+#include "Core/engine/PieceSet.h"
+#include "Core/wire/BlockRequest.h"
+#include "public/common/Bytes.h"
+#include "public/common/Clock.h"
+#include "public/common/SpeedTracker.h"
+
+#include <cstdint>
+#include <map>
+#include <unordered_map>
+#include <vector>
+
+namespace skein {
+
+/// Names a connected peer inside one session.
+using PeerKey = std::uint32_t;
+
+/// Decides which pieces each peer fetches and when each block is asked for. No sockets: the session sends what this
+/// returns and reports what comes. A piece is fetched from one peer only.
+///
+/// Owner: the session. Thread: the session's strand. `pieces` and `clock` outlive it.
+class RequestScheduler {
+public:
+    /// Pieces being fetched at once in the whole session.
+    static constexpr int maxInFlightPieces = 32;
+    /// Unanswered requests at one peer: many peers drop what goes beyond.
+    static constexpr int maxOutstandingRequests = 250;
+    /// A piece without a new block for this long is given back.
+    static constexpr std::chrono::seconds stallLimit{30};
+    /// Buffers of pieces in flight: very large pieces keep fewer than 32 in flight.
+    static constexpr std::int64_t maxBufferedBytes = std::int64_t{256} << 20U;
+
+    enum class BlockOutcome : std::uint8_t { accepted, whole, ignored };
+
+    /// A piece taken from a peer, and the requests that it need not answer any more.
+    struct GivenBack {
+        PeerKey peer;
+        std::vector<BlockRequest> cancelled;
+    };
+
+    RequestScheduler(PieceManager& pieces, Clock& clock) : pieces_(pieces), clock_(clock) {}
+
+    void addPeer(PeerKey peer);
+    /// Gives its pieces back.
+    void removePeer(PeerKey peer);
+    void setBitfield(PeerKey peer, ByteView bitfield);
+    void addPiece(PeerKey peer, std::uint32_t piece);
+    /// A choking peer's pieces are given back at once.
+    void setChoking(PeerKey peer, bool isChoking);
+
+    /// The requests to send to `peer` now, in order.
+    std::vector<BlockRequest> nextRequests(PeerKey peer);
+    /// Peers that could be asked but have nothing to do, those waiting longest for a slot first.
+    std::vector<PeerKey> idlePeers() const;
+
+    /// Stores a block that came from `peer`. Only what was asked of that peer is taken. After `whole` the caller
+    /// completes the piece and calls `pieceEnded`.
+    BlockOutcome receiveBlock(PeerKey peer, std::uint32_t piece, std::uint32_t begin, ByteView block);
+    /// The piece verified, failed or could not be written: its slot is free.
+    void pieceEnded(int piece);
+
+    /// Takes back what stalls, what a peer holds beyond its share, and what a far faster idle peer would have sooner.
+    /// Called about once a second.
+    std::vector<GivenBack> giveBackSlowPieces();
+
+    /// The piece's supplier; nothing when it is not in flight. For `pieceToPeer` displays and blame.
+    std::optional<PeerKey> supplierOf(int piece) const;
+    int piecesInFlight() const noexcept { return static_cast<int>(pieceToPeer_.size()); }
+    /// The fraction of the torrent that the peer says it has.
+    double progressOf(PeerKey peer) const;
+    bool hasEverything(PeerKey peer) const;
+
+private:
+    struct PieceInFlight {
+        PeerKey peer = 0;
+        std::vector<BlockRequest> blocks;
+        std::size_t sent = 0;      // of blocks, in order
+        std::size_t received = 0;  // of blocks, in any order
+        Clock::TimePoint lastBlockAt;
+
+        bool isWhole() const noexcept { return received == blocks.size(); }
+    };
+
+    struct Peer {
+        PieceSet has;
+        bool isChoking = true;
+        bool isSlow = false;       // let a piece stall: gets no other while a faster peer is there
+        bool isExhausted = false;  // has nothing to fetch; until it announces more or a piece comes back
+        int outstanding = 0;
+        std::vector<int> pieces;  // in flight, oldest first; only the last has blocks not yet asked for
+        SpeedTracker rate;
+    };
+
+    bool takePiece(Peer& peer, PeerKey key);
+    bool mayTakePiece(const Peer& peer) const;
+    int shareOf(const Peer& peer) const;
+    int depthOf(const Peer& peer) const;
+    bool couldServe(const Peer& peer) const { return !peer.isChoking && !(peer.isExhausted && peer.pieces.empty()); }
+    void addSurplus(std::vector<int>& pieces) const;
+    bool fasterPeerThan(const Peer& slow) const;
+    GivenBack giveBack(int piece);
+    void forgetExhaustion();
+    std::optional<PeerKey> rescuerOf(int piece, const PieceInFlight& inFlight) const;
+
+    PieceManager& pieces_;
+    Clock& clock_;
+    std::unordered_map<PeerKey, Peer> peers_;
+    std::map<int, PieceInFlight> pieceToPeer_;
+};
+
+}  // namespace skein

@@ -1,0 +1,164 @@
+#pragma once
+
+#include "Core/discovery/TrackerRuntimeInfo.h"
+#include "Core/engine/PeerPool.h"
+#include "Core/engine/PieceExchange.h"
+#include "Core/engine/PieceManager.h"
+#include "Core/engine/TrackerAnnouncer.h"
+#include "Core/formats/TorrentMetaInfo.h"
+#include "Core/wire/PeerListener.h"
+#include "Core/wire/PeerRuntimeInfo.h"
+#include "Core/discovery/TrackerClient.h"
+#include "public/common/Random.h"
+#include "public/common/SpeedTracker.h"
+#include "public/common/TaskGroup.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace skein {
+
+/// The engine for one torrent: gathers peers, downloads, verifies, and serves.
+///
+/// Composed of parts that each own their state: PieceManager (pieces and files), PeerPool (connections), PieceExchange
+/// with its RequestScheduler (blocks), TrackerAnnouncer (trackers).
+/// Owner: a command or the download manager, which awaits `stop()` before it lets go. Thread: any; the state lives on
+/// one strand that the parts share, on which the callbacks come too.
+class TorrentSession {
+public:
+    static constexpr std::size_t defaultMaxConnections = 50;
+    static constexpr std::size_t fewPeers = 5;
+
+    struct State {
+        enum class Kind : std::uint8_t { idle, fetchingMetadata, downloading, paused, seeding, completed, error };
+        Kind kind = Kind::idle;
+        std::string message;  ///< with `error`
+    };
+
+    struct Callbacks {
+        std::function<void(const State&)> onStateChanged;
+        /// The fraction done, bytes a second down and up, and the verified bytes.
+        std::function<void(double progress, std::int64_t downloadRate, std::int64_t uploadRate, std::int64_t bytes)>
+            onProgressUpdated;
+        std::function<void(const TorrentMetaInfo&)> onMetadataReceived;
+        std::function<void(const std::string&)> onStatusMessage;
+        std::function<void(const std::vector<PeerRuntimeInfo>&)> onPeerDetailsUpdated;
+        std::function<void(const std::vector<TrackerRuntimeInfo>&)> onTrackerDetailsUpdated;
+        /// While existing data is verified.
+        std::function<void(int checkedPieces, int totalPieces)> onVerifyProgress;
+    };
+
+    /// What the process shares among its sessions; all of it outlives them.
+    struct Services {
+        asio::any_io_executor io;
+        asio::any_io_executor disk;
+        Clock& clock;
+        FileLogger& log;
+        Random& random;
+        TrackerServices trackers;
+        PeerListener& listener;
+    };
+
+    struct Options {
+        std::filesystem::path savePath;
+        std::size_t maxConnections = defaultMaxConnections;
+        std::int64_t downloadLimit = 0;  ///< bytes a second, 0 = unlimited
+        std::int64_t uploadLimit = 0;
+        bool servesPeers = true;    ///< false never unchokes
+        bool seedsOnly = false;     ///< serves what is there; never writes, never downloads
+        bool savesTorrent = true;   ///< beside the download
+        bool usesTrackers = true;   ///< the torrent's own
+        bool allowsLocalPeers = false;
+        std::vector<std::string> extraTrackers;     ///< named by the user, one tier each
+        std::vector<std::string> fallbackTrackers;  ///< for a public torrent that names none
+        std::vector<PeerAddress> namedPeers;        ///< named by the user
+        std::string bindAddress;                    ///< of outgoing connections; empty = any
+    };
+
+    TorrentSession(SHA1Digest infoHash, PeerID peerID, const Services& services, Options options);
+    TorrentSession(const TorrentSession&) = delete;
+    TorrentSession& operator=(const TorrentSession&) = delete;
+    ~TorrentSession();
+
+    /// Before `start`.
+    void setCallbacks(Callbacks callbacks) { callbacks_ = std::move(callbacks); }
+
+    /// Starts from the bytes of a `.torrent`. Returns when existing data is verified and peers are looked for; a
+    /// failure becomes the state `error`.
+    asio::awaitable<void> start(Bytes torrentData);
+    asio::awaitable<void> pause();
+    asio::awaitable<void> resume();
+    /// Hashes everything on disk again.
+    asio::awaitable<void> recheckFiles();
+    asio::awaitable<void> recheckWithTorrentData(Bytes torrentData);
+    asio::awaitable<void> shedPeers(std::size_t keepAtMost);
+    asio::awaitable<void> connectToPeer(PeerAddress address);
+    asio::awaitable<std::vector<bool>> getCompletionBitmap();
+    /// Tells the trackers (for at most 3 s), closes everything; after it nothing of the session runs.
+    asio::awaitable<void> stop();
+
+    const SHA1Digest& infoHash() const noexcept { return infoHash_; }
+
+private:
+    asio::awaitable<void> parseTorrentFileAndStart(Bytes torrentData);
+    std::shared_ptr<const TorrentMetaInfo> parseTorrent(const Bytes& torrentData, std::string& failure) const;
+    asio::awaitable<void> saveTorrentFile(Bytes torrentData);
+    asio::awaitable<void> openPieces();
+    asio::awaitable<void> enterRunning();
+    asio::awaitable<void> startListening();
+    void startPeerDiscoveryForDownload();
+    void startTrackers();
+    std::vector<std::vector<std::string>> effectiveTrackers() const;
+    asio::awaitable<void> publicBTDiscoveryLoop();
+    void rediscoverPublicBTPeers(std::string_view reason, std::chrono::seconds minInterval);
+    void handleTrackerAnswer(const TrackerAnnounceOutcome& outcome);
+    asio::awaitable<void> closeTraffic();
+    asio::awaitable<void> doPause();
+    asio::awaitable<void> doResume();
+    asio::awaitable<void> doRecheck();
+    asio::awaitable<void> doRecheckWith(Bytes torrentData);
+    asio::awaitable<void> doShed(std::size_t keepAtMost);
+    asio::awaitable<void> doConnect(PeerAddress address);
+    asio::awaitable<std::vector<bool>> bitmap();
+    asio::awaitable<void> shutDown();
+
+    PeerPool::Environment poolEnvironment();
+    PeerPool::Callbacks poolCallbacks();
+    void onPeerReady(PeerPool::Peer& peer);
+    void onPeerGone(const PeerPool::Peer& peer);
+    void markCompleted();
+    void startProgressLoop();
+    asio::awaitable<void> progressLoop();
+    bool needsProgressLoop() const;
+    void updateProgress();
+    void reportPeers();
+    void setState(State::Kind kind, std::string message = {});
+    void setStatus(const std::string& text);
+    void fail(const std::string& message);
+    bool isRunning() const noexcept;
+    TrackerAnnouncer::Totals totals() const;
+
+    const SHA1Digest infoHash_;
+    const PeerID peerID_;
+    const Services services_;
+    const Options options_;
+    Callbacks callbacks_;
+    State state_;
+    std::shared_ptr<const TorrentMetaInfo> metaInfo_;
+    std::shared_ptr<PieceManager> pieceManager_;
+    SpeedTracker downloadSpeedTracker_;
+    SpeedTracker uploadSpeedTracker_;
+    bool progressLoopRuns_ = false;
+    bool isListening_ = false;
+    std::optional<Clock::TimePoint> lastPublicBTDiscoveryAt_;
+    TaskGroup tasks_;
+    PeerPool peerPool_;
+    std::unique_ptr<PieceExchange> exchange_;
+    std::unique_ptr<TrackerAnnouncer> announcer_;
+};
+
+}  // namespace skein

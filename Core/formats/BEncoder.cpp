@@ -1,0 +1,211 @@
+#include "Core/formats/BEncoder.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+namespace skein::BEncoder {
+
+namespace {
+
+bool isDigit(std::uint8_t byte) noexcept { return byte >= '0' && byte <= '9'; }
+
+std::optional<std::int64_t> parseInteger(std::string_view text) noexcept {
+    if (text.starts_with('+')) {
+        text.remove_prefix(1);
+        if (text.starts_with('-')) return std::nullopt;
+    }
+    std::int64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+    return value;
+}
+
+/// Walks over bencoded data. What it searches for it either finds and passes, or the decoding ends with an error:
+/// no byte is searched twice.
+class Reader {
+public:
+    Reader(ByteView data, std::size_t index) : data_(data), index_(index) {}
+
+    std::size_t index() const noexcept { return index_; }
+
+    BEncodeValue value(int depth = 0) {
+        switch (next()) {
+            case 'i': return integer();
+            case 'l': return list(depth);
+            case 'd': return dictionary(depth);
+            default: return asText(string());
+        }
+    }
+
+    /// Passes over a value with the same checks as `value`, and builds nothing.
+    void skip(int depth = 0) {
+        switch (next()) {
+            case 'i': integer(); return;
+            case 'l':
+                for (enter(depth); !atEndOfContainer();) skip(depth + 1);
+                return;
+            case 'd':
+                for (enter(depth); !atEndOfContainer();) {
+                    key();
+                    skip(depth + 1);
+                }
+                return;
+            default: string();
+        }
+    }
+
+private:
+    /// The byte that a value starts with: i, l, d or a digit.
+    std::uint8_t next() const {
+        const std::uint8_t byte = current();
+        if (byte != 'i' && byte != 'l' && byte != 'd' && !isDigit(byte))
+            throw BEncodeException(BEncodeError::invalidFormat,
+                                   "Unexpected byte: " + std::to_string(byte) + " at index " + std::to_string(index_));
+        return byte;
+    }
+
+    std::uint8_t current() const {
+        if (index_ >= data_.size()) throw BEncodeException(BEncodeError::unexpectedEnd);
+        return data_[index_];
+    }
+
+    /// The text from the index to the next `delimiter`; the index moves behind that.
+    std::string_view textBefore(char delimiter) {
+        const std::string_view rest = asText(data_.subspan(index_));
+        const std::size_t length = rest.find(delimiter);
+        if (length == std::string_view::npos) throw BEncodeException(BEncodeError::unexpectedEnd);
+        index_ += length + 1;
+        return rest.substr(0, length);
+    }
+
+    std::int64_t integer() {
+        ++index_;
+        const auto value = parseInteger(textBefore('e'));
+        if (!value) throw BEncodeException(BEncodeError::invalidInteger);
+        return *value;
+    }
+
+    ByteView string() {
+        const auto length = parseInteger(textBefore(':'));
+        if (!length || *length < 0) throw BEncodeException(BEncodeError::invalidStringLength);
+        if (static_cast<std::uint64_t>(*length) > data_.size() - index_)
+            throw BEncodeException(BEncodeError::unexpectedEnd);
+        const ByteView bytes = data_.subspan(index_, static_cast<std::size_t>(*length));
+        index_ += bytes.size();
+        return bytes;
+    }
+
+    std::string_view key() {
+        const ByteView bytes = string();
+        if (!isValidUTF8(bytes)) throw BEncodeException(BEncodeError::invalidFormat, "Dictionary key must be a string");
+        return asText(bytes);
+    }
+
+    void enter(int depth) {
+        if (depth >= maxNesting) throw BEncodeException(BEncodeError::invalidFormat, "Nesting too deep");
+        ++index_;
+    }
+
+    bool atEndOfContainer() {
+        if (current() != 'e') return false;
+        ++index_;
+        return true;
+    }
+
+    BEncodeValue list(int depth) {
+        BEncodeValue::List elements;
+        for (enter(depth); !atEndOfContainer();) elements.push_back(value(depth + 1));
+        return elements;
+    }
+
+    BEncodeValue dictionary(int depth) {
+        BEncodeValue::Dictionary entries;
+        for (enter(depth); !atEndOfContainer();) {
+            std::string name(key());
+            entries.emplace_back(std::move(name), value(depth + 1));
+        }
+        return entries;
+    }
+
+    const ByteView data_;
+    std::size_t index_;
+};
+
+template <class Number>
+void appendNumber(Bytes& to, Number number, char end) {
+    std::array<char, 24> text{};
+    const auto digits = std::to_chars(text.data(), text.data() + text.size(), number);
+    to.insert(to.end(), text.data(), digits.ptr);
+    to.push_back(static_cast<std::uint8_t>(end));
+}
+
+void appendString(Bytes& to, ByteView bytes) {
+    appendNumber(to, bytes.size(), ':');
+    append(to, bytes);
+}
+
+void appendValue(Bytes& to, const BEncodeValue& value);
+
+void appendDictionary(Bytes& to, const BEncodeValue::Dictionary& entries) {
+    std::vector<const BEncodeValue::Dictionary::value_type*> sorted;
+    sorted.reserve(entries.size());
+    for (const auto& entry : entries) sorted.push_back(&entry);
+    std::stable_sort(sorted.begin(), sorted.end(), [](auto* left, auto* right) { return left->first < right->first; });
+    to.push_back('d');
+    for (const auto* entry : sorted) {
+        appendString(to, asBytes(entry->first));
+        appendValue(to, entry->second);
+    }
+    to.push_back('e');
+}
+
+void appendValue(Bytes& to, const BEncodeValue& value) {
+    switch (value.kind()) {
+        case BEncodeValue::Kind::integer:
+            to.push_back('i');
+            appendNumber(to, *value.intValue(), 'e');
+            return;
+        case BEncodeValue::Kind::string: appendString(to, *value.dataValue()); return;
+        case BEncodeValue::Kind::list:
+            to.push_back('l');
+            for (const BEncodeValue& element : *value.listValue()) appendValue(to, element);
+            to.push_back('e');
+            return;
+        case BEncodeValue::Kind::dictionary: appendDictionary(to, *value.dictionaryValue()); return;
+    }
+}
+
+}  // namespace
+
+BEncodeValue decode(ByteView data) { return decodeWithConsumedLength(data).value; }
+
+DecodedPrefix decodeWithConsumedLength(ByteView data) {
+    Reader reader(data, 0);
+    BEncodeValue value = reader.value();
+    return {std::move(value), reader.index()};
+}
+
+DecodedTorrent decodeWithInfoRange(ByteView data) {
+    constexpr std::string_view infoKey = "4:info";
+    DecodedTorrent decoded{decode(data), std::nullopt};
+    if (decoded.value.kind() != BEncodeValue::Kind::dictionary) return decoded;
+    const std::size_t found = asText(data).find(infoKey);
+    if (found == std::string_view::npos) return decoded;
+    Reader reader(data, found + infoKey.size());
+    reader.skip();
+    decoded.infoRange = ByteRange{found + infoKey.size(), reader.index()};
+    return decoded;
+}
+
+Bytes encode(const BEncodeValue& value) {
+    Bytes bytes;
+    appendValue(bytes, value);
+    return bytes;
+}
+
+}  // namespace skein::BEncoder

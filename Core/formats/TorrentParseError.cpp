@@ -1,0 +1,14 @@
+#include "Core/formats/TorrentParseError.h"
+
+namespace skein {
+
+std::string_view textOf(TorrentParseError error) noexcept {
+    switch (error) {
+        case TorrentParseError::missingField: return "Missing required field: ";
+        case TorrentParseError::invalidData: return "Invalid torrent data";
+        case TorrentParseError::invalidInfoHash: return "Failed to compute info hash";
+    }
+    return {};
+}
+
+}  // namespace skein

@@ -1,0 +1,113 @@
+#include "Core/formats/TorrentParser.h"
+
+#include "Core/formats/BEncoder.h"
+
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace skein::TorrentParser {
+
+namespace {
+
+template <class Value>
+Value required(std::optional<Value> value, std::string_view field) {
+    if (!value) throw TorrentParseException(TorrentParseError::missingField, field);
+    return *value;
+}
+
+/// A sum that stops at the ends of its type. Storage, which adds up again, refuses such a torrent.
+std::int64_t saturatingSum(std::int64_t left, std::int64_t right) noexcept {
+    using Limits = std::numeric_limits<std::int64_t>;
+    std::int64_t sum = 0;
+    if (__builtin_add_overflow(left, right, &sum)) return right < 0 ? Limits::min() : Limits::max();
+    return sum;
+}
+
+/// Every path repeats the torrent's name, so a long name and many files would grow beyond all proportion.
+constexpr std::size_t maxPathBytes = std::size_t{256} << 20U;
+
+std::string joinPath(std::string_view name, const BEncodeValue::List& components) {
+    std::string path(name);
+    for (const BEncodeValue& component : components)
+        if (const auto text = component.stringValue()) path.append("/").append(*text);
+    return path;
+}
+
+void addFile(TorrentMetaInfo& torrent, std::string path, std::int64_t size) {
+    torrent.files.push_back({std::move(path), size, torrent.totalSize});
+    torrent.totalSize = saturatingSum(torrent.totalSize, size);
+}
+
+void readFiles(TorrentMetaInfo& torrent, const BEncodeValue& info) {
+    const BEncodeValue::List* files = info.listAt("files");
+    if (files == nullptr) {
+        addFile(torrent, torrent.name, required(info.intAt("length"), "length or files"));
+        return;
+    }
+    torrent.files.reserve(files->size());
+    std::size_t pathBytes = 0;
+    for (const BEncodeValue& file : *files) {
+        const std::int64_t size = required(file.intAt("length"), "file length");
+        const BEncodeValue::List* path = file.listAt("path");
+        if (path == nullptr) throw TorrentParseException(TorrentParseError::missingField, "file path");
+        addFile(torrent, joinPath(torrent.name, *path), size);
+        pathBytes += torrent.files.back().path.size();
+        if (pathBytes > maxPathBytes) throw TorrentParseException(TorrentParseError::invalidData);
+    }
+}
+
+std::vector<std::vector<std::string>> readTrackers(const BEncodeValue& root) {
+    std::vector<std::vector<std::string>> tiers;
+    if (const BEncodeValue::List* list = root.listAt("announce-list")) {
+        for (const BEncodeValue& element : *list) {
+            if (element.listValue() == nullptr) continue;
+            std::vector<std::string> tier;
+            for (const BEncodeValue& tracker : *element.listValue())
+                if (const auto url = tracker.stringValue()) tier.emplace_back(*url);
+            if (!tier.empty()) tiers.push_back(std::move(tier));
+        }
+    }
+    if (tiers.empty())
+        if (const auto url = root.stringAt("announce")) tiers.push_back({std::string(*url)});
+    return tiers;
+}
+
+TorrentMetaInfo parseInfo(const SHA1Digest& infoHash, const BEncodeValue& root, const BEncodeValue& info) {
+    TorrentMetaInfo torrent;
+    torrent.infoHash = infoHash;
+    torrent.infoHashHex = toHex(infoHash);
+    torrent.name = required(info.stringAt("name"), "name");
+    torrent.pieceLength = required(info.intAt("piece length"), "piece length");
+    const ByteView pieces = required(info.dataAt("pieces"), "pieces");
+    torrent.pieces.assign(pieces.begin(), pieces.end());
+    readFiles(torrent, info);
+    torrent.announceList = readTrackers(root);
+    torrent.isPrivate = info.intAt("private") == 1;
+    if (const auto date = root.intAt("creation date")) torrent.creationDate.emplace(std::chrono::seconds(*date));
+    torrent.comment = root.stringAt("comment");
+    torrent.createdBy = root.stringAt("created by");
+    return torrent;
+}
+
+}  // namespace
+
+TorrentMetaInfo parse(ByteView data) {
+    const auto [root, infoRange] = BEncoder::decodeWithInfoRange(data);
+    if (!infoRange) throw TorrentParseException(TorrentParseError::invalidData);
+    const SHA1Digest infoHash = sha1(data.subspan(infoRange->begin, infoRange->end - infoRange->begin));
+    const BEncodeValue* info = root["info"];
+    if (info == nullptr) throw TorrentParseException(TorrentParseError::missingField, "info");
+    return parseInfo(infoHash, root, *info);
+}
+
+TorrentMetaInfo parse(ByteView infoData, const SHA1Digest& expectedInfoHash) {
+    const BEncodeValue info = BEncoder::decode(infoData);
+    if (sha1(infoData) != expectedInfoHash) throw TorrentParseException(TorrentParseError::invalidInfoHash);
+    return parseInfo(expectedInfoHash, info, info);
+}
+
+}  // namespace skein::TorrentParser

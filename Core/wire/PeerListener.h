@@ -1,0 +1,68 @@
+#pragma once
+
+#include "Core/wire/PeerAddress.h"
+#include "Core/wire/PeerWireTransport.h"
+#include "public/common/Clock.h"
+#include "public/common/FileLogger.h"
+#include "public/common/SHA1.h"
+#include "public/common/TaskGroup.h"
+
+#include <boost/asio/ip/tcp.hpp>
+
+#include <array>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace skein {
+
+/// The one listening port of a process: accepts peers, reads whom they ask for, and hands them to that torrent.
+///
+/// Owner: the program, or a session that was created by itself. Outlives the sessions that are added. Thread: any.
+class PeerListener {
+public:
+    /// Peers that connected and have not yet said for which torrent; more are turned away.
+    static constexpr std::size_t maxHalfOpen = 64;
+    static constexpr std::chrono::seconds handshakeTimeout{10};
+
+    /// Gets a connection whose handshake is still to be read. Called on the listener's strand.
+    using Handler = std::function<void(std::unique_ptr<PeerWireTransport> transport, PeerAddress address)>;
+
+    /// `bindAddress` is the local address, or empty for all of them.
+    PeerListener(const asio::any_io_executor& io, Clock& clock, FileLogger& log, std::string bindAddress);
+    ~PeerListener();
+
+    /// Listens on `port`, or on a free one when it is taken or 0. Throws boost::system::system_error.
+    asio::awaitable<void> start(std::uint16_t port);
+    /// The port in use; 0 before `start`.
+    std::uint16_t port() const noexcept { return port_; }
+    asio::awaitable<void> add(SHA1Digest infoHash, Handler handler);
+    /// After it returned, the handler is not called any more.
+    asio::awaitable<void> remove(SHA1Digest infoHash);
+    asio::awaitable<void> stop();
+
+private:
+    using Acceptor = asio::ip::tcp::acceptor;
+
+    asio::awaitable<void> open(std::uint16_t port);
+    void listenOn(const asio::ip::tcp::endpoint& endpoint);
+    void listenOnIPv6Too();
+    asio::awaitable<void> acceptPeers(Acceptor& acceptor);
+    asio::awaitable<void> route(asio::ip::tcp::socket socket);
+    asio::awaitable<void> insert(SHA1Digest infoHash, Handler handler);
+    asio::awaitable<void> erase(SHA1Digest infoHash);
+
+    const asio::any_io_executor io_;
+    Clock& clock_;
+    FileLogger& log_;
+    const std::string bindAddress_;
+    std::uint16_t port_ = 0;
+    std::list<Acceptor> acceptors_;
+    std::map<SHA1Digest, Handler> handlers_;
+    std::size_t halfOpen_ = 0;
+    TaskGroup tasks_;
+};
+
+}  // namespace skein

@@ -1,0 +1,110 @@
+#include "Core/formats/BEncoder.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace skein {
+namespace {
+
+using List = BEncodeValue::List;
+using Dictionary = BEncodeValue::Dictionary;
+
+BEncodeValue decode(std::string_view text) { return BEncoder::decode(asBytes(text)); }
+std::string encode(const BEncodeValue& value) { return std::string(asText(BEncoder::encode(value))); }
+std::string nested(int levels) { return std::string(levels, 'l') + std::string(levels, 'e'); }
+
+std::string failureOf(std::string_view text) {
+    try {
+        decode(text);
+    } catch (const BEncodeException& failure) {
+        return failure.what();
+    }
+    return "none";
+}
+
+TEST(BEncoder, decodesEachKindAndEncodesItBackToTheSameBytes) {
+    EXPECT_EQ(decode("i42e").intValue(), 42);
+    EXPECT_EQ(decode("i-3e").intValue(), -3);
+    EXPECT_EQ(decode("4:spam").stringValue(), "spam");
+    EXPECT_EQ(decode("0:").dataValue()->size(), 0U);
+    EXPECT_EQ(decode("l4:spam4:eggse"), (List{"spam", "eggs"}));
+    EXPECT_EQ(decode("d3:cow3:moo4:spam4:eggse"), (Dictionary{{"cow", "moo"}, {"spam", "eggs"}}));
+    for (const char* text : {"i-9223372036854775808e", "i9223372036854775807e", "0:", "le", "de", "d1:al1:bi-1eee"})
+        EXPECT_EQ(encode(decode(text)), text);
+    EXPECT_EQ(decode(std::string_view("3:\0\xFF\x01", 5)).dataValue()->size(), 3U);
+}
+
+TEST(BEncoder, isLenientWithIntegersAsFarAsAPlainParserIs) {
+    EXPECT_EQ(decode("i03e").intValue(), 3);
+    EXPECT_EQ(decode("i-0e").intValue(), 0);
+    EXPECT_EQ(decode("i+5e").intValue(), 5);
+    EXPECT_EQ(decode("i" + std::string(1000, '0') + "7e").intValue(), 7);
+    EXPECT_EQ(decode("004:spam").stringValue(), "spam");
+    for (const char* text : {"ie", "i-e", "i+e", "i+-1e", "i--1e", "i1.5e", "i 1e", "i1 e", "i0x1e",
+                             "i\xD9\xA1"
+                             "e",
+                             "i9223372036854775808e", "i-9223372036854775809e"})
+        EXPECT_EQ(failureOf(text), "Invalid integer encoding") << text;
+}
+
+TEST(BEncoder, saysWhatIsWrong) {
+    for (const char* text : {"", "i42", "5:spam", "4", "l", "l4:spam", "d", "d1:a", "d1:ai1e", "9223372036854775807:a"})
+        EXPECT_EQ(failureOf(text), "Unexpected end of data") << text;
+    EXPECT_EQ(failureOf("x:"), "Invalid BEncode format: Unexpected byte: 120 at index 0");
+    EXPECT_EQ(failureOf("l4:spam-1:e"), "Invalid BEncode format: Unexpected byte: 45 at index 7");
+    EXPECT_EQ(failureOf("d2:\xC3\x28i1ee"), "Invalid BEncode format: Dictionary key must be a string");
+    for (const char* text : {"4x:spam", "9223372036854775808:a", "d-1:ai1ee", "di1e1:ae"})
+        EXPECT_EQ(failureOf(text), "Invalid string length") << text;
+    EXPECT_EQ(failureOf("di1ee"), "Unexpected end of data");
+}
+
+TEST(BEncoder, nestsAtMost128Levels) {
+    EXPECT_EQ(encode(decode(nested(128))), nested(128));
+    for (const std::string& text : {nested(129), std::string(1'000'000, 'l'), "d1:a" + nested(128) + "e"})
+        EXPECT_EQ(failureOf(text), "Invalid BEncode format: Nesting too deep");
+}
+
+TEST(BEncoder, reportsHowManyBytesTheValueTook) {
+    EXPECT_EQ(BEncoder::decodeWithConsumedLength(asBytes("d1:ai1eeraw bytes")).consumed, 8U);
+    EXPECT_EQ(decode("i1etrailing").intValue(), 1);
+}
+
+TEST(BEncoder, takesTheFirstInfoKeyOfTheRawBytesForTheInfoRange) {
+    const auto rangeOf = [](std::string_view text) { return BEncoder::decodeWithInfoRange(asBytes(text)).infoRange; };
+    EXPECT_EQ(rangeOf("d1:a1:b4:infod1:xi1eee"), (BEncoder::ByteRange{13, 21}));
+    EXPECT_EQ(rangeOf("d8:announce9:4:infoi7e4:infodee"), (BEncoder::ByteRange{19, 22}));
+    EXPECT_EQ(rangeOf("de4:infoi7e"), (BEncoder::ByteRange{8, 11}));
+    EXPECT_FALSE(rangeOf("l4:infoi7ee"));
+    EXPECT_FALSE(rangeOf("d1:ai1ee"));
+    EXPECT_THROW(rangeOf("d1:a6:4:infoe"), BEncodeException);
+    EXPECT_THROW(rangeOf("de4:infod2:\xC3\x28i1ee"), BEncodeException);
+    EXPECT_THROW(rangeOf("de4:info" + nested(129)), BEncodeException);
+}
+
+TEST(BEncodeValue, keepsTheOrderOfADictionaryAndEncodesItSorted) {
+    const BEncodeValue value = decode("d1:bi1e1:ai2e1:bi3ee");
+    EXPECT_EQ(value, (Dictionary{{"b", 1}, {"a", 2}, {"b", 3}}));
+    EXPECT_EQ(value.intAt("b"), 1);
+    EXPECT_EQ(encode(value), "d1:ai2e1:bi1e1:bi3ee");
+    EXPECT_FALSE(value == decode("d1:ai2e1:bi1e1:bi3ee"));
+}
+
+TEST(BEncodeValue, yieldsNothingWhenTheKindIsAnother) {
+    const BEncodeValue integer(1);
+    EXPECT_FALSE(integer.stringValue());
+    EXPECT_FALSE(integer.dataValue());
+    EXPECT_EQ(integer.listValue(), nullptr);
+    EXPECT_EQ(integer["key"], nullptr);
+    EXPECT_FALSE(BEncodeValue("1").intValue());
+    EXPECT_FALSE(BEncodeValue("\xFF").stringValue());
+    EXPECT_EQ(BEncodeValue("\xFF").dataValue()->size(), 1U);
+    const BEncodeValue dictionary(Dictionary{{"n", 1}, {"l", List{}}, {"\xFF", "x"}});
+    EXPECT_FALSE(dictionary.stringAt("n"));
+    EXPECT_FALSE(dictionary.dataAt("l"));
+    EXPECT_EQ(dictionary.listAt("n"), nullptr);
+    EXPECT_FALSE(dictionary.intAt("missing"));
+}
+
+}  // namespace
+}  // namespace skein

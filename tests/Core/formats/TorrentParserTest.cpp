@@ -1,0 +1,131 @@
+#include "Core/formats/BEncoder.h"
+#include "Core/formats/TorrentParser.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+
+namespace skein {
+namespace {
+
+using List = BEncodeValue::List;
+using Dictionary = BEncodeValue::Dictionary;
+using Tiers = std::vector<std::vector<std::string>>;
+
+/// The keys every info dictionary has, and `more`.
+Dictionary infoWith(Dictionary more) {
+    more.insert(more.end(), {{"name", "mydir"}, {"piece length", 4}, {"pieces", Bytes(40)}});
+    return more;
+}
+
+TorrentMetaInfo parsed(Dictionary info, Dictionary root = {}) {
+    root.emplace_back("info", std::move(info));
+    return TorrentParser::parse(BEncoder::encode(root));
+}
+
+std::string failureOf(const Dictionary& root) {
+    try {
+        TorrentParser::parse(BEncoder::encode(root));
+    } catch (const TorrentParseException& failure) {
+        return failure.what();
+    }
+    return "none";
+}
+
+TEST(TorrentParser, readsASingleFile) {
+    const std::string info = "d6:lengthi10e4:name8:test.txt12:piece lengthi4e6:pieces3:abce";
+    const TorrentMetaInfo torrent = TorrentParser::parse(asBytes("d4:info" + info + "e"));
+    EXPECT_EQ(torrent.infoHash, sha1(asBytes(info)));
+    EXPECT_EQ(torrent.infoHashHex, toHex(sha1(asBytes(info))));
+    EXPECT_EQ(torrent.name, "test.txt");
+    EXPECT_THAT(torrent.files, testing::ElementsAre(TorrentFileInfo{"test.txt", 10, 0}));
+    EXPECT_EQ(torrent.totalSize, 10);
+    EXPECT_EQ(torrent.pieceLength, 4);
+    EXPECT_EQ(torrent.pieces, toBytes("abc"));
+    EXPECT_FALSE(torrent.isPrivate);
+}
+
+TEST(TorrentParser, hashesTheRawBytesOfInfoEvenWhereTheyAreUnsorted) {
+    const std::string info = "d6:pieces0:4:name1:a12:piece lengthi04e6:lengthi1ee";
+    EXPECT_EQ(TorrentParser::parse(asBytes("d4:info" + info + "e")).infoHash, sha1(asBytes(info)));
+}
+
+TEST(TorrentParser, readsSeveralFilesWithTheirPathsAsGiven) {
+    const List files{Dictionary{{"length", 6}, {"path", List{"file1.txt"}}},
+                     Dictionary{{"length", 4}, {"path", List{"sub", "\xFF", 7, "..", "", "file2.txt"}}}};
+    const TorrentMetaInfo torrent = parsed(infoWith({{"files", files}, {"length", 99}, {"private", 1}}));
+    EXPECT_THAT(torrent.files, testing::ElementsAre(TorrentFileInfo{"mydir/file1.txt", 6, 0},
+                                                    TorrentFileInfo{"mydir/sub/..//file2.txt", 4, 6}));
+    EXPECT_EQ(torrent.totalSize, 10);
+    EXPECT_TRUE(torrent.isPrivate);
+}
+
+TEST(TorrentParser, readsTrackersFromTheListFirst) {
+    const Dictionary info = infoWith({{"length", 1}});
+    const List tiers{List{"a", "b"}, "no tier", List{}, List{1, "\xFF"}, List{"c", 2}};
+    EXPECT_EQ(parsed(info, {{"announce", "x"}, {"announce-list", tiers}}).announceList, (Tiers{{"a", "b"}, {"c"}}));
+    EXPECT_EQ(parsed(info, {{"announce", "x"}, {"announce-list", List{List{}}}}).announceList, (Tiers{{"x"}}));
+    EXPECT_EQ(parsed(info, {{"announce", 1}, {"announce-list", "x"}}).announceList, Tiers{});
+}
+
+TEST(TorrentParser, readsOptionalFieldsAndIgnoresThoseOfAWrongKind) {
+    const TorrentMetaInfo torrent = parsed(infoWith({{"length", 1}, {"private", 2}}),
+                                           {{"comment", "c"}, {"created by", "me"}, {"creation date", 1234}});
+    EXPECT_FALSE(torrent.isPrivate);
+    EXPECT_EQ(torrent.comment, "c");
+    EXPECT_EQ(torrent.createdBy, "me");
+    EXPECT_EQ(torrent.creationDate, std::chrono::sys_seconds(std::chrono::seconds(1234)));
+    const TorrentMetaInfo other = parsed(infoWith({{"length", 1}, {"private", "1"}}),
+                                         {{"comment", 1}, {"created by", "\xFF"}, {"creation date", "1234"}});
+    EXPECT_FALSE(other.isPrivate || other.comment || other.createdBy || other.creationDate);
+}
+
+TEST(TorrentParser, namesTheFieldThatIsMissing) {
+    const auto missing = [](const Dictionary& info) { return failureOf({{"info", info}}); };
+    EXPECT_EQ(missing({}), "Missing required field: name");
+    EXPECT_EQ(missing({{"name", "\xFF"}}), "Missing required field: name");
+    EXPECT_EQ(missing({{"name", "a"}}), "Missing required field: piece length");
+    EXPECT_EQ(missing({{"name", "a"}, {"piece length", 4}}), "Missing required field: pieces");
+    EXPECT_EQ(missing(infoWith({})), "Missing required field: length or files");
+    EXPECT_EQ(missing(infoWith({{"length", "1"}, {"files", 1}})), "Missing required field: length or files");
+    EXPECT_EQ(missing(infoWith({{"files", List{1}}})), "Missing required field: file length");
+    EXPECT_EQ(missing(infoWith({{"files", List{Dictionary{{"length", 1}}}}})), "Missing required field: file path");
+    EXPECT_EQ(failureOf({{"info", 1}}), "Missing required field: name");
+    EXPECT_EQ(failureOf({{"x", "4:infode"}}), "Missing required field: info");
+    EXPECT_EQ(failureOf({{"x", 1}}), "Invalid torrent data");
+    EXPECT_THROW(TorrentParser::parse(asBytes("l4:infodee")), TorrentParseException);
+    EXPECT_THROW(TorrentParser::parse(asBytes("not bencode")), BEncodeException);
+}
+
+TEST(TorrentParser, acceptsABareInfoDictionaryOnlyWithTheExpectedHash) {
+    const Bytes info = BEncoder::encode(infoWith({{"length", 1}, {"comment", "inside"}}));
+    const TorrentMetaInfo torrent = TorrentParser::parse(info, sha1(info));
+    EXPECT_EQ(torrent.infoHash, sha1(info));
+    EXPECT_EQ(torrent.comment, "inside");
+    EXPECT_TRUE(torrent.announceList.empty());
+    try {
+        TorrentParser::parse(info, SHA1Digest{});
+        FAIL();
+    } catch (const TorrentParseException& failure) {
+        EXPECT_STREQ(failure.what(), "Failed to compute info hash");
+    }
+}
+
+TEST(TorrentParser, sumsThatOverflowStopAtTheEndOfTheirType) {
+    constexpr auto most = std::numeric_limits<std::int64_t>::max();
+    const Dictionary file{{"length", most}, {"path", List{"a"}}};
+    EXPECT_EQ(parsed(infoWith({{"files", List{file, file, file}}})).totalSize, most);
+    const Dictionary negative{{"length", -most}, {"path", List{"a"}}};
+    EXPECT_LT(parsed(infoWith({{"files", List{negative, negative}}})).totalSize, -most);
+}
+
+TEST(TorrentParser, aLongNameOfManyFilesDoesNotGrowBeyondAllProportion) {
+    const List files(2'000, Dictionary{{"length", 1}, {"path", List{"a"}}});
+    const Bytes name(1'000'000, 'n');
+    const Dictionary info{{"files", files}, {"name", name}, {"piece length", 4}, {"pieces", Bytes(20)}};
+    EXPECT_EQ(failureOf({{"info", info}}), "Invalid torrent data");
+}
+
+}  // namespace
+}  // namespace skein

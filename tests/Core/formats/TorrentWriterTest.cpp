@@ -1,0 +1,66 @@
+#include "Core/formats/TorrentParser.h"
+#include "Core/formats/TorrentWriter.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace skein {
+namespace {
+
+TorrentMetaInfo smallTorrent() {
+    return {.name = "a", .pieceLength = 4, .pieces = toBytes("hash"), .totalSize = 3, .files = {{"a", 3, 0}}};
+}
+
+TEST(TorrentWriter, writesASingleFileWithSortedKeys) {
+    TorrentMetaInfo torrent = smallTorrent();
+    EXPECT_EQ(asText(TorrentWriter::write(torrent)), "d4:infod6:lengthi3e4:name1:a12:piece lengthi4e6:pieces4:hashee");
+    torrent.announceList = {{}, {"x"}};
+    torrent.isPrivate = true;
+    EXPECT_EQ(asText(TorrentWriter::write(torrent)),
+              "d8:announce1:x4:infod6:lengthi3e4:name1:a12:piece lengthi4e6:pieces4:hash7:privatei1eee");
+}
+
+TEST(TorrentWriter, whatItWritesIsReadBackTheSame) {
+    TorrentMetaInfo torrent{.name = "d/ir",
+                            .pieceLength = 16384,
+                            .pieces = Bytes(40, 7),
+                            .totalSize = 30'000,
+                            .files = {{"d/ir/a", 10'000, 0}, {"d/ir/sub/b", 20'000, 10'000}},
+                            .isPrivate = true,
+                            .creationDate = std::chrono::sys_seconds(std::chrono::seconds(1'234'567'890)),
+                            .comment = "why",
+                            .createdBy = "skein",
+                            .announceList = {{"t1"}, {"t2", "t3"}}};
+    const TorrentMetaInfo read = TorrentParser::parse(TorrentWriter::write(torrent));
+    EXPECT_EQ(read.name, torrent.name);
+    EXPECT_EQ(read.pieceLength, torrent.pieceLength);
+    EXPECT_EQ(read.pieces, torrent.pieces);
+    EXPECT_EQ(read.totalSize, torrent.totalSize);
+    EXPECT_EQ(read.files, torrent.files);
+    EXPECT_TRUE(read.isPrivate);
+    EXPECT_EQ(read.creationDate, torrent.creationDate);
+    EXPECT_EQ(read.comment, torrent.comment);
+    EXPECT_EQ(read.createdBy, torrent.createdBy);
+    EXPECT_EQ(read.announceList, torrent.announceList);
+}
+
+TEST(TorrentWriter, wrapsInfoBytesAsTheyAre) {
+    const std::string info = "d6:pieces0:4:name1:a12:piece lengthi04e6:lengthi1ee";
+    const Bytes file = TorrentWriter::wrap(asBytes(info), {{"t1"}, {"t2"}});
+    const TorrentMetaInfo read = TorrentParser::parse(file);
+    EXPECT_EQ(read.infoHash, sha1(asBytes(info)));
+    EXPECT_EQ(read.announceList.size(), 2U);
+    EXPECT_EQ(asText(TorrentWriter::wrap(asBytes(info), {})), "d4:info" + info + "e");
+}
+
+TEST(TorrentWriter, refusesATextThatReadersWouldTakeForTheInfoKey) {
+    TorrentMetaInfo torrent = smallTorrent();
+    torrent.comment = "information is";
+    EXPECT_THROW(TorrentWriter::write(torrent), std::invalid_argument);
+    torrent.comment = "information is.";
+    EXPECT_EQ(TorrentParser::parse(TorrentWriter::write(torrent)).comment, torrent.comment);
+}
+
+}  // namespace
+}  // namespace skein

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "Core/wire/PeerAddress.h"
+#include "Core/wire/PeerHandshake.h"
+#include "Core/wire/WireMessage.h"
+#include "public/common/Bytes.h"
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
+namespace skein {
+
+namespace asio = boost::asio;
+
+/// A peer on a real loopback socket that does what the test says, byte by byte if need be.
+class ScriptedPeer {
+public:
+    struct Message {
+        int id = -1;  ///< -1: a keep-alive
+        Bytes body;
+    };
+
+    /// Listens on a free port of 127.0.0.1.
+    explicit ScriptedPeer(const asio::any_io_executor& executor);
+
+    PeerAddress address() const;
+    asio::awaitable<void> accept();
+    asio::awaitable<void> connect(std::uint16_t port);
+    /// Sends our handshake, then reads the other side's.
+    asio::awaitable<PeerHandshake> shakeHands(SHA1Digest infoHash, PeerID peerID);
+
+    asio::awaitable<void> send(Bytes bytes);
+    asio::awaitable<void> sendMessage(MessageID id, Bytes body);
+    asio::awaitable<void> sendPiece(BlockRequest block, Bytes data);
+    asio::awaitable<Bytes> read(std::size_t count);
+    asio::awaitable<Message> readMessage();
+    /// Skips messages until one of `id` comes.
+    asio::awaitable<Bytes> readUntil(MessageID id);
+    /// Returns when the other side has closed the connection; what it sends meanwhile is dropped.
+    asio::awaitable<void> waitForClose();
+    void close();
+    /// Bytes that have arrived and were not read.
+    std::size_t available() { return socket_.available(); }
+
+    static BlockRequest requestIn(const Bytes& body);
+
+private:
+    asio::ip::tcp::acceptor acceptor_;
+    asio::ip::tcp::socket socket_;
+};
+
+/// A recognisable peer id: twenty times `letter`.
+PeerID peerIDOf(char letter);
+
+}  // namespace skein
