@@ -17,8 +17,8 @@ namespace skein {
 /// no body. There are no cookies. Certificates are verified.
 /// Time-outs run in real time.
 ///
-/// Owner: the program, one for all. Thread: any; the transfers live on a thread of the client's own, which the first
-/// fetch starts.
+/// Owner: the program, one for all; it stops before the pools go on which its callers run. Thread: any; the transfers
+/// live on a thread of the client's own, which the first fetch starts.
 class HTTPClient final : public HTTPFetcher {
 public:
     static constexpr int maxRedirects = 5;

@@ -278,6 +278,7 @@ TEST_F(HTTPClientTest, manyThreadsFetchAtOnce) {
         simulation.runUntil([&] { return future.wait_for(0s) == std::future_status::ready; });
         EXPECT_EQ(future.get().status, 200);
     }
+    client.stop();  // before the pools go, on which it resumes its callers
 }
 
 TEST_F(HTTPClientTest, sendsFromTheAddressItIsTold) {
