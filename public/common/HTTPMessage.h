@@ -1,6 +1,7 @@
 #pragma once
 
 #include "public/common/Bytes.h"
+#include "public/common/IPAddress.h"
 
 #include <chrono>
 #include <cstddef>
@@ -34,6 +35,7 @@ struct HTTPResponse {
     std::string url;                  ///< where it came from, after redirects
     std::vector<HTTPHeader> headers;  ///< names in lower case, in the order received
     Bytes body;
+    std::optional<IPAddress> remoteAddress;  ///< of the host; not known where a proxy may stand in between
 
     /// The first header of that lower-case name.
     std::optional<std::string_view> header(std::string_view name) const noexcept;

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -72,6 +73,18 @@ bool isRedirect(long status) noexcept {
 bool mayGoToAnotherHost(const HTTPHeader& header) {
     const std::string name = lowerCase(header.name);
     return name.starts_with("accept") || name == "range" || name.starts_with("if-");
+}
+
+/// curl takes proxies from the environment.
+bool mayUseProxy() {
+    static const bool isAnySet = [] {
+        for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+            const char* const value = std::getenv(name);
+            if (value != nullptr && *value != '\0') return true;
+        }
+        return false;
+    }();
+    return isAnySet;
 }
 
 std::optional<IPAddress> addressOf(const curl_sockaddr& given) noexcept {
@@ -233,6 +246,9 @@ bool HTTPTransfer::proceed(int curlCode) {
     if (isRedirect(status) && location != nullptr) return follow(location);
     response_.status = static_cast<int>(status);
     response_.url = url == nullptr ? request_.url : url;
+    char* address = nullptr;
+    curl_easy_getinfo(handle_, CURLINFO_PRIMARY_IP, &address);
+    if (address != nullptr && !mayUseProxy()) response_.remoteAddress = IPAddress::parse(address);
     outcome_.response = std::move(response_);
     return false;
 }

@@ -167,6 +167,7 @@ asio::awaitable<std::optional<SeenHTTPRequest>> ScriptedHTTPServer::readRequest(
     const std::size_t headSize = co_await asio::async_read_until(socket, bytes, "\r\n\r\n", asio::use_awaitable);
     SeenHTTPRequest request = parseHead(std::string_view(buffer).substr(0, headSize));
     buffer.erase(0, headSize);
+    request.remote = IPAddress::parse(socket.remote_endpoint().address().to_string());
     const auto length = request.headers.find("content-length");
     const std::size_t bodySize = length == request.headers.end() ? 0 : parseNumber(length->second).value_or(0);
     if (bodySize > mostRequestBytes) co_return std::nullopt;

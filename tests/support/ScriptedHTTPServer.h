@@ -2,6 +2,7 @@
 
 #include "public/common/Bytes.h"
 #include "public/common/HTTPMessage.h"
+#include "public/common/IPAddress.h"
 #include "public/common/TaskGroup.h"
 
 #include <boost/asio/any_io_executor.hpp>
@@ -24,6 +25,7 @@ struct SeenHTTPRequest {
     std::string target;                          ///< path and query, as sent
     std::map<std::string, std::string> headers;  ///< names in lower case
     Bytes body;
+    std::optional<IPAddress> remote;
 };
 
 /// What the server answers, well or badly.

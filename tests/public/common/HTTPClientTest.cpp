@@ -64,6 +64,7 @@ TEST_F(HTTPClientTest, bringsStatusHeadersAndBodyOverOneConnection) {
     const HTTPResponse response = get(server.url("/a/../b?q=%20~#fragment"));
     EXPECT_EQ(response.status, 404);
     EXPECT_EQ(response.header("x-name"), "value");
+    EXPECT_EQ(response.remoteAddress, IPAddress::parse("127.0.0.1"));
     EXPECT_EQ(asText(response.body), "/a/../b?q=%20~");
     get(server.url("/again"));
     EXPECT_EQ(server.acceptedConnections(), 1);
