@@ -1,5 +1,4 @@
 #include "Core/engine/PeerPool.h"
-
 #include "tests/support/ScriptedPeer.h"
 #include "tests/support/Simulation.h"
 
