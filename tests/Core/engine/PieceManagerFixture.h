@@ -31,7 +31,7 @@ protected:
     }
     void make(const TestTorrent& torrent, PieceManager::Mode mode = PieceManager::Mode::download) {
         manager =
-            std::make_unique<PieceManager>(torrent.metaInfo, folder.path, environment(simulation.executor()), mode);
+            std::make_unique<PieceManager>(torrent.metaInfo, folder.path(), environment(simulation.executor()), mode);
     }
     void setUp(const TestTorrent& torrent, PieceManager::Mode mode = PieceManager::Mode::download) {
         make(torrent, mode);

@@ -30,7 +30,7 @@ TEST_F(PieceManagerTest, downloadsPiecesThatSpanFilesByteForByte) {
     EXPECT_EQ(manager->completedBytes(), 89991);
     EXPECT_EQ(manager->bufferedBytes() + manager->unwrittenBytes(), 0);
     EXPECT_EQ(manager->bitfield(), Bytes{0xe0});
-    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
 }
 
 TEST_F(PieceManagerTest, splitsAMissingPieceIntoBlocksOnce) {
@@ -108,7 +108,7 @@ TEST_F(PieceManagerTest, doesNotGiveUpAPieceThatIsBeingWritten) {
     const TestTorrent torrent(16384, {{"t", 16384}});
     setUp(torrent);
     asio::io_context busyDisk;
-    manager = std::make_unique<PieceManager>(torrent.metaInfo, folder.path, environment(busyDisk.get_executor()),
+    manager = std::make_unique<PieceManager>(torrent.metaInfo, folder.path(), environment(busyDisk.get_executor()),
                                              PieceManager::Mode::download);
     manager->blocksForPiece(0);
     EXPECT_EQ(manager->storeBlock(0, 0, torrent.piece(0)), StoreResult::whole);
@@ -126,7 +126,7 @@ TEST_F(PieceManagerTest, doesNotGiveUpAPieceThatIsBeingWritten) {
     simulation.settle();
     EXPECT_EQ(result, completed);
     EXPECT_EQ(manager->unwrittenBytes(), 0);
-    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
     manager.reset();
 }
 
@@ -167,7 +167,7 @@ TEST_F(PieceManagerTest, readsBlocksOfCompletedPiecesOnly) {
     for (const auto& [begin, length] : {std::pair(-1, 10), {39999, 2}, {0, -1}, {2147483647, 2147483647}})
         EXPECT_FALSE(read(1, begin, length));
     for (const int piece : {0, 2, -1, 3}) EXPECT_FALSE(read(piece, 0, 1));
-    fs::remove(folder.path / "t/b");
+    fs::remove(folder.path() / "t/b");
     simulation.finish(manager->cleanup());
     EXPECT_FALSE(read(1, 0, 16384));
     EXPECT_TRUE(read(1, 0, 10000));
@@ -175,7 +175,7 @@ TEST_F(PieceManagerTest, readsBlocksOfCompletedPiecesOnly) {
 
 TEST_F(PieceManagerTest, readsNeighbouringBlocksInOneCall) {
     const TestTorrent torrent(32768, {{"t", 4 * 32768}});
-    torrent.writeTo(folder.path);
+    torrent.writeTo(folder.path());
     setUp(torrent, PieceManager::Mode::readOnly);
     EXPECT_FALSE(nextPiece());
     std::vector<Bytes> buffers(6, Bytes(16384));
@@ -224,7 +224,7 @@ TEST_F(PieceManagerTest, waitsLongerAfterEachFailedWriteAndReportsTheTroubleOnce
     while (const std::optional<int> piece = nextPiece()) EXPECT_EQ(receive(torrent, *piece), completed);
     EXPECT_TRUE(manager->isComplete());
     EXPECT_THAT(told, ElementsAre("t: No space left on device", std::nullopt));
-    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
 }
 
 TEST_F(PieceManagerTest, survivesAWriteThatTheSystemCutsShort) {
@@ -242,7 +242,7 @@ TEST_F(PieceManagerTest, survivesAWriteThatTheSystemCutsShort) {
     EXPECT_EQ(manager->storageProblem(), "t: File too large");
     simulation.advance(1s);
     EXPECT_EQ(receive(torrent, 1), completed);
-    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
 }
 
 TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
@@ -288,7 +288,7 @@ TEST_F(PieceManagerTest, refusesAHostileTorrentAtSetupAndDoesNothingWithIt) {
     EXPECT_FALSE(simulation.finish(manager->readBlock(0, 0, 1)));
     simulation.finish(manager->verifyExistingPieces());
     EXPECT_EQ(manager->completedPieces(), 0);
-    EXPECT_TRUE(fs::is_empty(folder.path));
+    EXPECT_TRUE(fs::is_empty(folder.path()));
 }
 
 TEST_F(PieceManagerTest, isCompleteWithoutPieces) {
@@ -296,7 +296,7 @@ TEST_F(PieceManagerTest, isCompleteWithoutPieces) {
     EXPECT_EQ(manager->progress(), 1.0);
     EXPECT_TRUE(manager->isComplete());
     EXPECT_THAT(manager->bitfield(), IsEmpty());
-    EXPECT_TRUE(fs::exists(folder.path / "t/empty"));
+    EXPECT_TRUE(fs::exists(folder.path() / "t/empty"));
 }
 
 }  // namespace

@@ -35,7 +35,7 @@ asio::awaitable<void> fetchAll(PieceManager& manager, const TestTorrent& torrent
 class PieceVerificationTest : public PieceManagerFixture {
 protected:
     void damage(const std::string& file, std::streamoff at) const {
-        std::fstream stream(folder.path / file, std::ios::in | std::ios::out | std::ios::binary);
+        std::fstream stream(folder.path() / file, std::ios::in | std::ios::out | std::ios::binary);
         stream.seekg(at);
         const int byte = stream.get();
         stream.seekp(at).put(static_cast<char>(byte ^ 1));
@@ -44,26 +44,26 @@ protected:
 
 TEST_F(PieceVerificationTest, tellsGoodFromBadFromMissing) {
     const TestTorrent torrent(1000, {{"t/a", 2500}, {"t/b", 2500}, {"t/c", 10}});
-    torrent.writeTo(folder.path);
+    torrent.writeTo(folder.path());
     damage("t/a", 1500);
-    fs::resize_file(folder.path / "t/b", 1000);
+    fs::resize_file(folder.path() / "t/b", 1000);
     setUp(torrent, Mode::readOnly);
     EXPECT_THAT(manager->verifiedConditions(), ElementsAre(good, bad, good, missing, missing, good));
     EXPECT_THAT(log.lines,
                 ElementsAre("verifyExistingPieces start, pieces=6", "verifyExistingPieces done, completed=3"));
     EXPECT_EQ(manager->completedBytes(), 2010);
     EXPECT_EQ(manager->downloadedBytes(), 2010);
-    EXPECT_EQ(fs::file_size(folder.path / "t/b"), 1000U);
+    EXPECT_EQ(fs::file_size(folder.path() / "t/b"), 1000U);
 }
 
 TEST_F(PieceVerificationTest, resumesWithWhatIsThereAndNoticesLaterAdditions) {
     const TestTorrent torrent(1000, {{"t/a", 2500}, {"t/b", 2500}});
-    torrent.writeTo(folder.path);
-    fs::remove(folder.path / "t/a");
+    torrent.writeTo(folder.path());
+    fs::remove(folder.path() / "t/a");
     setUp(torrent);
     EXPECT_THAT(manager->completionBitmap(), ElementsAre(false, false, false, true, true));
     EXPECT_EQ(receive(torrent, 1), ReceiveBlockResult::completed);
-    torrent.writeTo(folder.path);
+    torrent.writeTo(folder.path());
     simulation.finish(manager->verifyExistingPieces());
     EXPECT_THAT(manager->verifiedConditions(), Each(good));
     EXPECT_TRUE(manager->isComplete());
@@ -83,7 +83,7 @@ TEST_F(PieceVerificationTest, doesNotReadHoles) {
     std::ranges::copy(last, torrent.metaInfo->pieces.end() - std::ptrdiff_t{sha1Length});
     for (const bool knowsHoles : {true, false}) {
         calls.knowsHoles = knowsHoles;
-        fs::remove_all(folder.path / "t");
+        fs::remove_all(folder.path() / "t");
         setUp(torrent);
         EXPECT_EQ(calls.reads, 0);
         EXPECT_EQ(manager->completedPieces(), 51);
@@ -95,9 +95,9 @@ TEST_F(PieceVerificationTest, doesNotReadHoles) {
 
 TEST_F(PieceVerificationTest, countsZerosThatWereWrittenLikeAnyData) {
     const TestTorrent torrent(65536, {{"t", 3 * 65536}}, 0);
-    torrent.writeTo(folder.path);
-    fs::resize_file(folder.path / "t", 65536);
-    fs::resize_file(folder.path / "t", 3 * 65536);
+    torrent.writeTo(folder.path());
+    fs::resize_file(folder.path() / "t", 65536);
+    fs::resize_file(folder.path() / "t", 3 * 65536);
     setUp(torrent);
     EXPECT_TRUE(manager->isComplete());
     EXPECT_EQ(calls.reads, 1);
@@ -105,7 +105,7 @@ TEST_F(PieceVerificationTest, countsZerosThatWereWrittenLikeAnyData) {
 
 TEST_F(PieceVerificationTest, reportsProgressAndStopsSoonWhenCancelled) {
     const TestTorrent torrent(1 << 20U, {{"t", 100 << 20U}}, 3);
-    torrent.writeTo(folder.path);
+    torrent.writeTo(folder.path());
     make(torrent, Mode::readOnly);
     std::vector<int> progress;
     asio::cancellation_signal cancel;
@@ -131,13 +131,13 @@ TEST_F(PieceVerificationTest, reportsProgressAndStopsSoonWhenCancelled) {
 
 TEST_F(PieceVerificationTest, usesAllThreadsOfTheDiskPool) {
     const TestTorrent torrent(300'000, {{"t/a", 20'000'000}, {"t/b", 30'000'001}, {"t/c", 5}});
-    torrent.writeTo(folder.path);
+    torrent.writeTo(folder.path());
     damage("t/b", 12'345'678);
     ThreadPools pools;
     RealClock clock;
     TaskGroup tasks(pools.io());
     PieceManager::Environment environment{tasks.strand(), pools.disk(), clock, log, openFiles, calls};
-    PieceManager parallel(torrent.metaInfo, folder.path, environment, Mode::download);
+    PieceManager parallel(torrent.metaInfo, folder.path(), environment, Mode::download);
     asio::co_spawn(pools.io(), tasks.call(parallel.setup()), asio::use_future).get();
     EXPECT_EQ(parallel.completedPieces(), torrent.metaInfo->pieceCount() - 1);
     const std::optional<int> wrong = parallel.missingSet().first();
@@ -150,7 +150,7 @@ TEST_F(PieceVerificationTest, usesAllThreadsOfTheDiskPool) {
     EXPECT_THAT(parallel.verifiedConditions(), Each(good));
     asio::co_spawn(pools.io(), tasks.call(parallel.cleanup()), asio::use_future).get();
     asio::co_spawn(pools.io(), tasks.stop(), asio::use_future).get();
-    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
 }
 
 TEST_F(PieceVerificationTest, writesSeveralPiecesAtOnceAndStopsCleanlyWhileItDoes) {
@@ -160,7 +160,7 @@ TEST_F(PieceVerificationTest, writesSeveralPiecesAtOnceAndStopsCleanlyWhileItDoe
     for (int round = 0; round < 5; ++round) {
         TaskGroup tasks(pools.io());
         PieceManager::Environment environment{tasks.strand(), pools.disk(), clock, log, openFiles, calls};
-        PieceManager parallel(torrent.metaInfo, folder.path, environment, Mode::download);
+        PieceManager parallel(torrent.metaInfo, folder.path(), environment, Mode::download);
         std::vector<std::future<void>> ends;
         asio::co_spawn(pools.io(), tasks.call(parallel.setup()), asio::use_future).get();
         for (int peer = 0; peer < 4; ++peer)
@@ -173,7 +173,7 @@ TEST_F(PieceVerificationTest, writesSeveralPiecesAtOnceAndStopsCleanlyWhileItDoe
         asio::co_spawn(pools.io(), tasks.stop(), asio::use_future).get();
         EXPECT_TRUE(round < 4 || parallel.isComplete());
     }
-    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
 }
 
 }  // namespace

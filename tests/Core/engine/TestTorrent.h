@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Core/formats/TorrentMetaInfo.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -8,27 +9,10 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
 namespace skein {
-
-/// A folder of a test's own, gone with it.
-class TemporaryFolder {
-public:
-    explicit TemporaryFolder(const std::filesystem::path& below = std::filesystem::temp_directory_path()) {
-        std::string pattern = (below / "skein-test-XXXXXX").string();
-        path = ::mkdtemp(pattern.data());
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-    std::filesystem::path path;
-};
 
 /// A torrent with its content.
 struct TestTorrent {

@@ -20,8 +20,8 @@ using Presence = TorrentStorage::Presence;
 class TorrentStorageTest : public testing::Test {
 protected:
     std::unique_ptr<TorrentStorage> storageOf(const TestTorrent& torrent, StorageMode mode = StorageMode::download) {
-        return std::make_unique<TorrentStorage>(TorrentLayout(*torrent.metaInfo), folder.path / "save", mode, openFiles,
-                                                calls);
+        return std::make_unique<TorrentStorage>(TorrentLayout(*torrent.metaInfo), folder.path() / "save", mode,
+                                                openFiles, calls);
     }
     static void prepare(TorrentStorage& storage) { storage.prepare(0, storage.layout().files().size()); }
     /// The text of the StorageException that `work` throws.
@@ -82,21 +82,21 @@ TEST_F(TorrentStorageTest, readsAndWritesRandomLayoutsLikeOneLongFile) {
                 ASSERT_TRUE(std::ranges::equal(got, range));
             }
         }
-        EXPECT_TRUE(torrent.isWholeIn(folder.path / "save"));
+        EXPECT_TRUE(torrent.isWholeIn(folder.path() / "save"));
         EXPECT_LE(openFiles->count(), 4U);
     }
 }
 
 TEST_F(TorrentStorageTest, givesEveryFileItsSize) {
     const TestTorrent torrent(4, {{"t/new", 9}, {"t/empty", 0}, {"t/short", 8}, {"t/long", 5}});
-    fs::create_directories(folder.path / "save/t");
-    std::ofstream(folder.path / "save/t/short") << "abc";
-    std::ofstream(folder.path / "save/t/long") << "abcdefghi";
+    fs::create_directories(folder.path() / "save/t");
+    std::ofstream(folder.path() / "save/t/short") << "abc";
+    std::ofstream(folder.path() / "save/t/long") << "abcdefghi";
     prepare(*storageOf(torrent));
-    EXPECT_EQ(TestTorrent::contentOf(folder.path / "save/t/new"), Bytes(9));
-    EXPECT_EQ(fs::file_size(folder.path / "save/t/empty"), 0U);
-    EXPECT_EQ(TestTorrent::contentOf(folder.path / "save/t/short"), toBytes(std::string_view("abc\0\0\0\0\0", 8)));
-    EXPECT_EQ(TestTorrent::contentOf(folder.path / "save/t/long"), toBytes("abcde"));
+    EXPECT_EQ(TestTorrent::contentOf(folder.path() / "save/t/new"), Bytes(9));
+    EXPECT_EQ(fs::file_size(folder.path() / "save/t/empty"), 0U);
+    EXPECT_EQ(TestTorrent::contentOf(folder.path() / "save/t/short"), toBytes(std::string_view("abc\0\0\0\0\0", 8)));
+    EXPECT_EQ(TestTorrent::contentOf(folder.path() / "save/t/long"), toBytes("abcde"));
 }
 
 TEST_F(TorrentStorageTest, leavesNoTraceWhenItOnlyReads) {
@@ -105,47 +105,47 @@ TEST_F(TorrentStorageTest, leavesNoTraceWhenItOnlyReads) {
     prepare(*storage);
     TorrentStorage::PresenceNotes notes;
     EXPECT_EQ(storage->presenceOf(0, 4, notes), Presence::absent);
-    EXPECT_FALSE(fs::exists(folder.path / "save"));
+    EXPECT_FALSE(fs::exists(folder.path() / "save"));
 }
 
 TEST_F(TorrentStorageTest, neverFollowsALinkOutOfTheDownloadFolder) {
     const TestTorrent torrent(4, {{"t/sub/a", 9}, {"t/b", 3}});
-    const fs::path outside = folder.path / "outside";
+    const fs::path outside = folder.path() / "outside";
     fs::create_directories(outside);
-    fs::create_directories(folder.path / "save/t");
+    fs::create_directories(folder.path() / "save/t");
     const auto storage = storageOf(torrent);
-    fs::create_directory_symlink(outside, folder.path / "save/t/sub");
+    fs::create_directory_symlink(outside, folder.path() / "save/t/sub");
     EXPECT_THAT(failureOf([&] { prepare(*storage); }), HasSubstr("Symbolic link inside the download folder: t/sub/a"));
-    fs::remove(folder.path / "save/t/sub");
-    fs::create_symlink(outside / "b", folder.path / "save/t/b");
+    fs::remove(folder.path() / "save/t/sub");
+    fs::create_symlink(outside / "b", folder.path() / "save/t/b");
     EXPECT_THAT(failureOf([&] { prepare(*storage); }), HasSubstr("Symbolic link inside the download folder: t/b"));
-    fs::remove(folder.path / "save/t/b");
+    fs::remove(folder.path() / "save/t/b");
     prepare(*storage);
     // One that is put there later is met when the file is next opened.
-    fs::rename(folder.path / "save/t/sub", outside / "sub");
-    fs::create_directory_symlink(outside / "sub", folder.path / "save/t/sub");
+    fs::rename(folder.path() / "save/t/sub", outside / "sub");
+    fs::create_directory_symlink(outside / "sub", folder.path() / "save/t/sub");
     EXPECT_THAT(failureOf([&] { write(*storage, 0, torrent.bytes(0, 4)); }), HasSubstr("Symbolic link"));
     EXPECT_EQ(TestTorrent::contentOf(outside / "sub/a"), Bytes(9));
 }
 
 TEST_F(TorrentStorageTest, followsALinkThatIsTheDownloadFolder) {
     const TestTorrent torrent(4, {{"t/a", 9}});
-    fs::create_directories(folder.path / "elsewhere");
-    fs::create_directory_symlink(folder.path / "elsewhere", folder.path / "save");
+    fs::create_directories(folder.path() / "elsewhere");
+    fs::create_directory_symlink(folder.path() / "elsewhere", folder.path() / "save");
     prepare(*storageOf(torrent));
-    EXPECT_TRUE(fs::exists(folder.path / "elsewhere/t/a"));
+    EXPECT_TRUE(fs::exists(folder.path() / "elsewhere/t/a"));
 }
 
 TEST_F(TorrentStorageTest, saysWhatStandsInTheWay) {
     const TestTorrent torrent(4, {{"t/a", 9}});
     const auto storage = storageOf(torrent);
-    fs::create_directories(folder.path / "save/t/a");
+    fs::create_directories(folder.path() / "save/t/a");
     EXPECT_THAT(failureOf([&] { prepare(*storage); }), HasSubstr("t/a: Is a directory"));
-    fs::remove(folder.path / "save/t/a");
-    ASSERT_EQ(::mkfifo((folder.path / "save/t/a").c_str(), 0600), 0);
+    fs::remove(folder.path() / "save/t/a");
+    ASSERT_EQ(::mkfifo((folder.path() / "save/t/a").c_str(), 0600), 0);
     EXPECT_EQ(failureOf([&] { prepare(*storage); }), "Not a regular file: t/a");
-    fs::remove_all(folder.path / "save/t");
-    std::ofstream(folder.path / "save/t") << "a file";
+    fs::remove_all(folder.path() / "save/t");
+    std::ofstream(folder.path() / "save/t") << "a file";
     EXPECT_THAT(failureOf([&] { prepare(*storage); }), HasSubstr("t/a: Not a directory"));
 }
 
@@ -154,12 +154,12 @@ TEST_F(TorrentStorageTest, noticesThatAnOpenFileWasDeleted) {
     const auto storage = storageOf(torrent);
     prepare(*storage);
     write(*storage, 0, torrent.bytes(0, 4));
-    fs::remove(folder.path / "save/t/a");
+    fs::remove(folder.path() / "save/t/a");
     EXPECT_EQ(failureOf([&] { write(*storage, 4, torrent.bytes(4, 4)); }), "t/a: No such file or directory");
     prepare(*storage);
     write(*storage, 4, torrent.bytes(4, 4));
     storage->sync();
-    EXPECT_EQ(TestTorrent::contentOf(folder.path / "save/t/a")[4], torrent.content[4]);
+    EXPECT_EQ(TestTorrent::contentOf(folder.path() / "save/t/a")[4], torrent.content[4]);
 }
 
 TEST_F(TorrentStorageTest, tellsDataFromHolesAndFromNothing) {
@@ -167,7 +167,7 @@ TEST_F(TorrentStorageTest, tellsDataFromHolesAndFromNothing) {
     const TestTorrent torrent(page, {{"t/a", 8 * page}, {"t/b", page}, {"t/c", page}}, 1);
     for (const bool knowsHoles : {true, false}) {
         calls.knowsHoles = knowsHoles;
-        fs::remove_all(folder.path / "save");
+        fs::remove_all(folder.path() / "save");
         const auto storage = storageOf(torrent);
         prepare(*storage);
         TorrentStorage::PresenceNotes notes;
@@ -187,7 +187,7 @@ TEST_F(TorrentStorageTest, tellsDataFromHolesAndFromNothing) {
         EXPECT_EQ(at(3, 1), Presence::data);
         EXPECT_EQ(at(3, 2), Presence::data);
         EXPECT_EQ(at(4, 5), Presence::zeros);
-        fs::resize_file(folder.path / "save/t/b", 1);
+        fs::resize_file(folder.path() / "save/t/b", 1);
         EXPECT_EQ(at(7, 2), Presence::absent);
         EXPECT_EQ(at(9, 1), Presence::zeros);
     }
