@@ -9,11 +9,16 @@ namespace skein {
 
 using CommandMaker = std::unique_ptr<Command>();
 CommandMaker makeCreateCommand;
+CommandMaker makeGetCommand;
+CommandMaker makeSeedCommand;
 CommandMaker makeShowCommand;
+CommandMaker makeVerifyCommand;
 
 std::vector<std::unique_ptr<Command>> makeCommands() {
     std::vector<std::unique_ptr<Command>> commands;
-    for (CommandMaker* const make : {makeShowCommand, makeCreateCommand}) commands.push_back(make());
+    for (CommandMaker* const make :
+         {makeGetCommand, makeSeedCommand, makeVerifyCommand, makeShowCommand, makeCreateCommand})
+        commands.push_back(make());
     return commands;
 }
 

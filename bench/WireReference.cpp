@@ -10,13 +10,6 @@
 #include "public/common/SHA1.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/tcp.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
 #include <condition_variable>
@@ -24,10 +17,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fcntl.h>
 #include <memory>
 #include <mutex>
+#include <netinet/tcp.h>
 #include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -116,7 +115,8 @@ void seed(const char* file, int port, std::size_t pieceLength) {
 /// Hashes and writes whole pieces on a thread of its own.
 class PieceWriter {
 public:
-    PieceWriter(int output, std::size_t pieceLength) : output_(output), pieceLength_(pieceLength), thread_([this] { run(); }) {}
+    PieceWriter(int output, std::size_t pieceLength)
+        : output_(output), pieceLength_(pieceLength), thread_([this] { run(); }) {}
     ~PieceWriter() {
         {
             const std::lock_guard lock(mutex_);
@@ -204,7 +204,8 @@ void get(const char* file, int port, std::size_t size, std::size_t pieceLength) 
                 std::array<std::uint8_t, requestSize> request{0, 0, 0, 13, 6};
                 skein::writeBigEndian(request.data() + 5, static_cast<std::uint32_t>(offset / pieceLength));
                 skein::writeBigEndian(request.data() + 9, static_cast<std::uint32_t>(offset % pieceLength));
-                skein::writeBigEndian(request.data() + 13, static_cast<std::uint32_t>(std::min(blockSize, size - offset)));
+                skein::writeBigEndian(request.data() + 13,
+                                      static_cast<std::uint32_t>(std::min(blockSize, size - offset)));
                 requests.insert(requests.end(), request.begin(), request.end());
             }
             if (!requests.empty()) sendAll(peer, requests.data(), requests.size());

@@ -32,7 +32,7 @@ std::uint8_t* ChunkPool::take() {
 void ChunkPool::giveBack(std::uint8_t* chunk) noexcept {
     --inUse_;
     free_.push_back(chunk);
-    shrinkTo(std::clamp(inUse_ * chunkSize_, keptWhenIdle, keptAtMost) / chunkSize_);
+    shrinkTo((inUse_ == 0 ? keptWhenIdle : keptInUse) / chunkSize_);
 }
 
 void ChunkPool::trim() noexcept { shrinkTo(0); }

@@ -8,14 +8,14 @@ namespace skein {
 
 /// Memory for what arrives, in chunks of one size that are used again and again and are not cleared.
 ///
-/// Chunks come from the system directly and go back to it: a heap would keep them. As many are kept free as are in use,
-/// within limits; so a steady download asks the system for nothing, and one that stalls holds little.
+/// Chunks come from the system directly and go back to it: a heap would keep them. What is free stays, within a limit,
+/// while anything is in use, so a steady download asks the system for nothing; one that stalls holds little.
 /// Owner: PieceManager, on whose strand it lives. All chunks are given back before the pool goes.
 class ChunkPool {
 public:
-    /// What is kept free when nothing is in use, and at most.
+    /// What is kept free when nothing is in use, and while something is.
     static constexpr std::size_t keptWhenIdle = std::size_t{1} << 20U;
-    static constexpr std::size_t keptAtMost = std::size_t{16} << 20U;
+    static constexpr std::size_t keptInUse = std::size_t{16} << 20U;
 
     explicit ChunkPool(std::size_t chunkSize);
     ChunkPool(const ChunkPool&) = delete;

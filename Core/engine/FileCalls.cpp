@@ -31,16 +31,13 @@ ssize_t FileCalls::write(int file, const iovec* from, int count, std::int64_t of
     return count == 1 ? ::pwrite(file, from->iov_base, from->iov_len, offset) : ::pwritev(file, from, count, offset);
 }
 
-std::int64_t FileCalls::nextData(int file, std::int64_t offset) {
-#ifdef SEEK_DATA
-    return ::lseek(file, offset, SEEK_DATA);
+#ifdef SEEK_HOLE
+std::int64_t FileCalls::nextData(int file, std::int64_t offset) { return ::lseek(file, offset, SEEK_DATA); }
+std::int64_t FileCalls::nextHole(int file, std::int64_t offset) { return ::lseek(file, offset, SEEK_HOLE); }
 #else
-    static_cast<void>(file);
-    static_cast<void>(offset);
-    errno = ENOTSUP;
-    return -1;
+std::int64_t FileCalls::nextData(int, std::int64_t) { return errno = ENOTSUP, -1; }
+std::int64_t FileCalls::nextHole(int, std::int64_t) { return errno = ENOTSUP, -1; }
 #endif
-}
 
 int FileCalls::sync(int file) {
 #ifdef __APPLE__

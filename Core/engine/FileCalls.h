@@ -31,6 +31,8 @@ public:
     /// Where the next data at or after `offset` begins; -1 with ENXIO when there is none, with another errno when the
     /// file system cannot tell.
     virtual std::int64_t nextData(int file, std::int64_t offset);
+    /// The same for the next hole; a file ends in one.
+    virtual std::int64_t nextHole(int file, std::int64_t offset);
     /// Returns once what was written to the file is on the device.
     virtual int sync(int file);
 };

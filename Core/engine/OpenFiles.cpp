@@ -61,13 +61,15 @@ void OpenFiles::closeAll(std::uint64_t owner) {
     }
 }
 
-void OpenFiles::shrink() {
+bool OpenFiles::shrink() {
     Entries dropped;
     const std::lock_guard lock(mutex_);
+    if (recent_.empty()) return false;
     for (std::size_t keep = recent_.size() / 2; recent_.size() > keep;) {
         byKey_.erase(recent_.back().key);
         dropped.splice(dropped.end(), recent_, std::prev(recent_.end()));
     }
+    return true;
 }
 
 std::size_t OpenFiles::count() const {

@@ -45,8 +45,8 @@ public:
     File acquire(const Key& key, Access access, const Opener& open);
     void close(const Key& key);
     void closeAll(std::uint64_t owner);
-    /// Closes about half, for when the process has run out of descriptors.
-    void shrink();
+    /// Closes half of what is open, for when the process has run out of descriptors. False when nothing was open.
+    bool shrink();
     std::size_t count() const;
 
 private:

@@ -41,9 +41,8 @@ void PeerPool::connectToPeer(const DialRequest& request) {
 }
 
 bool PeerPool::isConnectedTo(const PeerAddress& address) const {
-    return std::any_of(connected_.begin(), connected_.end(), [&](const auto& entry) {
-        return entry.second->connection->address() == address;
-    });
+    return std::any_of(connected_.begin(), connected_.end(),
+                       [&](const auto& entry) { return entry.second->connection->address() == address; });
 }
 
 bool PeerPool::isFull() const noexcept {
@@ -261,7 +260,8 @@ void PeerPool::rememberDisconnectedPeer(const Peer& peer, const std::string& err
 }
 
 void PeerPool::remember(PeerRuntimeInfo info) {
-    std::erase_if(recentDisconnectedPeers_, [&](const PeerRuntimeInfo& other) { return other.address == info.address; });
+    std::erase_if(recentDisconnectedPeers_,
+                  [&](const PeerRuntimeInfo& other) { return other.address == info.address; });
     if (recentDisconnectedPeers_.size() >= maxRememberedPeers) recentDisconnectedPeers_.pop_front();
     recentDisconnectedPeers_.push_back(std::move(info));
 }
@@ -337,7 +337,8 @@ PeerRuntimeInfo PeerPool::infoOf(const Peer& peer) const {
     info.direction = connection.direction();
     info.transport = connection.transportKind();
     info.encryption = connection.encryptionStatus();
-    if (connection.remotePeerID()) info.clientName = PeerIDClientParser::clientName(*connection.remotePeerID()).value_or("");
+    if (connection.remotePeerID())
+        info.clientName = PeerIDClientParser::clientName(*connection.remotePeerID()).value_or("");
     info.downloaded = stats.downloaded;
     info.uploaded = stats.uploaded;
     info.downloadRate = static_cast<std::int64_t>(stats.downloadRate);

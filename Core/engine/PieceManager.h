@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Core/wire/BlockRequest.h"
 #include "Core/engine/ChunkPool.h"
 #include "Core/engine/PieceInFlight.h"
 #include "Core/engine/PiecePicker.h"
@@ -9,6 +8,7 @@
 #include "Core/engine/StorageError.h"
 #include "Core/engine/TorrentStorage.h"
 #include "Core/engine/WriteTrouble.h"
+#include "Core/wire/BlockRequest.h"
 #include "public/common/FileLogger.h"
 #include "public/common/TaskGroup.h"
 

@@ -91,7 +91,8 @@ bool RequestScheduler::takePiece(Peer& peer, PeerKey key) {
 
 bool RequestScheduler::mayTakePiece(const Peer& peer) const {
     if (piecesInFlight() >= maxInFlightPieces) return false;
-    if (piecesInFlight() > 0 && pieces_.bufferedBytes() + pieces_.metaInfo().pieceLength > maxBufferedBytes) return false;
+    if (piecesInFlight() > 0 && pieces_.bufferedBytes() + pieces_.metaInfo().pieceLength > maxBufferedBytes)
+        return false;
     if (peer.isSlow && fasterPeerThan(peer)) return false;
     return static_cast<int>(peer.pieces.size()) < shareOf(peer);
 }
@@ -224,8 +225,8 @@ std::optional<PeerKey> RequestScheduler::rescuerOf(int piece, const PieceInFligh
     if (remaining < rescueAfterSeconds) return std::nullopt;
     for (const auto& [key, peer] : peers_) {
         if (peer.isChoking || peer.isSlow || !peer.pieces.empty() || !peer.has.contains(piece)) continue;
-        const double rescue = static_cast<double>(inFlight.blocks.size()) * blockSize /
-                              std::max(peer.rate.bytesPerSecond(now), 1.0);
+        const double rescue =
+            static_cast<double>(inFlight.blocks.size()) * blockSize / std::max(peer.rate.bytesPerSecond(now), 1.0);
         if (rescue * rescueFactor < remaining) return key;
     }
     return std::nullopt;

@@ -15,7 +15,6 @@ std::string_view textOf(StorageError error) noexcept {
         case StorageError::pieceCountMismatch: return "Piece count does not match the torrent's size: ";
         case StorageError::notAFile: return "Not a regular file: ";
         case StorageError::symbolicLink: return "Symbolic link inside the download folder: ";
-        case StorageError::fileRemoved: return "File was removed: ";
         case StorageError::fileTooShort: return "File is too short: ";
         case StorageError::system: return "";
     }

@@ -16,7 +16,6 @@ enum class StorageError {
     pieceCountMismatch,
     notAFile,
     symbolicLink,
-    fileRemoved,
     fileTooShort,
     system,
 };

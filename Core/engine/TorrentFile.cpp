@@ -1,11 +1,10 @@
 #include "Core/engine/TorrentFile.h"
 
 #include "Core/formats/BEncoder.h"
+#include "public/common/WholeFile.h"
 
-#include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <stdexcept>
+#include <system_error>
 
 namespace skein::TorrentFile {
 
@@ -13,10 +12,6 @@ namespace {
 
 /// File systems take 255 bytes; ".torrent" and " (1)" must still fit.
 constexpr std::size_t maxNameBytes = 240;
-
-[[noreturn]] void throwFault(const std::filesystem::path& path, int error) {
-    throw std::runtime_error(path.string() + ": " + std::strerror(error));
-}
 
 }  // namespace
 
@@ -27,42 +22,14 @@ std::optional<std::string> faultOf(ByteView data) {
     return std::nullopt;
 }
 
-Bytes read(const std::filesystem::path& path) {
-    std::error_code error;
-    if (std::filesystem::is_directory(path, error)) throwFault(path, EISDIR);
-    errno = 0;
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    if (!file) throwFault(path, errno == 0 ? EIO : errno);
-    const auto size = static_cast<std::streamoff>(file.tellg());
-    if (size < 0 || static_cast<std::size_t>(size) > maxBytes)
-        throw std::runtime_error(path.string() + ": larger than a .torrent file can be");
-    Bytes data(static_cast<std::size_t>(size));
-    file.seekg(0);
-    file.read(reinterpret_cast<char*>(data.data()), size);
-    if (!file) throwFault(path, EIO);
-    return data;
-}
-
 std::filesystem::path save(const std::filesystem::path& folder, std::string_view name, ByteView data) {
     std::filesystem::create_directories(folder);
     const std::filesystem::path path = folder / (safeFileName(name) + ".torrent");
     if (std::filesystem::exists(std::filesystem::symlink_status(path))) {
-        if (std::filesystem::file_size(path) <= maxBytes && asText(read(path)) == asText(data)) return path;
-        throw std::runtime_error(path.string() + ": another file of that name exists");
+        if (asText(readWholeFile(path, maxBytes)) == asText(data)) return path;
+        throw std::system_error(std::make_error_code(std::errc::file_exists), path.string());
     }
-    std::filesystem::path temporary = path;
-    temporary += ".tmp";
-    {
-        std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-        file.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
-        file.close();
-        if (!file) {
-            const int error = errno;
-            std::filesystem::remove(temporary);
-            throwFault(path, error == 0 ? EIO : error);
-        }
-    }
-    std::filesystem::rename(temporary, path);
+    replaceWholeFile(path, data);
     return path;
 }
 

@@ -10,17 +10,14 @@
 /// `.torrent` files on disk and as they come in. All but `faultOf` are file calls: disk pool only.
 namespace skein::TorrentFile {
 
-/// Larger files are not read: 32 MiB hold the hashes of 1.6 million pieces.
+/// Larger ones are not read: 32 MiB hold the hashes of 1.6 million pieces.
 inline constexpr std::size_t maxBytes = std::size_t{32} << 20U;
 
 /// What keeps `data` from being a torrent at all, as the log says it.
 std::optional<std::string> faultOf(ByteView data);
 
-/// The file's bytes. Throws std::runtime_error with the reason.
-Bytes read(const std::filesystem::path& path);
-
-/// Writes `data` as NAME.torrent into `folder` (created when missing) and returns the path. A file of that name with the
-/// same bytes is left; one with others is never overwritten. Throws std::runtime_error with the reason.
+/// Writes `data` as NAME.torrent into `folder` (created when missing) and returns the path. A file of that name with
+/// the same bytes is left; one with others is never overwritten. Throws std::system_error with the reason.
 std::filesystem::path save(const std::filesystem::path& folder, std::string_view name, ByteView data);
 
 /// `name` as one path component: what cannot stand in a file name becomes "_", and it is cut to what file systems take.

@@ -72,6 +72,10 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
     co_await openPieces();
     if (!pieceManager_) co_return;
     if (options_.savesTorrent && !options_.seedsOnly) co_await saveTorrentFile(std::move(torrentData));
+    if (options_.seedsOnly && pieceManager_->completedPieces() == 0 && metaInfo_->pieceCount() > 0) {
+        fail("Nothing to seed: no complete piece in " + options_.savePath.string());
+        co_return;
+    }
     if (pieceManager_->isComplete()) {
         services_.log.info("[Session] ✅ Already completed (files exist on disk)");
         setStatus("Files already exist, download complete");
@@ -145,7 +149,7 @@ asio::awaitable<void> TorrentSession::openPieces() {
         downloadSpeedTracker_.add(bytes, services_.clock.now());
     };
     callbacks.onBytesUploaded = [this](std::int64_t bytes) { uploadSpeedTracker_.add(bytes, services_.clock.now()); };
-    const PieceExchange::Environment exchangeEnvironment{tasks_.strand(), services_.clock,       services_.log,
+    const PieceExchange::Environment exchangeEnvironment{tasks_.strand(), services_.clock,      services_.log,
                                                          peerPool_,       options_.servesPeers, !options_.seedsOnly};
     exchange_ = std::make_unique<PieceExchange>(exchangeEnvironment, pieces, std::move(callbacks));
 }
@@ -170,9 +174,10 @@ asio::awaitable<void> TorrentSession::startListening() {
     isListening_ = true;
     // The listener's strand hands over to ours; the session removes its entry before it goes.
     PeerListener::Handler handler = [this](std::unique_ptr<PeerWireTransport> transport, PeerAddress address) {
-        asio::dispatch(tasks_.strand(), [this, transport = std::move(transport), address = std::move(address)]() mutable {
-            if (exchange_) peerPool_.handleIncomingConnection(std::move(transport), std::move(address));
-        });
+        asio::dispatch(tasks_.strand(),
+                       [this, transport = std::move(transport), address = std::move(address)]() mutable {
+                           if (exchange_) peerPool_.handleIncomingConnection(std::move(transport), std::move(address));
+                       });
     };
     co_await services_.listener.add(infoHash_, std::move(handler));
     services_.log.info("[Session] TCP listener started on port ", services_.listener.port());
@@ -195,19 +200,18 @@ void TorrentSession::startTrackers() {
     lastPublicBTDiscoveryAt_ = services_.clock.now();
     TrackerAnnouncer::Callbacks callbacks;
     callbacks.totals = [this] { return totals(); };
-    callbacks.wantsPeers = [this] {
+    callbacks.isShortOfPeers = [this] {
         return state_.kind == Kind::downloading && peerPool_.connected().size() < fewPeers;
     };
-    callbacks.onPeersFound = [this](const std::string& tracker, const std::vector<PeerAddress>& peers) {
-        handleTrackerPeers(tracker, peers);
-    };
+    callbacks.onAnswer = [this](const TrackerAnnounceOutcome& outcome) { handleTrackerAnswer(outcome); };
     callbacks.onRowsChanged = [this](const std::vector<TrackerRuntimeInfo>& rows) {
         if (callbacks_.onTrackerDetailsUpdated) callbacks_.onTrackerDetailsUpdated(rows);
     };
-    const TrackerAnnouncer::Environment environment{tasks_.strand(), services_.clock, services_.log,
-                                                    services_.trackerClient, infoHash_, peerID_,
-                                                    services_.listener.port()};
-    announcer_ = std::make_unique<TrackerAnnouncer>(environment, std::move(tiers), std::move(callbacks));
+    auto client =
+        std::make_unique<TrackerClient>(services_.io, services_.trackers, Bytes(peerID_.begin(), peerID_.end()),
+                                        services_.listener.port(), IPAddress::parse(options_.bindAddress));
+    const TrackerAnnouncer::Environment environment{tasks_.strand(), services_.clock, services_.log, infoHash_};
+    announcer_ = std::make_unique<TrackerAnnouncer>(environment, std::move(client), tiers, std::move(callbacks));
     announcer_->start();
 }
 
@@ -222,12 +226,16 @@ std::vector<std::vector<std::string>> TorrentSession::effectiveTrackers() const 
     return tiers;
 }
 
-void TorrentSession::handleTrackerPeers(const std::string& tracker, const std::vector<PeerAddress>& peers) {
-    services_.log.info("[Session] Tracker ", tracker, " → ", peers.size(), " peers, connecting immediately...");
-    setStatus("Tracker found " + std::to_string(peers.size()) + " peers, connecting...");
+void TorrentSession::handleTrackerAnswer(const TrackerAnnounceOutcome& outcome) {
+    if (!outcome.isSuccess() || !isRunning()) return;
+    const std::size_t count = outcome.peers.size();
+    services_.log.info("[Session] Tracker ", outcome.tracker, " → ", count, " peers, connecting immediately...");
+    // A torrent that seeds is dialled by those who need it.
+    if (state_.kind != Kind::downloading) return;
+    setStatus("Tracker found " + std::to_string(count) + " peers, connecting...");
     // A tracker on this machine or site knows its peers by their local addresses.
-    const bool allowsLocal = options_.allowsLocalPeers || TrackerClient::isLocalTracker(tracker);
-    for (const PeerAddress& peer : peers) {
+    const bool allowsLocal = options_.allowsLocalPeers || outcome.isTrackerLocal;
+    for (const PeerAddress& peer : outcome.peers) {
         if (peer.isUsablePublicBTPeer() || (allowsLocal && peer.isLocal() && peer.port > 0)) {
             peerPool_.connectToPeer({peer, PeerSource::publicTracker, false});
         } else {
@@ -255,7 +263,11 @@ void TorrentSession::rediscoverPublicBTPeers(std::string_view reason, std::chron
 
 PeerPool::Environment TorrentSession::poolEnvironment() {
     const PeerConnection::Identity identity{infoHash_, peerID_};
-    return {tasks_.strand(), services_.clock, services_.log, identity, options_.maxConnections,
+    return {tasks_.strand(),
+            services_.clock,
+            services_.log,
+            identity,
+            options_.maxConnections,
             [this](const PeerAddress& address) -> std::unique_ptr<PeerWireTransport> {
                 return std::make_unique<NWPeerWireTransport>(services_.io, services_.clock, address,
                                                              PeerPool::publicBTConnectTimeout, options_.bindAddress);
@@ -323,10 +335,13 @@ asio::awaitable<void> TorrentSession::progressLoop() {
 void TorrentSession::updateProgress() {
     if (!callbacks_.onProgressUpdated || !pieceManager_) return;
     const Clock::TimePoint now = services_.clock.now();
-    callbacks_.onProgressUpdated(pieceManager_->progress(),
-                                 static_cast<std::int64_t>(downloadSpeedTracker_.bytesPerSecond(now)),
-                                 static_cast<std::int64_t>(uploadSpeedTracker_.bytesPerSecond(now)),
-                                 pieceManager_->completedBytes());
+    Progress progress;
+    progress.fraction = pieceManager_->progress();
+    progress.downloadRate = static_cast<std::int64_t>(downloadSpeedTracker_.bytesPerSecond(now));
+    progress.uploadRate = static_cast<std::int64_t>(uploadSpeedTracker_.bytesPerSecond(now));
+    progress.completedBytes = pieceManager_->completedBytes();
+    progress.uploadedBytes = uploadSpeedTracker_.total();
+    callbacks_.onProgressUpdated(progress);
 }
 
 void TorrentSession::reportPeers() {

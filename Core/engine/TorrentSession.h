@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/discovery/TrackerClient.h"
 #include "Core/discovery/TrackerRuntimeInfo.h"
 #include "Core/engine/PeerPool.h"
 #include "Core/engine/PieceExchange.h"
@@ -8,7 +9,6 @@
 #include "Core/formats/TorrentMetaInfo.h"
 #include "Core/wire/PeerListener.h"
 #include "Core/wire/PeerRuntimeInfo.h"
-#include "Core/discovery/TrackerClient.h"
 #include "public/common/Random.h"
 #include "public/common/SpeedTracker.h"
 #include "public/common/TaskGroup.h"
@@ -39,11 +39,17 @@ public:
         std::string message;  ///< with `error`
     };
 
+    struct Progress {
+        double fraction = 0;
+        std::int64_t downloadRate = 0;    ///< bytes a second
+        std::int64_t uploadRate = 0;      ///< bytes a second
+        std::int64_t completedBytes = 0;  ///< verified
+        std::int64_t uploadedBytes = 0;   ///< in this run
+    };
+
     struct Callbacks {
         std::function<void(const State&)> onStateChanged;
-        /// The fraction done, bytes a second down and up, and the verified bytes.
-        std::function<void(double progress, std::int64_t downloadRate, std::int64_t uploadRate, std::int64_t bytes)>
-            onProgressUpdated;
+        std::function<void(const Progress&)> onProgressUpdated;
         std::function<void(const TorrentMetaInfo&)> onMetadataReceived;
         std::function<void(const std::string&)> onStatusMessage;
         std::function<void(const std::vector<PeerRuntimeInfo>&)> onPeerDetailsUpdated;
@@ -59,7 +65,7 @@ public:
         Clock& clock;
         FileLogger& log;
         Random& random;
-        TrackerClient& trackerClient;
+        TrackerServices trackers;
         PeerListener& listener;
     };
 
@@ -68,10 +74,10 @@ public:
         std::size_t maxConnections = defaultMaxConnections;
         std::int64_t downloadLimit = 0;  ///< bytes a second, 0 = unlimited
         std::int64_t uploadLimit = 0;
-        bool servesPeers = true;    ///< false never unchokes
-        bool seedsOnly = false;     ///< serves what is there; never writes, never downloads
-        bool savesTorrent = true;   ///< beside the download
-        bool usesTrackers = true;   ///< the torrent's own
+        bool servesPeers = true;   ///< false never unchokes
+        bool seedsOnly = false;    ///< serves what is there; never writes, never downloads
+        bool savesTorrent = true;  ///< beside the download
+        bool usesTrackers = true;  ///< the torrent's own
         bool allowsLocalPeers = false;
         std::vector<std::string> extraTrackers;     ///< named by the user, one tier each
         std::vector<std::string> fallbackTrackers;  ///< for a public torrent that names none
@@ -115,7 +121,7 @@ private:
     std::vector<std::vector<std::string>> effectiveTrackers() const;
     asio::awaitable<void> publicBTDiscoveryLoop();
     void rediscoverPublicBTPeers(std::string_view reason, std::chrono::seconds minInterval);
-    void handleTrackerPeers(const std::string& tracker, const std::vector<PeerAddress>& peers);
+    void handleTrackerAnswer(const TrackerAnnounceOutcome& outcome);
     asio::awaitable<void> closeTraffic();
     asio::awaitable<void> doPause();
     asio::awaitable<void> doResume();

@@ -63,15 +63,13 @@ void TorrentStorage::prepareFile(std::size_t index) {
 }
 
 void TorrentStorage::write(std::int64_t offset, std::span<const iovec> from) {
+    const std::lock_guard turn(writeTurn_);
     isUntouched_ = false;
     VectorCursor left(from);
     std::array<iovec, buffersPerCall> window{};
     layout_.forEachSlice(offset, static_cast<std::int64_t>(VectorCursor::total(from)), [&](TorrentLayout::Slice slice) {
         const OpenFiles::File handle = file(slice.file, OpenFiles::Access::write);
-        {
-            const std::lock_guard lock(unsyncedMutex_);
-            unsynced_.insert(slice.file);
-        }
+        unsynced_.insert(slice.file);
         while (slice.length > 0) {
             const int count = left.describe(window, static_cast<std::size_t>(slice.length));
             const ssize_t written =
@@ -109,42 +107,48 @@ TorrentStorage::Presence TorrentStorage::presenceOf(std::int64_t offset, std::in
     bool isShort = false;
     layout_.forEachSlice(offset, length, [&](const TorrentLayout::Slice& slice) {
         if (isShort) return;
-        noteHole(notes, slice);
         const std::int64_t end = slice.offset + slice.length;
+        if (notes.file != slice.file || slice.offset < notes.start || slice.offset >= notes.end) lookAt(slice, notes);
         isShort = notes.size < end;
-        hasData = hasData || slice.offset < notes.holeStart || end > notes.holeEnd;
+        hasData = hasData || !notes.isHole || notes.end < end;
     });
     if (isShort) return Presence::absent;
     return hasData ? Presence::data : Presence::zeros;
 }
 
-/// Brings `notes` up to date for `slice`: about its file, and about the hole that begins where the slice does.
-void TorrentStorage::noteHole(PresenceNotes& notes, const TorrentLayout::Slice& slice) {
-    const bool isSameFile = notes.file == slice.file;
-    if (isSameFile && (notes.size < 0 || (slice.offset >= notes.holeStart && slice.offset < notes.holeEnd))) return;
+/// Notes what there is of the slice's file, and how far the data or hole extends that begins where the slice does.
+void TorrentStorage::lookAt(const TorrentLayout::Slice& slice, PresenceNotes& notes) {
+    if (notes.file == slice.file && notes.size < 0) return;
     OpenFiles::File handle;
     try {
         handle = file(slice.file, OpenFiles::Access::read);
-        if (!isSameFile) notes = {slice.file, sizeOnDisk(*handle, layout_.files()[slice.file].path), 0, 0};
+        if (notes.file != slice.file) notes.size = sizeOnDisk(*handle, layout_.files()[slice.file].path);
     } catch (const StorageException&) {
-        notes = {slice.file, -1, 0, 0};
+        notes = {slice.file, -1};
         return;
     }
-    std::int64_t data = retried([&] { return calls_.nextData(handle->number(), slice.offset); });
-    if (data < 0) data = errno == ENXIO ? notes.size : slice.offset;
-    // Where the file system does not tell (it then calls everything data), we still know what we just added.
-    if (isUntouched_ && slice.offset >= zerosFrom_[slice.file]) data = notes.size;
-    notes.holeStart = slice.offset;
-    notes.holeEnd = std::max(data, slice.offset);
+    const auto ask = [&](auto call) { return retried([&] { return (calls_.*call)(handle->number(), slice.offset); }); };
+    const std::int64_t data = ask(&FileCalls::nextData);
+    // Where the file system cannot tell, we still know what we just added.
+    const bool isOurs = isUntouched_ && slice.offset >= zerosFrom_[slice.file];
+    if (isOurs || (data < 0 && errno == ENXIO)) {
+        notes = {slice.file, notes.size, true, slice.offset, notes.size};
+    } else if (data > slice.offset) {
+        notes = {slice.file, notes.size, true, slice.offset, data};
+    } else {
+        const std::int64_t hole = ask(&FileCalls::nextHole);
+        notes = {slice.file, notes.size, false, slice.offset, hole < 0 ? notes.size : hole};
+    }
 }
 
 void TorrentStorage::sync() {
-    std::set<std::size_t> files;
-    {
-        const std::lock_guard lock(unsyncedMutex_);
-        files.swap(unsynced_);
-    }
-    for (const std::size_t index : files) {
+    for (;;) {
+        std::size_t index = 0;
+        {
+            const std::lock_guard turn(writeTurn_);
+            if (unsynced_.empty()) return;
+            index = unsynced_.extract(unsynced_.begin()).value();
+        }
         const OpenFiles::File handle = file(index, OpenFiles::Access::write);
         if (retried([&] { return calls_.sync(handle->number()); }) != 0)
             throw StorageException::failedCall(layout_.files()[index].path, errno);
@@ -217,8 +221,9 @@ FileDescriptor TorrentStorage::openFolderBelow(const FileDescriptor& folder, con
 int TorrentStorage::tryOpen(int folder, const char* name, int flags) {
     const auto attempt = [&] { return retried([&] { return calls_.open(folder, name, flags, 0666); }); };
     int file = attempt();
-    if (file < 0 && (errno == EMFILE || errno == ENFILE)) {
-        openFiles_->shrink();
+    while (file < 0 && (errno == EMFILE || errno == ENFILE)) {
+        const int code = errno;
+        if (!openFiles_->shrink()) return errno = code, -1;
         file = attempt();
     }
     return file;

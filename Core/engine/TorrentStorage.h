@@ -35,9 +35,10 @@ public:
     struct PresenceNotes {
         static constexpr std::size_t noFile = static_cast<std::size_t>(-1);
         std::size_t file = noFile;
-        std::int64_t size = -1;      // of the file on disk, -1 when there is none
-        std::int64_t holeStart = 0;  // [holeStart, holeEnd) of it is a hole
-        std::int64_t holeEnd = 0;
+        std::int64_t size = -1;  // of the file on disk, -1 when there is none
+        bool isHole = false;     // whether [start, end) of it is a hole or data
+        std::int64_t start = 0;
+        std::int64_t end = 0;
     };
 
     TorrentStorage(TorrentLayout layout, std::filesystem::path folder, StorageMode mode,
@@ -72,7 +73,7 @@ private:
     int tryOpen(int folder, const char* name, int flags);
     void prepareFile(std::size_t index);
     std::int64_t sizeOnDisk(const FileDescriptor& file, const std::string& path);
-    void noteHole(PresenceNotes& notes, const TorrentLayout::Slice& slice);
+    void lookAt(const TorrentLayout::Slice& slice, PresenceNotes& notes);
 
     const TorrentLayout layout_;
     const std::filesystem::path folder_;
@@ -82,8 +83,9 @@ private:
     FileCalls& calls_;
     std::vector<std::int64_t> zerosFrom_;   // by file: `prepare` added the bytes from here on
     std::atomic<bool> isUntouched_{false};  // nothing was written since `prepare`
-    std::mutex unsyncedMutex_;
-    std::set<std::size_t> unsynced_;
+    // One write at a time: the system lets in only one a file, and those who wait for it there keep a core busy.
+    std::mutex writeTurn_;
+    std::set<std::size_t> unsynced_;  // files written to; guarded by writeTurn_
 };
 
 }  // namespace skein

@@ -3,15 +3,13 @@
 #include "Core/discovery/AnnounceSchedule.h"
 #include "Core/discovery/TrackerClient.h"
 #include "Core/discovery/TrackerRuntimeInfo.h"
-#include "Core/wire/PeerAddress.h"
-#include "Core/wire/PeerHandshake.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
 #include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
 
 #include <functional>
-#include <string>
+#include <memory>
 #include <vector>
 
 namespace skein {
@@ -34,21 +32,20 @@ public:
         Strand strand;
         Clock& clock;
         FileLogger& log;
-        TrackerClient& client;
         SHA1Digest infoHash;
-        PeerID peerID;
-        std::uint16_t port;
     };
 
     struct Callbacks {
         std::function<Totals()> totals;
-        /// Whether more peers are wanted than there are: the schedule may then ask earlier.
-        std::function<bool()> wantsPeers;
-        std::function<void(const std::string& tracker, const std::vector<PeerAddress>& peers)> onPeersFound;
+        /// Whether the torrent downloads with too few peers: the schedule may then ask earlier.
+        std::function<bool()> isShortOfPeers;
+        /// A tracker answered, as soon as it did.
+        std::function<void(const TrackerAnnounceOutcome&)> onAnswer;
         std::function<void(const std::vector<TrackerRuntimeInfo>&)> onRowsChanged;
     };
 
-    TrackerAnnouncer(const Environment& environment, std::vector<std::vector<std::string>> tiers, Callbacks callbacks);
+    TrackerAnnouncer(const Environment& environment, std::unique_ptr<TrackerClient> client,
+                     const AnnounceSchedule::Tiers& tiers, Callbacks callbacks);
     ~TrackerAnnouncer();
 
     /// Announces, and goes on doing so.
@@ -62,15 +59,21 @@ public:
 
 private:
     asio::awaitable<void> announceLoop();
+    void announceDue();
     asio::awaitable<void> announce(AnnounceSchedule::Due due);
     asio::awaitable<void> sendStopped();
-    asio::awaitable<void> sendOneStopped(std::string tracker);
+    asio::awaitable<void> sendOneStopped(AnnounceSchedule::Due due);
+    TrackerAnnounce announceOf(TrackerEvent event) const;
+    AnnounceSchedule::Moment moment() const;
     void reportRows();
 
     const Environment environment_;
+    const std::unique_ptr<TrackerClient> client_;
     const Callbacks callbacks_;
     AnnounceSchedule schedule_;
     Notifier wake_;
+    Notifier farewellEnded_;
+    std::size_t farewellsRunning_ = 0;
     std::size_t announcesRunning_ = 0;
     TaskGroup tasks_;
     TaskGroup farewells_;

@@ -71,8 +71,8 @@ asio::awaitable<std::size_t> NWPeerWireTransport::receiveSome(std::span<std::uin
         co_return count;
     }
     boost::system::error_code error;
-    const std::size_t count = co_await connection_.async_read_some(
-        asio::buffer(into.data(), into.size()), asio::redirect_error(asio::use_awaitable, error));
+    const std::size_t count = co_await connection_.async_read_some(asio::buffer(into.data(), into.size()),
+                                                                   asio::redirect_error(asio::use_awaitable, error));
     if (error == asio::error::eof) throw PeerException(PeerError::connectionClosed);
     if (error) throw boost::system::system_error(error);
     co_return count;

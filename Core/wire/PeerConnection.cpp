@@ -116,8 +116,7 @@ asio::awaitable<void> PeerConnection::messageLoop() {
 asio::awaitable<void> PeerConnection::receiveMessages() {
     for (;;) {
         std::span<std::uint8_t> room = received_.prepare();
-        const std::int64_t portion =
-            environment_.sessionDownload.portion(download_.portion(largestRead));
+        const std::int64_t portion = environment_.sessionDownload.portion(download_.portion(largestRead));
         room = room.first(std::min(room.size(), static_cast<std::size_t>(std::max<std::int64_t>(portion, 1024))));
         isReading_ = true;
         const std::size_t count = co_await transport_->receiveSome(room);
@@ -169,7 +168,8 @@ void PeerConnection::onBitfield(ByteView bitfield) {
 
 void PeerConnection::onRequest(std::uint32_t piece, std::uint32_t begin, std::uint32_t length) {
     if (amChoking_) return;
-    if (uploads_.push({static_cast<int>(piece), static_cast<int>(begin), static_cast<int>(length)})) writerWake_.notify();
+    if (uploads_.push({static_cast<int>(piece), static_cast<int>(begin), static_cast<int>(length)}))
+        writerWake_.notify();
 }
 
 void PeerConnection::onCancel(std::uint32_t piece, std::uint32_t begin, std::uint32_t length) {

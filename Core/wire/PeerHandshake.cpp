@@ -34,7 +34,8 @@ PeerHandshake::Encoded PeerHandshake::encode() const {
 std::optional<std::string> PeerHandshake::faultOf(ByteView bytes) {
     const ByteView head = bytes.first(std::min(bytes.size(), dumpedBytes));
     if (bytes[0] != protocolName.size())
-        return " bad pstrlen=" + std::to_string(bytes[0]) + " head=" + toHex(head) + " ascii=\"" + printable(head) + "\"";
+        return " bad pstrlen=" + std::to_string(bytes[0]) + " head=" + toHex(head) + " ascii=\"" + printable(head) +
+               "\"";
     const ByteView name = bytes.subspan(1, protocolName.size());
     if (asText(name) != protocolName) return " bad pstr=\"" + printable(name) + "\" head=" + toHex(head);
     return std::nullopt;

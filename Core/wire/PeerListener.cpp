@@ -38,9 +38,9 @@ asio::awaitable<void> PeerListener::stop() {
 }
 
 asio::awaitable<void> PeerListener::open(std::uint16_t port) {
-    tcp::endpoint first(bindAddress_.empty() ? asio::ip::address(asio::ip::address_v4::any())
-                                             : asio::ip::make_address(bindAddress_),
-                        port);
+    tcp::endpoint first(
+        bindAddress_.empty() ? asio::ip::address(asio::ip::address_v4::any()) : asio::ip::make_address(bindAddress_),
+        port);
     try {
         listenOn(first);
     } catch (const boost::system::system_error& error) {

@@ -4,6 +4,7 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 
 #include <cstdio>
+#include <utility>
 
 namespace skein {
 
@@ -38,18 +39,18 @@ void replaceControls(std::string& line) {
 }  // namespace
 
 struct FileLogger::Sink {
-    explicit Sink(const std::filesystem::path& file)
-        : writer(std::make_shared<spdlog::details::thread_pool>(waitingLines, 1)),
-          logger(std::make_shared<spdlog::async_logger>(
-              "skein", std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file.string(), rotateAtBytes, keptFiles),
-              writer, spdlog::async_overflow_policy::overrun_oldest)) {
+    explicit Sink(const std::filesystem::path& file) {
+        auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file.string(), rotateAtBytes, keptFiles);
+        writer = std::make_shared<spdlog::details::thread_pool>(waitingLines, 1);
+        logger = std::make_shared<spdlog::async_logger>("skein", std::move(sink), writer,
+                                                        spdlog::async_overflow_policy::overrun_oldest);
         logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %L %v");
         logger->set_level(spdlog::level::trace);
         logger->flush_on(spdlog::level::info);
     }
 
-    std::shared_ptr<spdlog::details::thread_pool> writer;
     std::shared_ptr<spdlog::async_logger> logger;
+    std::shared_ptr<spdlog::details::thread_pool> writer;  // goes first: writes out what waits, and joins its thread
 };
 
 FileLogger::FileLogger() : FileLogger(LogLevel::off) {}

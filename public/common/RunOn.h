@@ -20,7 +20,9 @@ namespace skein {
 namespace asio = boost::asio;
 
 /// Runs `work` on `pool` (the disk pool, for file calls and hashing) and returns its result where the caller was;
-/// what it throws comes through. Cancelling the caller does not end the wait: `work` may still use what the caller owns.
+/// what it throws comes through. Cancelling the caller does not end the wait: `work` may still use what the caller
+/// owns. `pool` ends before the caller's own executor does, which its threads still hold for a moment after they
+/// resumed it.
 template <class Work>
 asio::awaitable<std::invoke_result_t<Work&>> runOn(asio::any_io_executor pool, Work work) {
     using Result = std::invoke_result_t<Work&>;

@@ -31,7 +31,8 @@ class TaskGroup {
 public:
     /// A group with a strand of its own over `pool`.
     explicit TaskGroup(const asio::any_io_executor& pool);
-    /// A group that shares the strand of an actor that it works hand in glove with: calls between them change no thread.
+    /// A group that shares the strand of an actor that it works hand in glove with: calls between them change no
+    /// thread.
     explicit TaskGroup(const Strand& strand);
 
     const Strand& strand() const noexcept { return strand_; }

@@ -1,86 +1,302 @@
-#include "Core/engine/PieceManager.h"
-#include "tests/Core/engine/TestTorrent.h"
-#include "tests/support/Simulation.h"
+#include "tests/Core/engine/PieceManagerFixture.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/resource.h>
 
 namespace skein {
 namespace {
 
+namespace fs = std::filesystem;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 using enum ReceiveBlockResult;
 using State = PieceManager::State;
+using StoreResult = PieceManager::StoreResult;
 using namespace std::chrono_literals;
 
-/// Keeps the log's lines.
-class LogLines final : public FileLogger {
-public:
-    LogLines() : FileLogger(LogLevel::info) {}
-    std::vector<std::string> lines;
-
-private:
-    void write(LogLevel, std::string_view line) override { lines.emplace_back(line); }
-};
-
-/// The real calls, until one is told to fail.
-class FailingCalls final : public FileCalls {
-public:
-    ssize_t write(int file, const iovec* from, int count, std::int64_t offset) override {
-        if (writesLeft-- > 0) return FileCalls::write(file, from, count, offset);
-        errno = code;
-        return -1;
-    }
-    int writesLeft = 1'000'000;
-    int code = ENOSPC;
-};
-
-class PieceManagerTest : public testing::Test {
-protected:
-    ~PieceManagerTest() override {
-        if (manager) simulation.finish(manager->cleanup());
-    }
-    void make(const TestTorrent& torrent, PieceManager::Mode mode = PieceManager::Mode::download) {
-        manager = std::make_unique<PieceManager>(
-            torrent.metaInfo, folder.path,
-            PieceManager::Environment{asio::make_strand(simulation.executor()), simulation.executor(), simulation, log,
-                                      openFiles, calls},
-            mode);
-    }
-    void setUp(const TestTorrent& torrent, PieceManager::Mode mode = PieceManager::Mode::download) {
-        make(torrent, mode);
-        simulation.finish(manager->setup());
-    }
-    /// Receives all blocks of `piece`; the result of the last one.
-    ReceiveBlockResult receive(const TestTorrent& torrent, int piece, std::uint8_t damage = 0) {
-        auto result = ignored;
-        for (const BlockRequest& block : manager->blocksForPiece(piece)) {
-            Bytes data = toBytes(asText(torrent.piece(piece).subspan(static_cast<std::size_t>(block.begin),
-                                                                     static_cast<std::size_t>(block.length))));
-            data[0] ^= damage;
-            result = simulation.finish(manager->receiveBlock(piece, block.begin, data));
-        }
-        return result;
-    }
-    PieceSet all() const { return PieceSet::full(manager->metaInfo().pieceCount()); }
-
-    Simulation simulation;
-    TemporaryFolder folder;
-    LogLines log;
-    FailingCalls calls;
-    std::shared_ptr<OpenFiles> openFiles = std::make_shared<OpenFiles>();
-    std::unique_ptr<PieceManager> manager;
-};
+class PieceManagerTest : public PieceManagerFixture {};
 
 TEST_F(PieceManagerTest, downloadsPiecesThatSpanFilesByteForByte) {
     const TestTorrent torrent(40000, {{"t/a", 39990}, {"t/empty", 0}, {"t/sub/b", 50000}, {"t/c", 1}});
     setUp(torrent);
-    while (const std::optional<int> piece = manager->nextPiece(all())) EXPECT_EQ(receive(torrent, *piece), completed);
+    while (const std::optional<int> piece = nextPiece()) EXPECT_EQ(receive(torrent, *piece), completed);
     EXPECT_TRUE(manager->isComplete());
     EXPECT_EQ(manager->progress(), 1.0);
     EXPECT_EQ(manager->downloadedBytes(), 89991);
+    EXPECT_EQ(manager->completedBytes(), 89991);
+    EXPECT_EQ(manager->bufferedBytes() + manager->unwrittenBytes(), 0);
+    EXPECT_EQ(manager->bitfield(), Bytes{0xe0});
     EXPECT_TRUE(torrent.isWholeIn(folder.path));
+}
+
+TEST_F(PieceManagerTest, splitsAMissingPieceIntoBlocksOnce) {
+    const TestTorrent torrent(40000, {{"t", 80000}});
+    setUp(torrent);
+    EXPECT_THAT(manager->blocksForPiece(0),
+                ElementsAre(BlockRequest{0, 0, 16384}, BlockRequest{0, 16384, 16384}, BlockRequest{0, 32768, 7232}));
+    EXPECT_EQ(manager->pieceState(0), State::downloading);
+    EXPECT_EQ(manager->bufferedBytes(), 40000);
+    EXPECT_THAT(manager->blocksForPiece(0), IsEmpty());
+    EXPECT_EQ(receive(torrent, 1), completed);
+    EXPECT_THAT(manager->blocksForPiece(1), IsEmpty());
+    EXPECT_THAT(manager->blocksForPiece(-1), IsEmpty());
+    EXPECT_THAT(manager->blocksForPiece(2), IsEmpty());
+    EXPECT_THAT(manager->completionBitmap(), ElementsAre(false, true));
+    EXPECT_FALSE(nextPiece());
+}
+
+TEST_F(PieceManagerTest, ignoresBlocksThatAreNotOutstanding) {
+    const TestTorrent torrent(40000, {{"t", 80000}});
+    setUp(torrent);
+    const Bytes block(16384);
+    manager->blocksForPiece(0);
+    EXPECT_EQ(manager->storeBlock(0, 0, block), StoreResult::accepted);
+    const std::int64_t before = manager->downloadedBytes();
+    for (const auto& [piece, begin] : {std::pair(0, 0), {0, 1}, {0, -16384}, {0, 49152}, {1, 0}, {-1, 0}, {2, 0}})
+        EXPECT_EQ(manager->storeBlock(piece, begin, block), StoreResult::ignored) << piece << " " << begin;
+    EXPECT_EQ(manager->downloadedBytes(), before);
+}
+
+TEST_F(PieceManagerTest, takesBlocksOfTheWrongLengthWithoutPassingThePiece) {
+    const TestTorrent torrent(40000, {{"t", 40000}});
+    setUp(torrent);
+    manager->blocksForPiece(0);
+    EXPECT_EQ(manager->storeBlock(0, 16384, Bytes(20000)), StoreResult::accepted);
+    EXPECT_EQ(manager->storeBlock(0, 32768, Bytes(16384)), StoreResult::accepted);
+    EXPECT_EQ(manager->downloadedBytes(), 36384);
+    EXPECT_EQ(simulation.finish(manager->receiveBlock(0, 0, Bytes())), failed);
+    EXPECT_EQ(manager->downloadedBytes(), 0);
+    EXPECT_EQ(receive(torrent, 0), completed);
+}
+
+TEST_F(PieceManagerTest, rollsBackAPieceWhoseHashIsWrong) {
+    const TestTorrent torrent(40000, {{"t", 80000}});
+    setUp(torrent);
+    EXPECT_EQ(receive(torrent, 1), completed);
+    EXPECT_EQ(receive(torrent, 0, 1), failed);
+    EXPECT_THAT(log.lines, Contains("[PieceManager] Piece 0 hash mismatch, re-downloading"));
+    EXPECT_EQ(manager->pieceState(0), State::missing);
+    EXPECT_EQ(manager->downloadedBytes(), 40000);
+    EXPECT_EQ(nextPiece(), 0);
+    EXPECT_EQ(receive(torrent, 0), completed);
+}
+
+TEST_F(PieceManagerTest, countsAGivenUpPieceDownInFullButNeverBelowNothing) {
+    const TestTorrent torrent(40000, {{"t", 120000}});
+    setUp(torrent);
+    EXPECT_EQ(receive(torrent, 2), completed);
+    manager->blocksForPiece(0);
+    manager->storeBlock(0, 0, Bytes(16384));
+    manager->resetPiece(0);
+    EXPECT_EQ(manager->downloadedBytes(), 16384);
+    manager->resetPiece(0);
+    manager->resetPiece(2);
+    EXPECT_EQ(manager->downloadedBytes(), 16384);
+    EXPECT_EQ(manager->pieceState(2), State::completed);
+    manager->blocksForPiece(1);
+    manager->resetPiece(1);
+    EXPECT_EQ(manager->downloadedBytes(), 0);
+    EXPECT_EQ(manager->missingSet().count(), 2);
+    EXPECT_EQ(manager->bufferedBytes(), 0);
+}
+
+TEST_F(PieceManagerTest, doesNotGiveUpAPieceThatIsBeingWritten) {
+    const TestTorrent torrent(16384, {{"t", 16384}});
+    setUp(torrent);
+    asio::io_context busyDisk;
+    manager = std::make_unique<PieceManager>(torrent.metaInfo, folder.path, environment(busyDisk.get_executor()),
+                                             PieceManager::Mode::download);
+    manager->blocksForPiece(0);
+    EXPECT_EQ(manager->storeBlock(0, 0, torrent.piece(0)), StoreResult::whole);
+    asio::cancellation_signal cancel;
+    std::optional<ReceiveBlockResult> result;
+    const auto onEnd = [&](const std::exception_ptr&, ReceiveBlockResult value) { result = value; };
+    asio::co_spawn(simulation.executor(), manager->completePiece(0),
+                   asio::bind_cancellation_slot(cancel.slot(), onEnd));
+    simulation.settle();
+    cancel.emit(asio::cancellation_type::terminal);
+    manager->resetPiece(0);
+    EXPECT_EQ(manager->unwrittenBytes(), 16384);
+    EXPECT_EQ(simulation.finish(manager->completePiece(0)), failed);  // it is under way already
+    busyDisk.run();
+    simulation.settle();
+    EXPECT_EQ(result, completed);
+    EXPECT_EQ(manager->unwrittenBytes(), 0);
+    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+    manager.reset();
+}
+
+TEST_F(PieceManagerTest, takesAPieceBackWhoseTurnNeverCame) {
+    const TestTorrent torrent(16384, {{"t", 16384}});
+    setUp(torrent);
+    manager->blocksForPiece(0);
+    EXPECT_EQ(manager->storeBlock(0, 0, torrent.piece(0)), StoreResult::whole);
+    EXPECT_EQ(manager->storeBlock(0, 0, torrent.piece(0)), StoreResult::ignored);
+    manager->resetPiece(0);
+    EXPECT_EQ(manager->unwrittenBytes(), 0);
+    EXPECT_EQ(receive(torrent, 0), completed);
+}
+
+TEST_F(PieceManagerTest, countsAnnouncementsOnceEach) {
+    const TestTorrent torrent(16384, {{"t", 10 * 16384}});
+    setUp(torrent);
+    manager->updateAvailability(Bytes{0xc0});
+    manager->updateAvailability(Bytes{0x80, 0xff, 0xff});
+    manager->markPeerHasPiece(0);
+    manager->markPeerHasPiece(10);
+    EXPECT_EQ(manager->availabilityOf(0), 3);
+    EXPECT_EQ(manager->availabilityOf(1), 1);
+    EXPECT_EQ(manager->availabilityOf(2), 0);
+    EXPECT_EQ(manager->availabilityOf(9), 1);
+    EXPECT_EQ(nextPiece(), 2);
+}
+
+TEST_F(PieceManagerTest, readsBlocksOfCompletedPiecesOnly) {
+    const TestTorrent torrent(40000, {{"t/a", 50000}, {"t/b", 50000}});
+    setUp(torrent);
+    EXPECT_EQ(receive(torrent, 1), completed);
+    const auto read = [&](int piece, int begin, int length) {
+        return simulation.finish(manager->readBlock(piece, begin, length));
+    };
+    EXPECT_EQ(read(1, 9000, 16384), toBytes(asText(torrent.bytes(49000, 16384))));
+    EXPECT_EQ(read(1, 40000, 0), Bytes());
+    for (const auto& [begin, length] : {std::pair(-1, 10), {39999, 2}, {0, -1}, {2147483647, 2147483647}})
+        EXPECT_FALSE(read(1, begin, length));
+    for (const int piece : {0, 2, -1, 3}) EXPECT_FALSE(read(piece, 0, 1));
+    fs::remove(folder.path / "t/b");
+    simulation.finish(manager->cleanup());
+    EXPECT_FALSE(read(1, 0, 16384));
+    EXPECT_TRUE(read(1, 0, 10000));
+}
+
+TEST_F(PieceManagerTest, readsNeighbouringBlocksInOneCall) {
+    const TestTorrent torrent(32768, {{"t", 4 * 32768}});
+    torrent.writeTo(folder.path);
+    setUp(torrent, PieceManager::Mode::readOnly);
+    EXPECT_FALSE(nextPiece());
+    std::vector<Bytes> buffers(6, Bytes(16384));
+    std::vector<BlockRead> reads;
+    // Four that follow one another, out of order, one apart, and one that is no block.
+    for (const auto& [piece, begin] : {std::pair(1, 16384), {0, 0}, {3, 0}, {0, 16384}, {1, 0}, {9, 0}})
+        reads.push_back({{piece, begin, 16384}, buffers[reads.size()]});
+    calls.reads = 0;
+    simulation.finish(manager->readBlocks(reads));
+    EXPECT_EQ(calls.reads, 2);
+    for (std::size_t i = 0; i < 5; ++i) {
+        EXPECT_TRUE(reads[i].ok);
+        EXPECT_EQ(buffers[i], blockData(torrent, reads[i].request));
+    }
+    EXPECT_FALSE(reads[5].ok);
+}
+
+TEST_F(PieceManagerTest, waitsLongerAfterEachFailedWriteAndReportsTheTroubleOnce) {
+    const TestTorrent torrent(16384, {{"t", 8 * 16384}});
+    setUp(torrent);
+    std::vector<std::optional<std::string>> told;
+    manager->setStorageProblemCallback([&](const std::optional<std::string>& text) { told.push_back(text); });
+    EXPECT_EQ(receive(torrent, 0), completed);
+    calls.writesLeft = 0;
+    // Two pieces were under way when the disk became full; they count as one failure.
+    manager->blocksForPiece(1);
+    EXPECT_EQ(receive(torrent, 2), failed);
+    EXPECT_EQ(simulation.finish(manager->receiveBlock(1, 0, torrent.piece(1))), failed);
+    EXPECT_EQ(manager->pieceState(1), State::missing);
+    EXPECT_EQ(manager->downloadedBytes(), 16384);
+    for (const auto wait : {1s, 2s, 4s, 8s, 16s, 30s, 30s}) {
+        simulation.advance(wait - 1ms);
+        EXPECT_FALSE(nextPiece());
+        simulation.advance(1ms);
+        EXPECT_EQ(nextPiece(), 1);
+        manager->blocksForPiece(1);
+        EXPECT_FALSE(nextPiece());  // one at a time
+        manager->resetPiece(1);
+        EXPECT_EQ(receive(torrent, 1), failed);
+    }
+    EXPECT_THAT(told, ElementsAre("t: No space left on device"));
+    EXPECT_EQ(manager->storageProblem(), "t: No space left on device");
+    EXPECT_EQ(std::ranges::count(log.lines, "[PieceManager] Failed to write piece 2: t: No space left on device"), 1);
+    calls.writesLeft = 1000;
+    simulation.advance(30s);
+    while (const std::optional<int> piece = nextPiece()) EXPECT_EQ(receive(torrent, *piece), completed);
+    EXPECT_TRUE(manager->isComplete());
+    EXPECT_THAT(told, ElementsAre("t: No space left on device", std::nullopt));
+    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+}
+
+TEST_F(PieceManagerTest, survivesAWriteThatTheSystemCutsShort) {
+    const TestTorrent torrent(65536, {{"t", 2 * 65536}});
+    setUp(torrent);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit little{100'000, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+    EXPECT_EQ(receive(torrent, 0), completed);
+    EXPECT_EQ(receive(torrent, 1), failed);
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(manager->storageProblem(), "t: File too large");
+    simulation.advance(1s);
+    EXPECT_EQ(receive(torrent, 1), completed);
+    EXPECT_TRUE(torrent.isWholeIn(folder.path));
+}
+
+TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
+    const TestTorrent torrent(8 << 20U, {{"t", 24 << 20U}}, 7);
+    setUp(torrent);
+    const auto fill = [&](int piece) {
+        auto result = StoreResult::ignored;
+        for (const BlockRequest& block : manager->blocksForPiece(piece))
+            result = manager->storeBlock(piece, block.begin, blockData(torrent, block));
+        EXPECT_EQ(result, StoreResult::whole);
+    };
+    fill(0);
+    simulation.finish(manager->roomToReceive());
+    fill(1);
+    EXPECT_EQ(manager->unwrittenBytes(), 16 << 20U);
+    bool hasRoom = false;
+    asio::cancellation_signal cancel;
+    std::exception_ptr cancelled;
+    asio::co_spawn(simulation.executor(), manager->roomToReceive(), [&](const std::exception_ptr&) { hasRoom = true; });
+    asio::co_spawn(simulation.executor(), manager->roomToReceive(),
+                   asio::bind_cancellation_slot(cancel.slot(), [&](const std::exception_ptr& e) { cancelled = e; }));
+    simulation.settle();
+    EXPECT_FALSE(hasRoom);
+    cancel.emit(asio::cancellation_type::terminal);
+    simulation.settle();
+    EXPECT_TRUE(cancelled);
+    EXPECT_EQ(simulation.finish(manager->completePiece(0)), completed);
+    simulation.settle();
+    EXPECT_TRUE(hasRoom);
+    EXPECT_EQ(simulation.finish(manager->completePiece(1)), completed);
+}
+
+TEST_F(PieceManagerTest, refusesAHostileTorrentAtSetupAndDoesNothingWithIt) {
+    TestTorrent torrent(16384, {{"t", 16384}});
+    torrent.metaInfo->files[0].path = "../t";
+    make(torrent);
+    EXPECT_THROW(simulation.finish(manager->setup()), StorageException);
+    torrent.metaInfo->pieceLength = 0;
+    make(torrent);
+    EXPECT_THROW(simulation.finish(manager->setup()), StorageException);
+    EXPECT_THAT(manager->blocksForPiece(0), IsEmpty());
+    EXPECT_FALSE(nextPiece());
+    EXPECT_FALSE(simulation.finish(manager->readBlock(0, 0, 1)));
+    simulation.finish(manager->verifyExistingPieces());
+    EXPECT_EQ(manager->completedPieces(), 0);
+    EXPECT_TRUE(fs::is_empty(folder.path));
+}
+
+TEST_F(PieceManagerTest, isCompleteWithoutPieces) {
+    setUp(TestTorrent(16384, {{"t/empty", 0}}));
+    EXPECT_EQ(manager->progress(), 1.0);
+    EXPECT_TRUE(manager->isComplete());
+    EXPECT_THAT(manager->bitfield(), IsEmpty());
+    EXPECT_TRUE(fs::exists(folder.path / "t/empty"));
 }
 
 }  // namespace

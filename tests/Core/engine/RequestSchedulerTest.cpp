@@ -1,5 +1,4 @@
 #include "Core/engine/RequestScheduler.h"
-
 #include "tests/support/Simulation.h"
 
 #include <boost/asio/strand.hpp>
@@ -39,7 +38,8 @@ protected:
     }
     RequestScheduler::BlockOutcome receive(PeerKey key, const BlockRequest& block) {
         return scheduler.receiveBlock(key, static_cast<std::uint32_t>(block.pieceIndex),
-                                      static_cast<std::uint32_t>(block.begin), Bytes(static_cast<std::size_t>(block.length)));
+                                      static_cast<std::uint32_t>(block.begin),
+                                      Bytes(static_cast<std::size_t>(block.length)));
     }
     int heldBy(PeerKey key) const {
         int held = 0;
@@ -54,10 +54,10 @@ protected:
     }
 
     Simulation simulation;
-    PieceManager pieces{someTorrent(), "unused",
-                        PieceManager::Environment{asio::make_strand(simulation.executor()), simulation.executor(),
-                                                  simulation, log},
-                        PieceManager::Mode::download};
+    PieceManager pieces{
+        someTorrent(), "unused",
+        PieceManager::Environment{asio::make_strand(simulation.executor()), simulation.executor(), simulation, log},
+        PieceManager::Mode::download};
     FileLogger log;
     RequestScheduler scheduler{pieces, simulation};
 };
@@ -98,7 +98,8 @@ TEST_F(RequestSchedulerTest, takesOnlyWhatItAskedOfThatPeer) {
     EXPECT_EQ(receive(1, {asked.pieceIndex, 1, blockSize}), Outcome::ignored) << "between two blocks";
     EXPECT_EQ(receive(1, {asked.pieceIndex, 0, blockSize - 1}), Outcome::ignored) << "short";
     EXPECT_EQ(receive(1, {-1, 0, blockSize}), Outcome::ignored);
-    EXPECT_EQ(receive(1, {asked.pieceIndex, blocksPerPiece * blockSize, blockSize}), Outcome::ignored) << "past the end";
+    EXPECT_EQ(receive(1, {asked.pieceIndex, blocksPerPiece * blockSize, blockSize}), Outcome::ignored)
+        << "past the end";
     EXPECT_EQ(pieces.downloadedBytes(), 0);
     EXPECT_EQ(receive(1, asked), Outcome::accepted);
     EXPECT_EQ(receive(1, asked), Outcome::ignored) << "twice";

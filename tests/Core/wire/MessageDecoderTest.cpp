@@ -1,5 +1,4 @@
 #include "Core/wire/MessageDecoder.h"
-
 #include "Core/wire/PeerError.h"
 #include "Core/wire/PeerHandshake.h"
 #include "Core/wire/WireMessage.h"
@@ -103,8 +102,10 @@ TEST(PeerHandshake, hasItsFieldsWhereTheyBelong) {
     handshake.infoHash.fill(0xAA);
     handshake.peerID.fill(0xBB);
     const auto bytes = handshake.encode();
-    EXPECT_EQ(toHex(bytes), "13426974546f7272656e742070726f746f636f6c" "0000000000100000" + std::string(20 * 2, 'a') +
-                                std::string(20 * 2, 'b'));
+    EXPECT_EQ(toHex(bytes),
+              "13426974546f7272656e742070726f746f636f6c"
+              "0000000000100000" +
+                  std::string(20 * 2, 'a') + std::string(20 * 2, 'b'));
     EXPECT_FALSE(PeerHandshake::faultOf(bytes));
     EXPECT_EQ(PeerHandshake::decode(bytes).peerID, handshake.peerID);
 }

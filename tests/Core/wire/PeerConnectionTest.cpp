@@ -1,6 +1,5 @@
-#include "Core/wire/PeerConnection.h"
-
 #include "Core/wire/NWPeerWireTransport.h"
+#include "Core/wire/PeerConnection.h"
 #include "tests/support/ScriptedPeer.h"
 #include "tests/support/Simulation.h"
 
@@ -83,7 +82,8 @@ TEST_F(PeerConnectionTest, refusesAnotherTorrent) {
 TEST_F(PeerConnectionTest, refusesGarbage) {
     simulation.start(dial());
     simulation.finish(peer.accept());
-    simulation.finish(peer.send(toBytes("GET / HTTP/1.1\r\nHost: localhost\r\nUser-Agent: a browser of some kind\r\n\r\n")));
+    simulation.finish(
+        peer.send(toBytes("GET / HTTP/1.1\r\nHost: localhost\r\nUser-Agent: a browser of some kind\r\n\r\n")));
     simulation.runUntil([&] { return !dialError.empty(); });
     EXPECT_EQ(dialError, "Plaintext peer handshake failed");
 }
@@ -136,7 +136,12 @@ TEST_F(PeerConnectionTest, answersWhatIsAskedOnceUnchokedAndLeavesOutWhatIsCance
     wire::appendBlockMessage(asked, MessageID::request, {4, 0, 16384});
     simulation.finish(peer.send(asked));
     const Bytes first = simulation.finish(peer.readUntil(MessageID::piece));
-    EXPECT_EQ(first, [] { Bytes body(108, 1); std::fill_n(body.begin(), 8, 0); body[3] = 1; return body; }());
+    EXPECT_EQ(first, [] {
+        Bytes body(108, 1);
+        std::fill_n(body.begin(), 8, 0);
+        body[3] = 1;
+        return body;
+    }());
     const Bytes second = simulation.finish(peer.readUntil(MessageID::piece));
     EXPECT_EQ(readBigEndian<std::uint32_t>(second), 4U);
     EXPECT_EQ(connection.snapshotTrafficCounters().bytesUploaded, 100 + 16384);

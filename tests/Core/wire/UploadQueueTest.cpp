@@ -1,6 +1,5 @@
-#include "Core/wire/UploadQueue.h"
-
 #include "Core/wire/ReceiveBuffer.h"
+#include "Core/wire/UploadQueue.h"
 #include "public/common/SpeedTracker.h"
 
 #include <gtest/gtest.h>

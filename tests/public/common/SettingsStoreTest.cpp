@@ -157,9 +157,9 @@ TEST_F(SettingsStoreTest, aFolderThatCannotBeMadeIsAnError) {
 }
 
 TEST_F(SettingsStoreTest, actorsUseItOnTheDiskPool) {
-    ThreadPools pools;
     Simulation simulation;
     SettingsStore store(file, log);
+    ThreadPools pools;
     const ActorSettings settings(store, pools.disk());
     simulation.finish(settings.set("name", "skein"));
     EXPECT_EQ(simulation.finish(settings.text("name")), "skein");

@@ -101,8 +101,8 @@ asio::awaitable<std::thread::id> threadAfter(asio::any_io_executor disk, std::th
 }
 
 TEST(RunOn, worksElsewhereAndComesBack) {
-    ThreadPools pools;
     Simulation simulation;
+    ThreadPools pools;  // goes first: its thread lets go of the caller's executor a little after the caller came back
     std::thread::id worker;
     EXPECT_EQ(simulation.finish(threadAfter(pools.disk(), worker)), std::this_thread::get_id());
     EXPECT_NE(worker, std::this_thread::get_id());

@@ -1,0 +1,53 @@
+#include "Core/discovery/UDPHelper.h"
+
+#include "Core/discovery/TrackerError.h"
+#include "public/common/Within.h"
+
+#include <boost/asio/error.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/system/system_error.hpp>
+
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+asio::awaitable<Bytes> exchange(DatagramConnection& connection, Bytes data) {
+    co_await connection.send(std::move(data));
+    Bytes answer = co_await connection.receive();
+    co_return answer;
+}
+
+}  // namespace
+
+UDPHelper::UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams,
+                     std::optional<IPAddress> localAddress)
+    : clock_(clock), resolver_(resolver), datagrams_(datagrams), localAddress_(std::move(localAddress)) {}
+
+asio::awaitable<std::unique_ptr<DatagramConnection>> UDPHelper::connect(std::string host, std::uint16_t port) try {
+    const auto executor = co_await asio::this_coro::executor;
+    const auto addresses = co_await within(clock_, connectTimeout, resolver_.resolve(std::move(host)));
+    boost::system::error_code failure = asio::error::address_family_not_supported;
+    for (const IPAddress& address : addresses) {
+        if (localAddress_ && localAddress_->isIPv4() != address.isIPv4()) continue;
+        try {
+            co_return datagrams_.connect(executor, address, port, localAddress_);
+        } catch (const boost::system::system_error& error) {
+            failure = error.code();  // no route by this protocol, perhaps by the other
+        }
+    }
+    throw boost::system::system_error(failure);
+} catch (const TimeLimitExceeded&) {
+    throw TrackerException(TrackerError::timeout);
+}
+
+asio::awaitable<Bytes> UDPHelper::sendAndReceive(DatagramConnection& connection, Bytes data,
+                                                 std::chrono::seconds timeout) try {
+    Bytes answer = co_await within(clock_, timeout, exchange(connection, std::move(data)));
+    co_return answer;
+} catch (const TimeLimitExceeded&) {
+    throw TrackerException(TrackerError::timeout);
+}
+
+}  // namespace skein

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "Core/discovery/DatagramConnection.h"
+#include "public/common/Bytes.h"
+#include "public/common/Clock.h"
+#include "public/common/NameResolver.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace skein {
+
+/// The two steps of which an exchange with a UDP tracker is made. Thread: any; what it is given outlives it.
+class UDPHelper {
+public:
+    /// For looking up the name; the socket itself is ready at once.
+    static constexpr std::chrono::seconds connectTimeout{15};
+
+    UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams,
+              std::optional<IPAddress> localAddress);
+
+    /// A socket to the first address of `host` that can be reached from the local address. Throws TrackerException
+    /// (timeout), boost::system::system_error.
+    asio::awaitable<std::unique_ptr<DatagramConnection>> connect(std::string host, std::uint16_t port);
+    /// Sends `data` once and returns the next datagram. Throws TrackerException (timeout), boost::system::system_error.
+    asio::awaitable<Bytes> sendAndReceive(DatagramConnection& connection, Bytes data, std::chrono::seconds timeout);
+
+private:
+    Clock& clock_;
+    NameResolver& resolver_;
+    DatagramConnector& datagrams_;
+    const std::optional<IPAddress> localAddress_;
+};
+
+}  // namespace skein

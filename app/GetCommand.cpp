@@ -1,0 +1,46 @@
+#include "app/Command.h"
+#include "app/EngineHost.h"
+#include "app/TorrentSource.h"
+#include "app/TransferOptions.h"
+#include "app/TransferRun.h"
+
+#include <CLI/CLI.hpp>
+
+namespace skein {
+
+namespace {
+
+class GetCommand final : public Command {
+public:
+    GetCommand() : Command({"get", "Download torrents", "skein get paper.torrent --dir ~/papers"}) {}
+
+    void declare(CLI::App& options) override {
+        options.add_option("SOURCE", sources_, "A .torrent file, or the HTTP(S) address of one")->required();
+        options_.declare(options);
+        options.add_flag("--seed", goal_.seedsAfterwards, "Keep serving after completion, until interrupted");
+        options.add_option("--timeout", timeoutSeconds_, "Give up when not complete by then")
+            ->type_name("SECONDS")
+            ->check(CLI::PositiveNumber);
+    }
+
+    int run(const GlobalOptions& global) override {
+        EngineHost host(global.home(), options_.bindAddress);
+        goal_.timeout = std::chrono::seconds(timeoutSeconds_);
+        TransferRun transfers(host, options_, goal_);
+        for (const std::string& source : sources_) transfers.add(readTorrentSource(source, host), source);
+        host.listen(options_.port);
+        return transfers.run();
+    }
+
+private:
+    std::vector<std::string> sources_;
+    TransferOptions options_;
+    TransferRun::Goal goal_;
+    int timeoutSeconds_ = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeGetCommand() { return std::make_unique<GetCommand>(); }
+
+}  // namespace skein

@@ -1,0 +1,43 @@
+#include "app/Command.h"
+#include "app/EngineHost.h"
+#include "app/TorrentSource.h"
+#include "app/TransferOptions.h"
+#include "app/TransferRun.h"
+
+#include <CLI/CLI.hpp>
+
+namespace skein {
+
+namespace {
+
+class SeedCommand final : public Command {
+public:
+    SeedCommand()
+        : Command({"seed", "Verify what is there and serve it until interrupted",
+                   "skein seed paper.torrent --dir ~/papers"}) {}
+
+    void declare(CLI::App& options) override {
+        options.add_option("FILE.torrent", sources_, "What to serve; several may be named")->required();
+        options_.declare(options);
+    }
+
+    int run(const GlobalOptions& global) override {
+        EngineHost host(global.home(), options_.bindAddress);
+        TransferRun::Goal goal;
+        goal.seedsOnly = true;
+        TransferRun transfers(host, options_, goal);
+        for (const std::string& source : sources_) transfers.add(readTorrentSource(source, host), source);
+        host.listen(options_.port);
+        return transfers.run();
+    }
+
+private:
+    std::vector<std::string> sources_;
+    TransferOptions options_;
+};
+
+}  // namespace
+
+std::unique_ptr<Command> makeSeedCommand() { return std::make_unique<SeedCommand>(); }
+
+}  // namespace skein

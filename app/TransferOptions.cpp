@@ -1,0 +1,73 @@
+#include "app/TransferOptions.h"
+
+#include "app/Quantities.h"
+
+#include <CLI/CLI.hpp>
+
+namespace skein {
+
+namespace {
+
+std::string checkPeer(const std::string& text) {
+    return PeerAddress::parse(text) ? std::string() : "Not HOST:PORT: " + text;
+}
+
+std::string checkRate(const std::string& text) {
+    const auto bytes = parseByteCount(text);
+    return bytes && *bytes >= 0 ? std::string() : "Not a rate like 500K or 2M: " + text;
+}
+
+std::string checkLocalAddress(const std::string& text) {
+    return IPAddress::parse(text) ? std::string() : "Not an IP address: " + text;
+}
+
+}  // namespace
+
+void TransferOptions::declare(CLI::App& options) {
+    options.add_option("--dir", folder, "Where the files are")->type_name("DIR");
+    options.add_option("--port", port, "The port that peers reach us on; 0 lets the system choose")
+        ->capture_default_str();
+    options.add_option("--bind", bindAddress, "The local address to use")
+        ->type_name("ADDR")
+        ->check(CLI::Validator(checkLocalAddress, ""));
+    options.add_option("--peer", peers, "A peer to dial, repeatable")
+        ->type_name("HOST:PORT")
+        ->check(CLI::Validator(checkPeer, ""))
+        ->expected(1)
+        ->take_all();
+    options.add_option("--tracker", trackers, "A tracker beside the source's own, repeatable")
+        ->type_name("URL")
+        ->expected(1)
+        ->take_all();
+    options.add_flag("--no-trackers", noTrackers, "Leave the source's own trackers alone");
+    options.add_option("--download-limit", downloadLimit, "At most so many bytes a second (500K, 2M); 0: no limit")
+        ->type_name("RATE")
+        ->check(CLI::Validator(checkRate, ""));
+    options.add_option("--upload-limit", uploadLimit, "At most so many bytes a second (500K, 2M); 0: no limit")
+        ->type_name("RATE")
+        ->check(CLI::Validator(checkRate, ""));
+    options.add_option("--max-connections", maxConnections, "Peers at once")
+        ->check(CLI::Range(1, 10'000))
+        ->capture_default_str();
+    options.add_flag("--allow-local-peers", allowsLocalPeers, "Dial loopback and private addresses from any source");
+    options.add_flag("--json", isJSON, "One JSON object a line");
+}
+
+TorrentSession::Options TransferOptions::sessionOptions(const std::filesystem::path& savePath,
+                                                        std::vector<std::string> fallbackTrackers) const {
+    TorrentSession::Options options;
+    options.savePath = savePath;
+    options.maxConnections = maxConnections;
+    options.downloadLimit = parseByteCount(downloadLimit).value_or(0);
+    options.uploadLimit = parseByteCount(uploadLimit).value_or(0);
+    options.usesTrackers = !noTrackers;
+    options.allowsLocalPeers = allowsLocalPeers;
+    options.extraTrackers = trackers;
+    options.fallbackTrackers = std::move(fallbackTrackers);
+    for (const std::string& peer : peers)
+        if (auto address = PeerAddress::parse(peer)) options.namedPeers.push_back(std::move(*address));
+    options.bindAddress = bindAddress;
+    return options;
+}
+
+}  // namespace skein

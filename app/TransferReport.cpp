@@ -1,0 +1,222 @@
+#include "app/TransferReport.h"
+
+#include "app/Command.h"
+#include "app/Printable.h"
+#include "app/Quantities.h"
+
+#include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
+#include <boost/json/serialize.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <iostream>
+
+namespace skein {
+
+namespace {
+
+namespace json = boost::json;
+
+double secondsSince1970(Clock::WallTime date) { return std::chrono::duration<double>(date.time_since_epoch()).count(); }
+
+json::value dateOrNull(const std::optional<TrackerRuntimeInfo::Date>& date) {
+    return date ? json::value(secondsSince1970(*date)) : json::value(nullptr);
+}
+
+json::object toJSON(const PeerRuntimeInfo& peer) {
+    return {{"address", peer.address.description()},
+            {"source", textOf(peer.source)},
+            {"direction", textOf(peer.direction)},
+            {"transport", textOf(peer.transport)},
+            {"encryption", textOf(peer.encryption)},
+            {"client", peer.clientName},
+            {"downloaded", peer.downloaded},
+            {"uploaded", peer.uploaded},
+            {"downloadRate", peer.downloadRate},
+            {"uploadRate", peer.uploadRate},
+            {"progress", peer.progress},
+            {"connected", peer.isConnected},
+            {"lastError", peer.lastError ? json::value(*peer.lastError) : json::value(nullptr)}};
+}
+
+json::object toJSON(const TrackerRuntimeInfo& tracker) {
+    return {{"id", tracker.id},
+            {"url", tracker.url},
+            {"scheme", tracker.scheme},
+            {"status", textOf(tracker.status)},
+            {"peersFound", tracker.peersFound},
+            {"seeders", tracker.seeders},
+            {"leechers", tracker.leechers},
+            {"interval", tracker.interval ? json::value(*tracker.interval) : json::value(nullptr)},
+            {"failureCount", tracker.failureCount},
+            {"lastAnnounceAt", dateOrNull(tracker.lastAnnounceAt)},
+            {"nextAnnounceAt", dateOrNull(tracker.nextAnnounceAt)},
+            {"lastError", tracker.lastError ? json::value(*tracker.lastError) : json::value(nullptr)}};
+}
+
+std::string formatDuration(double seconds) {
+    const auto whole = static_cast<long>(std::ceil(seconds));
+    char text[32];
+    if (whole < 60) {
+        std::snprintf(text, sizeof text, "%ld s", whole);
+    } else if (whole < 3600) {
+        std::snprintf(text, sizeof text, "%ld min %02ld s", whole / 60, whole % 60);
+    } else {
+        std::snprintf(text, sizeof text, "%ld h %02ld min", whole / 3600, whole / 60 % 60);
+    }
+    return text;
+}
+
+std::string formatPercent(double fraction) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%.1f %%", std::floor(fraction * 1000) / 10);
+    return text;
+}
+
+}  // namespace
+
+std::string_view textOf(TorrentSession::State::Kind kind) noexcept {
+    using Kind = TorrentSession::State::Kind;
+    switch (kind) {
+        case Kind::idle: return "idle";
+        case Kind::fetchingMetadata: return "fetchingMetadata";
+        case Kind::downloading: return "downloading";
+        case Kind::paused: return "paused";
+        case Kind::seeding: return "seeding";
+        case Kind::completed: return "completed";
+        case Kind::error: return "error";
+    }
+    return "";
+}
+
+/// One event: the keys that all have, then its own; written whole, so that a reader sees it at once.
+class TransferReport::JSONLine {
+public:
+    JSONLine(const Clock& clock, const TransferStatus& of, std::string_view event)
+        : object{{"event", event}, {"infoHash", of.infoHashHex}, {"time", secondsSince1970(clock.wallNow())}} {}
+    JSONLine(const JSONLine&) = delete;
+    JSONLine& operator=(const JSONLine&) = delete;
+    ~JSONLine() { std::cout << json::serialize(object) << std::endl; }
+
+    json::object object;
+};
+
+TransferReport::TransferReport(Clock& clock, bool isJSON) : clock_(clock), isJSON_(isJSON) {
+    if (!isJSON_) line_ = std::make_unique<ProgressLine>(clock_);
+}
+
+TransferReport::~TransferReport() = default;
+
+void TransferReport::listening(const TransferStatus& of, std::uint16_t port) {
+    if (isJSON_) JSONLine(clock_, of, "listening").object["port"] = port;
+}
+
+void TransferReport::state(const TransferStatus& of, const std::string& message) {
+    if (!isJSON_) return;
+    JSONLine line(clock_, of, "state");
+    line.object["state"] = textOf(of.state);
+    if (of.state == TorrentSession::State::Kind::error) line.object["message"] = message;
+}
+
+void TransferReport::status(const TransferStatus& of, const std::string& message) {
+    lastStatus_ = message;
+    if (isJSON_) JSONLine(clock_, of, "status").object["message"] = message;
+}
+
+void TransferReport::metadata(const TransferStatus& of, const TorrentMetaInfo& metaInfo) {
+    if (!isJSON_) return;
+    JSONLine line(clock_, of, "metadata");
+    line.object["name"] = metaInfo.name;
+    line.object["totalSize"] = metaInfo.totalSize;
+    line.object["pieceCount"] = metaInfo.pieceCount();
+    line.object["fileCount"] = metaInfo.files.size();
+}
+
+void TransferReport::progress(const TransferStatus& of) {
+    if (!isJSON_) return;
+    JSONLine line(clock_, of, "progress");
+    line.object["progress"] = of.progress;
+    line.object["downloaded"] = of.downloaded;
+    line.object["total"] = of.total;
+    line.object["downloadRate"] = of.downloadRate;
+    line.object["uploadRate"] = of.uploadRate;
+    line.object["uploaded"] = of.uploaded;
+    line.object["peers"] = of.peers;
+}
+
+void TransferReport::peers(const TransferStatus& of, const std::vector<PeerRuntimeInfo>& rows) {
+    if (!isJSON_) return;
+    json::array array;
+    for (const PeerRuntimeInfo& row : rows) array.push_back(toJSON(row));
+    JSONLine(clock_, of, "peers").object["peers"] = std::move(array);
+}
+
+void TransferReport::trackers(const TransferStatus& of, const std::vector<TrackerRuntimeInfo>& rows) {
+    if (!isJSON_) return;
+    json::array array;
+    for (const TrackerRuntimeInfo& row : rows) array.push_back(toJSON(row));
+    JSONLine(clock_, of, "trackers").object["trackers"] = std::move(array);
+}
+
+void TransferReport::completed(const TransferStatus& of, double seconds) {
+    if (isJSON_) {
+        JSONLine line(clock_, of, "completed");
+        line.object["seconds"] = seconds;
+        line.object["bytes"] = of.total;
+        return;
+    }
+    const auto rate = static_cast<std::int64_t>(static_cast<double>(of.total) / std::max(seconds, 0.001));
+    line_ = std::make_unique<ProgressLine>(clock_);  // takes the old one off the terminal
+    std::cout << printable(of.name) << ": complete, " << formatByteCount(of.total) << " in " << formatDuration(seconds)
+              << " (" << formatByteCount(rate) << "/s)" << std::endl;
+}
+
+void TransferReport::error(const TransferStatus& of, const std::string& message) {
+    if (isJSON_) {
+        JSONLine(clock_, of, "error").object["message"] = message;
+        return;
+    }
+    line_ = std::make_unique<ProgressLine>(clock_);
+    reportFailure((of.name.empty() ? of.infoHashHex : of.name) + ": " + message);
+}
+
+void TransferReport::overview(const std::vector<const TransferStatus*>& all) {
+    if (isJSON_ || all.empty()) return;
+    using Kind = TorrentSession::State::Kind;
+    TransferStatus sum;
+    std::size_t verifying = 0;
+    bool isDownloading = false;
+    for (const TransferStatus* const one : all) {
+        sum.total += one->total;
+        sum.downloaded += one->downloaded;
+        sum.downloadRate += one->downloadRate;
+        sum.uploadRate += one->uploadRate;
+        sum.uploaded += one->uploaded;
+        sum.peers += one->peers;
+        sum.verified += one->verified;
+        verifying += one->state == Kind::idle ? 1 : 0;
+        isDownloading = isDownloading || one->state == Kind::downloading;
+    }
+    const std::string name = all.size() == 1 ? printable(all.front()->name) : std::to_string(all.size()) + " torrents";
+    if (verifying == all.size())
+        return line_->show(name + ": verifying " + formatPercent(sum.verified / static_cast<double>(all.size())));
+    const std::string peers = std::to_string(sum.peers) + (sum.peers == 1 ? " peer" : " peers");
+    const std::string up = formatByteCount(sum.uploadRate) + "/s up";
+    if (!isDownloading)
+        return line_->show(name + ": seeding, " + up + ", " + formatByteCount(sum.uploaded) + " sent, " + peers);
+    const double fraction = sum.total == 0 ? 1 : static_cast<double>(sum.downloaded) / static_cast<double>(sum.total);
+    std::string text = name + ": " + formatPercent(fraction) + " of " + formatByteCount(sum.total) + ", " +
+                       formatByteCount(sum.downloadRate) + "/s down, " + up + ", " + peers;
+    if (sum.downloadRate > 0)
+        text +=
+            ", " +
+            formatDuration(static_cast<double>(sum.total - sum.downloaded) / static_cast<double>(sum.downloadRate)) +
+            " left";
+    else if (!lastStatus_.empty())
+        text += ", " + printable(lastStatus_);
+    line_->show(text);
+}
+
+}  // namespace skein

@@ -1,0 +1,322 @@
+#include "public/common/HTTPTransfer.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+/// Of one response; a server that sends more means no good.
+constexpr std::size_t maxHeaderBytes = std::size_t{256} << 10U;
+
+bool isControl(char character) noexcept { return static_cast<unsigned char>(character) < 0x20 || character == 0x7F; }
+bool hasControl(std::string_view text) noexcept { return std::any_of(text.begin(), text.end(), isControl); }
+
+std::string lowerCase(std::string_view text) {
+    std::string lower(text);
+    for (char& character : lower)
+        if (character >= 'A' && character <= 'Z') character = static_cast<char>(character - 'A' + 'a');
+    return lower;
+}
+
+std::string_view trimmed(std::string_view text) noexcept {
+    constexpr std::string_view blank = " \t\r\n";
+    const std::size_t first = text.find_first_not_of(blank);
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(blank) - first + 1);
+}
+
+HTTPError errorOf(CURLcode code) noexcept {
+    switch (code) {
+        case CURLE_URL_MALFORMAT: return HTTPError::invalidRequest;
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY: return HTTPError::cannotResolve;
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_INTERFACE_FAILED: return HTTPError::cannotConnect;
+        case CURLE_OPERATION_TIMEDOUT: return HTTPError::timeout;
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CACERT_BADFILE: return HTTPError::insecure;
+        default: return HTTPError::transferFailed;
+    }
+}
+
+/// Scheme, host and port of a URL; nothing when it is no http or https URL.
+std::optional<std::string> originOf(const std::string& url) {
+    const std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), curl_url_cleanup);
+    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return std::nullopt;
+    const auto part = [&](CURLUPart which, unsigned flags) {
+        char* text = nullptr;
+        if (curl_url_get(parsed.get(), which, &text, flags) != CURLUE_OK) return std::string();
+        const std::unique_ptr<char, void (*)(void*)> owned(text, curl_free);
+        return lowerCase(text);
+    };
+    const std::string scheme = part(CURLUPART_SCHEME, 0);
+    if (scheme != "http" && scheme != "https") return std::nullopt;
+    return scheme + "://" + part(CURLUPART_HOST, 0) + ":" + part(CURLUPART_PORT, CURLU_DEFAULT_PORT);
+}
+
+bool isRedirect(long status) noexcept {
+    return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+/// Says what is wanted, and nothing of who wants it.
+bool mayGoToAnotherHost(const HTTPHeader& header) {
+    const std::string name = lowerCase(header.name);
+    return name.starts_with("accept") || name == "range" || name.starts_with("if-");
+}
+
+/// curl takes proxies from the environment.
+bool mayUseProxy() {
+    static const bool isAnySet = [] {
+        for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+            const char* const value = std::getenv(name);
+            if (value != nullptr && *value != '\0') return true;
+        }
+        return false;
+    }();
+    return isAnySet;
+}
+
+std::optional<IPAddress> addressOf(const curl_sockaddr& given) noexcept {
+    if (given.family == AF_INET) {
+        sockaddr_in socketAddress{};
+        IPAddress::V4Bytes bytes{};
+        std::memcpy(&socketAddress, &given.addr, sizeof socketAddress);
+        std::memcpy(bytes.data(), &socketAddress.sin_addr, bytes.size());
+        return IPAddress(bytes);
+    }
+    if (given.family == AF_INET6) {
+        sockaddr_in6 socketAddress{};
+        IPAddress::V6Bytes bytes{};
+        // curl_sockaddr ends in a plain sockaddr, behind which curl keeps the rest of the longer ones.
+        std::memcpy(&socketAddress, static_cast<const void*>(&given.addr), sizeof socketAddress);
+        std::memcpy(bytes.data(), &socketAddress.sin6_addr, bytes.size());
+        return IPAddress(bytes);
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+struct HTTPTransfer::Callbacks {
+    static std::size_t header(char* data, std::size_t, std::size_t count, void* self) {
+        return static_cast<HTTPTransfer*>(self)->acceptHeader({data, count}) ? count : 0;
+    }
+
+    static std::size_t body(char* data, std::size_t, std::size_t count, void* self) {
+        const ByteView bytes(reinterpret_cast<const std::uint8_t*>(data), count);
+        return static_cast<HTTPTransfer*>(self)->acceptBody(bytes) ? count : 0;
+    }
+
+    static curl_socket_t openSocket(void* self, curlsocktype, curl_sockaddr* address) {
+        const auto target = addressOf(*address);
+        if (target && !static_cast<HTTPTransfer*>(self)->mayConnectTo(*target)) return CURL_SOCKET_BAD;
+        const int number = ::socket(address->family, address->socktype, address->protocol);
+        if (number >= 0) ::fcntl(number, F_SETFD, FD_CLOEXEC);
+        return number;
+    }
+
+    /// Comes after connecting and before the request is sent, and also when a connection is used again, of which the
+    /// opening of sockets sees nothing.
+    static int beforeRequest(void* self, char* remoteAddress, char*, int, int) {
+        auto& transfer = *static_cast<HTTPTransfer*>(self);
+        const auto target = IPAddress::parse(remoteAddress == nullptr ? "" : remoteAddress);
+        if (!target) return CURL_PREREQFUNC_OK;
+        if (!transfer.mayConnectTo(*target)) return CURL_PREREQFUNC_ABORT;
+        transfer.stoppedBy_.reset();  // one address of several was refused, and another one taken
+        if (transfer.options_.scopeOf(*target) == AddressScope::global) transfer.reachedPublicHost_ = true;
+        return CURL_PREREQFUNC_OK;
+    }
+};
+
+void HTTPTransfer::FreeList::operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
+
+HTTPTransfer::HTTPTransfer(HTTPRequest request, const HTTPClient::Options& options)
+    : request_(std::move(request)), options_(options) {
+    if (!isWellFormed()) {
+        refuse(HTTPError::invalidRequest, request_.url);
+        return;
+    }
+    handle_ = curl_easy_init();
+    if (handle_ == nullptr) throw std::bad_alloc();
+    setUp();
+}
+
+HTTPTransfer::~HTTPTransfer() { curl_easy_cleanup(handle_); }
+
+void HTTPTransfer::refuse(HTTPError error, std::string_view detail) {
+    outcome_.response.reset();
+    outcome_.error = error;
+    outcome_.detail = detail;
+}
+
+bool HTTPTransfer::isWellFormed() const {
+    const auto isClean = [](const HTTPHeader& header) {
+        return !header.name.empty() && !hasControl(header.name) && !hasControl(header.value) &&
+               header.name.find_first_of(": ;") == std::string::npos;
+    };
+    return !hasControl(request_.url) && !request_.method.empty() && !hasControl(request_.method) &&
+           request_.method.find(' ') == std::string::npos &&
+           std::all_of(request_.headers.begin(), request_.headers.end(), isClean) && originOf(request_.url).has_value();
+}
+
+void HTTPTransfer::setUp() {
+    curl_easy_reset(handle_);
+    errorText_[0] = '\0';
+    response_ = {};
+    headerBytes_ = 0;
+
+    curl_slist* list = nullptr;
+    const auto add = [&](const std::string& line) { list = curl_slist_append(list, line.c_str()); };
+    add("Expect:");        // a body is sent at once, not after a question
+    add("Content-Type:");  // none but the caller's
+    // curl takes "Name:" for a header to leave out, and "Name;" for one without a value.
+    for (const HTTPHeader& header : request_.headers)
+        add(header.value.empty() ? header.name + ";" : header.name + ": " + header.value);
+    headerList_.reset(list);
+
+    const auto set = [this](CURLoption option, auto value) { curl_easy_setopt(handle_, option, value); };
+    set(CURLOPT_URL, request_.url.c_str());
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_FOLLOWLOCATION, 0L);  // redirects are ours to judge
+    set(CURLOPT_PATH_AS_IS, 1L);
+    set(CURLOPT_HTTPHEADER, headerList_.get());
+    set(CURLOPT_USERAGENT, options_.userAgent.c_str());
+    if (request_.acceptsCompression) set(CURLOPT_ACCEPT_ENCODING, "gzip, deflate");
+    if (!request_.localAddress.empty()) set(CURLOPT_INTERFACE, ("host!" + request_.localAddress).c_str());
+    set(CURLOPT_ERRORBUFFER, errorText_.data());
+    set(CURLOPT_NOSIGNAL, 1L);
+    // A name that nobody answers for is looked up by a thread of curl's; nobody waits for that once we have given up.
+    set(CURLOPT_QUICK_EXIT, 1L);
+
+    set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request_.connectTimeout.count()));
+    if (request_.totalTimeout.count() > 0) {
+        const auto spent = std::chrono::steady_clock::now() - startedAt_;
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(request_.totalTimeout - spent);
+        set(CURLOPT_TIMEOUT_MS, std::max(1L, static_cast<long>(left.count())));
+    }
+
+    set(CURLOPT_HEADERFUNCTION, &Callbacks::header);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_WRITEFUNCTION, &Callbacks::body);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_OPENSOCKETFUNCTION, &Callbacks::openSocket);
+    set(CURLOPT_OPENSOCKETDATA, this);
+    set(CURLOPT_PREREQFUNCTION, &Callbacks::beforeRequest);
+    set(CURLOPT_PREREQDATA, this);
+    setMethod();
+}
+
+void HTTPTransfer::setMethod() {
+    if (request_.method == "HEAD") {
+        curl_easy_setopt(handle_, CURLOPT_NOBODY, 1L);
+        return;
+    }
+    if (!request_.body.empty() || request_.method == "POST") {
+        curl_easy_setopt(handle_, CURLOPT_POST, 1L);
+        curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body.size()));
+        curl_easy_setopt(handle_, CURLOPT_POSTFIELDS,
+                         request_.body.empty() ? "" : reinterpret_cast<const char*>(request_.body.data()));
+    }
+    curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
+}
+
+bool HTTPTransfer::proceed(int curlCode) {
+    const auto code = static_cast<CURLcode>(curlCode);
+    if (code != CURLE_OK || stoppedBy_) {
+        refuse(stoppedBy_.value_or(errorOf(code)), detailOf(code));
+        return false;
+    }
+    long status = 0;
+    char* location = nullptr;
+    char* url = nullptr;
+    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(handle_, CURLINFO_REDIRECT_URL, &location);
+    curl_easy_getinfo(handle_, CURLINFO_EFFECTIVE_URL, &url);
+    if (isRedirect(status) && location != nullptr) return follow(location);
+    response_.status = static_cast<int>(status);
+    response_.url = url == nullptr ? request_.url : url;
+    char* address = nullptr;
+    curl_easy_getinfo(handle_, CURLINFO_PRIMARY_IP, &address);
+    if (address != nullptr && !mayUseProxy()) response_.remoteAddress = IPAddress::parse(address);
+    outcome_.response = std::move(response_);
+    return false;
+}
+
+std::string HTTPTransfer::detailOf(int curlCode) const {
+    if (stoppedBy_ == HTTPError::forbiddenRedirect) return request_.url;
+    if (stoppedBy_ == HTTPError::bodyTooLarge) return "more than " + std::to_string(request_.maxBodyBytes) + " bytes";
+    if (stoppedBy_ == HTTPError::transferFailed) return "too many headers";
+    return errorText_[0] != '\0' ? errorText_.data() : curl_easy_strerror(static_cast<CURLcode>(curlCode));
+}
+
+bool HTTPTransfer::follow(const std::string& location) {
+    const auto from = originOf(request_.url);
+    const auto to = originOf(location);
+    if (++redirects_ > HTTPClient::maxRedirects) {
+        refuse(HTTPError::tooManyRedirects, location);
+        return false;
+    }
+    long status = 0;
+    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
+    const bool turnsIntoGet = status == 303 ? request_.method != "HEAD" : status < 303 && request_.method == "POST";
+    if (turnsIntoGet) {
+        request_.method = "GET";
+        request_.body.clear();
+    }
+    if (!to || hasControl(location) || (from != to && !request_.body.empty())) {
+        refuse(HTTPError::forbiddenRedirect, location);
+        return false;
+    }
+    if (from != to)
+        std::erase_if(request_.headers, [](const HTTPHeader& header) { return !mayGoToAnotherHost(header); });
+    request_.url = location;
+    setUp();
+    return true;
+}
+
+bool HTTPTransfer::acceptHeader(std::string_view line) {
+    headerBytes_ += line.size();
+    if (headerBytes_ > maxHeaderBytes) {
+        stoppedBy_ = HTTPError::transferFailed;
+        return false;
+    }
+    if (line.starts_with("HTTP/")) {
+        response_.headers.clear();  // of an interim response (100, 103)
+        return true;
+    }
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos) return true;
+    response_.headers.push_back({lowerCase(line.substr(0, colon)), std::string(trimmed(line.substr(colon + 1)))});
+    return true;
+}
+
+bool HTTPTransfer::acceptBody(ByteView bytes) {
+    Bytes& body = response_.body;
+    if (bytes.size() > request_.maxBodyBytes - body.size()) {
+        stoppedBy_ = HTTPError::bodyTooLarge;
+        return false;
+    }
+    const std::size_t needed = body.size() + bytes.size();
+    if (needed > body.capacity()) body.reserve(std::min(request_.maxBodyBytes, std::max(needed, 2 * body.capacity())));
+    append(body, bytes);
+    return true;
+}
+
+bool HTTPTransfer::mayConnectTo(const IPAddress& address) {
+    if (!reachedPublicHost_ || options_.scopeOf(address) == AddressScope::global) return true;
+    stoppedBy_ = HTTPError::forbiddenRedirect;
+    return false;
+}
+
+}  // namespace skein

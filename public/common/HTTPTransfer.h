@@ -1,0 +1,77 @@
+#pragma once
+
+#include "public/common/HTTPClient.h"
+#include "public/common/HTTPError.h"
+#include "public/common/HTTPMessage.h"
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+struct curl_slist;
+
+namespace skein {
+
+/// What came of a fetch: a response, or the reason why there is none (no reason: it was aborted).
+struct HTTPOutcome {
+    std::optional<HTTPResponse> response;
+    std::optional<HTTPError> error;
+    std::string detail;
+};
+
+/// One fetch inside HTTPClient: a curl handle that is set up anew for each redirect, and what it receives.
+///
+/// All that arrives comes through `acceptHeader` and `acceptBody`, by which a transfer that writes elsewhere, or
+/// pauses its sender, differs from this one. Thread: the client's own.
+class HTTPTransfer {
+public:
+    HTTPTransfer(HTTPRequest request, const HTTPClient::Options& options);
+    HTTPTransfer(const HTTPTransfer&) = delete;
+    HTTPTransfer& operator=(const HTTPTransfer&) = delete;
+    ~HTTPTransfer();
+
+    /// curl's easy handle, ready to run; null when the request is refused (see `outcome`).
+    void* handle() const noexcept { return handle_; }
+    /// Takes curl's verdict on the handle's run. True: the handle is to run again, for a redirect.
+    bool proceed(int curlCode);
+    /// After the last run.
+    HTTPOutcome takeOutcome() { return std::move(outcome_); }
+
+private:
+    struct FreeList {
+        void operator()(curl_slist* list) const noexcept;
+    };
+
+    void refuse(HTTPError error, std::string_view detail);
+    bool isWellFormed() const;
+    void setUp();
+    void setMethod();
+    bool follow(const std::string& location);
+    bool acceptHeader(std::string_view line);
+    bool acceptBody(ByteView bytes);
+    bool mayConnectTo(const IPAddress& address);
+    std::string detailOf(int curlCode) const;
+
+    struct Callbacks;  // what curl calls
+
+    HTTPRequest request_;
+    const HTTPClient::Options& options_;
+    void* handle_ = nullptr;
+    std::unique_ptr<curl_slist, FreeList> headerList_;
+    std::array<char, 256> errorText_{};  // CURL_ERROR_SIZE
+    const std::chrono::steady_clock::time_point startedAt_ = std::chrono::steady_clock::now();
+
+    HTTPResponse response_;
+    std::size_t headerBytes_ = 0;
+    int redirects_ = 0;
+    bool reachedPublicHost_ = false;
+    std::optional<HTTPError> stoppedBy_;  ///< why a callback of ours made curl end the run
+    HTTPOutcome outcome_;
+};
+
+}  // namespace skein

@@ -1,0 +1,165 @@
+#include "Core/discovery/AnnounceSchedule.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace skein {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class AnnounceScheduleTest : public testing::Test {
+protected:
+    /// What is due now, as "event" or "event@tracker" when there are several trackers.
+    std::vector<std::string> due(bool isShort = false) {
+        std::vector<std::string> texts;
+        const auto dueNow = schedule.takeDue(now, isShort);
+        if (!dueNow.empty()) taken = dueNow;
+        for (const auto& one : dueNow) {
+            std::string text(one.event == TrackerEvent::empty ? "empty" : textOf(one.event));
+            texts.push_back(schedule.rows().size() == 1 ? text : text + "@" + one.tracker);
+        }
+        return texts;
+    }
+    void answer(std::int64_t interval = 1800) {
+        TrackerAnnounceOutcome outcome;
+        outcome.interval = interval;
+        outcome.complete = 3;
+        outcome.peers = {{"1.2.3.4", 80}};
+        for (const auto& one : taken) schedule.report(one, outcome, now);
+    }
+    void fail() {
+        TrackerAnnounceOutcome outcome;
+        outcome.error = "Tracker request timed out";
+        for (const auto& one : taken) schedule.report(one, outcome, now);
+    }
+    void advance(std::chrono::seconds duration) {
+        now.time += duration;
+        now.date += duration;
+    }
+    std::chrono::seconds untilDue(bool isShort = false) const {
+        const auto at = schedule.nextDue(isShort);
+        return at ? std::chrono::duration_cast<std::chrono::seconds>(*at - now.time) : -1s;
+    }
+
+    AnnounceSchedule schedule{{{"udp://a:1"}}};
+    AnnounceSchedule::Moment now{AnnounceSchedule::TimePoint(1h),
+                                 std::chrono::sys_days(std::chrono::January / 1 / 2026)};
+    std::vector<AnnounceSchedule::Due> taken;
+};
+
+TEST_F(AnnounceScheduleTest, startsOnceThenAsksAtTheTrackersInterval) {
+    EXPECT_THAT(due(), ElementsAre("started"));
+    EXPECT_THAT(due(), IsEmpty());
+    EXPECT_EQ(schedule.nextDue(false), std::nullopt);
+    answer(1800);
+    EXPECT_EQ(untilDue(), 1800s);
+    advance(1799s);
+    EXPECT_THAT(due(), IsEmpty());
+    advance(1s);
+    EXPECT_THAT(due(), ElementsAre("empty"));
+    answer(5);
+    EXPECT_EQ(untilDue(), 60s);
+    EXPECT_EQ(untilDue(true), 60s);
+    advance(60s);
+    due();
+    answer(1'000'000'000'000);
+    EXPECT_EQ(untilDue(), 86'400s);
+}
+
+TEST_F(AnnounceScheduleTest, aDownloadShortOfPeersAsksAgainAfterAMinute) {
+    due();
+    answer(1800);
+    EXPECT_EQ(untilDue(true), 60s);
+    advance(59s);
+    EXPECT_THAT(due(true), IsEmpty());
+    advance(1s);
+    EXPECT_THAT(due(false), IsEmpty());
+    EXPECT_THAT(due(true), ElementsAre("empty"));
+}
+
+TEST_F(AnnounceScheduleTest, aFailingTrackerIsTriedAgainAfterGrowingPauses) {
+    for (const auto pause : {15s, 30s, 60s, 120s, 240s, 480s, 960s, 1800s, 1800s}) {
+        EXPECT_THAT(due(), ElementsAre("started"));
+        fail();
+        EXPECT_EQ(untilDue(true), pause);
+        advance(pause);
+    }
+    due();
+    answer();
+    advance(1800s);
+    due();
+    fail();
+    EXPECT_EQ(untilDue(), 15s);
+}
+
+TEST_F(AnnounceScheduleTest, completionIsToldOnceAndNotBeforeTheStart) {
+    due();
+    schedule.complete();
+    fail();
+    advance(15s);
+    EXPECT_THAT(due(), ElementsAre("started"));
+    answer();
+    EXPECT_EQ(untilDue(), 0s);
+    EXPECT_THAT(due(), ElementsAre("completed"));
+    fail();
+    advance(15s);
+    EXPECT_THAT(due(), ElementsAre("completed"));
+    answer();
+    schedule.complete();
+    advance(1800s);
+    EXPECT_THAT(due(), ElementsAre("empty"));
+}
+
+TEST_F(AnnounceScheduleTest, onlyTrackersThatKnowOfTheStartAreToldOfTheStop) {
+    due();
+    answer();
+    schedule.add({{"udp://a:1", "http://b/"}, {"http://c/"}});
+    EXPECT_THAT(due(), ElementsAre("started@http://b/", "started@http://c/"));
+    fail();
+    std::vector<std::string> told;
+    for (const auto& stop : schedule.takeStops()) told.push_back(stop.tracker + " " + std::string(textOf(stop.event)));
+    EXPECT_THAT(told, ElementsAre("udp://a:1 stopped"));
+    EXPECT_THAT(schedule.takeStops(), IsEmpty());
+    answer();  // comes too late
+    EXPECT_EQ(schedule.rows()[1].status, TrackerRuntimeStatus::idle);
+    EXPECT_THAT(due(), ElementsAre("started@udp://a:1", "started@http://b/", "started@http://c/"));
+}
+
+TEST_F(AnnounceScheduleTest, rowsTellWhatHappened) {
+    const auto row = [this] { return schedule.rows()[0]; };
+    EXPECT_EQ(row().id, "udp://a:1");
+    EXPECT_EQ(row().scheme, "udp");
+    EXPECT_EQ(displayNameOf(row().status), "等待");
+    due();
+    EXPECT_EQ(displayNameOf(row().status), "请求中");
+    fail();
+    EXPECT_EQ(displayNameOf(row().status), "失败");
+    EXPECT_EQ(row().failureCount, 1);
+    EXPECT_EQ(row().lastError, "Tracker request timed out");
+    EXPECT_EQ(row().lastAnnounceAt, std::nullopt);
+    EXPECT_EQ(row().nextAnnounceAt, now.date + 15s);
+    advance(15s);
+    due();
+    answer(900);
+    EXPECT_EQ(displayNameOf(row().status), "正常");
+    EXPECT_EQ(row().peersFound, 1);
+    EXPECT_EQ(row().seeders, 3);
+    EXPECT_EQ(row().interval, 900);
+    EXPECT_EQ(row().lastAnnounceAt, now.date);
+    EXPECT_EQ(row().nextAnnounceAt, now.date + 900s);
+    EXPECT_EQ(row().lastError, std::nullopt);
+    EXPECT_EQ(row().failureCount, 1);
+}
+
+TEST_F(AnnounceScheduleTest, aTorrentWithTooManyTrackersGetsItsFirst) {
+    std::vector<std::string> many;
+    for (int i = 0; i < 1000; ++i) many.push_back("http://" + std::to_string(i) + "/");
+    schedule.add({many});
+    EXPECT_EQ(due().size(), maxTrackersOfTorrent);
+}
+
+}  // namespace
+}  // namespace skein

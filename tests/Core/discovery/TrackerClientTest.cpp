@@ -1,0 +1,236 @@
+#include "Core/discovery/TrackerClient.h"
+#include "Core/discovery/TrackerRuntimeInfo.h"
+#include "public/common/HTTPClient.h"
+#include "public/common/ThreadPools.h"
+#include "tests/support/LoopbackTracker.h"
+#include "tests/support/RecordingLogger.h"
+#include "tests/support/ScriptedHTTPServer.h"
+#include "tests/support/ScriptedUDPServer.h"
+#include "tests/support/Simulation.h"
+
+#include <boost/asio/use_future.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace skein {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
+
+/// Knows "tracker.example", which has an address that no socket may connect to and one that it may.
+class FakeResolver final : public NameResolver {
+public:
+    asio::awaitable<std::vector<IPAddress>> resolve(std::string host) override {
+        std::vector<IPAddress> addresses;
+        if (const auto literal = IPAddress::parse(host)) addresses.push_back(*literal);
+        if (host == "tracker.example")
+            addresses = {*IPAddress::parse("255.255.255.255"), *IPAddress::parse("127.0.0.1")};
+        if (host == "silent.example") co_await clock.sleep(1h);
+        if (addresses.empty()) throw boost::system::system_error(asio::error::host_not_found);
+        co_return addresses;
+    }
+    explicit FakeResolver(Clock& given) : clock(given) {}
+    Clock& clock;
+};
+
+class CountingRandom final : public Random {
+public:
+    void fill(std::span<std::uint8_t> bytes) override { std::fill(bytes.begin(), bytes.end(), ++last_); }
+
+private:
+    std::uint8_t last_ = 0;
+};
+
+class TrackerClientTest : public testing::Test {
+protected:
+    TrackerClientTest() { what.infoHash.fill(0x20); }
+    ~TrackerClientTest() override {
+        simulation.finish(client.stop());
+        http.stop();
+        simulation.finish(tracker.stop());
+        simulation.finish(udp.stop());
+        simulation.finish(web.stop());
+    }
+
+    TrackerAnnounceOutcome announce(const std::string& url) {
+        return simulation.finish(client.announceOneDetailed(url, what));
+    }
+
+    Simulation simulation;
+    RecordingLogger log;
+    HTTPClient http;
+    FakeResolver resolver{simulation};
+    SystemDatagrams datagrams;
+    CountingRandom random;
+    LoopbackTracker tracker{simulation.executor()};
+    std::vector<Bytes> udpAnswers;
+    ScriptedUDPServer udp{simulation.executor(), [this](const auto& seen) {
+                              const std::size_t index = seen.datagram.size() == 16 ? 0 : 1;
+                              return index < udpAnswers.size() ? std::vector<Bytes>{udpAnswers[index]}
+                                                               : std::vector<Bytes>{};
+                          }};
+    HTTPReply webAnswer = HTTPReply::text("de");
+    ScriptedHTTPServer web{simulation.executor(), [this](const SeenHTTPRequest&) { return webAnswer; }};
+    TrackerAnnounce what;
+    const TrackerServices services{http, resolver, datagrams, simulation, random, log};
+    TrackerClient client{simulation.executor(), services, Bytes(20, 'p'), 7001};
+};
+
+TEST_F(TrackerClientTest, exchangesPeersOverHTTPAndUDP) {
+    tracker.addPeer(what.infoHash, {"1.2.3.4", 80}, true);
+    tracker.addPeer(what.infoHash, {"2001:db8::1", 81});
+    what.event = TrackerEvent::started;
+    what.left = 5;
+    const auto overHTTP = announce(tracker.httpURL());
+    EXPECT_TRUE(overHTTP.isSuccess());
+    EXPECT_THAT(overHTTP.peers, UnorderedElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"2001:db8::1", 81}));
+    EXPECT_EQ(overHTTP.interval, 1800);
+    EXPECT_EQ(overHTTP.complete, 1);
+    EXPECT_EQ(overHTTP.incomplete, 2);
+    EXPECT_TRUE(overHTTP.isTrackerLocal);
+    EXPECT_THAT(log.lines(), Contains("[Tracker HTTP] peers6: 1"));
+
+    const auto overUDP = announce(tracker.udpURL());
+    EXPECT_EQ(overUDP.error, std::nullopt);
+    EXPECT_THAT(overUDP.peers, ElementsAre(PeerAddress{"1.2.3.4", 80}));
+    EXPECT_TRUE(overUDP.isTrackerLocal);
+    ASSERT_EQ(tracker.announces().size(), 2U);
+    for (const auto& seen : tracker.announces()) {
+        EXPECT_EQ(seen.peer, (PeerAddress{"127.0.0.1", 7001}));
+        EXPECT_EQ(seen.left, 5);
+        EXPECT_EQ(seen.event, "started");
+    }
+    tracker.options().listsDictionaries = true;
+    EXPECT_THAT(simulation.finish(client.announceOne(tracker.httpURL(), what)), SizeIs(2));
+    tracker.options().failureReason = "not registered";
+    EXPECT_EQ(announce(tracker.httpURL()).error, "Tracker error: not registered");
+    EXPECT_THAT(simulation.finish(client.announceOne(tracker.httpURL(), what)), IsEmpty());
+}
+
+TEST_F(TrackerClientTest, aUDPTrackerOverIPv6HandsOutIPv6Peers) {
+    LoopbackTracker::Options options;
+    options.address = "::1";
+    LoopbackTracker six(simulation.executor(), options);
+    six.addPeer(what.infoHash, {"2001:db8::1", 81});
+    six.addPeer(what.infoHash, {"1.2.3.4", 80});
+    EXPECT_THAT(announce(six.udpURL()).peers, ElementsAre(PeerAddress{"2001:db8::1", 81}));
+    EXPECT_THAT(announce(six.httpURL()).peers, SizeIs(2));
+    simulation.finish(six.stop());
+}
+
+TEST_F(TrackerClientTest, announceAllMergesWhatEachTrackerOfEachTierFound) {
+    tracker.addPeer(what.infoHash, {"1.2.3.4", 80});
+    udpAnswers = {Bytes(16), Bytes(20)};
+    udpAnswers[1].insert(udpAnswers[1].end(), {1, 2, 3, 4, 0, 80, 5, 6, 7, 8, 0, 80});
+    const std::string unsupported = "wss://tracker.example/announce";
+    const auto peers = simulation.finish(
+        client.announceAll({{tracker.httpURL(), unsupported}, {tracker.udpURL()}, {udp.url()}}, what));
+    EXPECT_THAT(peers, UnorderedElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"5.6.7.8", 80}));
+    EXPECT_THAT(log.lines(), Contains("[Tracker] Will announce to 4 trackers: " + tracker.httpURL() + ", " +
+                                      unsupported + ", " + tracker.udpURL() + ", " + udp.url()));
+    EXPECT_THAT(log.lines(), Contains("[Tracker] " + unsupported + " → FAILED: Invalid tracker URL"));
+    EXPECT_THAT(log.lines(), Contains("[Tracker] " + udp.url() + " → 2 peers (seeders=0, leechers=0)"));
+    EXPECT_THAT(log.lines(), Contains("[Tracker] Total unique peers: 2"));
+    EXPECT_THAT(simulation.finish(client.announceAll({}, what)), IsEmpty());
+}
+
+TEST_F(TrackerClientTest, aUDPTrackerThatIsSilentAtEitherStepTimesOutAfterFifteenSeconds) {
+    for (const std::size_t answered : {0U, 1U}) {
+        udpAnswers.assign(answered, Bytes(16));
+        std::optional<TrackerAnnounceOutcome> outcome;
+        const std::size_t before = udp.seen().size();
+        asio::co_spawn(simulation.executor(), client.announceOneDetailed(udp.url(), what),
+                       [&](const std::exception_ptr&, TrackerAnnounceOutcome result) { outcome = std::move(result); });
+        simulation.runUntil([&] { return udp.seen().size() == before + answered + 1; });
+        simulation.advance(14s);
+        EXPECT_FALSE(outcome);
+        simulation.advance(1s);
+        ASSERT_TRUE(outcome);
+        EXPECT_EQ(outcome->error, "Tracker request timed out");
+    }
+    udpAnswers = {Bytes(15)};
+    EXPECT_EQ(announce(udp.url()).error, "Invalid tracker response");
+    udpAnswers = {Bytes(16), Bytes(19)};
+    EXPECT_EQ(announce(udp.url()).error, "Invalid tracker response");
+    EXPECT_NE(udp.seen()[0].remotePort, udp.seen()[1].remotePort);  // a fresh socket each time
+}
+
+TEST_F(TrackerClientTest, aUDPHostIsLookedUpAndItsAddressesTriedInTurn) {
+    const auto portOf = [](const std::string& url) { return url.substr(url.rfind(':')); };
+    EXPECT_EQ(announce("udp://tracker.example" + portOf(tracker.udpURL())).error, std::nullopt);
+    EXPECT_EQ(announce("udp://nobody.example:1/").error, "Host not found (authoritative)");
+    for (const char* url : {"udp://127.0.0.1/announce", "udp://:80/", "udp:/", "UDP://127.0.0.1:1/", "http://", ""})
+        EXPECT_EQ(announce(url).error, "Invalid tracker URL") << url;
+    std::optional<std::string> error;
+    asio::co_spawn(simulation.executor(), client.announceOneDetailed("udp://silent.example:80/", what),
+                   [&](const std::exception_ptr&, const TrackerAnnounceOutcome& result) { error = result.error; });
+    simulation.advance(15s);
+    EXPECT_EQ(error, "Tracker request timed out");
+}
+
+TEST_F(TrackerClientTest, announcesFromTheAddressItIsTold) {
+    TrackerClient bound(simulation.executor(), services, Bytes(20, 'p'), 7001, IPAddress::parse("127.0.0.1"));
+    EXPECT_TRUE(simulation.finish(bound.announceOneDetailed(tracker.udpURL(), what)).isSuccess());
+    EXPECT_TRUE(simulation.finish(bound.announceOneDetailed(tracker.httpURL(), what)).isSuccess());
+    EXPECT_FALSE(simulation.finish(bound.announceOneDetailed("udp://[::1]:80/", what)).isSuccess());
+    simulation.finish(bound.stop());
+}
+
+TEST_F(TrackerClientTest, aHostileHTTPTrackerCostsItsOwnAnnounceAndNoMore) {
+    webAnswer = HTTPReply::text("garbage", 500);
+    EXPECT_EQ(announce(web.url()).error, "Invalid tracker response");
+    webAnswer = HTTPReply::text("d8:intervali60ee", 500);  // the body decides, not the status
+    EXPECT_EQ(announce(web.url()).interval, 60);
+    webAnswer.body = Bytes(10'000, 'd');
+    webAnswer.repeats = 10'000;
+    EXPECT_THAT(*announce(web.url()).error, StartsWith("The response is too large"));
+    webAnswer = HTTPReply::redirect("/again");
+    EXPECT_THAT(*announce(web.url()).error, StartsWith("Too many redirects"));
+    webAnswer = {};
+    webAnswer.raw = Bytes();
+    webAnswer.then = HTTPReply::Then::close;
+    EXPECT_THAT(*announce(web.url()).error, StartsWith("The transfer failed"));
+    EXPECT_EQ(announce("http://ho<st>/").error, "Invalid tracker URL");
+    EXPECT_THAT(web.requests()[0].target, EndsWith("&compact=1&ipv6=1"));
+}
+
+TEST_F(TrackerClientTest, stoppingEndsAnnouncesThatStillWait) {
+    webAnswer.then = HTTPReply::Then::stall;
+    webAnswer.claimedLength = 100;
+    bool wasAborted = false;
+    asio::co_spawn(simulation.executor(), client.announceAll({{web.url(), udp.url(), "udp://silent.example:80"}}, what),
+                   [&](const std::exception_ptr& failure, auto&&) { wasAborted = failure != nullptr; });
+    simulation.runUntil([&] { return !web.requests().empty() && !udp.seen().empty(); });
+    simulation.finish(client.stop());
+    simulation.settle();
+    EXPECT_TRUE(wasAborted);
+    EXPECT_THROW(announce(web.url()), boost::system::system_error);
+}
+
+TEST_F(TrackerClientTest, manyAnnouncesRunAtOnceOnManyThreads) {
+    ThreadPools pools;
+    RealClock clock;
+    SecureRandom secure;
+    LoopbackTracker served(simulation.executor());
+    TrackerClient busy(pools.io(), {http, resolver, datagrams, clock, secure, log}, Bytes(20, 'p'));
+    TrackerClient::Tiers tiers(1);
+    for (int i = 0; i < 40; ++i) tiers[0].push_back(i % 2 == 0 ? served.httpURL() : served.udpURL());
+    for (std::uint8_t i = 1; i <= 50; ++i) served.addPeer(what.infoHash, {"1.2.3." + std::to_string(i), 80});
+    auto pending = asio::co_spawn(pools.io(), busy.announceAll(tiers, what), asio::use_future);
+    simulation.runUntil([&] { return pending.wait_for(0s) == std::future_status::ready; });
+    EXPECT_EQ(pending.get().size(), 50U);
+    auto stopped = asio::co_spawn(pools.io(), busy.stop(), asio::use_future);
+    stopped.get();
+    simulation.finish(served.stop());
+    http.stop();
+}
+
+}  // namespace
+}  // namespace skein

@@ -1,0 +1,116 @@
+#include "Core/discovery/TrackerError.h"
+#include "Core/discovery/TrackerReply.h"
+#include "Core/formats/BEncoder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace skein {
+namespace {
+
+using namespace std::string_view_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+std::string failureOf(std::string_view body) {
+    try {
+        TrackerReply::parseHTTPAnnounceReply(toBytes(body));
+    } catch (const TrackerException& failure) {
+        return failure.what();
+    }
+    return "none";
+}
+
+TrackerAnnounceResult parse(std::string_view body) {
+    return TrackerReply::parseHTTPAnnounceReply(toBytes(body)).result;
+}
+
+TEST(TrackerReply, compactListsDropAPartialEntryAtTheEnd) {
+    EXPECT_THAT(TrackerReply::parseCompactIPv4Peers(Bytes{1, 2, 3, 4, 0x1A, 0xE1, 5, 6, 7, 8, 9}),
+                ElementsAre(PeerAddress{"1.2.3.4", 6881}));
+    Bytes two(18 + 17);
+    two[0] = 0x20;
+    two[17] = 80;
+    EXPECT_THAT(TrackerReply::parseCompactIPv6Peers(two), ElementsAre(PeerAddress{"2000::", 80}));
+    EXPECT_THAT(TrackerReply::parseCompactIPv4Peers(Bytes(5)), IsEmpty());
+}
+
+TEST(TrackerReply, peersComeCompactListedAndFromBothFamilies) {
+    const auto both =
+        TrackerReply::parseHTTPAnnounceReply(toBytes("d8:completei3e10:incompletei4e8:intervali60e"
+                                                     "5:peers6:\1\2\3\4\0\x50"
+                                                     "6:peers618:\x20\1\0\0\0\0\0\0\0\0\0\0\0\0\0\1\0\x51"
+                                                     "e"sv));
+    EXPECT_THAT(both.result.peers, ElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"2001::1", 81}));
+    EXPECT_EQ(both.peers6, 1U);
+    EXPECT_EQ(both.result.interval, 60);
+    EXPECT_EQ(both.result.complete, 3);
+    EXPECT_EQ(both.result.incomplete, 4);
+
+    const auto listed = parse(
+        "d5:peersl"
+        "d2:ip7:1.2.3.44:porti80ee"
+        "d2:ip11:2001:DB8::14:porti81ee"
+        "d2:ip12:peer.example4:porti82ee"
+        "d2:ip7:1.2.3.5e"               // no port
+        "d4:porti80ee"                  // no host
+        "d2:ip7:1.2.3.64:porti65536ee"  // no such port
+        "d2:ip3:a\nb4:porti80ee"        // no host name
+        "i7e"
+        "ee");
+    EXPECT_THAT(listed.peers, ElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"2001:db8::1", 81},
+                                          PeerAddress{"peer.example", 82}));
+}
+
+TEST(TrackerReply, figuresThatAreMissingOrNegativeGetSensibleValues) {
+    const auto empty = parse("de");
+    EXPECT_EQ(empty.interval, 1800);
+    EXPECT_EQ(empty.complete + empty.incomplete, 0);
+    EXPECT_THAT(empty.peers, IsEmpty());
+    const auto negative = parse("d8:completei-3e10:incompletei-1e8:intervali-5ee");
+    EXPECT_EQ(negative.interval, 1800);
+    EXPECT_EQ(negative.complete + negative.incomplete, 0);
+    EXPECT_EQ(parse("d8:intervali0ee").interval, 0);
+}
+
+TEST(TrackerReply, whatIsNoDictionaryIsInvalidAndAReasonIsAnError) {
+    for (const char* body : {"", "<html>", "i5e", "l5:peerse", "d5:peers", "d5:peers99999999999:"})
+        EXPECT_EQ(failureOf(body), "Invalid tracker response") << body;
+    EXPECT_EQ(failureOf("d14:failure reason9:not today5:peers0:e"), "Tracker error: not today");
+    EXPECT_EQ(failureOf("d14:failure reason7:\x1b[2J\xFFz\ne"), "Tracker error: ?[2J?z?");
+    EXPECT_EQ(failureOf("d14:failure reason1001:" + std::string(499, 'x') + "é" + std::string(500, 'x') + "e"),
+              "Tracker error: " + std::string(499, 'x'));
+}
+
+TEST(TrackerReply, takesNoMoreThanAShareOfAMillionPeers) {
+    EXPECT_THAT(TrackerReply::parseCompactIPv4Peers(Bytes(6'000'000, 1)), SizeIs(TrackerReply::maxPeers));
+    const BEncodeValue peer(BEncodeValue::Dictionary{{"ip", "1.2.3.4"}, {"port", 80}});
+    const BEncodeValue reply(BEncodeValue::Dictionary{{"peers", BEncodeValue::List(100'000, peer)}});
+    EXPECT_THAT(TrackerReply::parseHTTPAnnounceReply(BEncoder::encode(reply)).result.peers,
+                SizeIs(TrackerReply::maxPeers));
+}
+
+TEST(TrackerReply, udpEntriesHaveTheSizeOfTheSocketsFamily) {
+    Bytes reply(20);
+    reply[11] = 60;
+    reply[15] = 2;
+    reply[19] = 7;
+    const auto bare = TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv4);
+    EXPECT_THAT(bare.peers, IsEmpty());
+    EXPECT_EQ(bare.interval, 60);
+    EXPECT_EQ(bare.incomplete, 2);
+    EXPECT_EQ(bare.complete, 7);
+    reply.resize(20 + 18, 1);
+    EXPECT_THAT(TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv4).peers, SizeIs(3));
+    EXPECT_THAT(TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv6).peers, SizeIs(1));
+    std::fill_n(reply.begin() + 8, 12, std::uint8_t{0xFF});
+    const auto negative = TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv6);
+    EXPECT_EQ(negative.interval, 1800);
+    EXPECT_EQ(negative.complete + negative.incomplete, 0);
+    EXPECT_THROW(TrackerReply::parseUDPAnnounceReply(Bytes(19), PeerAddressFamily::ipv4), TrackerException);
+    EXPECT_THROW(TrackerReply::parseUDPConnectReply(Bytes(15)), TrackerException);
+}
+
+}  // namespace
+}  // namespace skein

@@ -1,0 +1,294 @@
+#include "public/common/HTTPClient.h"
+#include "public/common/ThreadPools.h"
+#include "public/common/Within.h"
+#include "tests/support/ScriptedHTTPServer.h"
+#include "tests/support/Simulation.h"
+
+#include <boost/asio/use_future.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+namespace skein {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+class HTTPClientTest : public testing::Test {
+protected:
+    ~HTTPClientTest() override {
+        client.stop();
+        simulation.finish(server.stop());
+    }
+
+    HTTPResponse fetch(HTTPRequest request) { return simulation.finish(client.fetch(std::move(request))); }
+    HTTPResponse get(const std::string& url) {
+        HTTPRequest request;
+        request.url = url;
+        return fetch(std::move(request));
+    }
+    template <class Attempt>
+    static std::string failureOf(Attempt attempt, HTTPError expected) {
+        try {
+            attempt();
+        } catch (const HTTPException& failure) {
+            EXPECT_EQ(failure.error, expected) << failure.what();
+            return failure.what();
+        }
+        ADD_FAILURE() << "it did not fail";
+        return {};
+    }
+    std::string failureOf(HTTPRequest request, HTTPError expected) {
+        return failureOf([&] { fetch(std::move(request)); }, expected);
+    }
+    HTTPRequest to(std::string url) const {
+        HTTPRequest request;
+        request.url = std::move(url);
+        return request;
+    }
+
+    Simulation simulation;
+    ScriptedHTTPServer::Script script = [](const SeenHTTPRequest&) { return HTTPReply::text("hello"); };
+    ScriptedHTTPServer server{simulation.executor(), [this](const SeenHTTPRequest& seen) { return script(seen); }};
+    HTTPClient client;
+};
+
+TEST_F(HTTPClientTest, bringsStatusHeadersAndBodyOverOneConnection) {
+    script = [](const SeenHTTPRequest& seen) {
+        HTTPReply reply = HTTPReply::text(seen.target, 404);
+        reply.headers = {{"X-Name", " value "}, {"Set-Cookie", "a=b"}};
+        return reply;
+    };
+    const HTTPResponse response = get(server.url("/a/../b?q=%20~#fragment"));
+    EXPECT_EQ(response.status, 404);
+    EXPECT_EQ(response.header("x-name"), "value");
+    EXPECT_EQ(response.remoteAddress, IPAddress::parse("127.0.0.1"));
+    EXPECT_EQ(asText(response.body), "/a/../b?q=%20~");
+    get(server.url("/again"));
+    EXPECT_EQ(server.acceptedConnections(), 1);
+    const auto& headers = server.requests().back().headers;
+    EXPECT_EQ(headers.at("user-agent"), "skein/" SKEIN_VERSION);
+    EXPECT_EQ(headers.count("cookie"), 0U);
+}
+
+TEST_F(HTTPClientTest, sendsMethodHeadersAndBody) {
+    HTTPRequest request = to(server.url());
+    request.method = "POST";
+    request.headers = {{"Content-Type", "application/json"}, {"X-Empty", ""}};
+    request.body = Bytes(100'000, 'x');
+    fetch(request);
+    EXPECT_EQ(server.requests()[0].method, "POST");
+    EXPECT_EQ(server.requests()[0].body, request.body);
+    EXPECT_EQ(server.requests()[0].headers.at("content-type"), "application/json");
+    EXPECT_EQ(server.requests()[0].headers.at("x-empty"), "");
+    request = to(server.url());
+    request.method = "HEAD";
+    EXPECT_TRUE(fetch(request).body.empty());
+    request.method = "DELETE";
+    fetch(request);
+    EXPECT_EQ(server.requests()[2].method, "DELETE");
+    request.method = "POST";
+    fetch(request);
+    EXPECT_EQ(server.requests()[3].headers.count("content-type"), 0U);
+}
+
+TEST_F(HTTPClientTest, refusesRequestsThatAreNone) {
+    for (const char* url : {"", "no url", "ftp://127.0.0.1/", "file:///etc/passwd", "http://", "http://a/ b",
+                            "http://127.0.0.1/\r\nX: y", "udp://127.0.0.1:1"})
+        failureOf(to(url), HTTPError::invalidRequest);
+    HTTPRequest request = to(server.url());
+    request.headers = {{"X", "a\r\nY: b"}};
+    failureOf(request, HTTPError::invalidRequest);
+    EXPECT_TRUE(server.requests().empty());
+}
+
+TEST_F(HTTPClientTest, stopsABodyThatIsTooLargeAtTheLimit) {
+    script = [](const SeenHTTPRequest&) {
+        HTTPReply reply;
+        reply.body = Bytes(10'000, 'x');
+        reply.repeats = 10'000;
+        return reply;
+    };
+    HTTPRequest request = to(server.url());
+    request.maxBodyBytes = 50'000;
+    EXPECT_THAT(failureOf(request, HTTPError::bodyTooLarge), HasSubstr("more than 50000 bytes"));
+    simulation.runUntil([&] { return server.openConnections() == 0; });
+    EXPECT_LT(server.sentBytes(), 20'000'000U);  // what the kernel's buffers took
+
+    script = [](const SeenHTTPRequest&) { return HTTPReply::text(std::string(50'000, 'x')); };
+    EXPECT_EQ(fetch(request).body.size(), 50'000U);
+}
+
+TEST_F(HTTPClientTest, whatIsNotHTTPIsAnError) {
+    HTTPReply reply;
+    reply.then = HTTPReply::Then::close;
+    script = [&](const SeenHTTPRequest&) { return reply; };
+    for (const std::string& raw :
+         {std::string(), std::string(300, '\xFF'), std::string("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc")}) {
+        reply.raw = toBytes(raw);
+        failureOf(to(server.url()), HTTPError::transferFailed);
+    }
+    std::string endless = "HTTP/1.1 200 OK\r\n";
+    for (int i = 0; i < 10'000; ++i) endless += "X-Header-That-Is-Repeated: forever and a day\r\n";
+    reply.raw = toBytes(endless);
+    EXPECT_THAT(failureOf(to(server.url()), HTTPError::transferFailed), HasSubstr("too many headers"));
+}
+
+TEST_F(HTTPClientTest, aServerThatFallsSilentIsATimeout) {
+    script = [](const SeenHTTPRequest&) {
+        HTTPReply reply = HTTPReply::text("hello");
+        reply.stallAfter = 2;
+        return reply;
+    };
+    HTTPRequest request = to(server.url());
+    request.totalTimeout = 100ms;
+    failureOf(request, HTTPError::timeout);
+    simulation.runUntil([&] { return server.openConnections() == 0; });
+}
+
+TEST_F(HTTPClientTest, aPortWhereNobodyListensIsAnErrorAtOnce) {
+    asio::ip::tcp::acceptor acceptor(simulation.executor(), {asio::ip::make_address("127.0.0.1"), 0});
+    const auto port = acceptor.local_endpoint().port();
+    acceptor.close();
+    failureOf(to("http://127.0.0.1:" + std::to_string(port)), HTTPError::cannotConnect);
+    failureOf(to("http://" + std::string(64, 'a') + ".invalid/"),
+              HTTPError::cannotResolve);  // too long to be asked for
+}
+
+TEST_F(HTTPClientTest, followsFiveRedirectsAndNoSixth) {
+    int redirects = 5;
+    script = [&](const SeenHTTPRequest& seen) {
+        const int number = std::stoi(seen.target.substr(1));
+        return number == redirects ? HTTPReply::text("there") : HTTPReply::redirect("/" + std::to_string(number + 1));
+    };
+    const HTTPResponse response = get(server.url("/0"));
+    EXPECT_EQ(asText(response.body), "there");
+    EXPECT_EQ(response.url, server.url("/5"));
+    redirects = -1;
+    failureOf(to(server.url("/0")), HTTPError::tooManyRedirects);
+    EXPECT_EQ(server.requests().size(), 12U);
+}
+
+TEST_F(HTTPClientTest, aRedirectElsewhereTakesNeitherCredentialsNorBodyNorAnotherScheme) {
+    ScriptedHTTPServer other(simulation.executor(), [](const SeenHTTPRequest&) { return HTTPReply::text("other"); });
+    int status = 302;
+    std::string target = other.url();
+    script = [&](const SeenHTTPRequest& seen) {
+        return seen.target == "/" ? HTTPReply::redirect(target, status) : HTTPReply::text("same");
+    };
+    HTTPRequest request = to(server.url());
+    request.headers = {{"Authorization", "secret"}, {"X-Token", "secret"}, {"Range", "bytes=5-"}};
+    EXPECT_EQ(asText(fetch(request).body), "other");
+    const auto& headers = other.requests()[0].headers;
+    EXPECT_EQ(headers.count("authorization") + headers.count("x-token"), 0U);
+    EXPECT_EQ(headers.at("range"), "bytes=5-");
+
+    request.method = "POST";
+    request.body = toBytes("secret");
+    EXPECT_EQ(asText(fetch(request).body), "other");  // 302: a GET without the body
+    EXPECT_EQ(other.requests()[1].method, "GET");
+    EXPECT_TRUE(other.requests()[1].body.empty());
+    status = 307;
+    failureOf(request, HTTPError::forbiddenRedirect);
+    target = "/same";
+    EXPECT_EQ(asText(fetch(request).body), "same");
+    EXPECT_EQ(server.requests().back().headers.at("authorization"), "secret");
+    EXPECT_EQ(asText(server.requests().back().body), "secret");
+    target = "file:///etc/passwd";
+    failureOf(request, HTTPError::forbiddenRedirect);
+    simulation.finish(other.stop());
+}
+
+TEST_F(HTTPClientTest, noRedirectLeadsFromAPublicHostInside) {
+    HTTPClient::Options options;
+    options.scopeOf = [](const IPAddress& address) {
+        return address.isIPv4() ? AddressScope::global : AddressScope::loopback;
+    };
+    HTTPClient outside(options);
+    ScriptedHTTPServer inner(simulation.executor(), script, "::1");
+    const auto fetchOutside = [&](const std::string& url) { return simulation.finish(outside.fetch(to(url))); };
+    script = [&](const SeenHTTPRequest&) { return HTTPReply::redirect(inner.url()); };
+    failureOf([&] { fetchOutside(server.url()); }, HTTPError::forbiddenRedirect);
+    EXPECT_EQ(inner.acceptedConnections(), 0);
+
+    EXPECT_EQ(fetchOutside(inner.url()).status, 200);  // asked for by itself it is fine, and its connection is kept
+    failureOf([&] { fetchOutside(server.url()); }, HTTPError::forbiddenRedirect);
+    EXPECT_EQ(inner.requests().size(), 1U);
+
+    EXPECT_EQ(get(server.url()).status, 200);  // from one loopback address to another
+    simulation.finish(inner.stop());
+}
+
+TEST_F(HTTPClientTest, cancellingTheCallerEndsTheTransfer) {
+    script = [](const SeenHTTPRequest&) {
+        HTTPReply reply = HTTPReply::text("hello");
+        reply.stallAfter = 0;
+        return reply;
+    };
+    bool wasLimited = false;
+    const auto attempt = [&] {
+        try {
+            simulation.finish(within(simulation, 0s, client.fetch(to(server.url()))));
+        } catch (const TimeLimitExceeded&) {
+            wasLimited = true;
+        }
+    };
+    attempt();
+    EXPECT_TRUE(wasLimited);
+    simulation.runUntil([&] { return server.openConnections() == 0; });
+
+    TaskGroup tasks(simulation.executor());
+    std::string outcome;
+    simulation.start(
+        [](HTTPClient& http, TaskGroup& group, HTTPRequest request, std::string& end) -> asio::awaitable<void> {
+            try {
+                co_await group.call(http.fetch(std::move(request)));
+            } catch (const boost::system::system_error& error) {
+                end = error.code() == asio::error::operation_aborted ? "aborted" : error.what();
+            }
+        }(client, tasks, to(server.url()), outcome));
+    simulation.runUntil([&] { return server.openConnections() == 1 && !server.requests().empty(); });
+    simulation.finish(tasks.stop());
+    simulation.runUntil([&] { return server.openConnections() == 0; });
+    EXPECT_EQ(outcome, "aborted");
+}
+
+TEST_F(HTTPClientTest, stoppingEndsWhatRunsAndWhatComes) {
+    script = [](const SeenHTTPRequest&) {
+        HTTPReply reply;
+        reply.then = HTTPReply::Then::stall;
+        reply.claimedLength = 5;
+        return reply;
+    };
+    ThreadPools pools;
+    auto pending = asio::co_spawn(pools.io(), client.fetch(to(server.url())), asio::use_future);
+    simulation.runUntil([&] { return !server.requests().empty(); });
+    client.stop();
+    EXPECT_THROW(pending.get(), boost::system::system_error);
+    EXPECT_THROW(get(server.url()), boost::system::system_error);
+}
+
+TEST_F(HTTPClientTest, manyThreadsFetchAtOnce) {
+    ThreadPools pools;
+    std::vector<std::future<HTTPResponse>> pending;
+    for (int i = 0; i < 100; ++i)
+        pending.push_back(asio::co_spawn(pools.io(), client.fetch(to(server.url())), asio::use_future));
+    for (auto& future : pending) {
+        simulation.runUntil([&] { return future.wait_for(0s) == std::future_status::ready; });
+        EXPECT_EQ(future.get().status, 200);
+    }
+    client.stop();  // before the pools go, on which it resumes its callers
+}
+
+TEST_F(HTTPClientTest, sendsFromTheAddressItIsTold) {
+    HTTPRequest request = to(server.url());
+    request.localAddress = "127.0.0.1";
+    EXPECT_EQ(fetch(request).status, 200);
+    request.localAddress = "192.0.2.1";  // nobody's
+    failureOf(request, HTTPError::cannotConnect);
+}
+
+}  // namespace
+}  // namespace skein

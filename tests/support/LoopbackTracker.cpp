@@ -1,0 +1,201 @@
+#include "tests/support/LoopbackTracker.h"
+
+#include "Core/formats/BEncoder.h"
+#include "public/common/IPAddress.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <string_view>
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+// What is remembered of a machine that announces without end; the oldest go.
+constexpr std::size_t rememberedAnnounces = 10'000;
+constexpr std::size_t rememberedConnections = 10'000;
+constexpr std::size_t trackedPeers = 10'000;  // of one torrent
+constexpr std::size_t trackedSwarms = 10'000;
+
+std::string percentDecode(std::string_view text) {
+    std::string decoded;
+    while (!text.empty()) {
+        const auto byte = text.front() == '%' && text.size() >= 3 ? fromHex(text.substr(1, 2)) : std::nullopt;
+        decoded += byte ? static_cast<char>(byte->front()) : text.front();
+        text.remove_prefix(byte ? 3 : 1);
+    }
+    return decoded;
+}
+
+/// Takes what stands before `delimiter` off the front of `text`, and the delimiter with it.
+std::string_view take(std::string_view& text, char delimiter) {
+    const std::string_view front = text.substr(0, text.find(delimiter));
+    text.remove_prefix(std::min(text.size(), front.size() + 1));
+    return front;
+}
+
+std::map<std::string, std::string> parseQuery(std::string_view target) {
+    std::map<std::string, std::string> query;
+    take(target, '?');
+    while (!target.empty()) {
+        std::string_view value = take(target, '&');
+        const std::string key(take(value, '='));
+        query[key] = percentDecode(value);
+    }
+    return query;
+}
+
+std::int64_t numberIn(const std::map<std::string, std::string>& query, const std::string& key) {
+    std::int64_t number = 0;
+    const auto found = query.find(key);
+    if (found != query.end())
+        std::from_chars(found->second.data(), found->second.data() + found->second.size(), number);
+    return number;
+}
+
+Bytes compact(const std::vector<PeerAddress>& peers, bool wantsIPv6) {
+    Bytes bytes;
+    for (const PeerAddress& peer : peers) {
+        const auto literal = peer.literal();
+        if (!literal || literal->isIPv4() == wantsIPv6) continue;
+        append(bytes, literal->bytes());
+        appendBigEndian(bytes, peer.port);
+    }
+    return bytes;
+}
+
+BEncodeValue listed(const std::vector<PeerAddress>& peers) {
+    BEncodeValue::List list;
+    for (const PeerAddress& peer : peers)
+        list.emplace_back(BEncodeValue::Dictionary{{"ip", peer.host}, {"port", std::int64_t{peer.port}}});
+    return list;
+}
+
+Bytes udpError(ByteView transaction, std::string_view message) {
+    Bytes datagram;
+    appendBigEndian(datagram, std::uint32_t{3});
+    append(datagram, transaction);
+    append(datagram, toBytes(message));
+    return datagram;
+}
+
+}  // namespace
+
+LoopbackTracker::LoopbackTracker(const asio::any_io_executor& pool, Options options)
+    : options_(std::move(options)),
+      http_(
+          pool, [this](const SeenHTTPRequest& request) { return answerHTTP(request); }, options_.address,
+          options_.httpPort),
+      udp_(
+          pool, [this](const ScriptedUDPServer::Seen& seen) { return answerUDP(seen); }, options_.address,
+          options_.udpPort) {}
+
+asio::awaitable<void> LoopbackTracker::stop() {
+    co_await http_.stop();
+    co_await udp_.stop();
+}
+
+void LoopbackTracker::addPeer(ByteView infoHash, const PeerAddress& peer, bool isSeeder) {
+    swarms_[std::string(asText(infoHash))].peers[peer] = isSeeder;
+}
+
+LoopbackTracker::Answer LoopbackTracker::track(const Seen& announce) {
+    if (announces_.size() == rememberedAnnounces) announces_.erase(announces_.begin());
+    announces_.push_back(announce);
+    if (swarms_.size() == trackedSwarms) swarms_.erase(swarms_.begin());
+    auto& peers = swarms_[announce.infoHash].peers;
+    if (announce.event == "stopped") {
+        peers.erase(announce.peer);
+    } else {
+        if (peers.size() == trackedPeers) peers.erase(peers.begin());
+        peers[announce.peer] = announce.left == 0;
+    }
+    Answer answer;
+    for (const auto& [peer, isSeeder] : peers) {
+        ++(isSeeder ? answer.seeders : answer.leechers);
+        if (peer != announce.peer && announce.event != "stopped" && answer.peers.size() < options_.maxPeers)
+            answer.peers.push_back(peer);
+    }
+    return answer;
+}
+
+HTTPReply LoopbackTracker::answerHTTP(const SeenHTTPRequest& request) {
+    if (!request.target.starts_with("/announce")) return HTTPReply::text("no such page", 404);
+    const auto query = parseQuery(request.target);
+    const auto infoHash = query.find("info_hash");
+    const std::int64_t port = numberIn(query, "port");
+    BEncodeValue::Dictionary reply;
+    if (!options_.failureReason.empty()) {
+        reply = {{"failure reason", options_.failureReason}};
+    } else if (infoHash == query.end() || infoHash->second.size() != 20 || port < 1 || port > 65'535 ||
+               !request.remote) {
+        reply = {{"failure reason", "not a valid announce"}};
+    } else {
+        Seen seen;
+        seen.infoHash = infoHash->second;
+        seen.peer = PeerAddress::from(*request.remote, static_cast<std::uint16_t>(port));
+        seen.downloaded = numberIn(query, "downloaded");
+        seen.uploaded = numberIn(query, "uploaded");
+        seen.left = numberIn(query, "left");
+        const auto event = query.find("event");
+        if (event != query.end()) seen.event = event->second;
+        const Answer answer = track(seen);
+        reply = {{"interval", options_.interval}, {"complete", answer.seeders}, {"incomplete", answer.leechers}};
+        if (options_.listsDictionaries) {
+            reply.emplace_back("peers", listed(answer.peers));
+        } else {
+            reply.emplace_back("peers", compact(answer.peers, false));
+            const Bytes more = compact(answer.peers, true);
+            if (!more.empty()) reply.emplace_back("peers6", more);
+        }
+    }
+    return HTTPReply::text(asText(BEncoder::encode(reply)));
+}
+
+std::vector<Bytes> LoopbackTracker::answerUDP(const ScriptedUDPServer::Seen& seen) {
+    const ByteView datagram = seen.datagram;
+    if (datagram.size() < 16) return {};
+    const auto action = readBigEndian<std::uint32_t>(datagram.subspan(8));
+    if (action == 0 && readBigEndian<std::uint64_t>(datagram) == 0x41727101980) return {answerConnect(datagram)};
+    if (action == 1 && datagram.size() >= 98) return {answerAnnounce(seen)};
+    return {udpError(datagram.subspan(12, 4), "unknown action")};
+}
+
+Bytes LoopbackTracker::answerConnect(ByteView datagram) {
+    if (connections_.size() == rememberedConnections) connections_.erase(connections_.begin());
+    connections_.insert(++lastConnection_);
+    Bytes answer(4);  // action 0
+    append(answer, datagram.subspan(12, 4));
+    appendBigEndian(answer, lastConnection_);
+    return answer;
+}
+
+Bytes LoopbackTracker::answerAnnounce(const ScriptedUDPServer::Seen& seen) {
+    const ByteView datagram = seen.datagram;
+    const ByteView transaction = datagram.subspan(12, 4);
+    if (connections_.count(readBigEndian<std::uint64_t>(datagram)) == 0)
+        return udpError(transaction, "unknown connection");
+    constexpr std::array<const char*, 4> events{"", "completed", "started", "stopped"};
+    const auto event = readBigEndian<std::uint32_t>(datagram.subspan(80));
+    Seen announce;
+    announce.infoHash = asText(datagram.subspan(16, 20));
+    announce.downloaded = static_cast<std::int64_t>(readBigEndian<std::uint64_t>(datagram.subspan(56)));
+    announce.left = static_cast<std::int64_t>(readBigEndian<std::uint64_t>(datagram.subspan(64)));
+    announce.uploaded = static_cast<std::int64_t>(readBigEndian<std::uint64_t>(datagram.subspan(72)));
+    announce.event = event < events.size() ? events[event] : "";
+    announce.peer = PeerAddress::from(seen.remote, readBigEndian<std::uint16_t>(datagram.subspan(96)));
+    const Answer answer = track(announce);
+
+    Bytes reply;
+    appendBigEndian(reply, std::uint32_t{1});
+    append(reply, transaction);
+    appendBigEndian(reply, static_cast<std::uint32_t>(options_.interval));
+    appendBigEndian(reply, static_cast<std::uint32_t>(answer.leechers));
+    appendBigEndian(reply, static_cast<std::uint32_t>(answer.seeders));
+    append(reply, compact(answer.peers, !seen.remote.isIPv4()));
+    return reply;
+}
+
+}  // namespace skein

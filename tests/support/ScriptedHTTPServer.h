@@ -1,0 +1,93 @@
+#pragma once
+
+#include "public/common/Bytes.h"
+#include "public/common/HTTPMessage.h"
+#include "public/common/IPAddress.h"
+#include "public/common/TaskGroup.h"
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace skein {
+
+/// A request as the server read it.
+struct SeenHTTPRequest {
+    std::string method;
+    std::string target;                          ///< path and query, as sent
+    std::map<std::string, std::string> headers;  ///< names in lower case
+    Bytes body;
+    std::optional<IPAddress> remote;
+};
+
+/// What the server answers, well or badly.
+struct HTTPReply {
+    /// What follows once all is sent: the next request, the end of the connection, or silence.
+    enum class Then { keep, close, stall };
+
+    int status = 200;
+    std::vector<HTTPHeader> headers;
+    Bytes body;
+    std::optional<std::uint64_t> claimedLength;  ///< the Content-Length to send, where not the body's
+    std::uint64_t repeats = 1;                   ///< how often the body is sent
+    std::optional<Bytes> raw;                    ///< sent in place of all the above
+    Then then = Then::keep;
+    std::size_t stallAfter = SIZE_MAX;  ///< so many bytes of the body are sent, and nothing ever again
+
+    static HTTPReply text(std::string_view body, int status = 200);
+    static HTTPReply redirect(std::string location, int status = 302);
+    /// `content`, or the one part of it that a Range header asks for, with its entity tag.
+    static HTTPReply ranged(const SeenHTTPRequest& request, ByteView content, const std::string& etag = "\"1\"");
+};
+
+/// An HTTP/1.1 server on loopback that answers as the test says.
+///
+/// Owner: the test, which awaits `stop()`. Thread: all runs on a strand over the given executor; on a Simulation that
+/// is the test's own thread, and what is recorded may be read at any time.
+class ScriptedHTTPServer {
+public:
+    using Script = std::function<HTTPReply(const SeenHTTPRequest&)>;
+
+    /// Listens at once, on a port of the system's choice unless one is given.
+    ScriptedHTTPServer(const asio::any_io_executor& pool, Script script, std::string_view address = "127.0.0.1",
+                       std::uint16_t port = 0);
+    asio::awaitable<void> stop();
+
+    std::uint16_t port() const { return port_; }
+    /// "http://127.0.0.1:PORT" and `target`.
+    std::string url(std::string_view target = "/") const;
+
+    const std::vector<SeenHTTPRequest>& requests() const { return requests_; }
+    int acceptedConnections() const { return accepted_; }
+    int openConnections() const { return open_; }
+    std::uint64_t sentBytes() const { return sent_; }
+
+private:
+    asio::awaitable<void> acceptAll();
+    asio::awaitable<void> serve(asio::ip::tcp::socket socket);
+    asio::awaitable<void> serveAll(asio::ip::tcp::socket& socket);
+    asio::awaitable<std::optional<SeenHTTPRequest>> readRequest(asio::ip::tcp::socket& socket, std::string& buffer);
+    asio::awaitable<bool> answer(asio::ip::tcp::socket& socket, bool isHead, HTTPReply reply);
+    asio::awaitable<void> send(asio::ip::tcp::socket& socket, ByteView bytes);
+    asio::awaitable<void> waitForEnd(asio::ip::tcp::socket& socket);
+
+    Script script_;
+    std::string host_;
+    std::uint16_t port_ = 0;
+    std::vector<SeenHTTPRequest> requests_;
+    int accepted_ = 0;
+    int open_ = 0;
+    std::uint64_t sent_ = 0;
+    TaskGroup tasks_;
+    asio::ip::tcp::acceptor acceptor_;
+};
+
+}  // namespace skein
