@@ -134,8 +134,6 @@ void PieceExchange::blameForBadPiece(PeerKey supplier) {
     environment_.pool.drop(supplier, "Peer sent bad pieces", PeerPool::badPeerCooldown);
 }
 
-asio::awaitable<void> PieceExchange::readForUpload(std::vector<BlockRead>& reads) {
-    return pieces_->readBlocks(reads);
-}
+asio::awaitable<void> PieceExchange::readForUpload(std::vector<BlockRead>& reads) { return pieces_->readBlocks(reads); }
 
 }  // namespace skein

@@ -10,7 +10,8 @@
 
 namespace skein {
 
-/// Moves blocks between the connected peers and the piece manager: asks, receives, announces what is complete, and serves.
+/// Moves blocks between the connected peers and the piece manager: asks, receives, announces what is complete, and
+/// serves.
 ///
 /// Lives as long as its piece manager: a recheck makes new ones. Owner: the session, which closes all connections,
 /// then awaits `stop()`. Thread: the session's strand.

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Core/wire/BlockRequest.h"
 #include "Core/engine/ChunkPool.h"
+#include "Core/wire/BlockRequest.h"
 #include "public/common/Bytes.h"
 
 #include <cstdint>

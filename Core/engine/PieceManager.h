@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Core/wire/BlockRequest.h"
 #include "Core/engine/ChunkPool.h"
 #include "Core/engine/PieceInFlight.h"
 #include "Core/engine/PiecePicker.h"
@@ -9,6 +8,7 @@
 #include "Core/engine/StorageError.h"
 #include "Core/engine/TorrentStorage.h"
 #include "Core/engine/WriteTrouble.h"
+#include "Core/wire/BlockRequest.h"
 #include "public/common/FileLogger.h"
 #include "public/common/TaskGroup.h"
 
@@ -98,7 +98,8 @@ public:
     /// The same for many, in one visit to the disk pool; neighbours are read together. `reads` stays in place
     /// meanwhile.
     asio::awaitable<void> readBlocks(std::vector<BlockRead>& reads);
-    /// Puts on the device what was written since the last call. Throws StorageException.
+    /// Puts on the device what was written since the last call, file by file, and may take as long as the device needs.
+    /// Throws StorageException.
     asio::awaitable<void> sync();
     /// Closes the files and gives free memory back. What comes later opens them again.
     asio::awaitable<void> cleanup();
