@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/wire/BlockRequest.h"
 #include "Core/formats/TorrentMetaInfo.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -38,6 +39,9 @@ struct TestTorrent {
         return ByteView(content).subspan(static_cast<std::size_t>(offset), static_cast<std::size_t>(length));
     }
     ByteView piece(int index) const { return bytes(index * metaInfo->pieceLength, metaInfo->pieceSize(index)); }
+    Bytes block(const BlockRequest& which) const {
+        return toBytes(asText(bytes(which.pieceIndex * metaInfo->pieceLength + which.begin, which.length)));
+    }
 
     /// Puts the torrent's files below `folder`.
     void writeTo(const std::filesystem::path& folder) const {
