@@ -2,6 +2,7 @@
 
 #include "Core/engine/FallbackTrackers.h"
 #include "app/Command.h"
+#include "public/common/ErrorText.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
@@ -38,7 +39,7 @@ void EngineHost::listen(std::uint16_t port) {
     try {
         asio::co_spawn(pools_.io(), listener_.start(port), asio::use_future).get();
     } catch (const std::exception& error) {
-        throw CommandFailure("listening on port " + std::to_string(port), error.what());
+        throw CommandFailure("listening on port " + std::to_string(port), textOf(error));
     }
 }
 

@@ -41,7 +41,7 @@ std::string holderOf(int file) {
 }  // namespace
 
 TargetLock::TargetLock(const fs::path& folder, const SHA1Digest& infoHash) {
-    const std::string target = fs::weakly_canonical(folder).string() + '\n' + toHex(infoHash);
+    const std::string target = fs::weakly_canonical(fs::absolute(folder)).string() + '\n' + toHex(infoHash);
     const fs::path path = lockFolder() / (toHex(sha1(toBytes(target))) + ".lock");
     file_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (file_ < 0) throwSystem(path, errno);

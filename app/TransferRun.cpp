@@ -107,8 +107,9 @@ asio::awaitable<void> TransferRun::showOverview() {
     std::vector<const TransferStatus*> all;
     for (const auto& transfer : transfers_) all.push_back(&transfer->status);
     for (;;) {
-        report_.overview(all);
         co_await host_.clock().sleep(overviewInterval);
+        if (isOver()) co_return;
+        report_.overview(all);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "Core/engine/PeerPool.h"
 
 #include "Core/wire/PeerIDClientParser.h"
+#include "public/common/ErrorText.h"
 
 #include <algorithm>
 
@@ -105,7 +106,7 @@ asio::awaitable<std::string> PeerPool::establish(Peer& peer) {
             co_await peer.connection->accept();
         }
     } catch (const std::exception& error) {
-        co_return error.what();
+        co_return textOf(error);
     }
     co_return std::string();
 }

@@ -1,5 +1,6 @@
 #include "Core/wire/PeerConnection.h"
 
+#include "public/common/ErrorText.h"
 #include "public/common/Within.h"
 
 #include <algorithm>
@@ -106,7 +107,7 @@ asio::awaitable<void> PeerConnection::messageLoop() {
     try {
         co_await receiveMessages();
     } catch (const std::exception& error) {
-        reason = error.what();
+        reason = textOf(error);
     }
     if (tasks_.isStopping()) co_return;
     environment_.log.debug("[Peer ", address_.description(), "] message loop ended: ", reason);

@@ -2,6 +2,7 @@
 
 #include "Core/wire/NWPeerWireTransport.h"
 #include "Core/wire/PeerHandshake.h"
+#include "public/common/ErrorText.h"
 #include "public/common/Within.h"
 
 #include <boost/asio/ip/v6_only.hpp>
@@ -58,7 +59,7 @@ void PeerListener::listenOnIPv6Too() {
     try {
         listenOn({asio::ip::address_v6::any(), port_});
     } catch (const boost::system::system_error& error) {
-        log_.info("[Session] no IPv6 listener: ", error.what());
+        log_.info("[Session] no IPv6 listener: ", textOf(error));
     }
 }
 
@@ -111,7 +112,7 @@ asio::awaitable<void> PeerListener::route(tcp::socket socket) {
             handler->second(std::move(transport), PeerAddress::fromHost(remote.address().to_string(), remote.port()));
         }
     } catch (const std::exception& error) {
-        log_.debug("[Handshake] ✗ ", error.what());
+        log_.debug("[Handshake] ✗ ", textOf(error));
     }
     --halfOpen_;
 }
