@@ -22,6 +22,20 @@ bool isNameCharacter(char character) {
     return byte > ' ' && byte != 0x7F && std::string_view("/\\@?#[]:").find(character) == std::string_view::npos;
 }
 
+/// The zone of an IPv6 address, "%" included; empty when there is none that could be an interface's name.
+std::string_view zoneOf(std::string_view host) {
+    constexpr std::size_t longest = 32;
+    const std::size_t percent = std::min(host.find('%'), host.size());
+    const std::string_view zone = host.substr(percent);
+    const auto isNamed = [](char character) {
+        const bool isLetter = (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
+        return isLetter || (character >= '0' && character <= '9') || character == '.' || character == '_' ||
+               character == '-';
+    };
+    if (zone.size() < 2 || zone.size() > longest || !std::all_of(zone.begin() + 1, zone.end(), isNamed)) return {};
+    return zone;
+}
+
 template <std::size_t count>
 std::array<std::uint8_t, count> copyOf(std::span<const std::uint8_t, count> bytes) {
     std::array<std::uint8_t, count> copy{};
@@ -50,8 +64,7 @@ PeerAddress PeerAddress::fromHost(std::string_view host, std::uint16_t port) {
     if (!address) return {std::string(host), port};
     PeerAddress peer = from(*address, port);
     // A link-local address is one of several interfaces', and cannot be dialled without the zone that says which.
-    const std::size_t zone = host.find('%');
-    if (zone != std::string_view::npos && address->scope() == AddressScope::linkLocal) peer.host += host.substr(zone);
+    if (address->scope() == AddressScope::linkLocal) peer.host += zoneOf(host);
     return peer;
 }
 
@@ -66,7 +79,7 @@ std::optional<PeerAddress> PeerAddress::parse(std::string_view text) {
         host = host.substr(1, host.size() - 2);
         const auto address = IPAddress::parse(host);
         if (!address || host.find(':') == std::string_view::npos) return std::nullopt;
-        return from(*address, *port);
+        return fromHost(host, *port);
     }
     if (!std::all_of(host.begin(), host.end(), isNameCharacter)) return std::nullopt;
     return fromHost(host, *port);

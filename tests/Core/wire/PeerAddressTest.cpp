@@ -9,7 +9,7 @@ namespace skein {
 namespace {
 
 TEST(PeerAddress, readsWhatItWrites) {
-    for (const char* text : {"1.2.3.4:6881", "[2001:db8::1]:65535", "peer.example:1"}) {
+    for (const char* text : {"1.2.3.4:6881", "[2001:db8::1]:65535", "[fe80::1%eth0]:6881", "peer.example:1"}) {
         const auto address = PeerAddress::parse(text);
         ASSERT_TRUE(address) << text;
         EXPECT_EQ(address->description(), text);
@@ -31,6 +31,7 @@ TEST(PeerAddress, oneEndpointIsOneAddressHoweverItIsWritten) {
     addresses.insert(PeerAddress::fromHost("1.2.3.4", 81));
     EXPECT_EQ(addresses.size(), 2U);
     EXPECT_EQ(PeerAddress::fromHost("fe80:0::1%eth0", 1).host, "fe80::1%eth0");
+    EXPECT_EQ(PeerAddress::fromHost("fe80::1%\x1b[2J", 1).host, "fe80::1");
     EXPECT_EQ(PeerAddress::fromHost("2a00:0::1%eth0", 1).host, "2a00::1");
 }
 
