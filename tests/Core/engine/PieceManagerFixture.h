@@ -3,6 +3,7 @@
 #include "Core/engine/PieceManager.h"
 #include "tests/Core/engine/FaultyCalls.h"
 #include "tests/Core/engine/TestTorrent.h"
+#include "tests/support/RecordingLogger.h"
 #include "tests/support/Simulation.h"
 
 #include <gtest/gtest.h>
@@ -12,16 +13,6 @@
 #include <vector>
 
 namespace skein {
-
-/// Keeps the lines of the log.
-class LogLines final : public FileLogger {
-public:
-    LogLines() : FileLogger(LogLevel::info) {}
-    std::vector<std::string> lines;
-
-private:
-    void write(LogLevel, std::string_view line) override { lines.emplace_back(line); }
-};
 
 /// A piece manager whose strand and disk pool are the simulation's one thread.
 class PieceManagerFixture : public testing::Test {
@@ -54,7 +45,7 @@ protected:
 
     Simulation simulation;
     TemporaryFolder folder;
-    LogLines log;
+    RecordingLogger log{LogLevel::info};
     FaultyCalls calls;
     std::shared_ptr<OpenFiles> openFiles = std::make_shared<OpenFiles>();
     std::unique_ptr<PieceManager> manager;

@@ -73,7 +73,7 @@ TEST_F(PieceManagerTest, rollsBackAPieceWhoseHashIsWrong) {
     setUp(torrent);
     EXPECT_EQ(receive(torrent, 1), completed);
     EXPECT_EQ(receive(torrent, 0, 1), failed);
-    EXPECT_THAT(log.lines, Contains("[PieceManager] Piece 0 hash mismatch, re-downloading"));
+    EXPECT_THAT(log.lines(), Contains("[PieceManager] Piece 0 hash mismatch, re-downloading"));
     EXPECT_EQ(manager->pieceState(0), State::missing);
     EXPECT_EQ(manager->downloadedBytes(), 40000);
     EXPECT_EQ(nextPiece(), 0);
@@ -202,7 +202,8 @@ TEST_F(PieceManagerTest, waitsLongerAfterEachFailedWriteAndReportsTheTroubleOnce
     }
     EXPECT_THAT(told, ElementsAre("t: No space left on device"));
     EXPECT_EQ(manager->storageProblem(), "t: No space left on device");
-    EXPECT_EQ(std::ranges::count(log.lines, "[PieceManager] Failed to write piece 2: t: No space left on device"), 1);
+    const std::vector<std::string> lines = log.lines();
+    EXPECT_EQ(std::ranges::count(lines, "[PieceManager] Failed to write piece 2: t: No space left on device"), 1);
     calls.writesLeft = 1000;
     simulation.advance(30s);
     while (const std::optional<int> piece = nextPiece()) EXPECT_EQ(receive(torrent, *piece), completed);

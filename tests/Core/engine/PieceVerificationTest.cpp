@@ -32,7 +32,7 @@ TEST_F(PieceVerificationTest, tellsGoodFromBadFromMissing) {
     fs::resize_file(folder.path() / "t/b", 1000);
     setUp(torrent, Mode::readOnly);
     EXPECT_THAT(manager->verifiedConditions(), ElementsAre(good, bad, good, missing, missing, good));
-    EXPECT_THAT(log.lines,
+    EXPECT_THAT(log.lines(),
                 ElementsAre("verifyExistingPieces start, pieces=6", "verifyExistingPieces done, completed=3"));
     EXPECT_EQ(manager->completedBytes(), 2010);
     EXPECT_EQ(manager->downloadedBytes(), 2010);

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Core/wire/BlockRequest.h"
 #include "Core/formats/TorrentMetaInfo.h"
+#include "Core/wire/BlockRequest.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <algorithm>
