@@ -2,6 +2,7 @@
 
 #include "Core/engine/FileCalls.h"
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -9,7 +10,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <utility>
 
 namespace skein {
 

@@ -203,7 +203,7 @@ ReceiveBlockResult PieceManager::finish(int piece, const Outcome& outcome) {
         trouble_.onGivenUp(piece);
         return ReceiveBlockResult::failed;
     }
-    const bool isNews = trouble_.onFailure(environment_.clock.now(), *outcome.writeError);
+    const bool isNews = trouble_.onFailure(piece, environment_.clock.now(), *outcome.writeError);
     environment_.log.log(isNews ? LogLevel::warning : LogLevel::debug, "[PieceManager] Failed to write piece ", piece,
                          ": ", *outcome.writeError);
     if (isNews && onStorageProblem_) onStorageProblem_(trouble_.text());
@@ -291,9 +291,10 @@ bool PieceManager::isReadable(const BlockRequest& block) const noexcept {
 }
 
 asio::awaitable<void> PieceManager::sync() {
-    if (refusal_) co_return;
-    auto visit = [this] { storage_->sync(); };
-    co_await runOn(environment_.disk, std::move(visit));
+    for (bool isMore = !refusal_.has_value(); isMore;) {
+        auto visit = [this] { return storage_->syncNext(); };
+        isMore = co_await runOn(environment_.disk, std::move(visit));
+    }
 }
 
 asio::awaitable<void> PieceManager::cleanup() {

@@ -98,7 +98,8 @@ public:
     /// The same for many, in one visit to the disk pool; neighbours are read together. `reads` stays in place
     /// meanwhile.
     asio::awaitable<void> readBlocks(std::vector<BlockRead>& reads);
-    /// Puts on the device what was written since the last call. Throws StorageException.
+    /// Puts on the device what was written since the last call, file by file, and may take as long as the device needs.
+    /// Throws StorageException.
     asio::awaitable<void> sync();
     /// Closes the files and gives free memory back. What comes later opens them again.
     asio::awaitable<void> cleanup();

@@ -1,5 +1,6 @@
 #include "Core/engine/PiecePicker.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 

@@ -141,18 +141,17 @@ void TorrentStorage::lookAt(const TorrentLayout::Slice& slice, PresenceNotes& no
     }
 }
 
-void TorrentStorage::sync() {
-    for (;;) {
-        std::size_t index = 0;
-        {
-            const std::lock_guard turn(writeTurn_);
-            if (unsynced_.empty()) return;
-            index = unsynced_.extract(unsynced_.begin()).value();
-        }
-        const OpenFiles::File handle = file(index, OpenFiles::Access::write);
-        if (retried([&] { return calls_.sync(handle->number()); }) != 0)
-            throw StorageException::failedCall(layout_.files()[index].path, errno);
+bool TorrentStorage::syncNext() {
+    std::size_t index = 0;
+    {
+        const std::lock_guard turn(writeTurn_);
+        if (unsynced_.empty()) return false;
+        index = unsynced_.extract(unsynced_.begin()).value();
     }
+    const OpenFiles::File handle = file(index, OpenFiles::Access::write);
+    if (retried([&] { return calls_.sync(handle->number()); }) != 0)
+        throw StorageException::failedCall(layout_.files()[index].path, errno);
+    return true;
 }
 
 void TorrentStorage::close() { openFiles_->closeAll(owner_); }

@@ -21,7 +21,7 @@ enum class StorageMode : std::uint8_t { download, readOnly };
 /// The files of one torrent as one stream of bytes.
 ///
 /// A download never follows a symbolic link below the download folder (which may itself be one): a link would lead a
-/// write out of it. Written data is left to the system's cache; `sync` puts it on the device.
+/// write out of it. Written data is left to the system's cache; `syncNext` puts it on the device.
 /// Owner: PieceManager. Thread: any, several at once (but `prepare`); all calls block and belong on the disk pool.
 class TorrentStorage {
 public:
@@ -59,8 +59,8 @@ public:
     /// Fills `into`, one after another, from `offset` of the torrent on. Throws StorageException.
     void read(std::int64_t offset, std::span<const iovec> into);
     Presence presenceOf(std::int64_t offset, std::int64_t length, PresenceNotes& notes);
-    /// Puts on the device what was written since the last call. Throws StorageException.
-    void sync();
+    /// Puts on the device what was written to one more file; false when all is there. Throws StorageException.
+    bool syncNext();
     /// Closes the files; the next use opens them again.
     void close();
 

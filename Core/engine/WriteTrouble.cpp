@@ -4,14 +4,14 @@
 
 namespace skein {
 
-bool WriteTrouble::onFailure(Clock::TimePoint now, const std::string& text) {
+bool WriteTrouble::onFailure(int piece, Clock::TimePoint now, const std::string& text) {
     const bool isNews = !text_.has_value();
     // Pieces that were under way when the trouble began fail with it; that is one failure, not many.
     if (isNews || now >= retryAt_) {
         wait_ = isNews ? Clock::Duration(firstWait) : std::min(wait_ * 2, Clock::Duration(longestWait));
         retryAt_ = now + wait_;
-        trial_.reset();
     }
+    onGivenUp(piece);
     text_ = text;
     return isNews;
 }

@@ -15,8 +15,8 @@ public:
     static constexpr std::chrono::seconds firstWait{1};
     static constexpr std::chrono::seconds longestWait{30};
 
-    /// Returns whether this is news: the write before worked.
-    bool onFailure(Clock::TimePoint now, const std::string& text);
+    /// `piece` could not be written. Returns whether this is news: the write before worked.
+    bool onFailure(int piece, Clock::TimePoint now, const std::string& text);
     /// Returns whether this is news: the write before failed.
     bool onSuccess() noexcept;
     /// `piece` was asked for; in trouble it is then the trial.

@@ -58,6 +58,8 @@ public:
             return std::move(*result);
         }
     }
+    /// How many wait for a time to come.
+    std::size_t sleepers() const noexcept { return sleepers_.size(); }
     /// Starts `task`; its end and its failures go unnoticed.
     void start(asio::awaitable<void> task);
 

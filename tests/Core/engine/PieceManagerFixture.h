@@ -31,7 +31,7 @@ protected:
     }
     void make(const TestTorrent& torrent, PieceManager::Mode mode = PieceManager::Mode::download) {
         manager =
-            std::make_unique<PieceManager>(torrent.metaInfo, folder.path, environment(simulation.executor()), mode);
+            std::make_unique<PieceManager>(torrent.metaInfo, folder.path(), environment(simulation.executor()), mode);
     }
     void setUp(const TestTorrent& torrent, PieceManager::Mode mode = PieceManager::Mode::download) {
         make(torrent, mode);
@@ -40,16 +40,11 @@ protected:
     PieceManager::Environment environment(const asio::any_io_executor& disk) {
         return {asio::make_strand(simulation.executor()), disk, simulation, log, openFiles, calls};
     }
-    static Bytes blockData(const TestTorrent& torrent, const BlockRequest& block) {
-        return toBytes(
-            asText(torrent.piece(block.pieceIndex)
-                       .subspan(static_cast<std::size_t>(block.begin), static_cast<std::size_t>(block.length))));
-    }
     /// Receives all blocks of `piece`, each changed by `damage`; the result of the last one.
     ReceiveBlockResult receive(const TestTorrent& torrent, int piece, std::uint8_t damage = 0) {
         auto result = ReceiveBlockResult::ignored;
         for (const BlockRequest& block : manager->blocksForPiece(piece)) {
-            Bytes data = blockData(torrent, block);
+            Bytes data = torrent.block(block);
             data[0] ^= damage;
             result = simulation.finish(manager->receiveBlock(piece, block.begin, data));
         }

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "Core/wire/BlockRequest.h"
 #include "Core/formats/TorrentMetaInfo.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -8,27 +10,10 @@
 #include <memory>
 #include <random>
 #include <string>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
 namespace skein {
-
-/// A folder of a test's own, gone with it.
-class TemporaryFolder {
-public:
-    explicit TemporaryFolder(const std::filesystem::path& below = std::filesystem::temp_directory_path()) {
-        std::string pattern = (below / "skein-test-XXXXXX").string();
-        path = ::mkdtemp(pattern.data());
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-    std::filesystem::path path;
-};
 
 /// A torrent with its content.
 struct TestTorrent {
@@ -54,6 +39,9 @@ struct TestTorrent {
         return ByteView(content).subspan(static_cast<std::size_t>(offset), static_cast<std::size_t>(length));
     }
     ByteView piece(int index) const { return bytes(index * metaInfo->pieceLength, metaInfo->pieceSize(index)); }
+    Bytes block(const BlockRequest& which) const {
+        return toBytes(asText(bytes(which.pieceIndex * metaInfo->pieceLength + which.begin, which.length)));
+    }
 
     /// Puts the torrent's files below `folder`.
     void writeTo(const std::filesystem::path& folder) const {

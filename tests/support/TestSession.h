@@ -1,0 +1,56 @@
+#pragma once
+
+#include "Core/discovery/DatagramConnection.h"
+#include "Core/engine/TorrentSession.h"
+#include "public/common/HTTPClient.h"
+#include "public/common/NameResolver.h"
+#include "tests/support/RecordingLogger.h"
+#include "tests/support/Simulation.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace skein {
+
+/// An engine on real loopback sockets, on the simulation's one thread and in its time: its own port, its own session.
+class TestSession {
+public:
+    using Kind = TorrentSession::State::Kind;
+
+    TestSession(Simulation& simulation, const SHA1Digest& infoHash, char peerID, TorrentSession::Options options,
+                const asio::any_io_executor& disk);
+    TestSession(const TestSession&) = delete;
+    TestSession& operator=(const TestSession&) = delete;
+    ~TestSession();
+
+    void start(const Bytes& torrentData) { simulation_.finish(session().start(torrentData)); }
+    void stop();
+    TorrentSession& session() { return *session_; }
+    PeerAddress address() const { return {"127.0.0.1", listener_.port()}; }
+
+    Kind state() const { return states.empty() ? Kind::idle : states.back(); }
+    bool hasLogged(std::string_view text) const;
+    bool hasStatus(std::string_view text) const {
+        return std::find(statuses.begin(), statuses.end(), text) != statuses.end();
+    }
+
+    std::vector<Kind> states;
+    std::vector<std::string> statuses;
+    std::vector<PeerRuntimeInfo> peers;
+    std::vector<TrackerRuntimeInfo> trackers;
+    TorrentSession::Progress progress;
+
+private:
+    Simulation& simulation_;
+    RecordingLogger log_{LogLevel::debug};
+    SecureRandom random_;
+    SystemDatagrams datagrams_;
+    SystemNameResolver resolver_;
+    HTTPClient http_;
+    PeerListener listener_;
+    std::unique_ptr<TorrentSession> session_;
+};
+
+}  // namespace skein
