@@ -11,7 +11,7 @@ std::optional<std::int64_t> parseByteCount(std::string_view text) noexcept {
     constexpr std::string_view units = "kmgtKMGT";
     std::int64_t factor = 1;
     if (!text.empty() && units.find(text.back()) != std::string_view::npos) {
-        factor <<= 10U * (units.find(text.back()) % 4 + 1);
+        factor <<= static_cast<int>(10 * (units.find(text.back()) % 4 + 1));
         text.remove_suffix(1);
     }
     std::int64_t count = 0;

@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 
 /// A folder for the locks of this user alone, the same for every home.
 fs::path lockFolder() {
-    const fs::path folder = fs::temp_directory_path() / ("skein-" + std::to_string(::getuid()));
+    fs::path folder = fs::temp_directory_path() / ("skein-" + std::to_string(::getuid()));
     if (::mkdir(folder.c_str(), S_IRWXU) != 0 && errno != EEXIST) throwSystem(folder, errno);
     struct stat status {};
     if (::lstat(folder.c_str(), &status) != 0) throwSystem(folder, errno);

@@ -59,7 +59,9 @@ json::object toJSON(const TrackerRuntimeInfo& tracker) {
 std::string formatDuration(double seconds) {
     const auto whole = static_cast<long>(std::ceil(seconds));
     char text[32];
-    if (whole < 60) {
+    if (seconds < 10) {
+        std::snprintf(text, sizeof text, "%.1f s", seconds);
+    } else if (whole < 60) {
         std::snprintf(text, sizeof text, "%ld s", whole);
     } else if (whole < 3600) {
         std::snprintf(text, sizeof text, "%ld min %02ld s", whole / 60, whole % 60);

@@ -23,7 +23,7 @@ asio::awaitable<Bytes> exchange(DatagramConnection& connection, Bytes data) {
 
 UDPHelper::UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams,
                      std::optional<IPAddress> localAddress)
-    : clock_(clock), resolver_(resolver), datagrams_(datagrams), localAddress_(std::move(localAddress)) {}
+    : clock_(clock), resolver_(resolver), datagrams_(datagrams), localAddress_(localAddress) {}
 
 asio::awaitable<std::unique_ptr<DatagramConnection>> UDPHelper::connect(std::string host, std::uint16_t port) try {
     const auto executor = co_await asio::this_coro::executor;

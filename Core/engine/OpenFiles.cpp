@@ -25,7 +25,7 @@ OpenFiles::File OpenFiles::acquire(const Key& key, Access access, const Opener& 
             return found->second->file;
         }
     }
-    const File file = std::make_shared<const FileDescriptor>(open(access));
+    File file = std::make_shared<const FileDescriptor>(open(access));
     Entries dropped;  // closed after the lock is released: closing may wait for a slow disk
     const std::lock_guard lock(mutex_);
     if (const auto found = byKey_.find(key); found != byKey_.end()) {

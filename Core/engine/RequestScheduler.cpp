@@ -60,6 +60,8 @@ std::vector<BlockRequest> RequestScheduler::nextRequests(PeerKey key) {
     if (found == peers_.end() || found->second.isChoking) return requests;
     Peer& peer = found->second;
     const int depth = depthOf(peer);
+    // Asked in groups: fewer and larger writes here, and larger batches of answers there.
+    if (peer.outstanding > depth - depth / 4) return requests;
     while (peer.outstanding < depth) {
         const auto last = peer.pieces.empty() ? pieceToPeer_.end() : pieceToPeer_.find(peer.pieces.back());
         const bool allSent = last == pieceToPeer_.end() || last->second.sent == last->second.blocks.size();

@@ -24,7 +24,7 @@ std::optional<std::string> faultOf(ByteView data) {
 
 std::filesystem::path save(const std::filesystem::path& folder, std::string_view name, ByteView data) {
     std::filesystem::create_directories(folder);
-    const std::filesystem::path path = folder / (safeFileName(name) + ".torrent");
+    std::filesystem::path path = folder / (safeFileName(name) + ".torrent");
     if (std::filesystem::exists(std::filesystem::symlink_status(path))) {
         if (asText(readWholeFile(path, maxBytes)) == asText(data)) return path;
         throw std::system_error(std::make_error_code(std::errc::file_exists), path.string());

@@ -14,6 +14,7 @@ using Kind = TorrentSession::State::Kind;
 namespace {
 
 constexpr std::chrono::seconds progressInterval{1};
+constexpr std::chrono::seconds syncInterval{10};
 constexpr std::chrono::seconds discoveryLoopInterval{20};
 constexpr std::chrono::seconds discoveryMinInterval{30};
 
@@ -323,6 +324,7 @@ asio::awaitable<void> TorrentSession::progressLoop() {
         if (state_.kind == Kind::downloading) {
             exchange_->relieveSlowPeers();
             exchange_->driveActivePeerRequests();
+            syncNowAndThen();
         }
         updateProgress();
         reportPeers();
@@ -330,6 +332,25 @@ asio::awaitable<void> TorrentSession::progressLoop() {
     progressLoopRuns_ = false;
     updateProgress();
     reportPeers();
+}
+
+/// So that little that was verified can be lost with the machine's power.
+void TorrentSession::syncNowAndThen() {
+    const Clock::TimePoint now = services_.clock.now();
+    if (isSyncing_ || now - lastSyncAt_ < syncInterval) return;
+    lastSyncAt_ = now;
+    isSyncing_ = true;
+    tasks_.spawn(syncFiles());
+}
+
+asio::awaitable<void> TorrentSession::syncFiles() {
+    const std::shared_ptr<PieceManager> pieces = pieceManager_;
+    try {
+        co_await pieces->sync();
+    } catch (const StorageException& error) {
+        services_.log.warning("[PieceManager] sync failed: ", error.what());
+    }
+    isSyncing_ = false;
 }
 
 void TorrentSession::updateProgress() {
@@ -447,7 +468,9 @@ asio::awaitable<void> TorrentSession::shutDown() {
     co_await peerPool_.stop();
     if (announcer_) co_await announcer_->stop();
     if (exchange_) co_await exchange_->stop();
-    if (pieceManager_) co_await pieceManager_->cleanup();
+    if (!pieceManager_) co_return;
+    if (!options_.seedsOnly) co_await syncFiles();
+    co_await pieceManager_->cleanup();
 }
 
 }  // namespace skein

@@ -140,6 +140,8 @@ private:
     void startProgressLoop();
     asio::awaitable<void> progressLoop();
     bool needsProgressLoop() const;
+    void syncNowAndThen();
+    asio::awaitable<void> syncFiles();
     void updateProgress();
     void reportPeers();
     void setState(State::Kind kind, std::string message = {});
@@ -160,6 +162,8 @@ private:
     SpeedTracker uploadSpeedTracker_;
     bool progressLoopRuns_ = false;
     bool isListening_ = false;
+    bool isSyncing_ = false;
+    Clock::TimePoint lastSyncAt_{};
     std::optional<Clock::TimePoint> lastPublicBTDiscoveryAt_;
     TaskGroup tasks_;
     PeerPool peerPool_;

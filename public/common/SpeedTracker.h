@@ -21,7 +21,7 @@ public:
 private:
     struct Sample {
         Clock::TimePoint start;
-        std::int64_t bytes;
+        std::int64_t bytes = 0;
     };
     std::deque<Sample> samples_;  // oldest first, each over `sampleLength`
     Clock::TimePoint first_{};

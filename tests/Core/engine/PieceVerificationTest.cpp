@@ -45,12 +45,7 @@ TEST_F(PieceVerificationTest, resumesWithWhatIsThereAndNoticesLaterAdditions) {
     fs::remove(folder.path() / "t/a");
     setUp(torrent);
     EXPECT_THAT(manager->completionBitmap(), ElementsAre(false, false, false, true, true));
-<<<<<<< HEAD
-    EXPECT_EQ(receive(torrent, 1), ReceiveBlockResult::completed);
     torrent.writeTo(folder.path());
-=======
-    torrent.writeTo(folder.path());
->>>>>>> storage
     simulation.finish(manager->verifyExistingPieces());
     EXPECT_THAT(manager->verifiedConditions(), Each(good));
     EXPECT_TRUE(manager->isComplete());
@@ -79,19 +74,6 @@ TEST_F(PieceVerificationTest, doesNotReadHoles) {
     }
 }
 
-<<<<<<< HEAD
-TEST_F(PieceVerificationTest, countsZerosThatWereWrittenLikeAnyData) {
-    const TestTorrent torrent(65536, {{"t", 3 * 65536}}, 0);
-    torrent.writeTo(folder.path());
-    fs::resize_file(folder.path() / "t", 65536);
-    fs::resize_file(folder.path() / "t", 3 * 65536);
-    setUp(torrent);
-    EXPECT_TRUE(manager->isComplete());
-    EXPECT_EQ(calls.reads, 1);
-}
-
-=======
->>>>>>> storage
 TEST_F(PieceVerificationTest, reportsProgressAndStopsSoonWhenCancelled) {
     const TestTorrent torrent(1 << 20U, {{"t", 100 << 20U}}, 3);
     torrent.writeTo(folder.path());
@@ -117,30 +99,6 @@ TEST_F(PieceVerificationTest, reportsProgressAndStopsSoonWhenCancelled) {
     EXPECT_EQ(progress.back(), 100);
 }
 
-<<<<<<< HEAD
-TEST_F(PieceVerificationTest, usesAllThreadsOfTheDiskPool) {
-    const TestTorrent torrent(300'000, {{"t/a", 20'000'000}, {"t/b", 30'000'001}, {"t/c", 5}});
-    torrent.writeTo(folder.path());
-    damage("t/b", 12'345'678);
-    ThreadPools pools;
-    RealClock clock;
-    TaskGroup tasks(pools.io());
-    PieceManager::Environment environment{tasks.strand(), pools.disk(), clock, log, openFiles, calls};
-    PieceManager parallel(torrent.metaInfo, folder.path(), environment, Mode::download);
-    asio::co_spawn(pools.io(), tasks.call(parallel.setup()), asio::use_future).get();
-    EXPECT_EQ(parallel.completedPieces(), torrent.metaInfo->pieceCount() - 1);
-    const std::optional<int> wrong = parallel.missingSet().first();
-    EXPECT_EQ(wrong, (20'000'000 + 12'345'678) / 300'000);
-
-    // Fetched again while others read, and several at once.
-    asio::co_spawn(pools.io(), tasks.call(fetchAll(parallel, torrent)), asio::use_future).get();
-    EXPECT_TRUE(parallel.isComplete());
-    asio::co_spawn(pools.io(), tasks.call(parallel.verifyExistingPieces()), asio::use_future).get();
-    EXPECT_THAT(parallel.verifiedConditions(), Each(good));
-    asio::co_spawn(pools.io(), tasks.call(parallel.cleanup()), asio::use_future).get();
-    asio::co_spawn(pools.io(), tasks.stop(), asio::use_future).get();
-    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
-=======
 /// A peer that has everything; what was fetched is read again, as an upload would.
 asio::awaitable<void> fetchAll(PieceManager& manager, const TestTorrent& torrent) {
     const PieceSet all = PieceSet::full(torrent.metaInfo->pieceCount());
@@ -152,7 +110,6 @@ asio::awaitable<void> fetchAll(PieceManager& manager, const TestTorrent& torrent
         const std::optional<Bytes> got = co_await manager.readBlock(*piece, 0, 16384);
         EXPECT_EQ(got, torrent.block({*piece, 0, 16384}));
     }
->>>>>>> storage
 }
 
 TEST_F(PieceVerificationTest, worksOnSeveralThreadsAndStopsCleanly) {
@@ -166,14 +123,10 @@ TEST_F(PieceVerificationTest, worksOnSeveralThreadsAndStopsCleanly) {
             return asio::co_spawn(pools.io(), tasks.call(std::move(task)), asio::use_future);
         };
         PieceManager::Environment environment{tasks.strand(), pools.disk(), clock, log, openFiles, calls};
-<<<<<<< HEAD
-        PieceManager parallel(torrent.metaInfo, folder.path(), environment, Mode::download);
-=======
         PieceManager parallel(torrent.metaInfo, folder.path(), environment, Mode::download);
         if (round == 5) damage("t/b", 12'345'678);
         start(parallel.setup()).get();
         EXPECT_TRUE(round < 5 || parallel.completedPieces() == 224);
->>>>>>> storage
         std::vector<std::future<void>> ends;
         for (int peer = 0; peer < 4 && round < 5; ++peer) ends.push_back(start(fetchAll(parallel, torrent)));
         if (round < 4) std::this_thread::sleep_for(std::chrono::microseconds(300 * round));
@@ -182,10 +135,6 @@ TEST_F(PieceVerificationTest, worksOnSeveralThreadsAndStopsCleanly) {
         EXPECT_TRUE(round != 4 || (parallel.isComplete() && torrent.isWholeIn(folder.path())));
         EXPECT_TRUE(round < 5 || parallel.missingSet().first() == (1'000'000 + 12'345'678) / 100'000);
     }
-<<<<<<< HEAD
-    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
-=======
->>>>>>> storage
 }
 
 }  // namespace

@@ -20,15 +20,10 @@ using Presence = TorrentStorage::Presence;
 class TorrentStorageTest : public testing::Test {
 protected:
     // The download folder itself may be a link.
-    TorrentStorageTest() { fs::create_directory_symlink(real.path, save); }
+    TorrentStorageTest() { fs::create_directory_symlink(real.path(), save); }
 
     std::unique_ptr<TorrentStorage> storageOf(const TestTorrent& torrent, StorageMode mode = StorageMode::download) {
-<<<<<<< HEAD
-        return std::make_unique<TorrentStorage>(TorrentLayout(*torrent.metaInfo), folder.path() / "save", mode,
-                                                openFiles, calls);
-=======
         return std::make_unique<TorrentStorage>(TorrentLayout(*torrent.metaInfo), save, mode, openFiles, calls);
->>>>>>> storage
     }
     static void prepare(TorrentStorage& storage) { storage.prepare(0, storage.layout().files().size()); }
     /// The text of the StorageException that `work` throws.
@@ -89,36 +84,13 @@ TEST_F(TorrentStorageTest, readsAndWritesRandomLayoutsLikeOneLongFile) {
                 ASSERT_TRUE(std::ranges::equal(got, range));
             }
         }
-<<<<<<< HEAD
-        EXPECT_TRUE(torrent.isWholeIn(folder.path() / "save"));
-=======
         EXPECT_TRUE(torrent.isWholeIn(save));
->>>>>>> storage
         EXPECT_LE(openFiles->count(), 4U);
     }
 }
 
 TEST_F(TorrentStorageTest, givesEveryFileItsSizeUnlessItOnlyReads) {
     const TestTorrent torrent(4, {{"t/new", 9}, {"t/empty", 0}, {"t/short", 8}, {"t/long", 5}});
-<<<<<<< HEAD
-    fs::create_directories(folder.path() / "save/t");
-    std::ofstream(folder.path() / "save/t/short") << "abc";
-    std::ofstream(folder.path() / "save/t/long") << "abcdefghi";
-    prepare(*storageOf(torrent));
-    EXPECT_EQ(TestTorrent::contentOf(folder.path() / "save/t/new"), Bytes(9));
-    EXPECT_EQ(fs::file_size(folder.path() / "save/t/empty"), 0U);
-    EXPECT_EQ(TestTorrent::contentOf(folder.path() / "save/t/short"), toBytes(std::string_view("abc\0\0\0\0\0", 8)));
-    EXPECT_EQ(TestTorrent::contentOf(folder.path() / "save/t/long"), toBytes("abcde"));
-}
-
-TEST_F(TorrentStorageTest, leavesNoTraceWhenItOnlyReads) {
-    const TestTorrent torrent(4, {{"t/a", 9}});
-    const auto storage = storageOf(torrent, StorageMode::readOnly);
-    prepare(*storage);
-    TorrentStorage::PresenceNotes notes;
-    EXPECT_EQ(storage->presenceOf(0, 4, notes), Presence::absent);
-    EXPECT_FALSE(fs::exists(folder.path() / "save"));
-=======
     prepare(*storageOf(torrent, StorageMode::readOnly));
     EXPECT_TRUE(fs::is_empty(save));
     fs::create_directory(save / "t");
@@ -129,37 +101,10 @@ TEST_F(TorrentStorageTest, leavesNoTraceWhenItOnlyReads) {
     EXPECT_TRUE(fs::is_empty(save / "t/empty"));
     EXPECT_EQ(TestTorrent::contentOf(save / "t/short"), toBytes(std::string_view("abc\0\0\0\0\0", 8)));
     EXPECT_EQ(TestTorrent::contentOf(save / "t/long"), toBytes("abcde"));
->>>>>>> storage
 }
 
 TEST_F(TorrentStorageTest, neverFollowsALinkOutOfTheDownloadFolder) {
     const TestTorrent torrent(4, {{"t/sub/a", 9}, {"t/b", 3}});
-<<<<<<< HEAD
-    const fs::path outside = folder.path() / "outside";
-    fs::create_directories(outside);
-    fs::create_directories(folder.path() / "save/t");
-    const auto storage = storageOf(torrent);
-    fs::create_directory_symlink(outside, folder.path() / "save/t/sub");
-    EXPECT_THAT(failureOf([&] { prepare(*storage); }), HasSubstr("Symbolic link inside the download folder: t/sub/a"));
-    fs::remove(folder.path() / "save/t/sub");
-    fs::create_symlink(outside / "b", folder.path() / "save/t/b");
-    EXPECT_THAT(failureOf([&] { prepare(*storage); }), HasSubstr("Symbolic link inside the download folder: t/b"));
-    fs::remove(folder.path() / "save/t/b");
-    prepare(*storage);
-    // One that is put there later is met when the file is next opened.
-    fs::rename(folder.path() / "save/t/sub", outside / "sub");
-    fs::create_directory_symlink(outside / "sub", folder.path() / "save/t/sub");
-    EXPECT_THAT(failureOf([&] { write(*storage, 0, torrent.bytes(0, 4)); }), HasSubstr("Symbolic link"));
-    EXPECT_EQ(TestTorrent::contentOf(outside / "sub/a"), Bytes(9));
-}
-
-TEST_F(TorrentStorageTest, followsALinkThatIsTheDownloadFolder) {
-    const TestTorrent torrent(4, {{"t/a", 9}});
-    fs::create_directories(folder.path() / "elsewhere");
-    fs::create_directory_symlink(folder.path() / "elsewhere", folder.path() / "save");
-    prepare(*storageOf(torrent));
-    EXPECT_TRUE(fs::exists(folder.path() / "elsewhere/t/a"));
-=======
     const auto storage = storageOf(torrent);
     fs::create_directory(save / "t");
     fs::create_directory_symlink(outside.path(), save / "t/sub");
@@ -174,66 +119,11 @@ TEST_F(TorrentStorageTest, followsALinkThatIsTheDownloadFolder) {
     fs::create_directory_symlink(outside.path() / "sub", save / "t/sub");
     EXPECT_THAT(failureOf([&] { write(*storage, 0, torrent.bytes(0, 4)); }), HasSubstr("Symbolic link"));
     EXPECT_EQ(TestTorrent::contentOf(outside.path() / "sub/a"), Bytes(9));
->>>>>>> storage
 }
 
 TEST_F(TorrentStorageTest, saysWhatStandsInTheWay) {
     const TestTorrent torrent(4, {{"t/a", 9}});
     const auto storage = storageOf(torrent);
-<<<<<<< HEAD
-    fs::create_directories(folder.path() / "save/t/a");
-    EXPECT_THAT(failureOf([&] { prepare(*storage); }), HasSubstr("t/a: Is a directory"));
-    fs::remove(folder.path() / "save/t/a");
-    ASSERT_EQ(::mkfifo((folder.path() / "save/t/a").c_str(), 0600), 0);
-    EXPECT_EQ(failureOf([&] { prepare(*storage); }), "Not a regular file: t/a");
-    fs::remove_all(folder.path() / "save/t");
-    std::ofstream(folder.path() / "save/t") << "a file";
-    EXPECT_THAT(failureOf([&] { prepare(*storage); }), HasSubstr("t/a: Not a directory"));
-}
-
-TEST_F(TorrentStorageTest, noticesThatAnOpenFileWasDeleted) {
-    const TestTorrent torrent(4, {{"t/a", 9}});
-    const auto storage = storageOf(torrent);
-    prepare(*storage);
-    write(*storage, 0, torrent.bytes(0, 4));
-    fs::remove(folder.path() / "save/t/a");
-    EXPECT_EQ(failureOf([&] { write(*storage, 4, torrent.bytes(4, 4)); }), "t/a: No such file or directory");
-    prepare(*storage);
-    write(*storage, 4, torrent.bytes(4, 4));
-    storage->sync();
-    EXPECT_EQ(TestTorrent::contentOf(folder.path() / "save/t/a")[4], torrent.content[4]);
-}
-
-TEST_F(TorrentStorageTest, tellsDataFromHolesAndFromNothing) {
-    constexpr std::int64_t page = 65536;  // no file system keeps holes in smaller steps than this
-    const TestTorrent torrent(page, {{"t/a", 8 * page}, {"t/b", page}, {"t/c", page}}, 1);
-    for (const bool knowsHoles : {true, false}) {
-        calls.knowsHoles = knowsHoles;
-        fs::remove_all(folder.path() / "save");
-        const auto storage = storageOf(torrent);
-        prepare(*storage);
-        TorrentStorage::PresenceNotes notes;
-        const auto at = [&](int first, int count) { return storage->presenceOf(first * page, count * page, notes); };
-        EXPECT_EQ(at(0, 10), Presence::zeros);
-        EXPECT_EQ(at(9, 1), Presence::zeros);
-        storage->forgetPreparation();
-        notes = {};
-        if (!knowsHoles) {
-            EXPECT_EQ(at(0, 1), Presence::data);
-            continue;
-        }
-        write(*storage, 3 * page, torrent.bytes(0, page));
-        EXPECT_EQ(at(0, 3), Presence::zeros);
-        EXPECT_EQ(at(2, 1), Presence::zeros);
-        EXPECT_EQ(at(2, 2), Presence::data);
-        EXPECT_EQ(at(3, 1), Presence::data);
-        EXPECT_EQ(at(3, 2), Presence::data);
-        EXPECT_EQ(at(4, 5), Presence::zeros);
-        fs::resize_file(folder.path() / "save/t/b", 1);
-        EXPECT_EQ(at(7, 2), Presence::absent);
-        EXPECT_EQ(at(9, 1), Presence::zeros);
-    }
-=======
     fs::create_directories(save / "t/a");
     EXPECT_EQ(failureOf([&] { prepare(*storage); }), "t/a: Is a directory");
     fs::remove(save / "t/a");
@@ -266,7 +156,6 @@ TEST_F(TorrentStorageTest, tellsDataFromHolesAndFromNothing) {
     for (const auto& [first, count] : {std::pair(2, 2), {3, 1}, {3, 2}, {0, 8}})
         EXPECT_EQ(at(first, count), Presence::data);
     for (const auto& [first, count] : {std::pair(7, 2), {8, 1}, {0, 10}}) EXPECT_EQ(at(first, count), Presence::absent);
->>>>>>> storage
 }
 
 TEST_F(TorrentStorageTest, keepsFewFilesOpenWhateverTheirNumber) {

@@ -1,5 +1,4 @@
 #include "public/common/Bytes.h"
-
 #include "public/common/SHA1.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
-#include "public/common/TaskGroup.h"
-
 #include "public/common/RunOn.h"
+#include "public/common/TaskGroup.h"
 #include "public/common/ThreadPools.h"
 #include "public/common/Within.h"
 #include "tests/support/Simulation.h"
@@ -88,8 +87,7 @@ TEST(TaskGroup, callsFromManyThreadsMeetOnOneStrand) {
     ThreadPools pools;
     Counter counter(pools.io());
     std::vector<std::future<void>> callers;
-    for (int i = 0; i < 8; ++i)
-        callers.push_back(asio::co_spawn(pools.io(), addMany(counter, 500), asio::use_future));
+    for (int i = 0; i < 8; ++i) callers.push_back(asio::co_spawn(pools.io(), addMany(counter, 500), asio::use_future));
     for (auto& caller : callers) caller.get();
     EXPECT_EQ(asio::co_spawn(pools.io(), counter.add(), asio::use_future).get(), 4001);
     asio::co_spawn(pools.io(), counter.stop(), asio::use_future).get();
