@@ -1,6 +1,5 @@
 #include "app/Interrupt.h"
 
-#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/strand.hpp>
 
@@ -17,11 +16,13 @@ constexpr int signalStatusBase = 128;
 }  // namespace
 
 struct Interrupt::State : std::enable_shared_from_this<State> {
-    explicit State(const asio::any_io_executor& io) : strand(asio::make_strand(io)), signals(strand, SIGINT, SIGTERM) {}
+    explicit State(const asio::any_io_executor& io) : signals(asio::make_strand(io), SIGINT, SIGTERM) {}
 
     void wait() {
-        signals.async_wait([self = shared_from_this()](const boost::system::error_code& error, int signal) {
-            if (error) return;
+        // Weak, as the signal set owns its handlers: a pool that ends without running them would keep both for ever.
+        signals.async_wait([state = weak_from_this()](const boost::system::error_code& error, int signal) {
+            const auto self = state.lock();
+            if (error || !self) return;
             if (self->status != 0 && signal == SIGINT) std::_Exit(signalStatusBase + SIGINT);
             if (self->status == 0) {
                 self->status = signalStatusBase + signal;
@@ -31,7 +32,6 @@ struct Interrupt::State : std::enable_shared_from_this<State> {
         });
     }
 
-    asio::strand<asio::any_io_executor> strand;
     asio::signal_set signals;
     std::atomic<int> status = 0;
     std::stop_source stop;
@@ -39,12 +39,7 @@ struct Interrupt::State : std::enable_shared_from_this<State> {
 
 Interrupt::Interrupt(const asio::any_io_executor& io) : state_(std::make_shared<State>(io)) { state_->wait(); }
 
-Interrupt::~Interrupt() {
-    asio::post(state_->strand, [state = state_] {
-        boost::system::error_code ignored;
-        state->signals.clear(ignored);
-    });
-}
+Interrupt::~Interrupt() = default;
 
 std::stop_token Interrupt::token() const noexcept { return state_->stop.get_token(); }
 

@@ -34,9 +34,11 @@ endif()
 
 find_program(SKEIN_CCACHE ccache)
 if(SKEIN_CCACHE)
-  # Precompiled headers carry their build time; ccache must be told that this does not matter.
+  # Precompiled headers carry their build time; ccache must be told that this does not matter. Nor does the place of the
+  # tree: clones and worktrees share what one of them compiled.
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
-    CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime ${SKEIN_CCACHE})
+    CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+    CCACHE_BASEDIR=${PROJECT_SOURCE_DIR} CCACHE_NOHASHDIR=1 ${SKEIN_CCACHE})
   if(SKEIN_PCH AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(skein_flags INTERFACE -fpch-preprocess)
   endif()

@@ -14,6 +14,8 @@ using Kind = TorrentSession::State::Kind;
 namespace {
 
 constexpr std::chrono::seconds progressInterval{1};
+/// Between two reports while pieces come in by the hundred a second.
+constexpr std::chrono::milliseconds progressPause{100};
 constexpr std::chrono::seconds syncInterval{10};
 constexpr std::chrono::seconds discoveryLoopInterval{20};
 constexpr std::chrono::seconds discoveryMinInterval{30};
@@ -144,7 +146,9 @@ asio::awaitable<void> TorrentSession::openPieces() {
     }
     pieceManager_ = pieces;
     PieceExchange::Callbacks callbacks;
-    callbacks.onPieceCompleted = [](int) {};
+    callbacks.onPieceCompleted = [this](int) {
+        if (services_.clock.now() - lastProgressAt_ >= progressPause) updateProgress();
+    };
     callbacks.onAllPiecesCompleted = [this] { markCompleted(); };
     callbacks.onBytesDownloaded = [this](std::int64_t bytes) {
         downloadSpeedTracker_.add(bytes, services_.clock.now());
@@ -167,6 +171,7 @@ asio::awaitable<void> TorrentSession::enterRunning() {
     co_await startListening();
     startPeerDiscoveryForDownload();
     updateProgress();
+    lastProgressAt_ = {};  // the first piece is told at once
     startProgressLoop();
 }
 
@@ -356,6 +361,7 @@ asio::awaitable<void> TorrentSession::syncFiles() {
 void TorrentSession::updateProgress() {
     if (!callbacks_.onProgressUpdated || !pieceManager_) return;
     const Clock::TimePoint now = services_.clock.now();
+    lastProgressAt_ = now;
     Progress progress;
     progress.fraction = pieceManager_->progress();
     progress.downloadRate = static_cast<std::int64_t>(downloadSpeedTracker_.bytesPerSecond(now));

@@ -164,6 +164,7 @@ private:
     bool isListening_ = false;
     bool isSyncing_ = false;
     Clock::TimePoint lastSyncAt_{};
+    Clock::TimePoint lastProgressAt_{};
     std::optional<Clock::TimePoint> lastPublicBTDiscoveryAt_;
     TaskGroup tasks_;
     PeerPool peerPool_;
