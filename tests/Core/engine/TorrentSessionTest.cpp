@@ -199,9 +199,8 @@ TEST_F(TorrentSessionTest, findsItsPeersThroughTrackersAndTellsThemHowItGoes) {
     const auto getter = makeSession('g', withTrackers(optionsFor(getterFolder)));
     getter->start(torrentData);
     waitFor(*getter, Kind::seeding);
-    simulation.runUntil([&] {
-        return tracker.announces().size() == 6 && getter->trackers[0].status == TrackerRuntimeStatus::working;
-    });
+    simulation.runUntil(
+        [&] { return tracker.announces().size() == 6 && getter->trackers[0].status == TrackerRuntimeStatus::working; });
     getter->stop();
     const auto ofGetter = [&](const std::string& event, std::int64_t left) {
         return Contains(AllOf(Field(&LoopbackTracker::Seen::event, event), Field(&LoopbackTracker::Seen::left, left)));
