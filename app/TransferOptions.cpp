@@ -40,6 +40,14 @@ void TransferOptions::declare(CLI::App& options) {
         ->expected(1)
         ->take_all();
     options.add_flag("--no-trackers", noTrackers, "Leave the source's own trackers alone");
+    // Scripts that are written for what is to come already run: what a switch turns off is off.
+    options.add_flag("--no-dht,--no-lsd,--no-pex,--no-cache-sites,--no-history", "No such source is used yet");
+    options.add_option("--encryption", encryption, "How to speak to peers")
+        ->check(CLI::IsMember({"plaintext"}))
+        ->capture_default_str();
+    options.add_option("--transport", transport, "What to reach peers over")
+        ->check(CLI::IsMember({"any", "tcp"}))
+        ->capture_default_str();
     options.add_option("--download-limit", downloadLimit, "At most so many bytes a second (500K, 2M); 0: no limit")
         ->type_name("RATE")
         ->check(CLI::Validator(checkRate, ""));

@@ -23,6 +23,8 @@ struct TransferOptions {
     std::vector<std::string> peers;
     std::vector<std::string> trackers;
     bool noTrackers = false;
+    std::string encryption = "plaintext";
+    std::string transport = "any";
     std::string downloadLimit = "0";
     std::string uploadLimit = "0";
     std::size_t maxConnections = TorrentSession::defaultMaxConnections;
