@@ -44,9 +44,9 @@ void EngineHost::listen(std::uint16_t port) {
 }
 
 TorrentSession::Services EngineHost::services() {
-    return {pools_.io(), pools_.disk(), clock_,
-            log_,        random_,       TrackerServices{http_, resolver_, datagrams_, clock_, random_, log_},
-            listener_};
+    return {
+        pools_.io(), pools_.disk(), clock_, log_, TrackerServices{http_, resolver_, datagrams_, clock_, random_, log_},
+        listener_};
 }
 
 std::optional<std::string> EngineHost::setting(std::string_view key) {

@@ -23,6 +23,7 @@ struct TransferOptions {
     std::vector<std::string> peers;
     std::vector<std::string> trackers;
     bool noTrackers = false;
+    bool noOtherSources = false;
     std::string encryption = "plaintext";
     std::string transport = "any";
     std::string downloadLimit = "0";

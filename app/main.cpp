@@ -1,3 +1,9 @@
 #include "app/CommandLine.h"
 
-int main(int argc, char** argv) { return skein::runCommandLine(argc, argv); }
+#include <csignal>
+
+int main(int argc, char** argv) {
+    // Where the size of files is limited, a write that goes beyond is an error to handle, not the end.
+    std::signal(SIGXFSZ, SIG_IGN);
+    return skein::runCommandLine(argc, argv);
+}

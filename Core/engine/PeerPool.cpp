@@ -125,7 +125,6 @@ void PeerPool::rememberFailedDial(const DialRequest& request, const std::string&
     info.direction = PeerDirection::outgoing;
     info.lastError = request.isNamedByUser ? error : "public peer connect failed";
     remember(std::move(info));
-    if (callbacks_.onDialFailed) callbacks_.onDialFailed(request.address, request.source);
 }
 
 asio::awaitable<void> PeerPool::retryNamedPeer(DialRequest request) {

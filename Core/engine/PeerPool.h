@@ -67,8 +67,6 @@ public:
         std::function<void(Peer&)> onPeerReady;
         /// An established peer left.
         std::function<void(const Peer&)> onPeerGone;
-        /// A dial failed before it was established.
-        std::function<void(const PeerAddress&, PeerSource)> onDialFailed;
     };
 
     PeerPool(const Environment& environment, Callbacks callbacks);

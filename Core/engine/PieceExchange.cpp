@@ -27,7 +27,7 @@ PeerConnection::Callbacks PieceExchange::connectionCallbacks(PeerKey key) {
     PeerConnection::Callbacks callbacks;
     callbacks.onBitfieldReceived = [this, key](ByteView bitfield) {
         scheduler_.setBitfield(key, bitfield);
-        requestPiecesFromPeer(key);
+        if (!dropIfBothAreComplete(key)) requestPiecesFromPeer(key);
     };
     callbacks.onHaveReceived = [this, key](std::uint32_t piece) {
         scheduler_.addPiece(key, piece);
@@ -53,6 +53,15 @@ PeerConnection::Callbacks PieceExchange::connectionCallbacks(PeerKey key) {
     callbacks.onPieceRequested = [this](std::vector<BlockRead>& reads) { return readForUpload(reads); };
     callbacks.onBytesUploaded = [this](std::int64_t count) { callbacks_.onBytesUploaded(count); };
     return callbacks;
+}
+
+/// Two seeders have nothing to say to each other; the one that dialled leaves. True when the peer was dropped.
+bool PieceExchange::dropIfBothAreComplete(PeerKey key) {
+    const PeerPool::Peer* const peer = environment_.pool.find(key);
+    if (peer == nullptr || isWanting() || !scheduler_.hasEverything(key)) return false;
+    if (peer->isNamedByUser || peer->connection->direction() == PeerDirection::incoming) return false;
+    environment_.pool.drop(key, "Both sides are complete", PeerPool::publicPeerFailureCooldown);
+    return true;
 }
 
 void PieceExchange::addPeer(PeerPool::Peer& peer) {

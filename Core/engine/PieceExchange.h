@@ -49,6 +49,7 @@ public:
     const RequestScheduler& scheduler() const noexcept { return scheduler_; }
 
 private:
+    bool dropIfBothAreComplete(PeerKey key);
     void requestPiecesFromPeer(PeerKey key);
     void handleReceivedBlock(PeerKey key, std::uint32_t piece, std::uint32_t begin, ByteView block);
     asio::awaitable<void> afterBlocks(PeerKey key);

@@ -30,15 +30,18 @@ void RequestScheduler::removePeer(PeerKey peer) {
 }
 
 void RequestScheduler::setBitfield(PeerKey peer, ByteView bitfield) {
-    Peer& state = peers_.at(peer);
+    const auto found = peers_.find(peer);
+    if (found == peers_.end()) return;
+    Peer& state = found->second;
     state.has = PieceSet::fromBitfield(bitfield, pieces_.metaInfo().pieceCount());
     state.isExhausted = false;
     pieces_.updateAvailability(bitfield);
 }
 
 void RequestScheduler::addPiece(PeerKey peer, std::uint32_t piece) {
-    if (piece >= static_cast<std::uint32_t>(pieces_.metaInfo().pieceCount())) return;
-    Peer& state = peers_.at(peer);
+    const auto found = peers_.find(peer);
+    if (found == peers_.end() || piece >= static_cast<std::uint32_t>(pieces_.metaInfo().pieceCount())) return;
+    Peer& state = found->second;
     const int index = static_cast<int>(piece);
     if (state.has.contains(index)) return;
     state.has.insert(index);
@@ -47,7 +50,9 @@ void RequestScheduler::addPiece(PeerKey peer, std::uint32_t piece) {
 }
 
 void RequestScheduler::setChoking(PeerKey peer, bool isChoking) {
-    Peer& state = peers_.at(peer);
+    const auto found = peers_.find(peer);
+    if (found == peers_.end()) return;
+    Peer& state = found->second;
     state.isChoking = isChoking;
     if (!isChoking) return;
     const std::vector<int> held = state.pieces;

@@ -42,6 +42,7 @@ public:
 
     RequestScheduler(PieceManager& pieces, Clock& clock) : pieces_(pieces), clock_(clock) {}
 
+    /// The other calls ignore a peer that was not added, or was removed: its last messages may still come.
     void addPeer(PeerKey peer);
     /// Gives its pieces back.
     void removePeer(PeerKey peer);

@@ -236,9 +236,7 @@ void TorrentSession::handleTrackerAnswer(const TrackerAnnounceOutcome& outcome) 
     if (!outcome.isSuccess() || !isRunning()) return;
     const std::size_t count = outcome.peers.size();
     services_.log.info("[Session] Tracker ", outcome.tracker, " → ", count, " peers, connecting immediately...");
-    // A torrent that seeds is dialled by those who need it.
-    if (state_.kind != Kind::downloading) return;
-    setStatus("Tracker found " + std::to_string(count) + " peers, connecting...");
+    if (state_.kind == Kind::downloading) setStatus("Tracker found " + std::to_string(count) + " peers, connecting...");
     // A tracker on this machine or site knows its peers by their local addresses.
     const bool allowsLocal = options_.allowsLocalPeers || outcome.isTrackerLocal;
     for (const PeerAddress& peer : outcome.peers) {

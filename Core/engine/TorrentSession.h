@@ -9,7 +9,6 @@
 #include "Core/formats/TorrentMetaInfo.h"
 #include "Core/wire/PeerListener.h"
 #include "Core/wire/PeerRuntimeInfo.h"
-#include "public/common/Random.h"
 #include "public/common/SpeedTracker.h"
 #include "public/common/TaskGroup.h"
 
@@ -64,7 +63,6 @@ public:
         asio::any_io_executor disk;
         Clock& clock;
         FileLogger& log;
-        Random& random;
         TrackerServices trackers;
         PeerListener& listener;
     };

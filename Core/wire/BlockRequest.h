@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 
 namespace skein {
@@ -22,3 +24,12 @@ struct BlockRead {
 };
 
 }  // namespace skein
+
+template <>
+struct std::hash<skein::BlockRequest> {
+    std::size_t operator()(const skein::BlockRequest& block) const noexcept {
+        const auto place = static_cast<std::uint64_t>(static_cast<std::uint32_t>(block.pieceIndex)) << 32U |
+                           static_cast<std::uint32_t>(block.begin);
+        return std::hash<std::uint64_t>{}(place * 0x9E3779B97F4A7C15U ^ static_cast<std::uint32_t>(block.length));
+    }
+};

@@ -206,13 +206,6 @@ void PeerConnection::sendNotInterested() {
     enqueue(MessageID::notInterested);
 }
 
-void PeerConnection::sendChoke() {
-    amChoking_ = true;
-    uploads_.clear();
-    uploadsShrank_.notify();
-    enqueue(MessageID::choke);
-}
-
 void PeerConnection::sendUnchoke() {
     amChoking_ = false;
     enqueue(MessageID::unchoke);

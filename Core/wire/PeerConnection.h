@@ -104,7 +104,6 @@ public:
     /// Queued and written in order, several in one write. Dropped when the conversation is over.
     void sendInterested();
     void sendNotInterested();
-    void sendChoke();
     void sendUnchoke();
     void sendHave(int piece);
     void sendBitfield(ByteView bitfield);

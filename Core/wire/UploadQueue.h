@@ -20,7 +20,6 @@ public:
     bool push(const BlockRequest& request);
     /// Drops a queued request.
     void cancel(const BlockRequest& request);
-    void clear() { queue_.clear(); }
     bool isEmpty() const noexcept { return queue_.empty(); }
     bool isFull() const noexcept { return queue_.size() >= maxQueued; }
 

@@ -9,8 +9,7 @@ TestSession::TestSession(Simulation& simulation, const SHA1Digest& infoHash, cha
     : simulation_(simulation), listener_(simulation.executor(), simulation, log_, "127.0.0.1") {
     simulation_.finish(listener_.start(0));
     const TrackerServices trackerServices{http_, resolver_, datagrams_, simulation, random_, log_};
-    const TorrentSession::Services services{simulation.executor(), disk,     simulation, log_, random_,
-                                            trackerServices,       listener_};
+    const TorrentSession::Services services{simulation.executor(), disk, simulation, log_, trackerServices, listener_};
     session_ = std::make_unique<TorrentSession>(infoHash, peerIDOf(peerID), services, std::move(options));
     TorrentSession::Callbacks callbacks;
     callbacks.onStateChanged = [this](const TorrentSession::State& state) { states.push_back(state.kind); };

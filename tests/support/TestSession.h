@@ -4,6 +4,7 @@
 #include "Core/engine/TorrentSession.h"
 #include "public/common/HTTPClient.h"
 #include "public/common/NameResolver.h"
+#include "public/common/Random.h"
 #include "tests/support/RecordingLogger.h"
 #include "tests/support/Simulation.h"
 
