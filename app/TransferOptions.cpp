@@ -41,7 +41,8 @@ void TransferOptions::declare(CLI::App& options) {
         ->take_all();
     options.add_flag("--no-trackers", noTrackers, "Leave the source's own trackers alone");
     // Scripts that are written for what is to come already run: what a switch turns off is off.
-    options.add_flag("--no-dht,--no-lsd,--no-pex,--no-cache-sites,--no-history", "No such source is used yet");
+    const std::string unusedPurpose = "No such source is used yet";
+    options.add_flag("--no-dht,--no-lsd,--no-pex,--no-cache-sites,--no-history", unusedPurpose);
     options.add_option("--encryption", encryption, "How to speak to peers")
         ->check(CLI::IsMember({"plaintext"}))
         ->capture_default_str();
