@@ -23,16 +23,5 @@ TEST(ProgressLine, writesAPlainLineEveryFiveSecondsToALog) {
     EXPECT_EQ(out.str(), "1\n51\n101\n");
 }
 
-TEST(ProgressLine, isDrawnOverOnATerminalAndGoneAtTheEnd) {
-    Simulation simulation;
-    std::ostringstream out;
-    {
-        ProgressLine line(simulation, out, true);
-        line.show("one");
-        line.show("two");
-    }
-    EXPECT_EQ(out.str(), "\r\x1B[Kone\r\x1B[Ktwo\r\x1B[K");
-}
-
 }  // namespace
 }  // namespace skein

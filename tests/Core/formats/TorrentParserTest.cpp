@@ -46,11 +46,6 @@ TEST(TorrentParser, readsASingleFile) {
     EXPECT_FALSE(torrent.isPrivate);
 }
 
-TEST(TorrentParser, hashesTheRawBytesOfInfoEvenWhereTheyAreUnsorted) {
-    const std::string info = "d6:pieces0:4:name1:a12:piece lengthi04e6:lengthi1ee";
-    EXPECT_EQ(TorrentParser::parse(asBytes("d4:info" + info + "e")).infoHash, sha1(asBytes(info)));
-}
-
 TEST(TorrentParser, readsSeveralFilesWithTheirPathsAsGiven) {
     const List files{Dictionary{{"length", 6}, {"path", List{"file1.txt"}}},
                      Dictionary{{"length", 4}, {"path", List{"sub", "\xFF", 7, "..", "", "file2.txt"}}}};
