@@ -14,10 +14,7 @@ namespace skein {
 namespace {
 
 // What is remembered of a machine that announces without end; the oldest go.
-constexpr std::size_t rememberedAnnounces = 10'000;
-constexpr std::size_t rememberedConnections = 10'000;
-constexpr std::size_t trackedPeers = 10'000;  // of one torrent
-constexpr std::size_t trackedSwarms = 10'000;
+constexpr std::size_t mostRemembered = 10'000;
 
 std::string percentDecode(std::string_view text) {
     std::string decoded;
@@ -98,18 +95,18 @@ asio::awaitable<void> LoopbackTracker::stop() {
 }
 
 void LoopbackTracker::addPeer(ByteView infoHash, const PeerAddress& peer, bool isSeeder) {
-    swarms_[std::string(asText(infoHash))].peers[peer] = isSeeder;
+    swarms_[std::string(asText(infoHash))][peer] = isSeeder;
 }
 
 LoopbackTracker::Answer LoopbackTracker::track(const Seen& announce) {
-    if (announces_.size() == rememberedAnnounces) announces_.erase(announces_.begin());
+    if (announces_.size() == mostRemembered) announces_.erase(announces_.begin());
     announces_.push_back(announce);
-    if (swarms_.size() == trackedSwarms) swarms_.erase(swarms_.begin());
-    auto& peers = swarms_[announce.infoHash].peers;
+    if (swarms_.size() == mostRemembered) swarms_.erase(swarms_.begin());
+    Swarm& peers = swarms_[announce.infoHash];
     if (announce.event == "stopped") {
         peers.erase(announce.peer);
     } else {
-        if (peers.size() == trackedPeers) peers.erase(peers.begin());
+        if (peers.size() == mostRemembered) peers.erase(peers.begin());
         peers[announce.peer] = announce.left == 0;
     }
     Answer answer;
@@ -164,7 +161,7 @@ std::vector<Bytes> LoopbackTracker::answerUDP(const ScriptedUDPServer::Seen& see
 }
 
 Bytes LoopbackTracker::answerConnect(ByteView datagram) {
-    if (connections_.size() == rememberedConnections) connections_.erase(connections_.begin());
+    if (connections_.size() == mostRemembered) connections_.erase(connections_.begin());
     connections_.insert(++lastConnection_);
     Bytes answer(4);  // action 0
     append(answer, datagram.subspan(12, 4));

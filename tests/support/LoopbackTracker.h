@@ -57,9 +57,7 @@ public:
     void addPeer(ByteView infoHash, const PeerAddress& peer, bool isSeeder = false);
 
 private:
-    struct Swarm {
-        std::map<PeerAddress, bool> peers;  ///< and whether each is a seeder
-    };
+    using Swarm = std::map<PeerAddress, bool>;  ///< the peers, and whether each is a seeder
     struct Answer {
         std::vector<PeerAddress> peers;
         std::int64_t seeders = 0;

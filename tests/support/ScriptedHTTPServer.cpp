@@ -22,21 +22,19 @@ std::string lowerCase(std::string text) {
     return text;
 }
 
-std::optional<std::uint64_t> parseNumber(std::string_view text) {
-    std::uint64_t number = 0;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (result.ec != std::errc() || result.ptr != text.data() + text.size()) return std::nullopt;
+/// 0 for what is no number.
+std::size_t parseNumber(std::string_view text) {
+    std::size_t number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
     return number;
 }
 
 SeenHTTPRequest parseHead(std::string_view head) {
     SeenHTTPRequest request;
     const std::size_t firstLine = head.find("\r\n");
-    const std::string_view line = head.substr(0, firstLine);
-    const std::size_t space = line.find(' ');
-    const std::size_t secondSpace = line.find(' ', space + 1);
-    request.method = line.substr(0, space);
-    request.target = line.substr(space + 1, secondSpace - space - 1);
+    const std::size_t space = head.find(' ');
+    request.method = head.substr(0, space);
+    request.target = head.substr(space + 1, head.find(' ', space + 1) - space - 1);
     for (std::size_t at = firstLine + 2; at < head.size();) {
         const std::size_t end = head.find("\r\n", at);
         const std::string_view header = head.substr(at, end - at);
@@ -53,9 +51,8 @@ SeenHTTPRequest parseHead(std::string_view head) {
 std::string headOf(const HTTPReply& reply) {
     std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " Scripted\r\n";
     for (const HTTPHeader& header : reply.headers) head += header.name + ": " + header.value + "\r\n";
-    head +=
-        "Content-Length: " + std::to_string(reply.claimedLength.value_or(reply.body.size() * reply.repeats)) + "\r\n";
-    if (reply.then == HTTPReply::Then::close) head += "Connection: close\r\n";
+    head += "Content-Length: " + std::to_string(reply.body.size() * reply.repeats) + "\r\n";
+    if (reply.closes) head += "Connection: close\r\n";
     return head + "\r\n";
 }
 
@@ -71,34 +68,6 @@ HTTPReply HTTPReply::text(std::string_view body, int status) {
 HTTPReply HTTPReply::redirect(std::string location, int status) {
     HTTPReply reply = text("moved", status);
     reply.headers.push_back({"Location", std::move(location)});
-    return reply;
-}
-
-HTTPReply HTTPReply::ranged(const SeenHTTPRequest& request, ByteView content, const std::string& etag) {
-    HTTPReply reply;
-    reply.headers = {{"ETag", etag}, {"Accept-Ranges", "bytes"}};
-    reply.body.assign(content.begin(), content.end());
-    const auto condition = request.headers.find("if-range");
-    const auto range = request.headers.find("range");
-    const bool isOfAnotherVersion = condition != request.headers.end() && condition->second != etag;
-    if (range == request.headers.end() || !range->second.starts_with("bytes=") || isOfAnotherVersion) return reply;
-    const std::string_view bounds = std::string_view(range->second).substr(6);
-    const std::size_t dash = bounds.find('-');
-    const auto first = parseNumber(bounds.substr(0, dash));
-    const std::uint64_t last = std::min<std::uint64_t>(
-        parseNumber(bounds.substr(std::min(dash, bounds.size() - 1) + 1)).value_or(UINT64_MAX), content.size() - 1);
-    const std::string size = std::to_string(content.size());
-    if (!first || *first >= content.size() || last < *first) {
-        reply.status = 416;
-        reply.headers.push_back({"Content-Range", "bytes */" + size});
-        reply.body.clear();
-        return reply;
-    }
-    const ByteView part = content.subspan(*first, last - *first + 1);
-    reply.status = 206;
-    reply.headers.push_back(
-        {"Content-Range", "bytes " + std::to_string(*first) + "-" + std::to_string(last) + "/" + size});
-    reply.body.assign(part.begin(), part.end());
     return reply;
 }
 
@@ -134,18 +103,14 @@ asio::awaitable<void> ScriptedHTTPServer::acceptAll() {
     }
 }
 
-asio::awaitable<void> ScriptedHTTPServer::serve(asio::ip::tcp::socket socket) try {
-    struct Count {
-        int& open;
-        explicit Count(int& connections) : open(connections) { ++open; }
-        Count(const Count&) = delete;
-        Count& operator=(const Count&) = delete;
-        ~Count() { --open; }
-    };
-    const Count count(open_);
-    co_await serveAll(socket);
-} catch (const boost::system::system_error&) {
-    // The client went away, or the server stops.
+asio::awaitable<void> ScriptedHTTPServer::serve(asio::ip::tcp::socket socket) {
+    ++open_;
+    try {
+        co_await serveAll(socket);
+    } catch (const boost::system::system_error&) {
+        // The client went away, or the server stops.
+    }
+    --open_;
 }
 
 asio::awaitable<void> ScriptedHTTPServer::serveAll(asio::ip::tcp::socket& socket) {
@@ -169,7 +134,7 @@ asio::awaitable<std::optional<SeenHTTPRequest>> ScriptedHTTPServer::readRequest(
     buffer.erase(0, headSize);
     request.remote = IPAddress::parse(socket.remote_endpoint().address().to_string());
     const auto length = request.headers.find("content-length");
-    const std::size_t bodySize = length == request.headers.end() ? 0 : parseNumber(length->second).value_or(0);
+    const std::size_t bodySize = length == request.headers.end() ? 0 : parseNumber(length->second);
     if (bodySize > mostRequestBytes) co_return std::nullopt;
     while (buffer.size() < bodySize) {
         const std::size_t before = buffer.size();
@@ -194,8 +159,8 @@ asio::awaitable<bool> ScriptedHTTPServer::answer(asio::ip::tcp::socket& socket, 
         co_await send(socket, part);
     }
     const bool isCut = hasBody && left == 0;
-    if (isCut || reply.then == HTTPReply::Then::stall) co_await waitForEnd(socket);
-    co_return !isCut && reply.then == HTTPReply::Then::keep;
+    if (isCut) co_await waitForEnd(socket);
+    co_return !isCut && !reply.closes;
 }
 
 asio::awaitable<void> ScriptedHTTPServer::send(asio::ip::tcp::socket& socket, ByteView bytes) {

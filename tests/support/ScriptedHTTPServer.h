@@ -30,22 +30,16 @@ struct SeenHTTPRequest {
 
 /// What the server answers, well or badly.
 struct HTTPReply {
-    /// What follows once all is sent: the next request, the end of the connection, or silence.
-    enum class Then { keep, close, stall };
-
     int status = 200;
     std::vector<HTTPHeader> headers;
     Bytes body;
-    std::optional<std::uint64_t> claimedLength;  ///< the Content-Length to send, where not the body's
-    std::uint64_t repeats = 1;                   ///< how often the body is sent
-    std::optional<Bytes> raw;                    ///< sent in place of all the above
-    Then then = Then::keep;
+    std::uint64_t repeats = 1;          ///< how often the body is sent
+    std::optional<Bytes> raw;           ///< sent in place of all the above
+    bool closes = false;                ///< the connection, once all is sent
     std::size_t stallAfter = SIZE_MAX;  ///< so many bytes of the body are sent, and nothing ever again
 
     static HTTPReply text(std::string_view body, int status = 200);
     static HTTPReply redirect(std::string location, int status = 302);
-    /// `content`, or the one part of it that a Range header asks for, with its entity tag.
-    static HTTPReply ranged(const SeenHTTPRequest& request, ByteView content, const std::string& etag = "\"1\"");
 };
 
 /// An HTTP/1.1 server on loopback that answers as the test says.

@@ -19,11 +19,6 @@ PeerAddress ScriptedPeer::address() const { return {"127.0.0.1", acceptor_.local
 
 asio::awaitable<void> ScriptedPeer::accept() { socket_ = co_await acceptor_.async_accept(asio::use_awaitable); }
 
-asio::awaitable<void> ScriptedPeer::connect(std::uint16_t port) {
-    const tcp::endpoint remote(asio::ip::address_v4::loopback(), port);
-    co_await socket_.async_connect(remote, asio::use_awaitable);
-}
-
 asio::awaitable<PeerHandshake> ScriptedPeer::shakeHands(SHA1Digest infoHash, PeerID peerID) {
     const PeerHandshake ours{infoHash, peerID, true};
     const auto encoded = ours.encode();

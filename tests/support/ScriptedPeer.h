@@ -26,7 +26,6 @@ public:
 
     PeerAddress address() const;
     asio::awaitable<void> accept();
-    asio::awaitable<void> connect(std::uint16_t port);
     /// Sends our handshake, then reads the other side's.
     asio::awaitable<PeerHandshake> shakeHands(SHA1Digest infoHash, PeerID peerID);
 

@@ -6,12 +6,12 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/use_future.hpp>
 
-#include <exception>
 #include <functional>
+#include <future>
 #include <map>
 #include <optional>
-#include <type_traits>
 #include <utility>
 
 namespace skein {
@@ -42,21 +42,9 @@ public:
     /// Runs until `task` has ended and returns its result or throws what it threw. Time does not move.
     template <class T>
     T finish(asio::awaitable<T> task) {
-        std::optional<std::exception_ptr> ended;
-        if constexpr (std::is_void_v<T>) {
-            asio::co_spawn(context_, std::move(task), [&](const std::exception_ptr& failure) { ended = failure; });
-            runUntil([&] { return ended.has_value(); });
-            if (*ended) std::rethrow_exception(*ended);
-        } else {
-            std::optional<T> result;
-            asio::co_spawn(context_, std::move(task), [&](const std::exception_ptr& failure, T value) {
-                if (!failure) result = std::move(value);
-                ended = failure;
-            });
-            runUntil([&] { return ended.has_value(); });
-            if (*ended) std::rethrow_exception(*ended);
-            return std::move(*result);
-        }
+        auto ended = asio::co_spawn(context_, std::move(task), asio::use_future);
+        runUntil([&] { return ended.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+        return ended.get();
     }
     /// How many wait for a time to come.
     std::size_t sleepers() const noexcept { return sleepers_.size(); }

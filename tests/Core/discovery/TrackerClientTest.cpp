@@ -40,14 +40,6 @@ public:
     Clock& clock;
 };
 
-class CountingRandom final : public Random {
-public:
-    void fill(std::span<std::uint8_t> bytes) override { std::fill(bytes.begin(), bytes.end(), ++last_); }
-
-private:
-    std::uint8_t last_ = 0;
-};
-
 class TrackerClientTest : public testing::Test {
 protected:
     TrackerClientTest() { what.infoHash.fill(0x20); }
@@ -68,7 +60,7 @@ protected:
     HTTPClient http;
     FakeResolver resolver{simulation};
     SystemDatagrams datagrams;
-    CountingRandom random;
+    SecureRandom random;
     LoopbackTracker tracker{simulation.executor()};
     std::vector<Bytes> udpAnswers;
     ScriptedUDPServer udp{simulation.executor(), [this](const auto& seen) {
@@ -177,8 +169,8 @@ TEST_F(TrackerClientTest, aUDPHostIsLookedUpAndItsAddressesTriedInTurn) {
 
 TEST_F(TrackerClientTest, announcesFromTheAddressItIsTold) {
     TrackerClient bound(simulation.executor(), services, Bytes(20, 'p'), 7001, IPAddress::parse("127.0.0.1"));
-    EXPECT_TRUE(simulation.finish(bound.announceOneDetailed(tracker.udpURL(), what)).isSuccess());
-    EXPECT_TRUE(simulation.finish(bound.announceOneDetailed(tracker.httpURL(), what)).isSuccess());
+    for (const std::string& url : {tracker.udpURL(), tracker.httpURL()})
+        EXPECT_TRUE(simulation.finish(bound.announceOneDetailed(url, what)).isSuccess());
     EXPECT_FALSE(simulation.finish(bound.announceOneDetailed("udp://[::1]:80/", what)).isSuccess());
     simulation.finish(bound.stop());
 }
@@ -195,15 +187,14 @@ TEST_F(TrackerClientTest, aHostileHTTPTrackerCostsItsOwnAnnounceAndNoMore) {
     EXPECT_THAT(*announce(web.url()).error, StartsWith("Too many redirects"));
     webAnswer = {};
     webAnswer.raw = Bytes();
-    webAnswer.then = HTTPReply::Then::close;
+    webAnswer.closes = true;
     EXPECT_THAT(*announce(web.url()).error, StartsWith("The transfer failed"));
     EXPECT_EQ(announce("http://ho<st>/").error, "Invalid tracker URL");
     EXPECT_THAT(web.requests()[0].target, EndsWith("&compact=1&ipv6=1"));
 }
 
 TEST_F(TrackerClientTest, stoppingEndsAnnouncesThatStillWait) {
-    webAnswer.then = HTTPReply::Then::stall;
-    webAnswer.claimedLength = 100;
+    webAnswer.stallAfter = 0;
     bool wasAborted = false;
     asio::co_spawn(simulation.executor(), client.announceAll({{web.url(), udp.url(), "udp://silent.example:80"}}, what),
                    [&](const std::exception_ptr& failure, auto&&) { wasAborted = failure != nullptr; });
@@ -217,18 +208,14 @@ TEST_F(TrackerClientTest, stoppingEndsAnnouncesThatStillWait) {
 TEST_F(TrackerClientTest, manyAnnouncesRunAtOnceOnManyThreads) {
     ThreadPools pools;
     RealClock clock;
-    SecureRandom secure;
-    LoopbackTracker served(simulation.executor());
-    TrackerClient busy(pools.io(), {http, resolver, datagrams, clock, secure, log}, Bytes(20, 'p'));
+    TrackerClient busy(pools.io(), {http, resolver, datagrams, clock, random, log}, Bytes(20, 'p'));
     TrackerClient::Tiers tiers(1);
-    for (int i = 0; i < 40; ++i) tiers[0].push_back(i % 2 == 0 ? served.httpURL() : served.udpURL());
-    for (std::uint8_t i = 1; i <= 50; ++i) served.addPeer(what.infoHash, {"1.2.3." + std::to_string(i), 80});
+    for (int i = 0; i < 40; ++i) tiers[0].push_back(i % 2 == 0 ? tracker.httpURL() : tracker.udpURL());
+    for (std::uint8_t i = 1; i <= 50; ++i) tracker.addPeer(what.infoHash, {"1.2.3." + std::to_string(i), 80});
     auto pending = asio::co_spawn(pools.io(), busy.announceAll(tiers, what), asio::use_future);
     simulation.runUntil([&] { return pending.wait_for(0s) == std::future_status::ready; });
     EXPECT_EQ(pending.get().size(), 50U);
-    auto stopped = asio::co_spawn(pools.io(), busy.stop(), asio::use_future);
-    stopped.get();
-    simulation.finish(served.stop());
+    asio::co_spawn(pools.io(), busy.stop(), asio::use_future).get();
     http.stop();
 }
 

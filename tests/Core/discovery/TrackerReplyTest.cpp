@@ -1,6 +1,7 @@
 #include "Core/discovery/TrackerError.h"
 #include "Core/discovery/TrackerReply.h"
 #include "Core/formats/BEncoder.h"
+#include "tests/support/FailureIn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,12 +15,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 
 std::string failureOf(std::string_view body) {
-    try {
-        TrackerReply::parseHTTPAnnounceReply(toBytes(body));
-    } catch (const TrackerException& failure) {
-        return failure.what();
-    }
-    return "none";
+    return failureIn<TrackerException>([&] { TrackerReply::parseHTTPAnnounceReply(toBytes(body)); });
 }
 
 TrackerAnnounceResult parse(std::string_view body) {
@@ -64,13 +60,12 @@ TEST(TrackerReply, peersComeCompactListedAndFromBothFamilies) {
 }
 
 TEST(TrackerReply, figuresThatAreMissingOrNegativeGetSensibleValues) {
-    const auto empty = parse("de");
-    EXPECT_EQ(empty.interval, 1800);
-    EXPECT_EQ(empty.complete + empty.incomplete, 0);
-    EXPECT_THAT(empty.peers, IsEmpty());
-    const auto negative = parse("d8:completei-3e10:incompletei-1e8:intervali-5ee");
-    EXPECT_EQ(negative.interval, 1800);
-    EXPECT_EQ(negative.complete + negative.incomplete, 0);
+    for (const char* body : {"de", "d8:completei-3e10:incompletei-1e8:intervali-5ee"}) {
+        const auto result = parse(body);
+        EXPECT_EQ(result.interval, 1800);
+        EXPECT_EQ(result.complete + result.incomplete, 0);
+        EXPECT_THAT(result.peers, IsEmpty());
+    }
     EXPECT_EQ(parse("d8:intervali0ee").interval, 0);
 }
 

@@ -42,11 +42,11 @@ protected:
         dialled.push_back(address.port);
         return std::make_unique<HeldTransport>(simulation, fails);
     }
-    PeerPool::Callbacks callbacks() {
+    static PeerPool::Callbacks callbacks() {
         PeerPool::Callbacks callbacks;
         callbacks.connectionCallbacks = [](PeerKey) { return PeerConnection::Callbacks(); };
-        callbacks.onPeerReady = [this](PeerPool::Peer& peer) { ready.push_back(*peer.connection->remotePeerID()); };
-        callbacks.onPeerGone = [this](const PeerPool::Peer&) { ++gone; };
+        callbacks.onPeerReady = [](const PeerPool::Peer&) { ADD_FAILURE() << "nobody answers here"; };
+        callbacks.onPeerGone = [](const PeerPool::Peer&) {};
         return callbacks;
     }
     void offer(int port, bool isNamed = false) {
@@ -57,8 +57,6 @@ protected:
     FileLogger log;
     bool fails = false;
     std::vector<int> dialled;
-    std::vector<PeerID> ready;
-    int gone = 0;
     PeerPool pool{PeerPool::Environment{asio::make_strand(simulation.executor()), simulation, log,
                                         PeerConnection::Identity{SHA1Digest{}, peerIDOf('m')}, 50,
                                         [this](const PeerAddress& address) { return dial(address); }},
@@ -103,7 +101,6 @@ TEST_F(PeerPoolTest, givesUpADialThatNobodyAnswersAndStopsWhileDialling) {
     EXPECT_EQ(pool.dialsInFlight(), 0U);
     offer(2);
     simulation.finish(pool.stop());
-    EXPECT_THAT(ready, SizeIs(0));
 }
 
 }  // namespace

@@ -31,9 +31,9 @@ std::shared_ptr<const TorrentMetaInfo> someTorrent() {
 
 class RequestSchedulerTest : public testing::Test {
 protected:
-    void add(PeerKey key) {
+    void add(PeerKey key, const Bytes& bitfield = Bytes(pieceCount / 8, 0xFF)) {
         scheduler.addPeer(key);
-        scheduler.setBitfield(key, Bytes(pieceCount / 8, 0xFF));
+        scheduler.setBitfield(key, bitfield);
         scheduler.setChoking(key, false);
     }
     RequestScheduler::BlockOutcome receive(PeerKey key, const BlockRequest& block) {
@@ -64,12 +64,11 @@ protected:
 
 TEST_F(RequestSchedulerTest, asksASinglePeerInOrderAndForNoMoreThanItCanQueue) {
     add(1);
-    const auto first = scheduler.nextRequests(1);
-    ASSERT_THAT(first, SizeIs(AllOf(Ge(32), Le(RequestScheduler::maxOutstandingRequests))));
-    EXPECT_EQ(first[0], (BlockRequest{0, 0, blockSize}));
-    EXPECT_EQ(first[5], (BlockRequest{1, blockSize, blockSize}));
+    std::vector<BlockRequest> asked = scheduler.nextRequests(1);
+    ASSERT_THAT(asked, SizeIs(AllOf(Ge(32), Le(RequestScheduler::maxOutstandingRequests))));
+    EXPECT_EQ(asked[0], (BlockRequest{0, 0, blockSize}));
+    EXPECT_EQ(asked[5], (BlockRequest{1, blockSize, blockSize}));
     EXPECT_THAT(scheduler.nextRequests(1), IsEmpty());
-    std::vector<BlockRequest> asked = first;
     for (int i = 0; i < 20; ++i) {
         simulation.advance(100ms);
         answerAll(1, asked);
@@ -94,12 +93,13 @@ TEST_F(RequestSchedulerTest, takesOnlyWhatItAskedOfThatPeer) {
     const BlockRequest asked = scheduler.nextRequests(1).front();
     using Outcome = RequestScheduler::BlockOutcome;
     EXPECT_EQ(receive(2, asked), Outcome::ignored) << "another peer's piece";
-    EXPECT_EQ(receive(1, {150, 0, blockSize}), Outcome::ignored) << "never asked";
-    EXPECT_EQ(receive(1, {asked.pieceIndex, 1, blockSize}), Outcome::ignored) << "between two blocks";
-    EXPECT_EQ(receive(1, {asked.pieceIndex, 0, blockSize - 1}), Outcome::ignored) << "short";
-    EXPECT_EQ(receive(1, {-1, 0, blockSize}), Outcome::ignored);
-    EXPECT_EQ(receive(1, {asked.pieceIndex, blocksPerPiece * blockSize, blockSize}), Outcome::ignored)
-        << "past the end";
+    const int piece = asked.pieceIndex;
+    for (const BlockRequest& unasked : {BlockRequest{150, 0, blockSize},
+                                        {-1, 0, blockSize},
+                                        {piece, 1, blockSize},
+                                        {piece, 0, blockSize - 1},
+                                        {piece, blocksPerPiece * blockSize, blockSize}})
+        EXPECT_EQ(receive(1, unasked), Outcome::ignored) << unasked.pieceIndex << " " << unasked.begin;
     EXPECT_EQ(pieces.downloadedBytes(), 0);
     EXPECT_EQ(receive(1, asked), Outcome::accepted);
     EXPECT_EQ(receive(1, asked), Outcome::ignored) << "twice";
@@ -123,16 +123,12 @@ TEST_F(RequestSchedulerTest, sharesTheSlotsByMeasuredRate) {
     add(1);
     add(2);
     std::vector<BlockRequest> fast = scheduler.nextRequests(1);
-    std::vector<BlockRequest> slow = scheduler.nextRequests(2);
+    const std::vector<BlockRequest> slow = scheduler.nextRequests(2);
     EXPECT_LE(heldBy(1), 16);
     for (int i = 0; i < 10; ++i) {
         simulation.advance(200ms);
         answerAll(1, fast);
-        if (i % 5 == 0) {
-            const BlockRequest one = slow.front();
-            slow.erase(slow.begin());
-            receive(2, one);
-        }
+        if (i % 5 == 0) receive(2, slow[static_cast<std::size_t>(i / 5)]);
         if (i % 5 == 4) scheduler.giveBackSlowPieces();
     }
     EXPECT_GT(heldBy(1), 3 * heldBy(2)) << "what the slow one took before it was measured is given back";
@@ -156,9 +152,7 @@ TEST_F(RequestSchedulerTest, takesAStalledPieceBackAndPrefersFasterPeers) {
 }
 
 TEST_F(RequestSchedulerTest, movesTheLastPiecesToAnIdlePeerThatIsFarFaster) {
-    scheduler.addPeer(1);
-    scheduler.setBitfield(1, Bytes{0x80});
-    scheduler.setChoking(1, false);
+    add(1, Bytes{0x80});
     std::vector<BlockRequest> slow = scheduler.nextRequests(1);
     ASSERT_THAT(slow, SizeIs(blocksPerPiece));
     add(2);

@@ -1,6 +1,7 @@
 #include "Core/engine/TorrentBuilder.h"
 #include "public/common/ThreadPools.h"
 #include "tests/Core/engine/TestTorrent.h"
+#include "tests/support/FailureIn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,13 +22,8 @@ protected:
         return builder.torrent();
     }
 
-    std::string failureOf(const TorrentBuilder::Options& options) {
-        try {
-            built(options);
-        } catch (const TorrentBuildException& failure) {
-            return failure.what();
-        }
-        return "none";
+    std::string failureToBuild(const TorrentBuilder::Options& options) {
+        return failureIn<TorrentBuildException>([&] { built(options); });
     }
 
     void write(const std::string& path, std::string_view content) {
@@ -55,15 +51,12 @@ TEST_F(TorrentBuilderTest, hashesPiecesAcrossSortedFiles) {
     }
 }
 
-TEST_F(TorrentBuilderTest, hashesASingleFileAlsoThroughALink) {
+TEST_F(TorrentBuilderTest, followsALinkThatIsNamedButLeavesOutThoseInsideAndTheFileToBeWritten) {
     write("file", "abc");
     fs::create_symlink("file", folder.path() / "link");
     const TorrentMetaInfo torrent = built({.source = folder.path() / "link"});
     EXPECT_EQ(torrent.files, (std::vector<TorrentFileInfo>{{"link", 3, 0}}));
     EXPECT_EQ(toHex(torrent.pieces), "a9993e364706816aba3e25717850c26c9cd0d89d");
-}
-
-TEST_F(TorrentBuilderTest, leavesOutLinksAndTheFileToBeWritten) {
     write("d/kept", "1");
     write("d/out.torrent", "old");
     write("outside/secret", "2");
@@ -84,15 +77,15 @@ TEST_F(TorrentBuilderTest, choosesAPowerOfTwoThatMakesSomeThousandPieces) {
 
 TEST_F(TorrentBuilderTest, saysWhyNoTorrentCanBeMade) {
     write("d/empty", "");
-    EXPECT_EQ(failureOf({.source = folder.path() / "d"}), "Nothing in it to share");
-    EXPECT_THAT(failureOf({.source = folder.path() / "none"}), HasSubstr("none: No such file or directory"));
-    EXPECT_THAT(failureOf({.source = "/dev/null"}), HasSubstr("Cannot read: /dev/null: "));
-    EXPECT_THAT(failureOf({.source = "/"}), HasSubstr("Cannot read: /: "));
+    EXPECT_EQ(failureToBuild({.source = folder.path() / "d"}), "Nothing in it to share");
+    EXPECT_THAT(failureToBuild({.source = folder.path() / "none"}), HasSubstr("none: No such file or directory"));
+    EXPECT_THAT(failureToBuild({.source = "/dev/null"}), HasSubstr("Cannot read: /dev/null: "));
+    EXPECT_THAT(failureToBuild({.source = "/"}), HasSubstr("Cannot read: /: "));
     write("e/\xFF", "1");
-    EXPECT_EQ(failureOf({.source = folder.path() / "e"}), "A name is not valid UTF-8: e/\xFF");
+    EXPECT_EQ(failureToBuild({.source = folder.path() / "e"}), "A name is not valid UTF-8: e/\xFF");
     write("huge", "");
     fs::resize_file(folder.path() / "huge", std::uintmax_t{1} << 40U);
-    EXPECT_EQ(failureOf({.source = folder.path() / "huge", .pieceLength = 16'384}),
+    EXPECT_EQ(failureToBuild({.source = folder.path() / "huge", .pieceLength = 16'384}),
               "Too many pieces, a greater piece length is needed");
 }
 
@@ -103,13 +96,8 @@ TEST_F(TorrentBuilderTest, noticesFilesThatChangeOrFailMeanwhile) {
             return -1;
         }
     } failing;
-    const auto failureOfHashing = [this](TorrentBuilder& builder, const std::stop_token& stop = {}) -> std::string {
-        try {
-            builder.hashPieces(pools.disk(), stop, [](std::int64_t) {});
-        } catch (const TorrentBuildException& failure) {
-            return failure.what();
-        }
-        return "none";
+    const auto failureOfHashing = [this](TorrentBuilder& builder, const std::stop_token& stop = {}) {
+        return failureIn<TorrentBuildException>([&] { builder.hashPieces(pools.disk(), stop, [](std::int64_t) {}); });
     };
     write("d/a", std::string(100'000, 'a'));
     TorrentBuilder broken({.source = folder.path() / "d"}, failing);

@@ -35,42 +35,47 @@ protected:
         options.savePath = folder.path();
         return options;
     }
-    std::unique_ptr<TestSession> makeSession(char id, TorrentSession::Options options) {
-        return std::make_unique<TestSession>(simulation, infoHash, id, std::move(options), simulation.executor());
+    std::unique_ptr<TestSession> start(char id, TorrentSession::Options options, const Bytes& data) {
+        auto session =
+            std::make_unique<TestSession>(simulation, infoHash, id, std::move(options), simulation.executor());
+        session->start(data);
+        return session;
     }
-    std::unique_ptr<TestSession> startSeeder() {
+    std::unique_ptr<TestSession> startSeeder(const std::vector<std::string>& trackers = {}) {
         TorrentSession::Options options = optionsFor(seederFolder);
         options.seedsOnly = true;
-        auto seeder = makeSession('s', std::move(options));
-        seeder->start(torrentData);
-        return seeder;
+        options.extraTrackers = trackers;
+        return start('s', std::move(options), torrentData);
     }
-    std::unique_ptr<TestSession> startGetter(const PeerAddress& peer) {
-        TorrentSession::Options options = optionsFor(getterFolder);
+    std::unique_ptr<TestSession> startGetter(const TemporaryFolder& folder, const PeerAddress& peer, char id = 'g') {
+        TorrentSession::Options options = optionsFor(folder);
         options.namedPeers = {peer};
-        auto getter = makeSession('g', std::move(options));
-        getter->start(torrentData);
-        return getter;
+        return start(id, std::move(options), torrentData);
+    }
+    std::unique_ptr<TestSession> startGetter(const PeerAddress& peer) { return startGetter(getterFolder, peer); }
+    /// A seeder that `session` knows of.
+    std::unique_ptr<TestSession> addSeederTo(TestSession& session) {
+        auto seeder = startSeeder();
+        simulation.finish(session.session().connectToPeer(seeder->address()));
+        return seeder;
     }
     void waitFor(TestSession& session, Kind kind) {
         simulation.runUntil([&] { return session.state() == kind; });
     }
-    Bytes blockOf(const BlockRequest& request) const {
-        const ByteView piece = torrent.piece(request.pieceIndex);
-        const ByteView block =
-            piece.subspan(static_cast<std::size_t>(request.begin), static_cast<std::size_t>(request.length));
-        return {block.begin(), block.end()};
+    /// Answers every request with the right block, its first byte changed by `damage`.
+    asio::awaitable<void> serve(ScriptedPeer& peer, std::uint8_t damage = 0) {
+        for (;;) {
+            const Bytes body = co_await peer.readUntil(MessageID::request);
+            const BlockRequest request = ScriptedPeer::requestIn(body);
+            Bytes data = torrent.block(request);
+            data[0] ^= damage;
+            co_await peer.sendPiece(request, std::move(data));
+        }
     }
     /// A seeder that sends damaged blocks until the other side has had enough.
     asio::awaitable<void> serveGarbage(ScriptedPeer& peer) {
         co_await openAsSeeder(peer);
-        for (;;) {
-            const Bytes body = co_await peer.readUntil(MessageID::request);
-            const BlockRequest request = ScriptedPeer::requestIn(body);
-            Bytes data = blockOf(request);
-            data[0] ^= 1;
-            co_await peer.sendPiece(request, std::move(data));
-        }
+        co_await serve(peer, 1);
     }
     asio::awaitable<void> openAsSeeder(ScriptedPeer& peer) {
         co_await peer.accept();
@@ -95,11 +100,7 @@ protected:
         wire::appendMessage(nonsense, MessageID::extended, Bytes{0, 'x'});
         wire::appendMessage(nonsense, MessageID::unchoke);
         co_await peer.send(std::move(nonsense));
-        for (;;) {
-            const Bytes body = co_await peer.readUntil(MessageID::request);
-            const BlockRequest request = ScriptedPeer::requestIn(body);
-            co_await peer.sendPiece(request, blockOf(request));
-        }
+        co_await serve(peer);
     }
 
     Simulation simulation;
@@ -136,16 +137,12 @@ TEST_F(TorrentSessionTest, goesOnFromWhatIsThereAndServesWhileItDownloads) {
     EXPECT_TRUE(first->hasStatus("Downloading t"));
     EXPECT_GT(first->progress.fraction, 0.4);
     TemporaryFolder otherFolder;
-    TorrentSession::Options options = optionsFor(otherFolder);
-    options.namedPeers = {first->address()};
-    const auto second = makeSession('o', std::move(options));
-    second->start(torrentData);
+    const auto second = startGetter(otherFolder, first->address(), 'o');
     simulation.runUntil([&] {
         simulation.advance(1s);
         return second->progress.completedBytes == first->progress.completedBytes;
     });
-    const auto seeder = startSeeder();
-    simulation.finish(second->session().connectToPeer(seeder->address()));
+    const auto seeder = addSeederTo(*second);
     waitFor(*second, Kind::seeding);
     waitFor(*first, Kind::seeding);  // which was dialled by the second, and asks it for what it misses
     EXPECT_TRUE(torrent.isWholeIn(getterFolder.path()));
@@ -157,8 +154,7 @@ TEST_F(TorrentSessionTest, dropsAPeerThatSentTwoBadPiecesAndCompletesWithAnother
     const auto getter = startGetter(liar.address());
     simulation.runUntil([&] { return getter->hasLogged("pieces with a bad hash, dropping peer"); });
     EXPECT_TRUE(getter->hasLogged(" hash mismatch, re-downloading"));
-    const auto seeder = startSeeder();
-    simulation.finish(getter->session().connectToPeer(seeder->address()));
+    const auto seeder = addSeederTo(*getter);
     waitFor(*getter, Kind::seeding);
     EXPECT_TRUE(torrent.isWholeIn(getterFolder.path()));
 }
@@ -176,8 +172,7 @@ TEST_F(TorrentSessionTest, givesAPieceThatStallsToSomeoneElse) {
     simulation.start(openAsSeeder(silent));
     const auto getter = startGetter(silent.address());
     simulation.runUntil([&] { return silent.isOpen() && silent.available() > 17; });
-    const auto seeder = startSeeder();
-    simulation.finish(getter->session().connectToPeer(seeder->address()));
+    const auto seeder = addSeederTo(*getter);
     simulation.runUntil([&] {
         simulation.advance(1s);
         return getter->state() == Kind::seeding;
@@ -187,17 +182,11 @@ TEST_F(TorrentSessionTest, givesAPieceThatStallsToSomeoneElse) {
 
 TEST_F(TorrentSessionTest, findsItsPeersThroughTrackersAndTellsThemHowItGoes) {
     LoopbackTracker tracker(simulation.executor());
-    const auto withTrackers = [&](TorrentSession::Options options) {
-        options.extraTrackers = {tracker.httpURL(), tracker.udpURL(), "wss://no.such/"};
-        return options;
-    };
-    auto seederOptions = withTrackers(optionsFor(seederFolder));
-    seederOptions.seedsOnly = true;
-    const auto seeder = makeSession('s', std::move(seederOptions));
-    seeder->start(torrentData);
+    TorrentSession::Options options = optionsFor(getterFolder);
+    options.extraTrackers = {tracker.httpURL(), tracker.udpURL(), "wss://no.such/"};
+    const auto seeder = startSeeder(options.extraTrackers);
     simulation.runUntil([&] { return tracker.announces().size() == 2; });
-    const auto getter = makeSession('g', withTrackers(optionsFor(getterFolder)));
-    getter->start(torrentData);
+    const auto getter = start('g', options, torrentData);
     waitFor(*getter, Kind::seeding);
     simulation.runUntil(
         [&] { return tracker.announces().size() == 6 && getter->trackers[0].status == TrackerRuntimeStatus::working; });
@@ -233,8 +222,7 @@ TEST_F(TorrentSessionTest, pausesRechecksAndResumes) {
 
 TEST_F(TorrentSessionTest, refusesWhatIsNotItsTorrentAndWhatCannotBeStored) {
     const auto messageFor = [&](const Bytes& data) {
-        const auto session = makeSession('g', optionsFor(getterFolder));
-        session->start(data);
+        const auto session = start('g', optionsFor(getterFolder), data);
         EXPECT_EQ(session->state(), Kind::error);
         return session->statuses.back();
     };

@@ -2,6 +2,7 @@
 #include "Core/engine/TorrentStorage.h"
 #include "tests/Core/engine/FaultyCalls.h"
 #include "tests/Core/engine/TestTorrent.h"
+#include "tests/support/FailureIn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,16 +27,6 @@ protected:
         return std::make_unique<TorrentStorage>(TorrentLayout(*torrent.metaInfo), save, mode, openFiles, calls);
     }
     static void prepare(TorrentStorage& storage) { storage.prepare(0, storage.layout().files().size()); }
-    /// The text of the StorageException that `work` throws.
-    template <class Work>
-    static std::string failureOf(Work work) {
-        try {
-            work();
-        } catch (const StorageException& failure) {
-            return failure.what();
-        }
-        return "";
-    }
     static void write(TorrentStorage& storage, std::int64_t offset, ByteView bytes) {
         const iovec from{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
         storage.write(offset, {&from, 1});
@@ -108,16 +99,18 @@ TEST_F(TorrentStorageTest, neverFollowsALinkOutOfTheDownloadFolder) {
     const auto storage = storageOf(torrent);
     fs::create_directory(save / "t");
     fs::create_directory_symlink(outside.path(), save / "t/sub");
-    EXPECT_EQ(failureOf([&] { prepare(*storage); }), "Symbolic link inside the download folder: t/sub/a");
+    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }),
+              "Symbolic link inside the download folder: t/sub/a");
     fs::remove(save / "t/sub");
     fs::create_symlink(outside.path() / "b", save / "t/b");
-    EXPECT_EQ(failureOf([&] { prepare(*storage); }), "Symbolic link inside the download folder: t/b");
+    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }), "Symbolic link inside the download folder: t/b");
     fs::remove(save / "t/b");
     prepare(*storage);
     // One that is put there later is met when the file is next opened.
     fs::rename(save / "t/sub", outside.path() / "sub");
     fs::create_directory_symlink(outside.path() / "sub", save / "t/sub");
-    EXPECT_THAT(failureOf([&] { write(*storage, 0, torrent.bytes(0, 4)); }), HasSubstr("Symbolic link"));
+    EXPECT_THAT(failureIn<StorageException>([&] { write(*storage, 0, torrent.bytes(0, 4)); }),
+                HasSubstr("Symbolic link"));
     EXPECT_EQ(TestTorrent::contentOf(outside.path() / "sub/a"), Bytes(9));
 }
 
@@ -125,20 +118,21 @@ TEST_F(TorrentStorageTest, saysWhatStandsInTheWay) {
     const TestTorrent torrent(4, {{"t/a", 9}});
     const auto storage = storageOf(torrent);
     fs::create_directories(save / "t/a");
-    EXPECT_EQ(failureOf([&] { prepare(*storage); }), "t/a: Is a directory");
+    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }), "t/a: Is a directory");
     fs::remove(save / "t/a");
     ASSERT_EQ(::mkfifo((save / "t/a").c_str(), 0600), 0);
-    EXPECT_EQ(failureOf([&] { prepare(*storage); }), "Not a regular file: t/a");
+    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }), "Not a regular file: t/a");
     fs::remove(save / "t/a");
     prepare(*storage);
     write(*storage, 0, torrent.bytes(0, 4));
     EXPECT_TRUE(storage->syncNext());
     EXPECT_FALSE(storage->syncNext());
     fs::remove(save / "t/a");  // while it is open
-    EXPECT_EQ(failureOf([&] { write(*storage, 4, torrent.bytes(4, 4)); }), "t/a: No such file or directory");
+    EXPECT_EQ(failureIn<StorageException>([&] { write(*storage, 4, torrent.bytes(4, 4)); }),
+              "t/a: No such file or directory");
     fs::remove(save / "t");
     std::ofstream(save / "t") << "a file";
-    EXPECT_EQ(failureOf([&] { prepare(*storage); }), "t/a: Not a directory");
+    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }), "t/a: Not a directory");
 }
 
 TEST_F(TorrentStorageTest, tellsDataFromHolesAndFromNothing) {

@@ -1,4 +1,5 @@
 #include "Core/formats/MagnetParser.h"
+#include "tests/support/FailureIn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,12 +13,7 @@ const std::string hex = "aabbccddee11223344556677889900aabbccddee";
 const std::string plain = "magnet:?xt=urn:btih:" + hex;
 
 std::string failureOf(std::string_view uri) {
-    try {
-        MagnetParser::parse(uri);
-    } catch (const MagnetParseException& failure) {
-        return failure.what();
-    }
-    return "none";
+    return failureIn<MagnetParseException>([&] { MagnetParser::parse(uri); });
 }
 
 TEST(MagnetParser, readsHashNameTrackersAndWebSeeds) {
@@ -63,10 +59,8 @@ TEST(MagnetParser, saysWhatIsWrong) {
 TEST(MagnetLink, everyPeerIDStartsAlikeAndEndsAtRandom) {
     SecureRandom random;
     const PeerID one = MagnetLink::generatePeerID(random);
-    const PeerID other = MagnetLink::generatePeerID(random);
     EXPECT_EQ(asText(one).substr(0, 8), "-QM0100-");
-    EXPECT_EQ(asText(other).substr(0, 8), "-QM0100-");
-    EXPECT_NE(asText(one).substr(8), asText(other).substr(8));
+    EXPECT_NE(one, MagnetLink::generatePeerID(random));
 }
 
 }  // namespace

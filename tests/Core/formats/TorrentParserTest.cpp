@@ -1,5 +1,6 @@
 #include "Core/formats/BEncoder.h"
 #include "Core/formats/TorrentParser.h"
+#include "tests/support/FailureIn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,12 +26,7 @@ TorrentMetaInfo parsed(Dictionary info, Dictionary root = {}) {
 }
 
 std::string failureOf(const Dictionary& root) {
-    try {
-        TorrentParser::parse(BEncoder::encode(root));
-    } catch (const TorrentParseException& failure) {
-        return failure.what();
-    }
-    return "none";
+    return failureIn<TorrentParseException>([&] { TorrentParser::parse(BEncoder::encode(root)); });
 }
 
 TEST(TorrentParser, readsASingleFile) {
@@ -99,12 +95,8 @@ TEST(TorrentParser, acceptsABareInfoDictionaryOnlyWithTheExpectedHash) {
     EXPECT_EQ(torrent.infoHash, sha1(info));
     EXPECT_EQ(torrent.comment, "inside");
     EXPECT_TRUE(torrent.announceList.empty());
-    try {
-        TorrentParser::parse(info, SHA1Digest{});
-        FAIL();
-    } catch (const TorrentParseException& failure) {
-        EXPECT_STREQ(failure.what(), "Failed to compute info hash");
-    }
+    const auto parseForAnother = [&] { TorrentParser::parse(info, SHA1Digest{}); };
+    EXPECT_EQ(failureIn<TorrentParseException>(parseForAnother), "Failed to compute info hash");
 }
 
 TEST(TorrentParser, sumsThatOverflowStopAtTheEndOfTheirType) {

@@ -34,9 +34,16 @@ protected:
         co_return;
     }
 
-    void connectBoth() {
+    void startDial() {
         simulation.start(dial());
         simulation.finish(peer.accept());
+    }
+    std::string failureToDial() {
+        simulation.runUntil([&] { return !dialError.empty(); });
+        return dialError;
+    }
+    void connectBoth() {
+        startDial();
         simulation.finish(peer.shakeHands(infoHash, peerIDOf('p')));
         simulation.runUntil([&] { return connection.isConnected(); });
         connection.begin();
@@ -71,33 +78,27 @@ protected:
 };
 
 TEST_F(PeerConnectionTest, refusesAnotherTorrent) {
-    simulation.start(dial());
-    simulation.finish(peer.accept());
+    startDial();
     SHA1Digest other{};
     simulation.finish(peer.shakeHands(other, peerIDOf('p')));
-    simulation.runUntil([&] { return !dialError.empty(); });
-    EXPECT_EQ(dialError, "Info hash mismatch");
+    EXPECT_EQ(failureToDial(), "Info hash mismatch");
 }
 
 TEST_F(PeerConnectionTest, refusesGarbage) {
-    simulation.start(dial());
-    simulation.finish(peer.accept());
+    startDial();
     simulation.finish(
         peer.send(toBytes("GET / HTTP/1.1\r\nHost: localhost\r\nUser-Agent: a browser of some kind\r\n\r\n")));
-    simulation.runUntil([&] { return !dialError.empty(); });
-    EXPECT_EQ(dialError, "Plaintext peer handshake failed");
+    EXPECT_EQ(failureToDial(), "Plaintext peer handshake failed");
 }
 
 TEST_F(PeerConnectionTest, givesUpOnHalfAHandshakeInTime) {
-    simulation.start(dial());
-    simulation.finish(peer.accept());
+    startDial();
     simulation.finish(peer.send(Bytes(30, 19)));
     simulation.finish(peer.read(PeerHandshake::size));
     simulation.advance(4s);
     EXPECT_EQ(dialError, "");
     simulation.advance(2s);
-    simulation.runUntil([&] { return !dialError.empty(); });
-    EXPECT_EQ(dialError, "Peer connection timed out");
+    EXPECT_EQ(failureToDial(), "Peer connection timed out");
 }
 
 TEST_F(PeerConnectionTest, keepsAQuietConversationAliveAndDropsASilentPeer) {

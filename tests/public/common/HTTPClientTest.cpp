@@ -16,6 +16,8 @@ namespace {
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
+bool isReady(const std::future<HTTPResponse>& future) { return future.wait_for(0s) == std::future_status::ready; }
+
 class HTTPClientTest : public testing::Test {
 protected:
     ~HTTPClientTest() override {
@@ -24,11 +26,7 @@ protected:
     }
 
     HTTPResponse fetch(HTTPRequest request) { return simulation.finish(client.fetch(std::move(request))); }
-    HTTPResponse get(const std::string& url) {
-        HTTPRequest request;
-        request.url = url;
-        return fetch(std::move(request));
-    }
+    HTTPResponse get(const std::string& url) { return fetch(to(url)); }
     template <class Attempt>
     static std::string failureOf(Attempt attempt, HTTPError expected) {
         try {
@@ -43,29 +41,28 @@ protected:
     std::string failureOf(HTTPRequest request, HTTPError expected) {
         return failureOf([&] { fetch(std::move(request)); }, expected);
     }
-    HTTPRequest to(std::string url) const {
+    static HTTPRequest to(std::string url) {
         HTTPRequest request;
         request.url = std::move(url);
         return request;
     }
 
     Simulation simulation;
-    ScriptedHTTPServer::Script script = [](const SeenHTTPRequest&) { return HTTPReply::text("hello"); };
+    HTTPReply reply = HTTPReply::text("hello");
+    ScriptedHTTPServer::Script script = [this](const SeenHTTPRequest&) { return reply; };
     ScriptedHTTPServer server{simulation.executor(), [this](const SeenHTTPRequest& seen) { return script(seen); }};
     HTTPClient client;
 };
 
 TEST_F(HTTPClientTest, bringsStatusHeadersAndBodyOverOneConnection) {
-    script = [](const SeenHTTPRequest& seen) {
-        HTTPReply reply = HTTPReply::text(seen.target, 404);
-        reply.headers = {{"X-Name", " value "}, {"Set-Cookie", "a=b"}};
-        return reply;
-    };
+    reply = HTTPReply::text("hello", 404);
+    reply.headers = {{"X-Name", " value "}, {"Set-Cookie", "a=b"}};
     const HTTPResponse response = get(server.url("/a/../b?q=%20~#fragment"));
     EXPECT_EQ(response.status, 404);
     EXPECT_EQ(response.header("x-name"), "value");
     EXPECT_EQ(response.remoteAddress, IPAddress::parse("127.0.0.1"));
-    EXPECT_EQ(asText(response.body), "/a/../b?q=%20~");
+    EXPECT_EQ(asText(response.body), "hello");
+    EXPECT_EQ(server.requests()[0].target, "/a/../b?q=%20~");
     get(server.url("/again"));
     EXPECT_EQ(server.acceptedConnections(), 1);
     const auto& headers = server.requests().back().headers;
@@ -79,10 +76,11 @@ TEST_F(HTTPClientTest, sendsMethodHeadersAndBody) {
     request.headers = {{"Content-Type", "application/json"}, {"X-Empty", ""}};
     request.body = Bytes(100'000, 'x');
     fetch(request);
-    EXPECT_EQ(server.requests()[0].method, "POST");
-    EXPECT_EQ(server.requests()[0].body, request.body);
-    EXPECT_EQ(server.requests()[0].headers.at("content-type"), "application/json");
-    EXPECT_EQ(server.requests()[0].headers.at("x-empty"), "");
+    const SeenHTTPRequest seen = server.requests()[0];
+    EXPECT_EQ(seen.method, "POST");
+    EXPECT_EQ(seen.body, request.body);
+    EXPECT_EQ(seen.headers.at("content-type"), "application/json");
+    EXPECT_EQ(seen.headers.at("x-empty"), "");
     request = to(server.url());
     request.method = "HEAD";
     EXPECT_TRUE(fetch(request).body.empty());
@@ -105,26 +103,20 @@ TEST_F(HTTPClientTest, refusesRequestsThatAreNone) {
 }
 
 TEST_F(HTTPClientTest, stopsABodyThatIsTooLargeAtTheLimit) {
-    script = [](const SeenHTTPRequest&) {
-        HTTPReply reply;
-        reply.body = Bytes(10'000, 'x');
-        reply.repeats = 10'000;
-        return reply;
-    };
+    reply.body = Bytes(10'000, 'x');
+    reply.repeats = 10'000;
     HTTPRequest request = to(server.url());
     request.maxBodyBytes = 50'000;
     EXPECT_THAT(failureOf(request, HTTPError::bodyTooLarge), HasSubstr("more than 50000 bytes"));
     simulation.runUntil([&] { return server.openConnections() == 0; });
     EXPECT_LT(server.sentBytes(), 20'000'000U);  // what the kernel's buffers took
 
-    script = [](const SeenHTTPRequest&) { return HTTPReply::text(std::string(50'000, 'x')); };
+    reply.repeats = 5;
     EXPECT_EQ(fetch(request).body.size(), 50'000U);
 }
 
 TEST_F(HTTPClientTest, whatIsNotHTTPIsAnError) {
-    HTTPReply reply;
-    reply.then = HTTPReply::Then::close;
-    script = [&](const SeenHTTPRequest&) { return reply; };
+    reply.closes = true;
     for (const std::string& raw :
          {std::string(), std::string(300, '\xFF'), std::string("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc")}) {
         reply.raw = toBytes(raw);
@@ -137,11 +129,7 @@ TEST_F(HTTPClientTest, whatIsNotHTTPIsAnError) {
 }
 
 TEST_F(HTTPClientTest, aServerThatFallsSilentIsATimeout) {
-    script = [](const SeenHTTPRequest&) {
-        HTTPReply reply = HTTPReply::text("hello");
-        reply.stallAfter = 2;
-        return reply;
-    };
+    reply.stallAfter = 2;
     HTTPRequest request = to(server.url());
     request.totalTimeout = 100ms;
     failureOf(request, HTTPError::timeout);
@@ -222,46 +210,25 @@ TEST_F(HTTPClientTest, noRedirectLeadsFromAPublicHostInside) {
 }
 
 TEST_F(HTTPClientTest, cancellingTheCallerEndsTheTransfer) {
-    script = [](const SeenHTTPRequest&) {
-        HTTPReply reply = HTTPReply::text("hello");
-        reply.stallAfter = 0;
-        return reply;
-    };
-    bool wasLimited = false;
-    const auto attempt = [&] {
-        try {
-            simulation.finish(within(simulation, 0s, client.fetch(to(server.url()))));
-        } catch (const TimeLimitExceeded&) {
-            wasLimited = true;
-        }
-    };
-    attempt();
-    EXPECT_TRUE(wasLimited);
+    reply.stallAfter = 0;
+    EXPECT_THROW(simulation.finish(within(simulation, 0s, client.fetch(to(server.url())))), TimeLimitExceeded);
     simulation.runUntil([&] { return server.openConnections() == 0; });
 
     TaskGroup tasks(simulation.executor());
-    std::string outcome;
-    simulation.start(
-        [](HTTPClient& http, TaskGroup& group, HTTPRequest request, std::string& end) -> asio::awaitable<void> {
-            try {
-                co_await group.call(http.fetch(std::move(request)));
-            } catch (const boost::system::system_error& error) {
-                end = error.code() == asio::error::operation_aborted ? "aborted" : error.what();
-            }
-        }(client, tasks, to(server.url()), outcome));
+    auto pending = asio::co_spawn(simulation.executor(), tasks.call(client.fetch(to(server.url()))), asio::use_future);
     simulation.runUntil([&] { return server.openConnections() == 1 && !server.requests().empty(); });
     simulation.finish(tasks.stop());
-    simulation.runUntil([&] { return server.openConnections() == 0; });
-    EXPECT_EQ(outcome, "aborted");
+    simulation.runUntil([&] { return server.openConnections() == 0 && isReady(pending); });
+    try {
+        pending.get();
+        FAIL();
+    } catch (const boost::system::system_error& error) {
+        EXPECT_EQ(error.code(), asio::error::operation_aborted);
+    }
 }
 
 TEST_F(HTTPClientTest, stoppingEndsWhatRunsAndWhatComes) {
-    script = [](const SeenHTTPRequest&) {
-        HTTPReply reply;
-        reply.then = HTTPReply::Then::stall;
-        reply.claimedLength = 5;
-        return reply;
-    };
+    reply.stallAfter = 0;
     ThreadPools pools;
     auto pending = asio::co_spawn(pools.io(), client.fetch(to(server.url())), asio::use_future);
     simulation.runUntil([&] { return !server.requests().empty(); });
@@ -276,7 +243,7 @@ TEST_F(HTTPClientTest, manyThreadsFetchAtOnce) {
     for (int i = 0; i < 100; ++i)
         pending.push_back(asio::co_spawn(pools.io(), client.fetch(to(server.url())), asio::use_future));
     for (auto& future : pending) {
-        simulation.runUntil([&] { return future.wait_for(0s) == std::future_status::ready; });
+        simulation.runUntil([&] { return isReady(future); });
         EXPECT_EQ(future.get().status, 200);
     }
     client.stop();  // before the pools go, on which it resumes its callers

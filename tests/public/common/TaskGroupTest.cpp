@@ -44,26 +44,18 @@ TEST(TaskGroup, stopCancelsWhatRunsAndRefusesWhatComes) {
     EXPECT_EQ(count, 1);
 }
 
-asio::awaitable<void> tryWithin(Clock& clock, Clock::Duration limit, asio::awaitable<int> work, std::string& outcome) {
-    try {
-        outcome = std::to_string(co_await within(clock, limit, std::move(work)));
-    } catch (const std::exception& error) {
-        outcome = error.what();
-    }
-}
-
 TEST(Within, endsByWhicheverComesFirst) {
     Simulation simulation;
-    std::string outcome;
-    simulation.start(tryWithin(simulation, 10s, answerLater(simulation, 42), outcome));
-    simulation.advance(1s);
-    EXPECT_EQ(outcome, "42");
-    simulation.start(tryWithin(simulation, 10s, failLater(simulation), outcome));
-    simulation.advance(1s);
-    EXPECT_EQ(outcome, "failed");
-    simulation.start(tryWithin(simulation, 500ms, failLater(simulation), outcome));
-    simulation.advance(500ms);
-    EXPECT_EQ(outcome, "Timed out");
+    const auto start = [&](Clock::Duration limit, asio::awaitable<int> work) {
+        auto pending =
+            asio::co_spawn(simulation.executor(), within(simulation, limit, std::move(work)), asio::use_future);
+        simulation.advance(std::min<Clock::Duration>(limit, 1s));
+        EXPECT_EQ(pending.wait_for(0s), std::future_status::ready);
+        return pending;
+    };
+    EXPECT_EQ(start(10s, answerLater(simulation, 42)).get(), 42);
+    EXPECT_THROW(start(10s, failLater(simulation)).get(), std::runtime_error);
+    EXPECT_THROW(start(500ms, failLater(simulation)).get(), TimeLimitExceeded);
 }
 
 /// An actor whose count is only safe because every call moves to its strand.

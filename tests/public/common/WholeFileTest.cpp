@@ -1,10 +1,10 @@
 #include "public/common/WholeFile.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <system_error>
-#include <unistd.h>
 
 namespace skein {
 namespace {
@@ -13,9 +13,6 @@ namespace fs = std::filesystem;
 
 class WholeFileTest : public testing::Test {
 protected:
-    WholeFileTest() { fs::create_directories(folder); }
-    ~WholeFileTest() override { fs::remove_all(folder); }
-
     std::errc failureOf(auto call) {
         try {
             call();
@@ -25,7 +22,8 @@ protected:
         return {};
     }
 
-    const fs::path folder = fs::temp_directory_path() / ("skein-wholefile-" + std::to_string(::getpid()));
+    const TemporaryFolder temporary;
+    const fs::path folder = temporary.path();
     const fs::path file = folder / "file";
 };
 
