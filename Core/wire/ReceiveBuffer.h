@@ -13,7 +13,7 @@ namespace skein {
 class ReceiveBuffer {
 public:
     static constexpr std::size_t smallSize = std::size_t{4} << 10U;
-    static constexpr std::size_t largeSize = std::size_t{256} << 10U;
+    static constexpr std::size_t largeSize = std::size_t{512} << 10U;
 
     ByteView unread() const noexcept { return {data_.get() + start_, end_ - start_}; }
     void consume(std::size_t count) noexcept {

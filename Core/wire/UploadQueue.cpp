@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::int64_t smallestBatch = std::int64_t{16} << 10U;
 /// Few system calls and thread changes a MiB, and still at home in the second-level cache.
-constexpr std::int64_t largestBatch = std::int64_t{512} << 10U;
+constexpr std::int64_t largestBatch = std::int64_t{1024} << 10U;
 constexpr std::chrono::milliseconds quickWrite{100};
 constexpr std::chrono::seconds slowWrite{1};
 

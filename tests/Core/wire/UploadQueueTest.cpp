@@ -14,7 +14,7 @@ TEST(UploadQueue, answersMoreAtOnceWhileThePeerIsQuick) {
     for (int i = 0; i < 200; ++i) ASSERT_TRUE(queue.push({i, 0, 16384}));
     EXPECT_EQ(queue.takeBatch(1 << 30).size(), 4U);
     for (int i = 0; i < 5; ++i) queue.noteWriteTime(1ms);
-    EXPECT_EQ(queue.takeBatch(1 << 30).size(), 32U);
+    EXPECT_EQ(queue.takeBatch(1 << 30).size(), 64U);
     for (int i = 0; i < 9; ++i) queue.noteWriteTime(2s);
     EXPECT_EQ(queue.takeBatch(1 << 30).size(), 1U);
     EXPECT_EQ(queue.takeBatch(1).size(), 1U) << "one at least, whatever the limit";
