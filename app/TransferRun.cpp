@@ -58,10 +58,13 @@ void TransferRun::add(Bytes torrentData, const std::string& source) {
 }
 
 int TransferRun::run() {
-    // Asks the strand to look again; the state that it posts to lives until after the pools' last use of it.
-    const std::stop_callback onInterrupt(interrupt_.token(),
-                                         [this] { asio::post(tasks_.strand(), [this] { changed_.notify(); }); });
-    asio::co_spawn(tasks_.strand(), runAll(), asio::use_future).get();
+    {
+        const std::stop_callback onInterrupt(interrupt_.token(),
+                                             [this] { asio::post(tasks_.strand(), [this] { changed_.notify(); }); });
+        asio::co_spawn(tasks_.strand(), runAll(), asio::use_future).get();
+    }
+    // A wake-up that was posted at the last moment still uses what goes with us.
+    asio::post(tasks_.strand(), asio::use_future).get();
     if (interrupt_.exitStatus() != 0) return interrupt_.exitStatus();
     const bool hasFailed = isTimedOut_ || std::any_of(transfers_.begin(), transfers_.end(),
                                                       [](const auto& transfer) { return transfer->hasFailed; });

@@ -10,13 +10,16 @@
 #include "public/common/WholeFile.h"
 
 #include <CLI/CLI.hpp>
-#include <boost/asio/detached.hpp>
 #include <boost/asio/use_future.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 
 #include <algorithm>
+#include <functional>
+#include <future>
 #include <iostream>
+#include <optional>
+#include <stop_token>
 #include <system_error>
 
 namespace skein {
@@ -48,14 +51,18 @@ public:
         pieces.setVerifyProgressCallback([&](int checked, int total) {
             progress.show("verifying: " + std::to_string(100LL * checked / std::max(total, 1)) + " %");
         });
-        const std::stop_callback onInterrupt(interrupt.token(),
-                                             [&] { asio::co_spawn(pools.io(), tasks.stop(), asio::detached); });
+        std::future<void> cancelled;
+        std::optional<std::stop_callback<std::function<void()>>> onInterrupt(std::in_place, interrupt.token(), [&] {
+            cancelled = asio::co_spawn(pools.io(), tasks.stop(), asio::use_future);
+        });
         std::string failure;
         try {
             asio::co_spawn(pools.io(), tasks.call(pieces.setup()), asio::use_future).get();
         } catch (const std::exception& error) {
             failure = error.what();
         }
+        onInterrupt.reset();
+        if (cancelled.valid()) cancelled.get();
         asio::co_spawn(pools.io(), tasks.stop(), asio::use_future).get();
         if (interrupt.exitStatus() != 0) return interrupt.exitStatus();
         if (!failure.empty()) throw CommandFailure(source_, failure);
