@@ -12,6 +12,8 @@ namespace {
 
 /// Control messages that a peer does not read are not collected for ever.
 constexpr std::size_t maxPendingControl = std::size_t{8} << 20U;
+/// Metadata answers (16 KiB each) that go out in one write.
+constexpr int metadataAnswersAWrite = 16;
 constexpr std::int64_t largestRead = std::numeric_limits<std::int64_t>::max();
 
 }  // namespace
@@ -23,11 +25,17 @@ PeerConnection::PeerConnection(const Environment& environment, PeerAddress addre
       identity_(identity),
       direction_(direction),
       transport_(std::move(transport)),
+      extensions_(address_.description(), environment.clock, environment.log),
       writerWake_(environment.strand),
       uploadsShrank_(environment.strand),
       tasks_(environment.strand) {}
 
 PeerConnection::~PeerConnection() = default;
+
+void PeerConnection::setCallbacks(Callbacks callbacks) {
+    extensions_.setCallbacks(std::move(callbacks.extensions));
+    callbacks_ = std::move(callbacks);
+}
 
 // --- handshake -------------------------------------------------------------------------------------------------------
 
@@ -158,6 +166,11 @@ void PeerConnection::onInterested(bool isInterested) {
 }
 
 void PeerConnection::onHave(std::uint32_t piece) {
+    if (const std::size_t byte = piece / 8; byte < wire::maxMessageSize) {
+        if (!peerBitfield_) peerBitfield_.emplace();
+        if (byte >= peerBitfield_->size()) peerBitfield_->resize(byte + 1);
+        (*peerBitfield_)[byte] |= static_cast<std::uint8_t>(0x80U >> piece % 8U);
+    }
     if (callbacks_.onHaveReceived) callbacks_.onHaveReceived(piece);
 }
 
@@ -187,7 +200,10 @@ void PeerConnection::onPiece(std::uint32_t piece, std::uint32_t begin, ByteView 
     if (callbacks_.onPieceReceived) callbacks_.onPieceReceived(piece, begin, block);
 }
 
-void PeerConnection::onExtended(ByteView) {}
+void PeerConnection::onExtended(ByteView body) {
+    extensions_.handleExtended(body);
+    if (extensions_.owesMetadata()) writerWake_.notify();
+}
 
 bool PeerConnection::hasPiece(std::uint32_t index) const noexcept {
     if (!peerBitfield_ || index / 8 >= peerBitfield_->size()) return false;
@@ -231,6 +247,15 @@ void PeerConnection::sendCancel(const BlockRequest& request) {
     wakeWriter();
 }
 
+void PeerConnection::sendExtendedHandshake(std::optional<std::int64_t> metadataSize, bool offersPex) {
+    const Bytes body = PeerExtensions::handshake(metadataSize, offersPex);
+    enqueue(MessageID::extended, body);
+}
+
+void PeerConnection::requestMetadataPiece(std::int64_t piece) {
+    if (const auto body = extensions_.metadataRequest(piece)) enqueue(MessageID::extended, *body);
+}
+
 void PeerConnection::enqueue(MessageID id, ByteView body) {
     if (!isConnected_) return;
     wire::appendMessage(pendingControl_, id, body);
@@ -246,6 +271,8 @@ asio::awaitable<void> PeerConnection::writeLoop() try {
     for (;;) {
         if (!pendingControl_.empty()) {
             co_await writePending();
+        } else if (extensions_.owesMetadata()) {
+            answerMetadataRequests();
         } else if (auto batch = uploads_.takeBatch(uploadPortion()); !batch.empty()) {
             uploadsShrank_.notify();
             co_await writeUploads(std::move(batch));
@@ -264,6 +291,11 @@ asio::awaitable<void> PeerConnection::writePending() {
     co_await transport_->send(bytes);
     lastSentAt_ = environment_.clock.now();
     writingSince_.reset();
+}
+
+void PeerConnection::answerMetadataRequests() {
+    for (int i = 0; i < metadataAnswersAWrite && extensions_.owesMetadata(); ++i)
+        wire::appendMessage(pendingControl_, MessageID::extended, extensions_.takeMetadataAnswer());
 }
 
 std::int64_t PeerConnection::uploadPortion() const noexcept {

@@ -3,6 +3,7 @@
 #include "Core/wire/MessageDecoder.h"
 #include "Core/wire/PeerAddress.h"
 #include "Core/wire/PeerError.h"
+#include "Core/wire/PeerExtensions.h"
 #include "Core/wire/PeerHandshake.h"
 #include "Core/wire/PeerTraits.h"
 #include "Core/wire/PeerWireTransport.h"
@@ -64,6 +65,7 @@ public:
         /// Fills the blocks that may be served; the others stay not `ok` and unanswered.
         std::function<asio::awaitable<void>(std::vector<BlockRead>&)> onPieceRequested;
         std::function<void(std::int64_t count)> onBytesUploaded;
+        PeerExtensions::Callbacks extensions;
         /// Once, when an established conversation ends, with the reason's text.
         std::function<void(const std::string& reason)> onDisconnected;
     };
@@ -88,7 +90,8 @@ public:
     PeerConnection& operator=(const PeerConnection&) = delete;
     ~PeerConnection();
 
-    void setCallbacks(Callbacks callbacks) { callbacks_ = std::move(callbacks); }
+    /// Not from inside a callback.
+    void setCallbacks(Callbacks callbacks);
 
     /// Dials and shakes hands. Throws PeerException or boost::system::system_error.
     asio::awaitable<void> connect(std::chrono::seconds timeout = defaultConnectTimeout);
@@ -109,6 +112,9 @@ public:
     void sendBitfield(ByteView bitfield);
     void sendRequests(std::span<const BlockRequest> requests);
     void sendCancel(const BlockRequest& request);
+    /// Only to peers that support extensions; `metadataSize` is that of the info dictionary, when we have it.
+    void sendExtendedHandshake(std::optional<std::int64_t> metadataSize, bool offersPex);
+    void requestMetadataPiece(std::int64_t piece);
 
     const PeerAddress& address() const noexcept { return address_; }
     PeerDirection direction() const noexcept { return direction_; }
@@ -124,6 +130,8 @@ public:
     bool peerInterested() const noexcept { return peerInterested_; }
     bool supportsExtended() const noexcept { return supportsExtended_; }
     const std::optional<PeerID>& remotePeerID() const noexcept { return remotePeerID_; }
+    const PeerExtensions& extensions() const noexcept { return extensions_; }
+    /// The last bitfield, and every `have` since; nothing when neither came.
     const std::optional<Bytes>& peerBitfield() const noexcept { return peerBitfield_; }
     bool hasPiece(std::uint32_t index) const noexcept;
     RuntimeStats runtimeStats() const;
@@ -156,6 +164,7 @@ private:
     asio::awaitable<void> waitForUploads();
     asio::awaitable<void> writeLoop();
     asio::awaitable<void> writePending();
+    void answerMetadataRequests();
     asio::awaitable<void> writeUploads(std::vector<BlockRequest> batch);
     asio::awaitable<void> paceUpload(std::int64_t bytes);
     asio::awaitable<void> watchSilence();
@@ -177,6 +186,7 @@ private:
     bool peerChoking_ = true;
     bool peerInterested_ = false;
     bool supportsExtended_ = false;
+    PeerExtensions extensions_;
     bool isReading_ = false;  // false while the reader waits for us, so that the wait is not the peer's silence
     std::optional<Bytes> peerBitfield_;
     std::optional<PeerID> remotePeerID_;
