@@ -74,31 +74,34 @@ public:
     asio::awaitable<void> stop();
 
 private:
-    enum class State : std::uint8_t { stopped, bootstrapping, running };
     using Feeds = std::vector<std::shared_ptr<PeerFeed>>;
 
     asio::awaitable<void> begin();
-    void openSockets();
+    void open();
+    void beginBootstrap();
     asio::awaitable<void> bootstrap();
+    asio::awaitable<void> bootstrapEnded();
     asio::awaitable<void> greet(PeerAddress router);
     asio::awaitable<void> listen(DHTSocket& socket);
     asio::awaitable<void> keepDeadlines();
     asio::awaitable<void> serve(std::shared_ptr<PeerFeed> feed, SHA1Digest infoHash);
     asio::awaitable<void> announce(SHA1Digest infoHash, std::uint16_t downloadPort);
     asio::awaitable<void> shutDown();
-    void abandon(const SHA1Digest& infoHash, const PeerFeed* feed);
+    void join(const std::shared_ptr<PeerFeed>& feed, const SHA1Digest& infoHash);
+    void leave(const PeerFeed* feed, const SHA1Digest& infoHash);
     void wakeForDeadline();
 
     bool send(const DHTEndpoint& to, ByteView datagram) override;
     bool canReach(const IPAddress& address) const override;
-    void foundPeer(const SHA1Digest& infoHash, const PeerAddress& peer) override;
+    void foundPeer(const NodeID& infoHash, const DHTEndpoint& peer) override;
     void lookupFinished(const PeerLookup& lookup, LookupEnd end, DHTProtocol::Duration elapsed) override;
     void announceSettled() override;
 
     const Environment environment_;
     const Options options_;
     std::atomic<std::uint16_t> port_ = 0;
-    State state_ = State::stopped;
+    bool isRunning_ = false;
+    bool isBootstrapping_ = false;
     DHTProtocol protocol_;
     std::list<DHTSocket> sockets_;
     std::map<SHA1Digest, Feeds> feeds_;
@@ -106,7 +109,7 @@ private:
     bool awaitsDeadline_ = false;  ///< nothing was outstanding when `keepDeadlines` last looked
     TaskGroup tasks_;
     Notifier deadlineSet_;
-    Notifier ready_;
+    Notifier bootstrapped_;
     Notifier announced_;
 };
 
