@@ -55,7 +55,6 @@ private:
     asio::awaitable<bool> open();
     asio::awaitable<void> announcePeriodically();
     asio::awaitable<void> receive();
-    void announce();
     void handleMessage(std::string_view datagram, const std::string& fromHost);
     bool isUsable(const PeerAddress& peer) const;
 

@@ -48,13 +48,14 @@ public:
 
 private:
     bool configureSocket();
-    bool setOption(int level, int option, const void* value, std::size_t size, std::string_view failure);
+    std::vector<IPv4Interface> usableInterfaces();
+    // These return 0 or the errno of the failure.
+    int setOption(int level, int option, const void* value, std::size_t size, std::string_view what);
+    int selectInterface(const IPv4Interface& interface);
+    int send(std::string_view datagram, const std::string& interfaceName, std::string_view what);
     bool joinGroup();
     bool join(const std::string& address, int& error);
     void chooseOutboundInterface();
-    bool selectInterface(const IPv4Interface& interface);
-    /// The errno of the failure, else 0.
-    int send(std::string_view datagram, const std::string& interfaceName, std::string_view what);
 
     const LSDOptions options_;
     FileLogger& log_;
