@@ -8,6 +8,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace skein {
@@ -34,9 +35,8 @@ public:
     /// Drops what is stale, all but the latest `maxFailureOnlyCount` failures and all but the best
     /// `maxPeersPerTorrent` of each torrent. A date that is yet to come (the clock was wrong) becomes `now`.
     void prune(Clock::WallTime now);
-    /// Drops the worst entries of all torrents while `isEnough` says false of an entry: it is called for each, the
-    /// worst first.
-    void dropWorst(const std::function<bool(std::string_view infoHash, const PeerHistoryEntry& next)>& isEnough);
+    /// Drops the worst entries of all torrents: `isEnough` is asked before each, the worst first.
+    void dropWorst(const std::function<bool(const PeerHistoryEntry& next)>& isEnough);
 
     /// At most `limit`, the latest success first, then those that only failed, the oldest failure first.
     Entries peers(std::string_view infoHash, std::size_t limit) const;

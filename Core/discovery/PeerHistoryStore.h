@@ -50,8 +50,10 @@ public:
 
     /// Cheap, and returns at once. Addresses that are not `isUsableHistory` are not recorded; `allowsLocalPeers` lets
     /// those on loopback be, too.
-    void recordSuccess(std::string infoHash, PeerAddress address, PeerSource source, bool allowsLocalPeers = false);
-    void recordFailure(std::string infoHash, PeerAddress address, PeerSource source, bool allowsLocalPeers = false);
+    void recordSuccess(std::string infoHash, const PeerAddress& address, PeerSource source,
+                       bool allowsLocalPeers = false);
+    void recordFailure(std::string infoHash, const PeerAddress& address, PeerSource source,
+                       bool allowsLocalPeers = false);
 
     /// Writes what was recorded before it was called, and returns when nothing of the store runs any more.
     asio::awaitable<void> stop();
@@ -59,13 +61,14 @@ public:
 private:
     enum class Outcome { success, failure };
 
-    void record(std::string infoHash, PeerAddress address, PeerSource source, bool allowsLocalPeers, Outcome outcome);
+    void record(std::string infoHash, const PeerAddress& address, PeerSource source, bool allowsLocalPeers,
+                Outcome outcome);
     void update(const std::string& infoHash, const Entry& change);
     asio::awaitable<std::vector<Entry>> findPeers(std::string infoHash, std::size_t limit);
     asio::awaitable<std::vector<Entry>> findLANPeers(std::size_t limit);
     asio::awaitable<void> load();
     asio::awaitable<void> saveLater();
-    asio::awaitable<void> saveNow();
+    asio::awaitable<void> saveTheRest();
     asio::awaitable<void> save();
 
     const ActorSettings settings_;
@@ -75,7 +78,7 @@ private:
     PeerHistory unwritten_;  ///< changes only
     bool isLoaded_ = false;
     bool isSaving_ = false;
-    bool isSaveDue_ = false;  ///< saveLater runs
+    bool isSavePlanned_ = false;  ///< saveLater runs
     std::optional<Clock::TimePoint> lastSave_;
     TaskGroup tasks_;
     Notifier saved_;
