@@ -1,0 +1,66 @@
+#pragma once
+
+#include "Core/discovery/IPv4Interface.h"
+#include "public/common/FileLogger.h"
+#include "public/common/TaskGroup.h"
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/ip/udp.hpp>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace skein {
+
+struct LSDOptions {
+    /// When given, only the interface that has this address is used; 127.0.0.1 is loopback.
+    std::optional<std::string> bindAddress;
+    /// Announces also reach other programs on this machine. Ours meet through their daemon instead.
+    bool multicastLoop = false;
+    /// Peers on this machine's own loopback are reported too.
+    bool allowsLocalPeers = false;
+};
+
+/// The UDP socket of local discovery: port 6771, joined to the group on each usable interface. Port and group are
+/// shared with all other programs and services that do the same. System calls that fail are logged, not thrown; none
+/// of them waits. Thread: the strand it was made for. Source: BEP 14.
+class LSDSocket {
+public:
+    /// How many datagrams are read before others have their turn on the strand.
+    static constexpr int datagramsAtOnce = 64;
+
+    /// `log` outlives the socket.
+    LSDSocket(const Strand& strand, LSDOptions options, FileLogger& log);
+
+    /// False when there is no socket, or its port cannot be had; it is closed then.
+    bool open();
+    void close();
+    /// Sends `datagram` to the group on every joined interface. `what` ends the log's line about each.
+    void announce(std::string_view datagram, std::string_view what);
+    /// Returns when something can be read. Throws boost::system::system_error (operation_aborted) when cancelled.
+    asio::awaitable<void> waitUntilReadable();
+    /// Reads what is there, `datagramsAtOnce` at most. False after a failure: not to be tried again at once.
+    using Receiver = std::function<void(std::string_view datagram, const std::string& fromHost)>;
+    bool receiveAvailableDatagrams(const Receiver& receiver);
+
+private:
+    bool configureSocket();
+    std::vector<IPv4Interface> usableInterfaces();
+    // These return 0 or the errno of the failure.
+    int setOption(int level, int option, const void* value, std::size_t size, std::string_view what);
+    int selectInterface(const IPv4Interface& interface);
+    int send(std::string_view datagram, const std::string& interfaceName, std::string_view what);
+    bool joinGroup();
+    bool join(const std::string& address, int& error);
+    void chooseOutboundInterface();
+
+    const LSDOptions options_;
+    FileLogger& log_;
+    asio::ip::udp::socket socket_;
+    std::vector<IPv4Interface> interfaces_;
+};
+
+}  // namespace skein

@@ -1,0 +1,66 @@
+#include "Core/discovery/LocalIPv4Address.h"
+
+#include "Core/discovery/IPv4Interface.h"
+#include "public/common/FileLogger.h"
+#include "public/common/IPAddress.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/udp.hpp>
+
+#include <cstring>
+
+namespace skein {
+
+namespace asio = boost::asio;
+
+namespace {
+
+using asio::ip::udp;
+
+/// a.root-servers.net, at home there since 1993. Connecting a UDP socket sends nothing, it only asks the routing table.
+udp::endpoint wellKnown() { return {asio::ip::address_v4({198, 41, 0, 4}), 53}; }
+
+bool isUsable(const std::string& text) {
+    const auto address = IPAddress::parse(text);
+    if (!address) return false;
+    const AddressScope scope = address->scope();
+    return scope != AddressScope::loopback && scope != AddressScope::unspecified && scope != AddressScope::multicast;
+}
+
+std::optional<std::string> probeRoute(FileLogger& log) {
+    asio::io_context context(1);
+    udp::socket socket(context);
+    boost::system::error_code error;
+    socket.open(udp::v4(), error);
+    if (error) {
+        log.warning("[LocalIP] socket() failed, errno=", error.message());
+        return std::nullopt;
+    }
+    socket.connect(wellKnown(), error);
+    const udp::endpoint local = error ? udp::endpoint() : socket.local_endpoint(error);
+    if (error) {
+        log.info("[LocalIP] socket route probe failed, errno=", error.message());
+        return std::nullopt;
+    }
+    std::string address = local.address().to_string();
+    if (!isUsable(address)) return std::nullopt;
+    log.info("[LocalIP] ✓ (socket) ", address);
+    return address;
+}
+
+}  // namespace
+
+std::optional<std::string> getLocalIPv4Address(FileLogger& log) {
+    if (auto address = probeRoute(log)) return address;
+    int error = 0;
+    const auto interfaces = readIPv4Interfaces(error);
+    if (error != 0) log.warning("[LocalIP] getifaddrs() failed errno=", std::strerror(error));
+    for (const IPv4Interface& interface : interfaces) {
+        if (!isUsable(interface.address)) continue;
+        log.info("[LocalIP] ✓ (ifaddrs/", interface.name, ") ", interface.address);
+        return interface.address;
+    }
+    return std::nullopt;
+}
+
+}  // namespace skein
