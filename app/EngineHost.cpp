@@ -1,12 +1,19 @@
 #include "app/EngineHost.h"
 
+#include "Core/discovery/LANPeerSettingsStore.h"
+#include "Core/engine/CacheSites.h"
 #include "Core/engine/FallbackTrackers.h"
+#include "Core/engine/TorrentFile.h"
 #include "app/Command.h"
+#include "app/PortChoice.h"
 #include "public/common/ErrorText.h"
+#include "public/common/FatalFault.h"
+#include "public/common/WholeFile.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
@@ -26,27 +33,84 @@ const fs::path& created(const fs::path& home) {
 }  // namespace
 
 EngineHost::EngineHost(const fs::path& home, std::string bindAddress)
-    : log_(created(home) / "logs" / "skein.log", LogLevel::info),
-      settings_(home / "settings.db", log_),
-      listener_(pools_.io(), clock_, log_, std::move(bindAddress)) {}
+    : home_(created(home)),
+      bindAddress_(std::move(bindAddress)),
+      log_(home_ / "logs" / "skein.log", LogLevel::info),
+      settings_(home_ / "settings.db", log_),
+      listener_(pools_.io(), clock_, log_, bindAddress_),
+      history_(pools_.io(), ActorSettings(settings_, pools_.disk()), clock_, log_) {
+    // What one remote peer sends must not end the program, unless the user wants exactly that.
+    if (!flagSetting("skein.stopOnFatalFault", false)) setFatalFaultHandler(throwOnFatalFault);
+}
 
 EngineHost::~EngineHost() {
     asio::co_spawn(pools_.io(), listener_.stop(), asio::use_future).get();
+    if (dht_) asio::co_spawn(pools_.io(), dht_->stop(), asio::use_future).get();
+    asio::co_spawn(pools_.io(), history_.stop(), asio::use_future).get();
     http_.stop();
 }
 
-void EngineHost::listen(std::uint16_t port) {
+void EngineHost::listen(std::uint16_t port, const DHTOptions& dht) {
+    const std::uint16_t chosen = dht.isUsed ? choosePort(bindAddress_, port) : port;
     try {
-        asio::co_spawn(pools_.io(), listener_.start(port), asio::use_future).get();
+        asio::co_spawn(pools_.io(), listener_.start(chosen), asio::use_future).get();
     } catch (const std::exception& error) {
         throw CommandFailure("listening on port " + std::to_string(port), textOf(error));
+    }
+    if (dht.isUsed) startDHT(listener_.port(), dht);
+}
+
+/// Without the DHT there are still other ways to find peers: its failure is logged, no more.
+void EngineHost::startDHT(std::uint16_t port, const DHTOptions& options) {
+    DHTNode::Options nodeOptions;
+    nodeOptions.bindAddress = bindAddress_;
+    nodeOptions.port = port;
+    if (!options.bootstrapNodes.empty()) {
+        nodeOptions.bootstrapNodes = options.bootstrapNodes;
+    } else if (auto nodes = addressesSetting("dhtBootstrapNodes"); !nodes.empty()) {
+        nodeOptions.bootstrapNodes = std::move(nodes);
+    }
+    const DHTNode::Environment environment{pools_.io(), clock_, log_, random_, resolver_};
+    dht_ = std::make_unique<DHTNode>(environment, std::move(nodeOptions));
+    try {
+        asio::co_spawn(pools_.io(), dht_->startListening(), asio::use_future).get();
+    } catch (const std::exception& error) {
+        log_.warning("[Session] DHT start failed: ", textOf(error));
+        dht_.reset();
     }
 }
 
 TorrentSession::Services EngineHost::services() {
-    return {
-        pools_.io(), pools_.disk(), clock_, log_, TrackerServices{http_, resolver_, datagrams_, clock_, random_, log_},
-        listener_};
+    return {pools_.io(),
+            pools_.disk(),
+            clock_,
+            log_,
+            TrackerServices{http_, resolver_, datagrams_, clock_, random_, log_},
+            listener_,
+            dht_.get(),
+            &history_};
+}
+
+TorrentSession::Options EngineHost::sessionDefaults() {
+    TorrentSession::Options options;
+    options.servesMetadata = flagSetting("skein.serveMetadata", true);
+    options.cacheSites = listSetting("torrentCacheSites").value_or(CacheSites::torrentCacheSites);
+    if (const auto rounds = settings_.number("skein.magnetRounds"); rounds && *rounds > 0)
+        options.maxMagnetRounds = static_cast<int>(std::min<std::int64_t>(*rounds, 1'000'000));
+    options.torrentCopies = home_ / "torrents";
+    options.discovery.fallbackTrackers = listSetting("fallbackTrackers").value_or(builtInFallbackTrackers());
+    options.discovery.manualLANPeers = addressesSetting(LANPeerSettingsStore::manualPeersKey);
+    options.discovery.scansLAN = flagSetting(LANPeerSettingsStore::portScanKey, false);
+    options.discovery.bindAddress = bindAddress_;
+    return options;
+}
+
+std::optional<Bytes> EngineHost::savedTorrent(const SHA1Digest& infoHash) {
+    try {
+        return readWholeFile(home_ / "torrents" / (toHex(infoHash) + ".torrent"), TorrentFile::maxBytes);
+    } catch (const std::exception&) {
+        return std::nullopt;  // none, or none that can be read: it is fetched again
+    }
 }
 
 std::optional<std::string> EngineHost::setting(std::string_view key) {
@@ -66,14 +130,35 @@ fs::path EngineHost::downloadFolder() {
     return fs::is_directory(downloads, error) ? downloads : fs::current_path();
 }
 
-std::vector<std::string> EngineHost::fallbackTrackers() {
-    const auto listed = setting("fallbackTrackers");
-    if (!listed) return builtInFallbackTrackers();
-    std::vector<std::string> trackers;
+std::optional<std::vector<std::string>> EngineHost::listSetting(std::string_view key) {
+    const auto listed = setting(key);
+    if (!listed) return std::nullopt;
+    std::vector<std::string> elements;
     std::istringstream text(*listed);
-    for (std::string tracker; std::getline(text, tracker, ',');)
-        if (!tracker.empty()) trackers.push_back(tracker);
-    return trackers;
+    for (std::string element; std::getline(text, element, ',');)
+        if (!element.empty()) elements.push_back(element);
+    return elements;
+}
+
+std::vector<PeerAddress> EngineHost::addressesSetting(std::string_view key) {
+    std::vector<PeerAddress> addresses;
+    for (const std::string& text : listSetting(key).value_or(std::vector<std::string>())) {
+        if (auto address = PeerAddress::parse(text)) {
+            addresses.push_back(std::move(*address));
+        } else {
+            log_.warning("[Manager] the setting ", key, " names no HOST:PORT: ", text);
+        }
+    }
+    return addresses;
+}
+
+bool EngineHost::flagSetting(std::string_view key, bool unset) {
+    try {
+        return settings_.flag(key).value_or(unset);
+    } catch (const DatabaseException& error) {
+        log_.warning("[Manager] reading the setting ", key, " failed: ", error.what());
+        return unset;
+    }
 }
 
 }  // namespace skein

@@ -1,6 +1,8 @@
 #pragma once
 
+#include "Core/discovery/DHTNode.h"
 #include "Core/discovery/DatagramConnection.h"
+#include "Core/discovery/PeerHistoryStore.h"
 #include "Core/engine/TorrentSession.h"
 #include "Core/wire/PeerListener.h"
 #include "public/common/Clock.h"
@@ -19,7 +21,8 @@
 
 namespace skein {
 
-/// What every session of the process shares: pools, clock, log, settings, HTTP, the listening port.
+/// What every session of the process shares: pools, clock, log, settings, HTTP, the listening port, the DHT node, the
+/// peers remembered from before.
 ///
 /// Owner and thread: the command, on the main thread. Sessions are stopped before the host goes.
 class EngineHost {
@@ -30,9 +33,20 @@ public:
     EngineHost& operator=(const EngineHost&) = delete;
     ~EngineHost();
 
-    /// Opens the listening port. Throws CommandFailure.
-    void listen(std::uint16_t port);
+    /// How the DHT is to be used.
+    struct DHTOptions {
+        bool isUsed = true;
+        std::vector<PeerAddress> bootstrapNodes;  ///< empty: the setting `dhtBootstrapNodes`, else the built-in ones
+    };
+
+    /// Opens the listening port, and the DHT's of the same number. Throws CommandFailure.
+    void listen(std::uint16_t port, const DHTOptions& dht);
+    /// After `listen`.
     TorrentSession::Services services();
+    /// What the settings say of how a session works.
+    TorrentSession::Options sessionDefaults();
+    /// The copy kept of a `.torrent` that was used before; nothing when there is none.
+    std::optional<Bytes> savedTorrent(const SHA1Digest& infoHash);
 
     ThreadPools& pools() noexcept { return pools_; }
     Clock& clock() noexcept { return clock_; }
@@ -40,15 +54,22 @@ public:
     HTTPClient& http() noexcept { return http_; }
     Random& random() noexcept { return random_; }
     PeerListener& listener() noexcept { return listener_; }
+    /// 0 when the DHT does not run.
+    std::uint16_t dhtPort() const noexcept { return dht_ ? dht_->port() : std::uint16_t{0}; }
 
     /// The user's download folder: the setting `customDownloadDirectory`, else ~/Downloads, else here.
     std::filesystem::path downloadFolder();
-    /// The setting `fallbackTrackers`, else the built-in ones.
-    std::vector<std::string> fallbackTrackers();
 
 private:
     std::optional<std::string> setting(std::string_view key);
+    /// A comma-separated list; nothing when it is not set.
+    std::optional<std::vector<std::string>> listSetting(std::string_view key);
+    std::vector<PeerAddress> addressesSetting(std::string_view key);
+    bool flagSetting(std::string_view key, bool unset);
+    void startDHT(std::uint16_t port, const DHTOptions& options);
 
+    const std::filesystem::path home_;
+    const std::string bindAddress_;
     FileLogger log_;
     SettingsStore settings_;
     RealClock clock_;
@@ -58,6 +79,8 @@ private:
     SystemNameResolver resolver_;
     HTTPClient http_;
     PeerListener listener_;
+    PeerHistoryStore history_;
+    std::unique_ptr<DHTNode> dht_;
 };
 
 }  // namespace skein

@@ -1,8 +1,8 @@
 #include "app/Command.h"
 #include "app/EngineHost.h"
-#include "app/TorrentSource.h"
 #include "app/TransferOptions.h"
 #include "app/TransferRun.h"
+#include "app/TransferSource.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,10 +12,10 @@ namespace {
 
 class GetCommand final : public Command {
 public:
-    GetCommand() : Command({"get", "Download torrents", "skein get paper.torrent --dir ~/papers"}) {}
+    GetCommand() : Command({"get", "Download torrents", "skein get 'magnet:?xt=urn:btih:…' --dir ~/papers"}) {}
 
     void declare(CLI::App& options) override {
-        options.add_option("SOURCE", sources_, "A .torrent file, or the HTTP(S) address of one")->required();
+        options.add_option("SOURCE", sources_, "A magnet link, a .torrent file, or the HTTP(S) address of one")->required();
         options_.declare(options);
         options.add_flag("--seed", goal_.seedsAfterwards, "Keep serving after completion, until interrupted");
         options.add_option("--timeout", timeoutSeconds_, "Give up when not complete by then")
@@ -27,8 +27,10 @@ public:
         EngineHost host(global.home(), options_.bindAddress);
         goal_.timeout = std::chrono::seconds(timeoutSeconds_);
         TransferRun transfers(host, options_, goal_);
-        for (const std::string& source : sources_) transfers.add(readTorrentSource(source, host), source);
-        host.listen(options_.port);
+        std::vector<TransferSource> sources;
+        for (const std::string& source : sources_) sources.push_back(readTransferSource(source, host));
+        host.listen(options_.port, options_.dhtOptions());
+        for (std::size_t i = 0; i < sources.size(); ++i) transfers.add(std::move(sources[i]), sources_[i]);
         return transfers.run();
     }
 

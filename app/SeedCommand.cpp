@@ -1,8 +1,8 @@
 #include "app/Command.h"
 #include "app/EngineHost.h"
-#include "app/TorrentSource.h"
 #include "app/TransferOptions.h"
 #include "app/TransferRun.h"
+#include "app/TransferSource.h"
 
 #include <CLI/CLI.hpp>
 
@@ -26,8 +26,10 @@ public:
         TransferRun::Goal goal;
         goal.seedsOnly = true;
         TransferRun transfers(host, options_, goal);
-        for (const std::string& source : sources_) transfers.add(readTorrentSource(source, host), source);
-        host.listen(options_.port);
+        std::vector<TransferSource> sources;
+        for (const std::string& source : sources_) sources.push_back(readTransferSource(source, host));
+        host.listen(options_.port, options_.dhtOptions());
+        for (std::size_t i = 0; i < sources.size(); ++i) transfers.add(std::move(sources[i]), sources_[i]);
         return transfers.run();
     }
 

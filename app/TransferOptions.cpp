@@ -12,6 +12,10 @@ std::string checkPeer(const std::string& text) {
     return PeerAddress::parse(text) ? std::string() : "Not HOST:PORT: " + text;
 }
 
+std::string checkCacheSite(const std::string& text) {
+    return text.find("{HASH}") != std::string::npos ? std::string() : "Contains no {HASH}: " + text;
+}
+
 std::string checkRate(const std::string& text) {
     const auto bytes = parseByteCount(text);
     return bytes && *bytes >= 0 ? std::string() : "Not a rate like 500K or 2M: " + text;
@@ -40,9 +44,21 @@ void TransferOptions::declare(CLI::App& options) {
         ->expected(1)
         ->take_all();
     options.add_flag("--no-trackers", noTrackers, "Leave the source's own trackers alone");
-    // Scripts that are written for what is to come already run: what a switch turns off is off.
-    options.add_flag("--no-dht,--no-lsd,--no-pex,--no-cache-sites,--no-history", noOtherSources,
-                     "No such source is used yet");
+    options.add_flag("--no-dht", noDHT, "Leave the DHT alone");
+    options.add_flag("--no-lsd", noLSD, "Do not look for peers in the local network");
+    options.add_flag("--no-pex", noPex, "Take no peers from other peers");
+    options.add_flag("--no-cache-sites", noCacheSites, "Ask no sites that keep .torrent files");
+    options.add_flag("--no-history", noHistory, "Neither use nor remember peers of before");
+    options.add_option("--dht-bootstrap", dhtBootstrap, "Instead of the built-in DHT routers, repeatable")
+        ->type_name("HOST:PORT")
+        ->check(CLI::Validator(checkPeer, ""))
+        ->expected(1)
+        ->take_all();
+    options.add_option("--cache-site", cacheSites, "Instead of the built-in cache sites, repeatable")
+        ->type_name("URL with {HASH}")
+        ->check(CLI::Validator(checkCacheSite, ""))
+        ->expected(1)
+        ->take_all();
     options.add_option("--encryption", encryption, "How to speak to peers")
         ->check(CLI::IsMember({"plaintext"}))
         ->capture_default_str();
@@ -62,21 +78,38 @@ void TransferOptions::declare(CLI::App& options) {
     options.add_flag("--json", isJSON, "One JSON object a line");
 }
 
+namespace {
+
+std::vector<PeerAddress> parsed(const std::vector<std::string>& texts) {
+    std::vector<PeerAddress> addresses;
+    for (const std::string& text : texts)
+        if (auto address = PeerAddress::parse(text)) addresses.push_back(std::move(*address));
+    return addresses;
+}
+
+}  // namespace
+
 TorrentSession::Options TransferOptions::sessionOptions(const std::filesystem::path& savePath,
-                                                        std::vector<std::string> fallbackTrackers) const {
-    TorrentSession::Options options;
+                                                        TorrentSession::Options defaults) const {
+    TorrentSession::Options options = std::move(defaults);
     options.savePath = savePath;
     options.maxConnections = maxConnections;
     options.downloadLimit = parseByteCount(downloadLimit).value_or(0);
     options.uploadLimit = parseByteCount(uploadLimit).value_or(0);
-    options.usesTrackers = !noTrackers;
-    options.allowsLocalPeers = allowsLocalPeers;
-    options.extraTrackers = trackers;
-    options.fallbackTrackers = std::move(fallbackTrackers);
-    for (const std::string& peer : peers)
-        if (auto address = PeerAddress::parse(peer)) options.namedPeers.push_back(std::move(*address));
-    options.bindAddress = bindAddress;
+    if (!cacheSites.empty()) options.cacheSites = cacheSites;
+    if (noCacheSites) options.cacheSites.clear();
+    DiscoveryOptions& discovery = options.discovery;
+    discovery.usesTrackers = !noTrackers;
+    discovery.usesDHT = !noDHT;
+    discovery.usesLSD = !noLSD;
+    discovery.usesPex = !noPex;
+    discovery.usesHistory = !noHistory;
+    discovery.allowsLocalPeers = allowsLocalPeers;
+    discovery.extraTrackers.insert(discovery.extraTrackers.end(), trackers.begin(), trackers.end());
+    discovery.namedPeers = parsed(peers);
     return options;
 }
+
+EngineHost::DHTOptions TransferOptions::dhtOptions() const { return {!noDHT, parsed(dhtBootstrap)}; }
 
 }  // namespace skein

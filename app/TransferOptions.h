@@ -2,6 +2,7 @@
 
 #include "Core/engine/TorrentSession.h"
 #include "Core/wire/PeerAddress.h"
+#include "app/EngineHost.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -23,7 +24,13 @@ struct TransferOptions {
     std::vector<std::string> peers;
     std::vector<std::string> trackers;
     bool noTrackers = false;
-    bool noOtherSources = false;
+    bool noDHT = false;
+    bool noLSD = false;
+    bool noPex = false;
+    bool noCacheSites = false;
+    bool noHistory = false;
+    std::vector<std::string> dhtBootstrap;
+    std::vector<std::string> cacheSites;
     std::string encryption = "plaintext";
     std::string transport = "any";
     std::string downloadLimit = "0";
@@ -33,9 +40,10 @@ struct TransferOptions {
     bool isJSON = false;
 
     void declare(CLI::App& options);
-    /// What a session needs of them; `fallbackTrackers` come from the settings.
+    /// `defaults` is what the settings say; what was given here comes before it.
     TorrentSession::Options sessionOptions(const std::filesystem::path& savePath,
-                                           std::vector<std::string> fallbackTrackers) const;
+                                           TorrentSession::Options defaults) const;
+    EngineHost::DHTOptions dhtOptions() const;
 };
 
 }  // namespace skein

@@ -111,8 +111,11 @@ TransferReport::TransferReport(Clock& clock, bool isJSON) : clock_(clock), isJSO
 
 TransferReport::~TransferReport() = default;
 
-void TransferReport::listening(const TransferStatus& of, std::uint16_t port) {
-    if (isJSON_) JSONLine(clock_, of, "listening").object["port"] = port;
+void TransferReport::listening(const TransferStatus& of, std::uint16_t port, std::uint16_t dhtPort) {
+    if (!isJSON_) return;
+    JSONLine line(clock_, of, "listening");
+    line.object["port"] = port;
+    if (dhtPort != 0) line.object["dhtPort"] = dhtPort;
 }
 
 void TransferReport::state(const TransferStatus& of, const std::string& message) {
@@ -189,6 +192,7 @@ void TransferReport::overview(const std::vector<const TransferStatus*>& all) {
     using Kind = TorrentSession::State::Kind;
     TransferStatus sum;
     std::size_t verifying = 0;
+    std::size_t fetching = 0;
     bool isDownloading = false;
     for (const TransferStatus* const one : all) {
         sum.total += one->total;
@@ -198,6 +202,7 @@ void TransferReport::overview(const std::vector<const TransferStatus*>& all) {
         sum.uploaded += one->uploaded;
         sum.peers += one->peers;
         sum.verified += one->verified;
+        fetching += one->state == Kind::fetchingMetadata ? 1 : 0;
         verifying += one->state == Kind::idle ? 1 : 0;
         isDownloading = isDownloading || one->state == Kind::downloading;
     }
@@ -205,6 +210,7 @@ void TransferReport::overview(const std::vector<const TransferStatus*>& all) {
     if (verifying == all.size())
         return line_->show(name + ": verifying " + formatPercent(sum.verified / static_cast<double>(all.size())));
     const std::string peers = std::to_string(sum.peers) + (sum.peers == 1 ? " peer" : " peers");
+    if (fetching == all.size()) return line_->show(name + ": " + printable(lastStatus_) + ", " + peers);
     const std::string up = formatByteCount(sum.uploadRate) + "/s up";
     if (!isDownloading)
         return line_->show(name + ": seeding, " + up + ", " + formatByteCount(sum.uploaded) + " sent, " + peers);

@@ -36,7 +36,8 @@ public:
     TransferReport(Clock& clock, bool isJSON);
     ~TransferReport();
 
-    void listening(const TransferStatus& of, std::uint16_t port);
+    /// `dhtPort` is 0 when the DHT does not run.
+    void listening(const TransferStatus& of, std::uint16_t port, std::uint16_t dhtPort);
     void state(const TransferStatus& of, const std::string& message);
     void status(const TransferStatus& of, const std::string& message);
     void metadata(const TransferStatus& of, const TorrentMetaInfo& metaInfo);

@@ -31,30 +31,53 @@ TransferRun::TransferRun(EngineHost& host, const TransferOptions& options, Goal 
 
 TransferRun::~TransferRun() = default;
 
-void TransferRun::add(Bytes torrentData, const std::string& source) {
+void TransferRun::add(TransferSource source, const std::string& name) {
     auto transfer = std::make_unique<Transfer>();
+    transfer->source = std::move(source);
+    TorrentSession::Options defaults = host_.sessionDefaults();
     SHA1Digest infoHash{};
     try {
-        const TorrentMetaInfo metaInfo = TorrentParser::parse(torrentData);
-        infoHash = metaInfo.infoHash;
-        transfer->status.infoHashHex = metaInfo.infoHashHex;
-        transfer->status.name = metaInfo.name;
-        transfer->status.total = metaInfo.totalSize;
+        infoHash = identify(*transfer, defaults.discovery.extraTrackers);
     } catch (const std::exception& error) {
-        throw CommandFailure(source, error.what());
+        throw CommandFailure(name, error.what());
     }
+    if (goal_.seedsOnly && std::holds_alternative<MagnetLink>(transfer->source))
+        throw CommandFailure(name, "a .torrent file is needed to seed");
     for (const auto& other : transfers_)
         if (other->status.infoHashHex == transfer->status.infoHashHex) return;  // named twice
 
     const auto folder = options_.folder.empty() ? host_.downloadFolder() : options_.folder;
     if (!goal_.seedsOnly) transfer->lock = std::make_unique<TargetLock>(folder, infoHash);
-    TorrentSession::Options options = options_.sessionOptions(folder, host_.fallbackTrackers());
+    TorrentSession::Options options = options_.sessionOptions(folder, std::move(defaults));
     options.seedsOnly = goal_.seedsOnly;
-    transfer->torrentData = std::move(torrentData);
     transfer->session = std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()),
                                                          host_.services(), std::move(options));
     transfer->session->setCallbacks(callbacksFor(*transfer));
     transfers_.push_back(std::move(transfer));
+}
+
+/// Fills in what the source says of itself. A magnet link whose torrent was seen before becomes that torrent, and its
+/// trackers are added to it.
+SHA1Digest TransferRun::identify(Transfer& transfer, std::vector<std::string>& extraTrackers) {
+    if (const auto* const link = std::get_if<MagnetLink>(&transfer.source)) {
+        const SHA1Digest infoHash = link->infoHash;
+        transfer.status.infoHashHex = link->infoHashHex;
+        transfer.status.name = link->displayName.value_or(link->infoHashHex);
+        auto saved = host_.savedTorrent(infoHash);
+        if (!saved) return infoHash;
+        try {
+            if (TorrentParser::parse(*saved).infoHash != infoHash) return infoHash;
+        } catch (const std::exception&) {
+            return infoHash;  // a damaged copy is as good as none
+        }
+        extraTrackers.insert(extraTrackers.end(), link->trackers.begin(), link->trackers.end());
+        transfer.source = std::move(*saved);
+    }
+    const TorrentMetaInfo metaInfo = TorrentParser::parse(std::get<Bytes>(transfer.source));
+    transfer.status.infoHashHex = metaInfo.infoHashHex;
+    transfer.status.name = metaInfo.name;
+    transfer.status.total = metaInfo.totalSize;
+    return metaInfo.infoHash;
 }
 
 int TransferRun::run() {
@@ -73,7 +96,7 @@ int TransferRun::run() {
 
 asio::awaitable<void> TransferRun::runAll() {
     for (const auto& transfer : transfers_) {
-        report_.listening(transfer->status, host_.listener().port());
+        report_.listening(transfer->status, host_.listener().port(), host_.dhtPort());
         tasks_.spawn(startOne(*transfer));
     }
     tasks_.spawn(showOverview());
@@ -92,7 +115,11 @@ bool TransferRun::isOver() const {
 
 asio::awaitable<void> TransferRun::startOne(Transfer& transfer) {
     transfer.startedAt = host_.clock().now();
-    co_await transfer.session->start(std::move(transfer.torrentData));
+    if (std::holds_alternative<Bytes>(transfer.source)) {
+        co_await transfer.session->start(std::get<Bytes>(std::move(transfer.source)));
+    } else {
+        co_await transfer.session->startWithMagnet(std::get<MagnetLink>(std::move(transfer.source)));
+    }
 }
 
 asio::awaitable<void> TransferRun::giveUpAfterTimeout() {
@@ -142,7 +169,7 @@ TorrentSession::Callbacks TransferRun::callbacksFor(Transfer& transfer) {
         onOurs([this, &transfer, progress] { onProgress(transfer, progress); });
     };
     callbacks.onMetadataReceived = [this, onOurs, &transfer](const TorrentMetaInfo& metaInfo) {
-        onOurs([this, &transfer, metaInfo] { report_.metadata(transfer.status, metaInfo); });
+        onOurs([this, &transfer, metaInfo] { onMetadata(transfer, metaInfo); });
     };
     callbacks.onStatusMessage = [this, onOurs, &transfer](const std::string& message) {
         onOurs([this, &transfer, message] { report_.status(transfer.status, message); });
@@ -157,6 +184,12 @@ TorrentSession::Callbacks TransferRun::callbacksFor(Transfer& transfer) {
         onOurs([&transfer, checked, total] { transfer.status.verified = total == 0 ? 1 : 1.0 * checked / total; });
     };
     return callbacks;
+}
+
+void TransferRun::onMetadata(Transfer& transfer, const TorrentMetaInfo& metaInfo) {
+    transfer.status.name = metaInfo.name;
+    transfer.status.total = metaInfo.totalSize;
+    report_.metadata(transfer.status, metaInfo);
 }
 
 void TransferRun::onProgress(Transfer& transfer, const TorrentSession::Progress& progress) {

@@ -6,6 +6,7 @@
 #include "app/TargetLock.h"
 #include "app/TransferOptions.h"
 #include "app/TransferReport.h"
+#include "app/TransferSource.h"
 #include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
 
@@ -30,14 +31,15 @@ public:
     TransferRun(EngineHost& host, const TransferOptions& options, Goal goal);
     ~TransferRun();
 
-    /// Adds a torrent by its bytes. Throws CommandFailure when it is no torrent, or another process writes it.
-    void add(Bytes torrentData, const std::string& source);
+    /// Adds a torrent; `name` is what the user called it. Throws CommandFailure when it is no torrent, or another
+    /// process writes it.
+    void add(TransferSource source, const std::string& name);
     /// Runs to the end and returns the exit status.
     int run();
 
 private:
     struct Transfer {
-        Bytes torrentData;
+        TransferSource source;
         TransferStatus status;
         Clock::TimePoint startedAt;
         bool isDone = false;
@@ -46,6 +48,7 @@ private:
         std::unique_ptr<TorrentSession> session;
     };
 
+    SHA1Digest identify(Transfer& transfer, std::vector<std::string>& extraTrackers);
     asio::awaitable<void> runAll();
     asio::awaitable<void> startOne(Transfer& transfer);
     asio::awaitable<void> showOverview();
@@ -53,6 +56,7 @@ private:
     asio::awaitable<void> stopCounted(Transfer& transfer, std::size_t& left);
     asio::awaitable<void> giveUpAfterTimeout();
     TorrentSession::Callbacks callbacksFor(Transfer& transfer);
+    void onMetadata(Transfer& transfer, const TorrentMetaInfo& metaInfo);
     void onState(Transfer& transfer, const TorrentSession::State& state);
     void onProgress(Transfer& transfer, const TorrentSession::Progress& progress);
     void onPeers(Transfer& transfer, const std::vector<PeerRuntimeInfo>& rows);

@@ -50,6 +50,7 @@ DHTNode::DHTNode(const Environment& environment, Options options)
 DHTNode::~DHTNode() = default;
 
 asio::awaitable<void> DHTNode::start() { return tasks_.call(begin()); }
+asio::awaitable<void> DHTNode::startListening() { return tasks_.call(beginListening()); }
 
 std::unique_ptr<PeerStream> DHTNode::findPeers(const SHA1Digest& infoHash) {
     const auto feed = std::make_shared<PeerFeed>(tasks_.strand());
@@ -70,20 +71,23 @@ asio::awaitable<void> DHTNode::stop() {
 }
 
 asio::awaitable<void> DHTNode::begin() {
-    if (!isRunning_) {
-        try {
-            open();
-        } catch (const boost::system::system_error& error) {
-            sockets_.clear();
-            environment_.log.error("[DHT] Listener failed: ", textOf(error));
-            throw;
-        }
-        isRunning_ = true;
-        for (DHTSocket& socket : sockets_) tasks_.spawn(listen(socket));
-        tasks_.spawn(keepDeadlines());
-        beginBootstrap();
-    }
+    co_await beginListening();
     co_await bootstrapEnded();
+}
+
+asio::awaitable<void> DHTNode::beginListening() {
+    if (isRunning_) co_return;
+    try {
+        open();
+    } catch (const boost::system::system_error& error) {
+        sockets_.clear();
+        environment_.log.error("[DHT] Listener failed: ", textOf(error));
+        throw;
+    }
+    isRunning_ = true;
+    for (DHTSocket& socket : sockets_) tasks_.spawn(listen(socket));
+    tasks_.spawn(keepDeadlines());
+    beginBootstrap();
 }
 
 void DHTNode::open() {

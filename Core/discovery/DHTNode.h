@@ -62,6 +62,8 @@ public:
     /// boost::system::system_error when the port cannot be opened, and may then be called again. Once open, a further
     /// call only waits for the bootstrap.
     asio::awaitable<void> start();
+    /// As `start()`, but does not wait for the bootstrap.
+    asio::awaitable<void> startListening();
     /// Of the open socket; 0 before it is open (`start()` opens it before it first waits).
     std::uint16_t port() const noexcept { return port_; }
     /// Looks for peers of `infoHash`, once the bootstrap is over; several may do so for one info-hash, and share the
@@ -77,6 +79,7 @@ private:
     using Feeds = std::vector<std::shared_ptr<PeerFeed>>;
 
     asio::awaitable<void> begin();
+    asio::awaitable<void> beginListening();
     void open();
     void beginBootstrap();
     asio::awaitable<void> bootstrap();

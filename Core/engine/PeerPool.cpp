@@ -119,6 +119,7 @@ void PeerPool::rememberFailedDial(const DialRequest& request, const std::string&
         if (publicPeerRetryAfter_.size() >= maxCooldowns) publicPeerRetryAfter_.erase(publicPeerRetryAfter_.begin());
         publicPeerRetryAfter_[request.address] = environment_.clock.now() + publicPeerFailureCooldown;
     }
+    callbacks_.onDialFailed(request);
     PeerRuntimeInfo info;
     info.address = request.address;
     info.source = request.source;
@@ -197,14 +198,20 @@ void PeerPool::admit(std::unique_ptr<Peer> peer) {
         drop(other->key, "Connected twice");
     }
     Peer& admitted = *peer;
-    PeerConnection::Callbacks callbacks = callbacks_.connectionCallbacks(admitted.key);
-    callbacks.onDisconnected = [this, key = admitted.key](const std::string& reason) {
-        handlePeerDisconnect(key, reason);
-    };
-    admitted.connection->setCallbacks(std::move(callbacks));
+    setCallbacks(admitted);
     connected_.emplace(admitted.key, std::move(peer));
     callbacks_.onPeerReady(admitted);
     admitted.connection->begin();
+}
+
+void PeerPool::setCallbacks(Peer& peer) {
+    PeerConnection::Callbacks callbacks = callbacks_.connectionCallbacks(peer.key);
+    callbacks.onDisconnected = [this, key = peer.key](const std::string& reason) { handlePeerDisconnect(key, reason); };
+    peer.connection->setCallbacks(std::move(callbacks));
+}
+
+void PeerPool::renewCallbacks() {
+    for (const auto& [key, peer] : connected_) setCallbacks(*peer);
 }
 
 bool PeerPool::isOurselves(const Peer& peer) const {

@@ -65,6 +65,8 @@ public:
         std::function<PeerConnection::Callbacks(PeerKey)> connectionCallbacks;
         /// The handshake is done; messages flow once this returned.
         std::function<void(Peer&)> onPeerReady;
+        /// A dial came to nothing.
+        std::function<void(const DialRequest&)> onDialFailed;
         /// An established peer left.
         std::function<void(const Peer&)> onPeerGone;
     };
@@ -74,6 +76,8 @@ public:
 
     void connectToPeer(const DialRequest& request);
     void handleIncomingConnection(std::unique_ptr<PeerWireTransport> transport, PeerAddress address);
+    /// Asks anew what the connected peers report to.
+    void renewCallbacks();
     /// Drops the peer; with a cooldown it is not dialled again until that is over.
     void drop(PeerKey key, const std::string& reason, Clock::Duration cooldown = Clock::Duration::zero());
     /// Closes all but the best `keepAtMost` peers: those that move most bytes, the longest connected among equals.
@@ -102,6 +106,7 @@ private:
     std::unique_ptr<Peer> makePeer(const DialRequest& request, std::unique_ptr<PeerWireTransport> transport,
                                    PeerDirection direction);
     void admit(std::unique_ptr<Peer> peer);
+    void setCallbacks(Peer& peer);
     bool isOurselves(const Peer& peer) const;
     Peer* otherConnectionTo(const Peer& peer);
     void handlePeerDisconnect(PeerKey key, const std::string& reason);

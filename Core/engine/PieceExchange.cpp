@@ -41,11 +41,7 @@ PeerConnection::Callbacks PieceExchange::connectionCallbacks(PeerKey key) {
             requestPiecesFromPeer(key);
         }
     };
-    callbacks.onInterestChanged = [this, key](bool isInterested) {
-        PeerPool::Peer* const peer = environment_.pool.find(key);
-        if (peer != nullptr && isInterested && peer->connection->amChoking() && environment_.servesPeers)
-            peer->connection->sendUnchoke();
-    };
+    callbacks.onInterestChanged = [this, key](bool) { unchokeIfInterested(key); };
     callbacks.onPieceReceived = [this, key](std::uint32_t piece, std::uint32_t begin, ByteView block) {
         handleReceivedBlock(key, piece, begin, block);
     };
@@ -68,6 +64,30 @@ void PieceExchange::addPeer(PeerPool::Peer& peer) {
     scheduler_.addPeer(peer.key);
     if (pieces_->completedPieces() > 0) peer.connection->sendBitfield(pieces_->bitfield());
     if (isWanting()) peer.connection->sendInterested();
+}
+
+/// A bitfield may only be the first message: this peer learns what we have piece by piece.
+void PieceExchange::adoptPeer(PeerPool::Peer& peer) {
+    PeerConnection& connection = *peer.connection;
+    scheduler_.addPeer(peer.key);
+    if (connection.peerBitfield()) scheduler_.setBitfield(peer.key, *connection.peerBitfield());
+    scheduler_.setChoking(peer.key, connection.peerChoking());
+    if (pieces_->completedPieces() > 0) {
+        const std::vector<bool> have = pieces_->completionBitmap();
+        for (std::size_t piece = 0; piece < have.size(); ++piece)
+            if (have[piece]) connection.sendHave(static_cast<int>(piece));
+    }
+    if (isWanting() && !connection.amInterested()) connection.sendInterested();
+    if (!isWanting() && connection.amInterested()) connection.sendNotInterested();
+    unchokeIfInterested(peer.key);
+    requestPiecesFromPeer(peer.key);
+}
+
+void PieceExchange::unchokeIfInterested(PeerKey key) {
+    PeerPool::Peer* const peer = environment_.pool.find(key);
+    if (peer != nullptr && peer->connection->peerInterested() && peer->connection->amChoking() &&
+        environment_.servesPeers)
+        peer->connection->sendUnchoke();
 }
 
 void PieceExchange::removePeer(PeerKey key) {
@@ -116,7 +136,7 @@ asio::awaitable<void> PieceExchange::finishPiece(int piece, PeerKey supplier) {
     if (tasks_.isStopping()) co_return;
     scheduler_.pieceEnded(piece);
     if (result == ReceiveBlockResult::completed) {
-        onPieceCompleted(piece);
+        onPieceCompleted(piece, supplier);
     } else if (!pieces_->storageProblem()) {
         blameForBadPiece(supplier);
     }
@@ -124,11 +144,11 @@ asio::awaitable<void> PieceExchange::finishPiece(int piece, PeerKey supplier) {
     requestPiecesFromPeer(supplier);
 }
 
-void PieceExchange::onPieceCompleted(int piece) {
+void PieceExchange::onPieceCompleted(int piece, PeerKey supplier) {
     environment_.log.debug("[Session] ✓ Piece ", piece, " done (", pieces_->completedPieces(), ", ",
                            percentOf(pieces_->progress()), "%)");
     for (const auto& [key, peer] : environment_.pool.connected()) peer->connection->sendHave(piece);
-    callbacks_.onPieceCompleted(piece);
+    callbacks_.onPieceCompleted(piece, supplier);
     if (!pieces_->isComplete()) return;
     for (const auto& [key, peer] : environment_.pool.connected())
         if (peer->connection->amInterested()) peer->connection->sendNotInterested();

@@ -18,7 +18,7 @@ namespace skein {
 class PieceExchange {
 public:
     struct Callbacks {
-        std::function<void(int piece)> onPieceCompleted;
+        std::function<void(int piece, PeerKey supplier)> onPieceCompleted;
         std::function<void()> onAllPiecesCompleted;
         std::function<void(std::int64_t bytes)> onBytesDownloaded;
         std::function<void(std::int64_t bytes)> onBytesUploaded;
@@ -37,7 +37,12 @@ public:
 
     /// What a new connection reports to. The callbacks hold this object's address.
     PeerConnection::Callbacks connectionCallbacks(PeerKey key);
+    /// A peer whose messages are yet to flow.
     void addPeer(PeerPool::Peer& peer);
+    /// A peer that was connected before there was anything to exchange.
+    void adoptPeer(PeerPool::Peer& peer);
+    /// How many requests the peer keeps, by its own account.
+    void setRequestQueue(PeerKey key, std::int64_t length) { scheduler_.setRequestQueue(key, length); }
     void removePeer(PeerKey key);
     /// Fills every peer's queue, those with nothing to do first.
     void driveActivePeerRequests();
@@ -50,11 +55,12 @@ public:
 
 private:
     bool dropIfBothAreComplete(PeerKey key);
+    void unchokeIfInterested(PeerKey key);
     void requestPiecesFromPeer(PeerKey key);
     void handleReceivedBlock(PeerKey key, std::uint32_t piece, std::uint32_t begin, ByteView block);
     asio::awaitable<void> afterBlocks(PeerKey key);
     asio::awaitable<void> finishPiece(int piece, PeerKey supplier);
-    void onPieceCompleted(int piece);
+    void onPieceCompleted(int piece, PeerKey supplier);
     void blameForBadPiece(PeerKey supplier);
     asio::awaitable<void> readForUpload(std::vector<BlockRead>& reads);
     bool isWanting() const { return environment_.wantsPieces && !pieces_->isComplete(); }

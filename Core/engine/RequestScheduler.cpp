@@ -49,6 +49,12 @@ void RequestScheduler::addPiece(PeerKey peer, std::uint32_t piece) {
     pieces_.markPeerHasPiece(index);
 }
 
+void RequestScheduler::setRequestQueue(PeerKey peer, std::int64_t length) {
+    const auto found = peers_.find(peer);
+    if (found == peers_.end()) return;
+    found->second.requestQueue = static_cast<int>(std::clamp<std::int64_t>(length, 1, longestRequestQueue));
+}
+
 void RequestScheduler::setChoking(PeerKey peer, bool isChoking) {
     const auto found = peers_.find(peer);
     if (found == peers_.end()) return;
@@ -127,9 +133,9 @@ int RequestScheduler::shareOf(const Peer& peer) const {
 }
 
 int RequestScheduler::depthOf(const Peer& peer) const {
-    if (peer.rate.total() == 0) return startDepth;
+    if (peer.rate.total() == 0) return std::min(startDepth, peer.requestQueue);
     const double blocks = peer.rate.bytesPerSecond(clock_.now()) * depthSeconds / blockSize;
-    return static_cast<int>(std::clamp(blocks, static_cast<double>(leastDepth), double{maxOutstandingRequests}));
+    return std::min(std::max(static_cast<int>(std::min(blocks, 1e6)), leastDepth), peer.requestQueue);
 }
 
 std::vector<PeerKey> RequestScheduler::idlePeers() const {

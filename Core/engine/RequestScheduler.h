@@ -25,8 +25,10 @@ class RequestScheduler {
 public:
     /// Pieces being fetched at once in the whole session.
     static constexpr int maxInFlightPieces = 32;
-    /// Unanswered requests at one peer: many peers drop what goes beyond.
+    /// Unanswered requests at a peer that did not say how many it keeps: many drop what goes beyond.
     static constexpr int maxOutstandingRequests = 250;
+    /// At one that keeps more: 16 MiB on their way are enough for any path.
+    static constexpr int longestRequestQueue = 1000;
     /// A piece without a new block for this long is given back.
     static constexpr std::chrono::seconds stallLimit{30};
     /// Buffers of pieces in flight: very large pieces keep fewer than 32 in flight.
@@ -48,6 +50,8 @@ public:
     void removePeer(PeerKey peer);
     void setBitfield(PeerKey peer, ByteView bitfield);
     void addPiece(PeerKey peer, std::uint32_t piece);
+    /// What the peer said of how many requests it keeps.
+    void setRequestQueue(PeerKey peer, std::int64_t length);
     /// A choking peer's pieces are given back at once.
     void setChoking(PeerKey peer, bool isChoking);
 
@@ -90,6 +94,7 @@ private:
         bool isSlow = false;       // let a piece stall: gets no other while a faster peer is there
         bool isExhausted = false;  // has nothing to fetch; until it announces more or a piece comes back
         int outstanding = 0;
+        int requestQueue = maxOutstandingRequests;
         std::vector<int> pieces;  // in flight, oldest first; only the last has blocks not yet asked for
         SpeedTracker rate;
     };

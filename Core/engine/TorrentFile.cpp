@@ -33,6 +33,18 @@ std::filesystem::path save(const std::filesystem::path& folder, std::string_view
     return path;
 }
 
+void saveCopy(const std::filesystem::path& folder, std::string_view infoHashHex, ByteView data) {
+    std::filesystem::create_directories(folder);
+    replaceWholeFile(folder / (std::string(infoHashHex) + ".torrent"), data);
+}
+
+Bytes infoDataOf(ByteView data) {
+    const auto range = BEncoder::decodeWithInfoRange(data).infoRange;
+    if (!range) return {};
+    const ByteView info = data.subspan(range->begin, range->end - range->begin);
+    return {info.begin(), info.end()};
+}
+
 std::string safeFileName(std::string_view name) {
     std::string safe(name.substr(0, maxNameBytes));
     for (char& character : safe)

@@ -20,6 +20,12 @@ std::optional<std::string> faultOf(ByteView data);
 /// the same bytes is left; one with others is never overwritten. Throws std::system_error with the reason.
 std::filesystem::path save(const std::filesystem::path& folder, std::string_view name, ByteView data);
 
+/// Writes `data` as HASH.torrent into `folder`, where torrents of one name do not meet. Throws std::system_error.
+void saveCopy(const std::filesystem::path& folder, std::string_view infoHashHex, ByteView data);
+
+/// The bytes of the info dictionary in `data`, a `.torrent` that was parsed before.
+Bytes infoDataOf(ByteView data);
+
 /// `name` as one path component: what cannot stand in a file name becomes "_", and it is cut to what file systems take.
 std::string safeFileName(std::string_view name);
 

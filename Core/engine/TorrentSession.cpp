@@ -1,6 +1,8 @@
 #include "Core/engine/TorrentSession.h"
 
+#include "Core/discovery/DHTNode.h"
 #include "Core/engine/TorrentFile.h"
+#include "Core/formats/BEncoder.h"
 #include "Core/formats/TorrentParser.h"
 #include "Core/wire/NWPeerWireTransport.h"
 #include "public/common/RunOn.h"
@@ -17,8 +19,10 @@ constexpr std::chrono::seconds progressInterval{1};
 /// Between two reports while pieces come in by the hundred a second.
 constexpr std::chrono::milliseconds progressPause{100};
 constexpr std::chrono::seconds syncInterval{10};
-constexpr std::chrono::seconds discoveryLoopInterval{20};
-constexpr std::chrono::seconds discoveryMinInterval{30};
+/// What is said to be left to trackers while the size is not known yet: not nothing, which would make us a seeder.
+constexpr std::int64_t leftOfUnknown = MetadataFetch::pieceSize;
+constexpr std::string_view metadataFailure =
+    "Unable to fetch torrent info. Please check your network and try again.";
 
 }  // namespace
 
@@ -38,6 +42,9 @@ TorrentSession::~TorrentSession() = default;
 
 asio::awaitable<void> TorrentSession::start(Bytes torrentData) {
     return tasks_.call(parseTorrentFileAndStart(std::move(torrentData)));
+}
+asio::awaitable<void> TorrentSession::startWithMagnet(MagnetLink magnet) {
+    return tasks_.call(fetchMetadata(std::move(magnet)));
 }
 asio::awaitable<void> TorrentSession::pause() { return tasks_.call(doPause()); }
 asio::awaitable<void> TorrentSession::resume() { return tasks_.call(doResume()); }
@@ -60,17 +67,23 @@ asio::awaitable<void> TorrentSession::stop() {
 // --- start -----------------------------------------------------------------------------------------------------------
 
 asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData) {
-    std::string failure;
-    auto parse = [&] { return parseTorrent(torrentData, failure); };
-    metaInfo_ = co_await runOn(services_.disk, std::move(parse));
-    if (!metaInfo_) {
-        services_.log.warning("[Session] ", failure);
-        fail(failure);
+    auto parse = [&] { return parseTorrent(torrentData); };
+    ParsedTorrent parsed = co_await runOn(services_.disk, std::move(parse));
+    if (!parsed.metaInfo) {
+        services_.log.warning("[Session] ", parsed.failure);
+        fail(parsed.failure);
         co_return;
     }
+    metaInfo_ = std::move(parsed.metaInfo);
+    infoData_ = std::move(parsed.infoData);
     services_.log.info("[Session] ✅ Torrent parsed: ", metaInfo_->name, " (", metaInfo_->files.size(), " files, ",
                        metaInfo_->totalSize, ")");
     setStatus("Torrent acquired: " + metaInfo_->name);
+    co_await beginTransfer(std::move(torrentData));
+}
+
+/// From the metainfo to a running torrent.
+asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
     if (callbacks_.onMetadataReceived) callbacks_.onMetadataReceived(*metaInfo_);
     co_await openPieces();
     if (!pieceManager_) co_return;
@@ -87,25 +100,33 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
     co_await enterRunning();
 }
 
-/// Nothing, and why in `failure`, when the data is not the torrent that this session is for.
-std::shared_ptr<const TorrentMetaInfo> TorrentSession::parseTorrent(const Bytes& torrentData,
-                                                                    std::string& failure) const {
+/// Without a metainfo when the data is not the torrent that this session is for.
+TorrentSession::ParsedTorrent TorrentSession::parseTorrent(const Bytes& torrentData) const {
+    ParsedTorrent parsed;
     try {
         if (const auto fault = TorrentFile::faultOf(torrentData)) {
-            failure = *fault;
-            return nullptr;
+            parsed.failure = *fault;
+            return parsed;
         }
         auto metaInfo = std::make_shared<TorrentMetaInfo>(TorrentParser::parse(torrentData));
-        if (metaInfo->infoHash == infoHash_) return metaInfo;
-        failure = "Info hash mismatch: expected " + toHex(infoHash_) + ", got " + metaInfo->infoHashHex;
+        if (metaInfo->infoHash != infoHash_) {
+            parsed.failure = "Info hash mismatch: expected " + toHex(infoHash_) + ", got " + metaInfo->infoHashHex;
+            return parsed;
+        }
+        parsed.infoData = TorrentFile::infoDataOf(torrentData);
+        parsed.metaInfo = std::move(metaInfo);
     } catch (const std::exception& error) {
-        failure = std::string("Failed to parse torrent: ") + error.what();
+        parsed.failure = std::string("Failed to parse torrent: ") + error.what();
     }
-    return nullptr;
+    return parsed;
 }
 
 asio::awaitable<void> TorrentSession::saveTorrentFile(Bytes torrentData) {
-    auto save = [&] { return TorrentFile::save(options_.savePath, metaInfo_->name, torrentData); };
+    auto save = [&] {
+        if (!options_.torrentCopies.empty())
+            TorrentFile::saveCopy(options_.torrentCopies, metaInfo_->infoHashHex, torrentData);
+        return TorrentFile::save(options_.savePath, metaInfo_->name, torrentData);
+    };
     std::string failure;
     try {
         const std::filesystem::path path = co_await runOn(services_.disk, std::move(save));
@@ -146,7 +167,10 @@ asio::awaitable<void> TorrentSession::openPieces() {
     }
     pieceManager_ = pieces;
     PieceExchange::Callbacks callbacks;
-    callbacks.onPieceCompleted = [this](int) {
+    callbacks.onPieceCompleted = [this](int, PeerKey supplier) {
+        if (const PeerPool::Peer* const peer = peerPool_.find(supplier))
+            if (discovery_ && peer->connection->direction() == PeerDirection::outgoing)
+                discovery_->recordSuccess(peer->connection->address(), peer->source);
         if (services_.clock.now() - lastProgressAt_ >= progressPause) updateProgress();
     };
     callbacks.onAllPiecesCompleted = [this] { markCompleted(); };
@@ -169,6 +193,7 @@ asio::awaitable<void> TorrentSession::enterRunning() {
         setState(Kind::downloading);
     }
     co_await startListening();
+    adoptConnectedPeers();
     startPeerDiscoveryForDownload();
     updateProgress();
     lastProgressAt_ = {};  // the first piece is told at once
@@ -182,85 +207,108 @@ asio::awaitable<void> TorrentSession::startListening() {
     PeerListener::Handler handler = [this](std::unique_ptr<PeerWireTransport> transport, PeerAddress address) {
         asio::dispatch(tasks_.strand(),
                        [this, transport = std::move(transport), address = std::move(address)]() mutable {
-                           if (exchange_) peerPool_.handleIncomingConnection(std::move(transport), std::move(address));
+                           if (exchange_ || metadataSearch_)
+                               peerPool_.handleIncomingConnection(std::move(transport), std::move(address));
                        });
     };
     co_await services_.listener.add(infoHash_, std::move(handler));
     services_.log.info("[Session] TCP listener started on port ", services_.listener.port());
 }
 
+// --- magnet links ----------------------------------------------------------------------------------------------------
+
+asio::awaitable<void> TorrentSession::fetchMetadata(MagnetLink magnet) {
+    magnetLink_ = std::move(magnet);
+    setState(Kind::fetchingMetadata);
+    peerPool_.allowPeers();
+    makeDiscovery();
+    makeMetadataSearch();
+    std::optional<MetadataSearch::Found> found = co_await metadataSearch_->run();
+    co_await metadataSearch_->stop();
+    metadataSearch_.reset();
+    if (state_.kind == Kind::paused) co_return;
+    if (!found) {
+        fail(std::string(metadataFailure));
+        co_await closeTraffic();
+        co_return;
+    }
+    auto readInfo = [&] { return TorrentFile::infoDataOf(found->torrentData); };
+    infoData_ = co_await runOn(services_.disk, std::move(readInfo));
+    metaInfo_ = std::move(found->metaInfo);
+    setStatus("Torrent acquired: " + TorrentMetaInfo::cleanDisplayName(metaInfo_->name));
+    services_.log.info("[Session] Metadata parsed, transitioning to downloading...");
+    co_await beginTransfer(std::move(found->torrentData));
+}
+
+void TorrentSession::makeMetadataSearch() {
+    const MetadataSearch::Environment environment{tasks_.strand(),
+                                                  services_.disk,
+                                                  services_.clock,
+                                                  services_.log,
+                                                  services_.trackers.http,
+                                                  peerPool_,
+                                                  options_.discovery.bindAddress};
+    MetadataSearch::Callbacks callbacks;
+    callbacks.onStatusMessage = [this](const std::string& text) { setStatus(text); };
+    callbacks.startDiscovery = [this] { startPeerStrategy(); };
+    callbacks.lookEverywhere = [this] { discovery_->lookEverywhere(); };
+    callbacks.isLooking = [this] { return discovery_->isLooking(); };
+    metadataSearch_ = std::make_unique<MetadataSearch>(environment, *magnetLink_, options_.cacheSites,
+                                                       options_.maxMagnetRounds, std::move(callbacks));
+    discovery_->dialNamedPeers();  // they may have the metadata before any cache site answers
+}
+
+/// The cache sites had nothing, or let us wait: the peers are asked.
+void TorrentSession::startPeerStrategy() {
+    tasks_.spawn(startListening());
+    if (magnetLink_->trackers.empty())
+        services_.log.info("[Session] No trackers in magnet, using fallback public trackers");
+    services_.log.info("[Session] [策略2] Trackers: ", discovery_->trackerCount(), " total");
+    setStatus("Fetching torrent via peer network...");
+    if (services_.dht != nullptr && options_.discovery.usesDHT)
+        services_.log.info("[Session] DHT started on port ", services_.dht->port());
+    discovery_->start();
+    startProgressLoop();
+}
+
+/// Peers that gave us the metadata go on as they are, over the same connections.
+void TorrentSession::adoptConnectedPeers() {
+    if (peerPool_.connected().empty()) return;
+    peerPool_.renewCallbacks();
+    for (const auto& [key, peer] : peerPool_.connected()) {
+        exchange_->adoptPeer(*peer);
+        sendExtendedHandshake(*peer);
+    }
+}
+
 // --- discovery -------------------------------------------------------------------------------------------------------
 
-void TorrentSession::startPeerDiscoveryForDownload() {
-    for (const PeerAddress& address : options_.namedPeers)
-        peerPool_.connectToPeer({address, PeerSource::manualLAN, true});
-    startTrackers();
-    if (state_.kind == Kind::downloading) tasks_.spawn(publicBTDiscoveryLoop());
-    services_.log.info("[Session] Peer discovery for download finished. Peers: ", peerPool_.connected().size());
-}
-
-void TorrentSession::startTrackers() {
-    if (announcer_) return announcer_->reconsider();
-    auto tiers = effectiveTrackers();
-    if (tiers.empty()) return;
-    lastPublicBTDiscoveryAt_ = services_.clock.now();
-    TrackerAnnouncer::Callbacks callbacks;
+void TorrentSession::makeDiscovery() {
+    if (discovery_) return;
+    PeerDiscovery::Environment environment{tasks_.strand(),    services_.io,  services_.clock,   services_.log,
+                                           services_.trackers, services_.dht, services_.history, infoHash_,
+                                           peerID_,            services_.listener.port()};
+    PeerDiscovery::Callbacks callbacks;
+    callbacks.onPeer = [this](const DialRequest& request) { peerPool_.connectToPeer(request); };
     callbacks.totals = [this] { return totals(); };
-    callbacks.isShortOfPeers = [this] {
-        return state_.kind == Kind::downloading && peerPool_.connected().size() < fewPeers;
-    };
-    callbacks.onAnswer = [this](const TrackerAnnounceOutcome& outcome) { handleTrackerAnswer(outcome); };
-    callbacks.onRowsChanged = [this](const std::vector<TrackerRuntimeInfo>& rows) {
+    callbacks.isDownloading = [this] { return isDownloading(); };
+    callbacks.connectedPeers = [this] { return peerPool_.connected().size(); };
+    callbacks.onStatusMessage = [this](const std::string& text) { setStatus(text); };
+    callbacks.onTrackerRowsChanged = [this](const std::vector<TrackerRuntimeInfo>& rows) {
         if (callbacks_.onTrackerDetailsUpdated) callbacks_.onTrackerDetailsUpdated(rows);
     };
-    auto client =
-        std::make_unique<TrackerClient>(services_.io, services_.trackers, Bytes(peerID_.begin(), peerID_.end()),
-                                        services_.listener.port(), IPAddress::parse(options_.bindAddress));
-    const TrackerAnnouncer::Environment environment{tasks_.strand(), services_.clock, services_.log, infoHash_};
-    announcer_ = std::make_unique<TrackerAnnouncer>(environment, std::move(client), tiers, std::move(callbacks));
-    announcer_->start();
+    discovery_ = std::make_unique<PeerDiscovery>(std::move(environment), options_.discovery, std::move(callbacks));
+    if (!magnetLink_ || metaInfo_) return;
+    PeerDiscovery::Tiers tiers;
+    for (const std::string& tracker : magnetLink_->trackers) tiers.push_back({tracker});
+    discovery_->setTorrent(magnetLink_->displayName.value_or(magnetLink_->infoHashHex), tiers, false);
 }
 
-std::vector<std::vector<std::string>> TorrentSession::effectiveTrackers() const {
-    std::vector<std::vector<std::string>> tiers;
-    if (options_.usesTrackers) {
-        tiers = metaInfo_->announceList;
-        if (tiers.empty() && !metaInfo_->isPrivate)
-            for (const std::string& tracker : options_.fallbackTrackers) tiers.push_back({tracker});
-    }
-    for (const std::string& tracker : options_.extraTrackers) tiers.push_back({tracker});
-    return tiers;
-}
-
-void TorrentSession::handleTrackerAnswer(const TrackerAnnounceOutcome& outcome) {
-    if (!outcome.isSuccess() || !isRunning()) return;
-    const std::size_t count = outcome.peers.size();
-    services_.log.info("[Session] Tracker ", outcome.tracker, " → ", count, " peers, connecting immediately...");
-    if (state_.kind == Kind::downloading) setStatus("Tracker found " + std::to_string(count) + " peers, connecting...");
-    // A tracker on this machine or site knows its peers by their local addresses.
-    const bool allowsLocal = options_.allowsLocalPeers || outcome.isTrackerLocal;
-    for (const PeerAddress& peer : outcome.peers) {
-        if (peer.isUsablePublicBTPeer() || (allowsLocal && peer.isLocal() && peer.port > 0)) {
-            peerPool_.connectToPeer({peer, PeerSource::publicTracker, false});
-        } else {
-            services_.log.debug("[Session] Tracker skipped unusable peer: ", peer.description());
-        }
-    }
-}
-
-asio::awaitable<void> TorrentSession::publicBTDiscoveryLoop() {
-    while (state_.kind == Kind::downloading) {
-        co_await services_.clock.sleep(discoveryLoopInterval);
-        if (state_.kind == Kind::downloading) rediscoverPublicBTPeers("periodic", discoveryMinInterval);
-    }
-}
-
-void TorrentSession::rediscoverPublicBTPeers(std::string_view reason, std::chrono::seconds minInterval) {
-    const Clock::TimePoint now = services_.clock.now();
-    if (!announcer_ || (lastPublicBTDiscoveryAt_ && now - *lastPublicBTDiscoveryAt_ < minInterval)) return;
-    lastPublicBTDiscoveryAt_ = now;
-    services_.log.debug("[Session] Rediscovering public BT peers (", reason, ")...");
-    announcer_->reconsider();
+void TorrentSession::startPeerDiscoveryForDownload() {
+    makeDiscovery();
+    discovery_->setTorrent(metaInfo_->name, metaInfo_->announceList, metaInfo_->isPrivate);
+    discovery_->start();
+    services_.log.info("[Session] Peer discovery for download finished. Peers: ", peerPool_.connected().size());
 }
 
 // --- peers -----------------------------------------------------------------------------------------------------------
@@ -274,29 +322,75 @@ PeerPool::Environment TorrentSession::poolEnvironment() {
             options_.maxConnections,
             [this](const PeerAddress& address) -> std::unique_ptr<PeerWireTransport> {
                 return std::make_unique<NWPeerWireTransport>(services_.io, services_.clock, address,
-                                                             PeerPool::publicBTConnectTimeout, options_.bindAddress);
+                                                             PeerPool::publicBTConnectTimeout,
+                                                             options_.discovery.bindAddress);
             }};
 }
 
 PeerPool::Callbacks TorrentSession::poolCallbacks() {
     PeerPool::Callbacks callbacks;
-    callbacks.connectionCallbacks = [this](PeerKey key) { return exchange_->connectionCallbacks(key); };
+    callbacks.connectionCallbacks = [this](PeerKey key) { return connectionCallbacks(key); };
     callbacks.onPeerReady = [this](PeerPool::Peer& peer) { onPeerReady(peer); };
+    callbacks.onDialFailed = [this](const DialRequest& request) {
+        if (discovery_ && !request.isNamedByUser) discovery_->recordFailure(request.address, request.source);
+    };
     callbacks.onPeerGone = [this](const PeerPool::Peer& peer) { onPeerGone(peer); };
     return callbacks;
 }
 
+PeerConnection::Callbacks TorrentSession::connectionCallbacks(PeerKey key) {
+    PeerConnection::Callbacks callbacks;
+    if (exchange_) callbacks = exchange_->connectionCallbacks(key);
+    callbacks.extensions = extensionCallbacks(key);
+    return callbacks;
+}
+
+PeerExtensions::Callbacks TorrentSession::extensionCallbacks(PeerKey key) {
+    PeerExtensions::Callbacks callbacks;
+    callbacks.onHandshake = [this, key] {
+        PeerPool::Peer* const peer = peerPool_.find(key);
+        if (peer == nullptr) return;
+        const auto requestQueue = peer->connection->extensions().requestQueue();
+        if (exchange_ && requestQueue) exchange_->setRequestQueue(key, *requestQueue);
+        if (metadataSearch_) metadataSearch_->requestMetadata(*peer);
+    };
+    callbacks.onMetadataReceived = [this, key](std::int64_t piece, ByteView data) {
+        if (metadataSearch_) metadataSearch_->handleMetadataPiece(key, piece, data);
+    };
+    callbacks.onMetadataRejected = [this, key](std::int64_t piece) {
+        if (metadataSearch_) metadataSearch_->handleRejection(key, piece);
+    };
+    callbacks.onPexPeersReceived = [this](const std::vector<PeerAddress>& peers) {
+        if (discovery_) discovery_->addExchangedPeers(peers);
+    };
+    if (options_.servesMetadata) callbacks.metadataToServe = [this] { return ByteView(infoData_); };
+    return callbacks;
+}
+
+void TorrentSession::sendExtendedHandshake(const PeerPool::Peer& peer) {
+    if (!peer.connection->supportsExtended()) return;
+    std::optional<std::int64_t> metadataSize;
+    if (!infoData_.empty()) metadataSize = static_cast<std::int64_t>(infoData_.size());
+    peer.connection->sendExtendedHandshake(metadataSize, discovery_ && discovery_->usesPex());
+}
+
 void TorrentSession::onPeerReady(PeerPool::Peer& peer) {
-    exchange_->addPeer(peer);
+    if (exchange_) {
+        exchange_->addPeer(peer);
+    } else {
+        peer.connection->sendInterested();
+    }
+    sendExtendedHandshake(peer);
     startProgressLoop();
 }
 
 void TorrentSession::onPeerGone(const PeerPool::Peer& peer) {
-    exchange_->removePeer(peer.key);
+    if (exchange_) exchange_->removePeer(peer.key);
+    if (metadataSearch_) metadataSearch_->removePeer(peer.key);
     const std::size_t left = peerPool_.connected().size();
     if (state_.kind != Kind::downloading || left >= fewPeers || tasks_.isStopping()) return;
     services_.log.info("[Session] Low peer count (", left, "), re-announcing to trackers...");
-    if (announcer_) announcer_->reconsider();
+    if (discovery_) discovery_->findPeersFromTrackers();
 }
 
 // --- progress --------------------------------------------------------------------------------------------------------
@@ -305,7 +399,7 @@ void TorrentSession::markCompleted() {
     services_.log.info("[Session] ✅ Download completed!");
     setState(Kind::completed);
     updateProgress();
-    if (announcer_) announcer_->noteCompleted();
+    if (discovery_) discovery_->noteCompleted();
     setState(Kind::seeding);
 }
 
@@ -317,14 +411,13 @@ void TorrentSession::startProgressLoop() {
 
 /// A seeding torrent that nobody talks to wakes nobody up.
 bool TorrentSession::needsProgressLoop() const {
-    return state_.kind == Kind::downloading || (isRunning() && !peerPool_.connected().empty());
+    return isDownloading() || (isRunning() && !peerPool_.connected().empty());
 }
 
 asio::awaitable<void> TorrentSession::progressLoop() {
     while (needsProgressLoop()) {
         co_await services_.clock.sleep(progressInterval);
-        if (!exchange_) break;
-        if (state_.kind == Kind::downloading) {
+        if (exchange_ && state_.kind == Kind::downloading) {
             exchange_->relieveSlowPeers();
             exchange_->driveActivePeerRequests();
             syncNowAndThen();
@@ -376,6 +469,7 @@ void TorrentSession::reportPeers() {
 }
 
 TrackerAnnouncer::Totals TorrentSession::totals() const {
+    if (!metaInfo_) return {downloadSpeedTracker_.total(), uploadSpeedTracker_.total(), leftOfUnknown};
     const std::int64_t left = metaInfo_->totalSize - (pieceManager_ ? pieceManager_->completedBytes() : 0);
     return {downloadSpeedTracker_.total(), uploadSpeedTracker_.total(), std::max<std::int64_t>(left, 0)};
 }
@@ -394,27 +488,39 @@ void TorrentSession::fail(const std::string& message) {
     setState(Kind::error, message);
 }
 
+/// Or still looks for what to download.
+bool TorrentSession::isDownloading() const noexcept {
+    return state_.kind == Kind::downloading || state_.kind == Kind::fetchingMetadata;
+}
+
 bool TorrentSession::isRunning() const noexcept {
-    return state_.kind == Kind::downloading || state_.kind == Kind::seeding || state_.kind == Kind::completed;
+    return isDownloading() || state_.kind == Kind::seeding || state_.kind == Kind::completed;
 }
 
 // --- pause, recheck, stop --------------------------------------------------------------------------------------------
 
 asio::awaitable<void> TorrentSession::closeTraffic() {
     co_await peerPool_.disconnectAll();
-    if (announcer_) co_await announcer_->stop();
-    announcer_.reset();
+    if (discovery_) co_await discovery_->stop();
+    discovery_.reset();
 }
 
 asio::awaitable<void> TorrentSession::doPause() {
     if (!isRunning()) co_return;
     setState(Kind::paused);
+    if (metadataSearch_) metadataSearch_->giveUp();
     co_await closeTraffic();
     updateProgress();
 }
 
 asio::awaitable<void> TorrentSession::doResume() {
-    if (state_.kind == Kind::paused && exchange_) co_await enterRunning();
+    if (state_.kind != Kind::paused) co_return;
+    if (exchange_) {
+        co_await enterRunning();
+    } else if (magnetLink_ && !metadataSearch_) {
+        MagnetLink magnet = *magnetLink_;
+        tasks_.spawn(fetchMetadata(std::move(magnet)));
+    }
 }
 
 asio::awaitable<void> TorrentSession::doRecheck() {
@@ -455,7 +561,7 @@ asio::awaitable<void> TorrentSession::doShed(std::size_t keepAtMost) {
 }
 
 asio::awaitable<void> TorrentSession::doConnect(PeerAddress address) {
-    if (exchange_) peerPool_.connectToPeer({std::move(address), PeerSource::manualLAN, true});
+    if (exchange_ || metadataSearch_) peerPool_.connectToPeer({std::move(address), PeerSource::manualLAN, true});
     co_return;
 }
 
@@ -470,7 +576,8 @@ asio::awaitable<void> TorrentSession::shutDown() {
     }
     co_await tasks_.stop();
     co_await peerPool_.stop();
-    if (announcer_) co_await announcer_->stop();
+    if (metadataSearch_) co_await metadataSearch_->stop();
+    if (discovery_) co_await discovery_->stop();
     if (exchange_) co_await exchange_->stop();
     if (!pieceManager_) co_return;
     if (!options_.seedsOnly) co_await syncFiles();

@@ -2,10 +2,12 @@
 
 #include "Core/discovery/TrackerClient.h"
 #include "Core/discovery/TrackerRuntimeInfo.h"
+#include "Core/engine/MetadataSearch.h"
+#include "Core/engine/PeerDiscovery.h"
 #include "Core/engine/PeerPool.h"
 #include "Core/engine/PieceExchange.h"
 #include "Core/engine/PieceManager.h"
-#include "Core/engine/TrackerAnnouncer.h"
+#include "Core/formats/MagnetLink.h"
 #include "Core/formats/TorrentMetaInfo.h"
 #include "Core/wire/PeerListener.h"
 #include "Core/wire/PeerRuntimeInfo.h"
@@ -24,7 +26,8 @@ namespace skein {
 /// The engine for one torrent: gathers peers, downloads, verifies, and serves.
 ///
 /// Composed of parts that each own their state: PieceManager (pieces and files), PeerPool (connections), PieceExchange
-/// with its RequestScheduler (blocks), TrackerAnnouncer (trackers).
+/// with its RequestScheduler (blocks), PeerDiscovery (where peers come from), MetadataSearch (from a magnet link to its
+/// torrent).
 /// Owner: a command or the download manager, which awaits `stop()` before it lets go. Thread: any; the state lives on
 /// one strand that the parts share, on which the callbacks come too.
 class TorrentSession {
@@ -65,6 +68,8 @@ public:
         FileLogger& log;
         TrackerServices trackers;
         PeerListener& listener;
+        DHTNode* dht = nullptr;               ///< none: the DHT is not used
+        PeerHistoryStore* history = nullptr;  ///< none: no peers are remembered
     };
 
     struct Options {
@@ -75,12 +80,11 @@ public:
         bool servesPeers = true;   ///< false never unchokes
         bool seedsOnly = false;    ///< serves what is there; never writes, never downloads
         bool savesTorrent = true;  ///< beside the download
-        bool usesTrackers = true;  ///< the torrent's own
-        bool allowsLocalPeers = false;
-        std::vector<std::string> extraTrackers;     ///< named by the user, one tier each
-        std::vector<std::string> fallbackTrackers;  ///< for a public torrent that names none
-        std::vector<PeerAddress> namedPeers;        ///< named by the user
-        std::string bindAddress;                    ///< of outgoing connections; empty = any
+        bool servesMetadata = true;
+        DiscoveryOptions discovery;
+        std::vector<std::string> cacheSites;    ///< templates; empty: none is asked
+        int maxMagnetRounds = MetadataSearch::defaultMaxRounds;
+        std::filesystem::path torrentCopies;  ///< a copy of each .torrent goes here, by info-hash; empty: none
     };
 
     TorrentSession(SHA1Digest infoHash, PeerID peerID, const Services& services, Options options);
@@ -94,6 +98,8 @@ public:
     /// Starts from the bytes of a `.torrent`. Returns when existing data is verified and peers are looked for; a
     /// failure becomes the state `error`.
     asio::awaitable<void> start(Bytes torrentData);
+    /// Starts from a magnet link. Returns when its torrent was found and runs, when it was not, or on a pause.
+    asio::awaitable<void> startWithMagnet(MagnetLink magnet);
     asio::awaitable<void> pause();
     asio::awaitable<void> resume();
     /// Hashes everything on disk again.
@@ -108,18 +114,28 @@ public:
     const SHA1Digest& infoHash() const noexcept { return infoHash_; }
 
 private:
+    /// A torrent as it is read off the disk pool.
+    struct ParsedTorrent {
+        std::shared_ptr<const TorrentMetaInfo> metaInfo;
+        Bytes infoData;
+        std::string failure;  ///< why there is no `metaInfo`
+    };
+
     asio::awaitable<void> parseTorrentFileAndStart(Bytes torrentData);
-    std::shared_ptr<const TorrentMetaInfo> parseTorrent(const Bytes& torrentData, std::string& failure) const;
+    ParsedTorrent parseTorrent(const Bytes& torrentData) const;
     asio::awaitable<void> saveTorrentFile(Bytes torrentData);
     asio::awaitable<void> openPieces();
+    asio::awaitable<void> beginTransfer(Bytes torrentData);
     asio::awaitable<void> enterRunning();
     asio::awaitable<void> startListening();
+
+    asio::awaitable<void> fetchMetadata(MagnetLink magnet);
+    void makeMetadataSearch();
+    void startPeerStrategy();
+    void adoptConnectedPeers();
+
+    void makeDiscovery();
     void startPeerDiscoveryForDownload();
-    void startTrackers();
-    std::vector<std::vector<std::string>> effectiveTrackers() const;
-    asio::awaitable<void> publicBTDiscoveryLoop();
-    void rediscoverPublicBTPeers(std::string_view reason, std::chrono::seconds minInterval);
-    void handleTrackerAnswer(const TrackerAnnounceOutcome& outcome);
     asio::awaitable<void> closeTraffic();
     asio::awaitable<void> doPause();
     asio::awaitable<void> doResume();
@@ -132,6 +148,9 @@ private:
 
     PeerPool::Environment poolEnvironment();
     PeerPool::Callbacks poolCallbacks();
+    PeerConnection::Callbacks connectionCallbacks(PeerKey key);
+    PeerExtensions::Callbacks extensionCallbacks(PeerKey key);
+    void sendExtendedHandshake(const PeerPool::Peer& peer);
     void onPeerReady(PeerPool::Peer& peer);
     void onPeerGone(const PeerPool::Peer& peer);
     void markCompleted();
@@ -146,6 +165,7 @@ private:
     void setStatus(const std::string& text);
     void fail(const std::string& message);
     bool isRunning() const noexcept;
+    bool isDownloading() const noexcept;
     TrackerAnnouncer::Totals totals() const;
 
     const SHA1Digest infoHash_;
@@ -154,7 +174,9 @@ private:
     const Options options_;
     Callbacks callbacks_;
     State state_;
+    std::optional<MagnetLink> magnetLink_;
     std::shared_ptr<const TorrentMetaInfo> metaInfo_;
+    Bytes infoData_;  // the info dictionary, for peers that ask for it
     std::shared_ptr<PieceManager> pieceManager_;
     SpeedTracker downloadSpeedTracker_;
     SpeedTracker uploadSpeedTracker_;
@@ -163,11 +185,11 @@ private:
     bool isSyncing_ = false;
     Clock::TimePoint lastSyncAt_{};
     Clock::TimePoint lastProgressAt_{};
-    std::optional<Clock::TimePoint> lastPublicBTDiscoveryAt_;
     TaskGroup tasks_;
     PeerPool peerPool_;
     std::unique_ptr<PieceExchange> exchange_;
-    std::unique_ptr<TrackerAnnouncer> announcer_;
+    std::unique_ptr<MetadataSearch> metadataSearch_;
+    std::unique_ptr<PeerDiscovery> discovery_;
 };
 
 }  // namespace skein

@@ -22,6 +22,12 @@ void TrackerAnnouncer::start() {
     tasks_.spawn(announceLoop());
 }
 
+void TrackerAnnouncer::addTrackers(const AnnounceSchedule::Tiers& tiers) {
+    schedule_.add(tiers);
+    reportRows();
+    wake_.notify();
+}
+
 void TrackerAnnouncer::noteCompleted() {
     schedule_.complete();
     wake_.notify();

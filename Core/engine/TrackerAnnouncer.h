@@ -50,6 +50,10 @@ public:
 
     /// Announces, and goes on doing so.
     void start();
+    /// Adds those that are not there yet.
+    void addTrackers(const AnnounceSchedule::Tiers& tiers);
+    /// True while an answer is waited for.
+    bool isAnnouncing() const noexcept { return announcesRunning_ > 0; }
     /// The download is complete: every tracker hears of it once.
     void noteCompleted();
     /// Looks again whether something is due: the session has few peers.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/discovery/DHTNode.h"
 #include "Core/discovery/DatagramConnection.h"
 #include "Core/engine/TorrentSession.h"
 #include "public/common/HTTPClient.h"
@@ -20,19 +21,23 @@ class TestSession {
 public:
     using Kind = TorrentSession::State::Kind;
 
+    /// Local discovery is off: it would reach beyond the test. With a bootstrap node the session has a DHT node.
     TestSession(Simulation& simulation, const SHA1Digest& infoHash, char peerID, TorrentSession::Options options,
-                const asio::any_io_executor& disk);
+                const asio::any_io_executor& disk, const std::optional<PeerAddress>& bootstrapNode = {});
     TestSession(const TestSession&) = delete;
     TestSession& operator=(const TestSession&) = delete;
     ~TestSession();
 
     void start(const Bytes& torrentData) { simulation_.finish(session().start(torrentData)); }
+    /// Does not wait for the metadata.
+    void startMagnet(const MagnetLink& magnet) { simulation_.start(session().startWithMagnet(magnet)); }
     void stop();
     TorrentSession& session() { return *session_; }
     PeerAddress address() const { return {"127.0.0.1", listener_.port()}; }
 
     Kind state() const { return states.empty() ? Kind::idle : states.back(); }
-    bool hasLogged(std::string_view text) const;
+    bool hasLogged(std::string_view text) const { return countLogged(text) > 0; }
+    std::ptrdiff_t countLogged(std::string_view text) const;
     bool hasStatus(std::string_view text) const {
         return std::find(statuses.begin(), statuses.end(), text) != statuses.end();
     }
@@ -51,6 +56,7 @@ private:
     SystemNameResolver resolver_;
     HTTPClient http_;
     PeerListener listener_;
+    std::unique_ptr<DHTNode> dht_;
     std::unique_ptr<TorrentSession> session_;
 };
 

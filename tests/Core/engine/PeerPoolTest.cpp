@@ -45,6 +45,7 @@ protected:
     static PeerPool::Callbacks callbacks() {
         PeerPool::Callbacks callbacks;
         callbacks.connectionCallbacks = [](PeerKey) { return PeerConnection::Callbacks(); };
+        callbacks.onDialFailed = [](const DialRequest&) {};
         callbacks.onPeerReady = [](const PeerPool::Peer&) { ADD_FAILURE() << "nobody answers here"; };
         callbacks.onPeerGone = [](const PeerPool::Peer&) {};
         return callbacks;

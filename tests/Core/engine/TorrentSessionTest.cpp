@@ -44,12 +44,12 @@ protected:
     std::unique_ptr<TestSession> startSeeder(const std::vector<std::string>& trackers = {}) {
         TorrentSession::Options options = optionsFor(seederFolder);
         options.seedsOnly = true;
-        options.extraTrackers = trackers;
+        options.discovery.extraTrackers = trackers;
         return start('s', std::move(options), torrentData);
     }
     std::unique_ptr<TestSession> startGetter(const TemporaryFolder& folder, const PeerAddress& peer, char id = 'g') {
         TorrentSession::Options options = optionsFor(folder);
-        options.namedPeers = {peer};
+        options.discovery.namedPeers = {peer};
         return start(id, std::move(options), torrentData);
     }
     std::unique_ptr<TestSession> startGetter(const PeerAddress& peer) { return startGetter(getterFolder, peer); }
@@ -183,8 +183,8 @@ TEST_F(TorrentSessionTest, givesAPieceThatStallsToSomeoneElse) {
 TEST_F(TorrentSessionTest, findsItsPeersThroughTrackersAndTellsThemHowItGoes) {
     LoopbackTracker tracker(simulation.executor());
     TorrentSession::Options options = optionsFor(getterFolder);
-    options.extraTrackers = {tracker.httpURL(), tracker.udpURL(), "wss://no.such/"};
-    const auto seeder = startSeeder(options.extraTrackers);
+    options.discovery.extraTrackers = {tracker.httpURL(), tracker.udpURL(), "wss://no.such/"};
+    const auto seeder = startSeeder(options.discovery.extraTrackers);
     simulation.runUntil([&] { return tracker.announces().size() == 2; });
     const auto getter = start('g', options, torrentData);
     waitFor(*getter, Kind::seeding);

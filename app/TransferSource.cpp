@@ -1,6 +1,7 @@
-#include "app/TorrentSource.h"
+#include "app/TransferSource.h"
 
 #include "Core/engine/TorrentFile.h"
+#include "Core/formats/MagnetParser.h"
 #include "app/Command.h"
 #include "app/EngineHost.h"
 #include "public/common/WholeFile.h"
@@ -8,6 +9,9 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
 
+#include <algorithm>
+#include <cctype>
+#include <string_view>
 #include <system_error>
 
 namespace skein {
@@ -17,6 +21,13 @@ namespace {
 constexpr int httpOK = 200;
 
 bool isHTTP(const std::string& source) { return source.starts_with("http://") || source.starts_with("https://"); }
+
+bool isMagnet(const std::string& source) {
+    constexpr std::string_view scheme = "magnet:";
+    return source.size() >= scheme.size() &&
+           std::equal(scheme.begin(), scheme.end(), source.begin(),
+                      [](char expected, char given) { return expected == std::tolower(static_cast<unsigned char>(given)); });
+}
 
 bool pathEndsInTorrent(const std::string& url) { return url.substr(0, url.find_first_of("?#")).ends_with(".torrent"); }
 
@@ -34,14 +45,22 @@ Bytes fetch(const std::string& url, EngineHost& host) {
     return std::move(response.body);
 }
 
+MagnetLink parseMagnet(const std::string& source) {
+    try {
+        return MagnetParser::parse(source);
+    } catch (const std::exception& error) {
+        throw CommandFailure(source, error.what());
+    }
+}
+
 }  // namespace
 
-Bytes readTorrentSource(const std::string& source, EngineHost& host) {
+TransferSource readTransferSource(const std::string& source, EngineHost& host) {
     if (isHTTP(source)) {
         if (!pathEndsInTorrent(source)) throw CommandFailure(source, "not the address of a .torrent file");
         return fetch(source, host);
     }
-    if (source.starts_with("magnet:")) throw CommandFailure(source, "magnet links cannot be downloaded yet");
+    if (isMagnet(source)) return parseMagnet(source);
     try {
         return readWholeFile(source, TorrentFile::maxBytes);
     } catch (const std::system_error& error) {

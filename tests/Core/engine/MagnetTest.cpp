@@ -1,0 +1,231 @@
+#include "Core/engine/TorrentFile.h"
+#include "Core/engine/TorrentSession.h"
+#include "Core/formats/MagnetParser.h"
+#include "Core/formats/TorrentParser.h"
+#include "Core/formats/TorrentWriter.h"
+#include "Core/wire/ExtendedMessage.h"
+#include "tests/Core/engine/TestTorrent.h"
+#include "tests/support/LoopbackDHT.h"
+#include "tests/support/LoopbackTracker.h"
+#include "tests/support/ScriptedHTTPServer.h"
+#include "tests/support/ScriptedPeer.h"
+#include "tests/support/TestSession.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace skein {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::SizeIs;
+using Kind = TorrentSession::State::Kind;
+
+/// A peer without files that knows something of metadata.
+enum class MetadataPeer : std::uint8_t { lies, staysSilent, rejects };
+
+class MagnetTest : public testing::Test {
+protected:
+    MagnetTest() {
+        torrent.metaInfo->name = "t";
+        torrent.writeTo(seederFolder.path());
+        useTorrent(TorrentWriter::write(*torrent.metaInfo));
+    }
+
+    void useTorrent(Bytes data) {
+        torrentData = std::move(data);
+        infoData = TorrentFile::infoDataOf(torrentData);
+        infoHash = sha1(infoData);
+        magnet.infoHash = infoHash;
+        magnet.infoHashHex = toHex(infoHash);
+    }
+    TorrentSession::Options options() const {
+        TorrentSession::Options made;
+        made.savePath = getterFolder.path();
+        return made;
+    }
+    std::unique_ptr<TestSession> makeSession(char id, TorrentSession::Options made,
+                                             const std::optional<PeerAddress>& bootstrapNode = {}) {
+        return std::make_unique<TestSession>(simulation, infoHash, id, std::move(made), simulation.executor(),
+                                             bootstrapNode);
+    }
+    std::unique_ptr<TestSession> startSeeder(const std::optional<PeerAddress>& bootstrapNode = {}) {
+        TorrentSession::Options made;
+        made.savePath = seederFolder.path();
+        made.seedsOnly = true;
+        auto seeder = makeSession('s', std::move(made), bootstrapNode);
+        seeder->start(torrentData);
+        return seeder;
+    }
+    std::unique_ptr<TestSession> startGetter(TorrentSession::Options made,
+                                             const std::optional<PeerAddress>& bootstrapNode = {}) {
+        auto getter = makeSession('g', std::move(made), bootstrapNode);
+        getter->startMagnet(magnet);
+        return getter;
+    }
+    void waitFor(TestSession& session, Kind kind, Clock::Duration step = Clock::Duration::zero()) {
+        simulation.runUntil([&] {
+            if (step > Clock::Duration::zero()) simulation.advance(step);
+            return session.state() == kind;
+        });
+    }
+
+    asio::awaitable<void> play(ScriptedPeer& peer, MetadataPeer role) {
+        co_await peer.accept();
+        co_await peer.shakeHands(infoHash, peerIDOf(role == MetadataPeer::lies ? 'l' : 'm'));
+        Bytes body{0};
+        append(body, ExtendedHandshake{3, 4, static_cast<std::int64_t>(infoData.size()), 100}.encode());
+        co_await peer.sendMessage(MessageID::extended, std::move(body));
+        for (;;) {
+            const Bytes message = co_await peer.readUntil(MessageID::extended);
+            if (message[0] != 3) continue;
+            ++metadataRequests;
+            if (role == MetadataPeer::staysSilent) continue;
+            const auto request = MetadataMessage::decode(ByteView(message).subspan(1));
+            Bytes answer{1};
+            if (role == MetadataPeer::rejects) {
+                append(answer, MetadataMessage::encodeReject(*request->piece));
+            } else {
+                append(answer, MetadataMessage::encodeData(*request->piece, 1, Bytes(infoData.size(), 'L')));
+            }
+            co_await peer.sendMessage(MessageID::extended, std::move(answer));
+        }
+    }
+
+    Simulation simulation;
+    TemporaryFolder seederFolder;
+    TemporaryFolder getterFolder;
+    TestTorrent torrent{50'000, {{"t/a", 399'990}, {"t/sub/b", 500'000}}};
+    Bytes torrentData;
+    Bytes infoData;
+    SHA1Digest infoHash{};
+    MagnetLink magnet;
+    int metadataRequests = 0;
+};
+
+TEST_F(MagnetTest, becomesATorrentOverTheConnectionsThatItHas) {
+    // Keys that are not sorted: only the very same bytes have the info-hash.
+    Bytes unsorted = TorrentFile::infoDataOf(torrentData);
+    unsorted.pop_back();
+    append(unsorted, toBytes("1:ai1ee"));
+    useTorrent(TorrentWriter::wrap(unsorted, {}));
+    const auto seeder = startSeeder();
+    TorrentSession::Options made = options();
+    made.discovery.namedPeers = {seeder->address()};
+    TemporaryFolder copies;
+    made.torrentCopies = copies.path();
+    magnet.trackers = {"udp://127.0.0.1:1/announce"};
+    const auto getter = startGetter(std::move(made));
+    waitFor(*getter, Kind::seeding);
+    EXPECT_THAT(getter->states, ElementsAre(Kind::fetchingMetadata, Kind::downloading, Kind::completed, Kind::seeding));
+    EXPECT_TRUE(torrent.isWholeIn(getterFolder.path()));
+    EXPECT_EQ(seeder->countLogged("✓ Accepted peer"), 1);
+    EXPECT_THAT(getter->statuses, Contains("Fetching torrent info 1/1..."));
+    EXPECT_THAT(getter->statuses, Contains("Torrent info acquired"));
+    const Bytes saved = TestTorrent::contentOf(getterFolder.path() / "t.torrent");
+    EXPECT_EQ(TorrentParser::parse(saved).infoHash, infoHash);
+    EXPECT_THAT(TorrentParser::parse(saved).announceList, ElementsAre(ElementsAre("udp://127.0.0.1:1/announce")));
+    EXPECT_EQ(TestTorrent::contentOf(copies.path() / (toHex(infoHash) + ".torrent")), saved);
+}
+
+TEST_F(MagnetTest, getsTheMetadataInSpiteOfALiarASilentPeerAndOneThatRefuses) {
+    std::vector<std::unique_ptr<ScriptedPeer>> peers;
+    TorrentSession::Options made = options();
+    for (const auto role : {MetadataPeer::lies, MetadataPeer::staysSilent, MetadataPeer::rejects}) {
+        peers.push_back(std::make_unique<ScriptedPeer>(simulation.executor()));
+        made.discovery.namedPeers.push_back(peers.back()->address());
+        simulation.start(play(*peers.back(), role));
+    }
+    const auto getter = startGetter(std::move(made));
+    simulation.runUntil([&] { return getter->hasLogged("Failed to parse metadata: ") && metadataRequests >= 3; });
+    const auto seeder = startSeeder();
+    simulation.finish(getter->session().connectToPeer(seeder->address()));
+    waitFor(*getter, Kind::seeding, 1s);
+    EXPECT_TRUE(torrent.isWholeIn(getterFolder.path()));
+}
+
+TEST_F(MagnetTest, takesTheTorrentFromTheCacheSiteThatHasIt) {
+    ScriptedHTTPServer sites(simulation.executor(), [&](const SeenHTTPRequest& request) {
+        HTTPReply reply;
+        if (request.target.starts_with("/short")) reply.body = Bytes(50, 'x');
+        if (request.target.starts_with("/wrong")) reply.body = Bytes(51, 'x');
+        if (request.target.starts_with("/hangs")) reply.stallAfter = 0, reply.body = Bytes(100);
+        if (request.target.starts_with("/good")) reply.body = torrentData;
+        return reply;
+    });
+    TorrentSession::Options made = options();
+    for (const char* const name : {"/short/{HASH}", "/wrong/{HASH}", "/hangs/{HASH}"})
+        made.cacheSites.push_back(sites.url(name));
+    auto failing = startGetter(made);
+    simulation.runUntil([&] { return failing->hasLogged("51 bytes") && failing->hasLogged("50 bytes (invalid)"); });
+    EXPECT_EQ(sites.requests()[0].headers.at("user-agent"), "Mozilla/5.0");
+    EXPECT_THAT(sites.requests()[0].target, HasSubstr(toUpperHex(infoHash)));
+    EXPECT_FALSE(failing->hasStatus("Searching for peers (round 1)..."));
+    simulation.advance(2s);
+    EXPECT_TRUE(failing->hasStatus("Searching for peers (round 1)...")) << "a site that hangs holds nothing up";
+    failing->stop();
+    made.cacheSites.push_back(sites.url("/good/{HASH}.torrent"));
+    const auto getter = startGetter(made);
+    waitFor(*getter, Kind::downloading);
+    EXPECT_TRUE(getter->hasStatus("Cache site succeeded, parsing..."));
+    EXPECT_FALSE(getter->hasStatus("Fetching torrent via peer network..."));
+    simulation.finish(sites.stop());
+}
+
+TEST_F(MagnetTest, givesUpAfterItsRoundsAndCanBePausedBefore) {
+    TorrentSession::Options made = options();
+    made.maxMagnetRounds = 2;
+    const auto getter = startGetter(made);
+    simulation.runUntil([&] { return getter->hasStatus("Searching for peers (round 1)..."); });
+    simulation.finish(getter->session().pause());
+    simulation.settle();
+    EXPECT_EQ(getter->state(), Kind::paused);
+    simulation.finish(getter->session().resume());
+    waitFor(*getter, Kind::error, 1s);
+    EXPECT_THAT(getter->statuses, Contains("No peers found in round 2"));
+    EXPECT_THAT(getter->statuses, Contains("Retry round 1, waiting 15s..."));
+    EXPECT_EQ(getter->statuses.back(), "Unable to fetch torrent info. Please check your network and try again.");
+    EXPECT_EQ(simulation.sleepers(), 0U);
+}
+
+TEST_F(MagnetTest, leavesPublicSourcesWhenTheTorrentTurnsOutToBePrivate) {
+    torrent.metaInfo->isPrivate = true;
+    useTorrent(TorrentWriter::write(*torrent.metaInfo));
+    LoopbackTracker fallback(simulation.executor());
+    TorrentSession::Options made = options();
+    made.discovery.fallbackTrackers = {fallback.httpURL()};
+    const auto getter = startGetter(std::move(made));
+    simulation.runUntil([&] { return fallback.announces().size() == 1; });
+    const auto seeder = startSeeder();
+    simulation.finish(getter->session().connectToPeer(seeder->address()));
+    waitFor(*getter, Kind::seeding);
+    simulation.runUntil([&] { return fallback.announces().back().event == "stopped"; });
+    EXPECT_EQ(fallback.announces().front().left, 16384) << "the size was not known, but something was missing";
+    getter->stop();
+    simulation.finish(fallback.stop());
+}
+
+TEST_F(MagnetTest, findsItsPeersThroughTheDHTAlone) {
+    LoopbackDHT dht(simulation.executor(), {});
+    const auto seeder = startSeeder(dht.bootstrapNode());
+    simulation.runUntil([&] {
+        simulation.advance(100ms);
+        return dht.announced() > 0;
+    });
+    TorrentSession::Options made = options();
+    made.discovery.allowsLocalPeers = true;
+    const auto getter = startGetter(std::move(made), dht.bootstrapNode());
+    waitFor(*getter, Kind::seeding, 100ms);
+    EXPECT_TRUE(torrent.isWholeIn(getterFolder.path()));
+    EXPECT_TRUE(getter->hasLogged("[Session] DHT found peer #1: " + seeder->address().description()));
+    getter->stop();
+    seeder->stop();
+    simulation.finish(dht.stop());
+}
+
+}  // namespace
+}  // namespace skein
