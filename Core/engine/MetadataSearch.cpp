@@ -92,7 +92,7 @@ asio::awaitable<void> MetadataSearch::runRound(int round) {
 
 /// While peers still send, a round goes on: there is nothing to retry yet.
 bool MetadataSearch::isRoundOver() const {
-    return !callbacks_.isLooking() && environment_.pool.dialsInFlight() == 0 && !fetch_.nextDeadline();
+    return !callbacks_.isLooking() && environment_.pool.dialsInFlight() == 0 && !fetch_.nextDeadline() && !isChecking_;
 }
 
 /// Returns early when something changed; the caller looks again.
@@ -200,7 +200,9 @@ asio::awaitable<void> MetadataSearch::accept(MetadataFetch::Candidate candidate)
             return std::nullopt;
         }
     };
+    isChecking_ = true;
     std::optional<Found> found = co_await runOn(environment_.disk, std::move(parse));
+    isChecking_ = false;
     if (!found) {
         environment_.log.warning("[Session] Failed to parse metadata: ", failure);
         callbacks_.onStatusMessage("Failed to parse torrent info: " + failure);

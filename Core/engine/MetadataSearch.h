@@ -86,6 +86,7 @@ private:
     std::unique_ptr<CacheSites> cacheSites_;
     bool cacheSitesAreDone_ = false;
     bool isGivenUp_ = false;
+    bool isChecking_ = false;  // a whole info dictionary's hash
     MetadataFetch fetch_;
     std::optional<Found> found_;
     Notifier changed_;    // something was found, or the cache sites have all answered
