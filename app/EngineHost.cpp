@@ -105,6 +105,10 @@ TorrentSession::Options EngineHost::sessionDefaults() {
     return options;
 }
 
+fs::path EngineHost::resumeFile(const SHA1Digest& infoHash) const {
+    return home_ / "resume" / (toHex(infoHash) + ".torrent-resume");
+}
+
 std::optional<Bytes> EngineHost::savedTorrent(const SHA1Digest& infoHash) {
     try {
         return readWholeFile(home_ / "torrents" / (toHex(infoHash) + ".torrent"), TorrentFile::maxBytes);

@@ -50,6 +50,7 @@ void TransferRun::add(TransferSource source, const std::string& name) {
     if (!goal_.seedsOnly) transfer->lock = std::make_unique<TargetLock>(folder, infoHash);
     TorrentSession::Options options = options_.sessionOptions(folder, std::move(defaults));
     options.seedsOnly = goal_.seedsOnly;
+    if (!goal_.seedsOnly) options.resumeFile = host_.resumeFile(infoHash);
     transfer->session = std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()),
                                                          host_.services(), std::move(options));
     transfer->session->setCallbacks(callbacksFor(*transfer));

@@ -55,18 +55,56 @@ PieceManager::PieceManager(std::shared_ptr<const TorrentMetaInfo> metaInfo, std:
 
 PieceManager::~PieceManager() = default;
 
-asio::awaitable<void> PieceManager::setup() {
+asio::awaitable<void> PieceManager::setup(Bytes resumeRecord) {
     if (refusal_) throw StorageException(*refusal_);
     const std::size_t fileCount = storage_->layout().files().size();
     for (std::size_t first = 0; first == 0 || first < fileCount; first += filesPerVisit) {
         auto visit = [this, first] { storage_->prepare(first, filesPerVisit); };
         co_await runOn(environment_.disk, std::move(visit));
     }
-    co_await verifyExistingPieces();
+    PieceSet trusted(metaInfo_->pieceCount());
+    if (!resumeRecord.empty()) {
+        auto compare = [&] { return trustedPieces(resumeRecord); };
+        trusted = co_await runOn(environment_.disk, std::move(compare));
+    }
+    co_await verify(std::move(trusted));
     storage_->forgetPreparation();
 }
 
-asio::awaitable<void> PieceManager::verifyExistingPieces() {
+/// Runs on the disk pool. A piece is trusted when every file that it touches is as it was.
+PieceSet PieceManager::trustedPieces(const Bytes& resumeRecord) {
+    PieceSet trusted(metaInfo_->pieceCount());
+    const auto& files = storage_->layout().files();
+    const auto record = ResumeRecord::decode(resumeRecord, metaInfo_->pieceCount(), files.size());
+    if (!record) return trusted;
+    std::vector<bool> isUnchanged(files.size());
+    for (std::size_t file = 0; file < files.size(); ++file)
+        isUnchanged[file] = record->files[file].size == files[file].size && storage_->stampOf(file) == record->files[file];
+    record->verified.forEach([&](int piece) {
+        bool isTrusted = true;
+        storage_->layout().forEachSlice(offsetOf(piece), metaInfo_->pieceSize(piece), [&](TorrentLayout::Slice slice) {
+            isTrusted = isTrusted && isUnchanged[slice.file];
+        });
+        if (isTrusted) trusted.insert(piece);
+    });
+    return trusted;
+}
+
+asio::awaitable<Bytes> PieceManager::resumeRecord(PieceSet verified) {
+    if (refusal_) co_return Bytes();
+    ResumeRecord record;
+    record.verified = std::move(verified);
+    auto stamp = [&] {
+        for (std::size_t file = 0; file < storage_->layout().files().size(); ++file)
+            record.files.push_back(storage_->stampOf(file));
+        return record.encode();
+    };
+    co_return co_await runOn(environment_.disk, std::move(stamp));
+}
+
+asio::awaitable<void> PieceManager::verifyExistingPieces() { return verify(PieceSet(metaInfo_->pieceCount())); }
+
+asio::awaitable<void> PieceManager::verify(PieceSet trusted) {
     if (refusal_) co_return;
     environment_.log.info("verifyExistingPieces start, pieces=", metaInfo_->pieceCount());
     std::ranges::fill(conditions_, PieceCondition::unchecked);
@@ -75,6 +113,10 @@ asio::awaitable<void> PieceManager::verifyExistingPieces() {
     reportedAt_ = environment_.clock.now();
     PieceVerifier verifier(*metaInfo_, *storage_, environment_.disk, ThreadPools::threadsEach());
     PieceVerifier::OnChecked report = [this](std::span<const PieceVerifier::Checked> checked) { onChecked(checked); };
+    std::vector<PieceVerifier::Checked> unchanged;
+    trusted.forEach([&](int piece) { unchanged.push_back({piece, PieceCondition::good}); });
+    if (!unchanged.empty()) onChecked(unchanged);
+    verifier.skip(std::move(trusted));
     co_await verifier.run(std::move(report));
     environment_.log.info("verifyExistingPieces done, completed=", completedPieces());
 }

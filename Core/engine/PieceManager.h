@@ -66,8 +66,12 @@ public:
     PieceManager& operator=(const PieceManager&) = delete;
     ~PieceManager();
 
-    /// Checks the torrent, prepares its files (a download only) and verifies what is there.
-    asio::awaitable<void> setup();
+    /// Checks the torrent, prepares its files (a download only) and verifies what is there. With the encoded record of
+    /// an earlier run, what it verified is taken as good where the files are as they were then.
+    asio::awaitable<void> setup(Bytes resumeRecord = {});
+    /// An encoded record that vouches for `verified`: what was completed before the last `sync`, so that it is on the
+    /// device.
+    asio::awaitable<Bytes> resumeRecord(PieceSet verified);
     /// Pieces that are missing and turn out good become completed; completed ones stay so. May be cancelled; what was
     /// verified by then stays.
     asio::awaitable<void> verifyExistingPieces();
@@ -141,6 +145,8 @@ private:
     void dropInFlight(int piece);
     bool isReadable(const BlockRequest& block) const noexcept;
     void readNow(std::vector<BlockRead*>& reads);
+    PieceSet trustedPieces(const Bytes& resumeRecord);
+    asio::awaitable<void> verify(PieceSet trusted);
     void onChecked(std::span<const PieceVerifier::Checked> checked);
 
     const std::shared_ptr<const TorrentMetaInfo> metaInfo_;

@@ -69,7 +69,7 @@ asio::awaitable<void> PieceVerifier::work(Worker& worker) {
         auto visit = [this, &worker] { checkSome(worker); };
         co_await runOn(disk_, std::move(visit));
         if (worker.checked.empty() && worker.piece == worker.end) co_return;
-        onChecked_(worker.checked);
+        if (!worker.checked.empty()) onChecked_(worker.checked);
     }
 }
 
@@ -77,6 +77,10 @@ void PieceVerifier::checkSome(Worker& worker) {
     worker.checked.clear();
     for (std::int64_t budget = bytesPerVisit; budget > 0;) {
         if (worker.piece == worker.end && !claim(worker)) return;
+        if (skipped_.contains(worker.piece)) {
+            ++worker.piece;
+            continue;
+        }
         const std::optional<PieceCondition> condition = checkOrGoOn(worker, budget);
         if (!condition) continue;
         worker.checked.push_back({worker.piece, *condition});

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/engine/PieceSet.h"
 #include "Core/engine/TorrentStorage.h"
 #include "Core/formats/TorrentMetaInfo.h"
 #include "public/common/SHA1.h"
@@ -47,7 +48,9 @@ public:
     PieceVerifier& operator=(const PieceVerifier&) = delete;
     ~PieceVerifier();
 
-    /// Checks every piece and reports them to `onChecked`, on the caller's executor, in no strict order. A cancelled
+    /// These pieces are not looked at. Before `run`.
+    void skip(PieceSet pieces) { skipped_ = std::move(pieces); }
+    /// Checks every other piece and reports them to `onChecked`, on the caller's executor, in no strict order. A cancelled
     /// caller waits no longer than some milliseconds' work of the disk pool takes.
     asio::awaitable<void> run(OnChecked onChecked);
 
@@ -69,6 +72,7 @@ private:
     TorrentStorage& storage_;
     const asio::any_io_executor disk_;
     std::vector<std::unique_ptr<Worker>> workers_;
+    PieceSet skipped_;
     OnChecked onChecked_;
     std::atomic<int> nextPiece_{0};
     ZeroHash zeros_;      // of a piece of the usual size

@@ -6,6 +6,7 @@
 #include "Core/formats/TorrentParser.h"
 #include "Core/wire/NWPeerWireTransport.h"
 #include "public/common/RunOn.h"
+#include "public/common/WholeFile.h"
 
 #include <algorithm>
 
@@ -19,6 +20,9 @@ constexpr std::chrono::seconds progressInterval{1};
 /// Between two reports while pieces come in by the hundred a second.
 constexpr std::chrono::milliseconds progressPause{100};
 constexpr std::chrono::seconds syncInterval{10};
+constexpr std::chrono::seconds resumeRecordInterval{30};
+/// Of a resume record: that of a torrent with 1.6 million pieces in as many files is smaller.
+constexpr std::size_t maxResumeRecordBytes = std::size_t{64} << 20U;
 /// What is said to be left to trackers while the size is not known yet: not nothing, which would make us a seeder.
 constexpr std::int64_t leftOfUnknown = MetadataFetch::pieceSize;
 constexpr std::string_view metadataFailure =
@@ -85,7 +89,7 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
 /// From the metainfo to a running torrent.
 asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
     if (callbacks_.onMetadataReceived) callbacks_.onMetadataReceived(*metaInfo_);
-    co_await openPieces();
+    co_await openPieces(true);
     if (!pieceManager_) co_return;
     if (options_.savesTorrent && !options_.seedsOnly) co_await saveTorrentFile(std::move(torrentData));
     if (options_.seedsOnly && pieceManager_->completedPieces() == 0 && metaInfo_->pieceCount() > 0) {
@@ -138,7 +142,7 @@ asio::awaitable<void> TorrentSession::saveTorrentFile(Bytes torrentData) {
 }
 
 /// Makes the piece manager and verifies what is on disk; without one when storage cannot be had.
-asio::awaitable<void> TorrentSession::openPieces() {
+asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
     if (exchange_) co_await exchange_->stop();
     exchange_.reset();
     if (pieceManager_) co_await pieceManager_->cleanup();
@@ -152,9 +156,11 @@ asio::awaitable<void> TorrentSession::openPieces() {
     pieces->setStorageProblemCallback([this](const std::optional<std::string>& problem) {
         setStatus(problem ? *problem : "Downloading " + metaInfo_->name);
     });
+    Bytes resumeRecord;
+    if (mayResume) resumeRecord = co_await readResumeRecord();
     std::string failure;
     try {
-        co_await pieces->setup();
+        co_await pieces->setup(std::move(resumeRecord));
     } catch (const boost::system::system_error& error) {
         if (error.code() == asio::error::operation_aborted) throw;
         failure = error.what();
@@ -197,6 +203,7 @@ asio::awaitable<void> TorrentSession::enterRunning() {
     startPeerDiscoveryForDownload();
     updateProgress();
     lastProgressAt_ = {};  // the first piece is told at once
+    if (!options_.resumeFile.empty()) syncNowAndThen();  // what was just hashed need not be again
     startProgressLoop();
 }
 
@@ -441,12 +448,50 @@ void TorrentSession::syncNowAndThen() {
 
 asio::awaitable<void> TorrentSession::syncFiles() {
     const std::shared_ptr<PieceManager> pieces = pieceManager_;
+    PieceSet verified = pieces->completedSet();  // what is complete now is on the device after the sync
+    bool isSynced = false;
     try {
         co_await pieces->sync();
+        isSynced = true;
     } catch (const StorageException& error) {
         services_.log.warning("[PieceManager] sync failed: ", error.what());
     }
+    const Clock::TimePoint now = services_.clock.now();
+    const bool isDue = tasks_.isStopping() || recordedPieces_ < 0 || now - lastResumeRecordAt_ >= resumeRecordInterval;
+    if (isSynced && isDue && verified.count() != recordedPieces_) {
+        lastResumeRecordAt_ = now;
+        recordedPieces_ = verified.count();
+        co_await writeResumeRecord(std::move(verified));
+    }
     isSyncing_ = false;
+}
+
+asio::awaitable<Bytes> TorrentSession::readResumeRecord() {
+    if (options_.resumeFile.empty()) co_return Bytes();
+    auto read = [this]() -> Bytes {
+        try {
+            return readWholeFile(options_.resumeFile, maxResumeRecordBytes);
+        } catch (const std::system_error&) {
+            return {};  // none: everything is checked
+        }
+    };
+    co_return co_await runOn(services_.disk, std::move(read));
+}
+
+asio::awaitable<void> TorrentSession::writeResumeRecord(PieceSet verified) {
+    if (options_.resumeFile.empty()) co_return;
+    const Bytes record = co_await pieceManager_->resumeRecord(std::move(verified));
+    std::string failure;
+    auto write = [&] {
+        try {
+            std::filesystem::create_directories(options_.resumeFile.parent_path());
+            replaceWholeFile(options_.resumeFile, record);
+        } catch (const std::system_error& error) {
+            failure = error.what();
+        }
+    };
+    co_await runOn(services_.disk, std::move(write));
+    if (!failure.empty()) services_.log.warning("[Session] Failed to save the resume record: ", failure);
 }
 
 void TorrentSession::updateProgress() {
@@ -527,7 +572,7 @@ asio::awaitable<void> TorrentSession::doRecheck() {
     if (!metaInfo_) co_return;
     setStatus("Verifying files...");
     co_await peerPool_.disconnectAll();
-    co_await openPieces();
+    co_await openPieces(false);
     if (!pieceManager_) co_return;
     const int missing = metaInfo_->pieceCount() - pieceManager_->completedPieces();
     setStatus(missing == 0 ? "Verification complete — files intact, seeding started"

@@ -84,6 +84,8 @@ public:
         DiscoveryOptions discovery;
         std::vector<std::string> cacheSites;    ///< templates; empty: none is asked
         int maxMagnetRounds = MetadataSearch::defaultMaxRounds;
+        /// Where the resume record is kept, so that a later start need not hash all again; empty: none is.
+        std::filesystem::path resumeFile;
         std::filesystem::path torrentCopies;  ///< a copy of each .torrent goes here, by info-hash; empty: none
     };
 
@@ -124,7 +126,10 @@ private:
     asio::awaitable<void> parseTorrentFileAndStart(Bytes torrentData);
     ParsedTorrent parseTorrent(const Bytes& torrentData) const;
     asio::awaitable<void> saveTorrentFile(Bytes torrentData);
-    asio::awaitable<void> openPieces();
+    /// `mayResume`: what a resume record says may be believed.
+    asio::awaitable<void> openPieces(bool mayResume);
+    asio::awaitable<Bytes> readResumeRecord();
+    asio::awaitable<void> writeResumeRecord(PieceSet verified);
     asio::awaitable<void> beginTransfer(Bytes torrentData);
     asio::awaitable<void> enterRunning();
     asio::awaitable<void> startListening();
@@ -184,6 +189,8 @@ private:
     bool isListening_ = false;
     bool isSyncing_ = false;
     Clock::TimePoint lastSyncAt_{};
+    Clock::TimePoint lastResumeRecordAt_{};
+    int recordedPieces_ = -1;  // completed when the resume record was written
     Clock::TimePoint lastProgressAt_{};
     TaskGroup tasks_;
     PeerPool peerPool_;

@@ -62,6 +62,18 @@ void TorrentStorage::prepareFile(std::size_t index) {
         throw StorageException::failedCall(entry.path, errno);
 }
 
+FileStamp TorrentStorage::stampOf(std::size_t index) const {
+    struct stat status {};
+    const std::string path = (folder_ / layout_.files()[index].path).string();
+    if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+#ifdef __APPLE__
+    const timespec& modified = status.st_mtimespec;
+#else
+    const timespec& modified = status.st_mtim;
+#endif
+    return {status.st_size, std::int64_t{modified.tv_sec} * 1'000'000'000 + modified.tv_nsec, status.st_ino};
+}
+
 void TorrentStorage::write(std::int64_t offset, std::span<const iovec> from) {
     const std::lock_guard turn(writeTurn_);
     isUntouched_ = false;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Core/engine/OpenFiles.h"
+#include "Core/engine/ResumeRecord.h"
 #include "Core/engine/TorrentLayout.h"
 
 #include <atomic>
@@ -59,6 +60,8 @@ public:
     /// Fills `into`, one after another, from `offset` of the torrent on. Throws StorageException.
     void read(std::int64_t offset, std::span<const iovec> into);
     Presence presenceOf(std::int64_t offset, std::int64_t length, PresenceNotes& notes);
+    /// What file `index` looks like now.
+    FileStamp stampOf(std::size_t index) const;
     /// Puts on the device what was written to one more file; false when all is there. Throws StorageException.
     bool syncNext();
     /// Closes the files; the next use opens them again.

@@ -89,6 +89,33 @@ TEST_F(PieceVerificationTest, reportsProgressAndStopsSoonWhenCancelled) {
     EXPECT_EQ(progress.back(), 100);
 }
 
+TEST_F(PieceVerificationTest, believesItsRecordOfFilesThatDidNotChangeAndHashesTheOthers) {
+    const TestTorrent torrent(1000, {{"t/a", 2500}, {"t/b", 2500}, {"t/c", 1000}});
+    torrent.writeTo(folder.path());
+    setUp(torrent);
+    const Bytes record = simulation.finish(manager->resumeRecord(manager->completedSet()));
+    const fs::path hidden = folder.path() / "t/b";
+    const auto modified = fs::last_write_time(hidden);
+    damage("t/b", 600);  // in piece 3, which lies in "b" alone
+    damage("t/b", 400);  // in piece 2, which lies in "a" too
+    fs::last_write_time(hidden, modified);
+    damage("t/a", 0);
+    const auto missingAfter = [&](const Bytes& with) {
+        make(torrent);
+        simulation.finish(manager->setup(with));
+        std::vector<int> missing;
+        manager->missingSet().forEach([&](int piece) { missing.push_back(piece); });
+        return missing;
+    };
+    EXPECT_EQ(missingAfter(record), (std::vector<int>{0, 2})) << "\"b\" looks as it did, and is not read";
+    EXPECT_EQ(missingAfter({}), (std::vector<int>{0, 2, 3}));
+    EXPECT_EQ(missingAfter(Bytes(record.begin(), record.end() - 30)), (std::vector<int>{0, 2, 3}));
+    fs::copy_file(hidden, folder.path() / "copy");
+    fs::rename(folder.path() / "copy", hidden);
+    fs::last_write_time(hidden, modified);
+    EXPECT_EQ(missingAfter(record), (std::vector<int>{0, 2, 3})) << "another file of the same size and date";
+}
+
 /// A peer that has everything; what was fetched is read again, as an upload would.
 asio::awaitable<void> fetchAll(PieceManager& manager, const TestTorrent& torrent) {
     const PieceSet all = PieceSet::full(torrent.metaInfo->pieceCount());
