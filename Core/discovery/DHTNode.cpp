@@ -188,12 +188,13 @@ asio::awaitable<void> DHTNode::serve(std::shared_ptr<PeerFeed> feed, SHA1Digest 
 /// One look-up serves all that ask for the same info-hash; who comes later gets what was found before.
 void DHTNode::join(const std::shared_ptr<PeerFeed>& feed, const SHA1Digest& infoHash) {
     feed->onAbandoned([this, feed = feed.get(), infoHash] { leave(feed, infoHash); });
-    feeds_[infoHash].push_back(feed);
-    if (const PeerLookup* lookup = protocol_.activeLookup(infoHash)) {
-        for (const DHTEndpoint& peer : lookup->emittedPeers()) feed->put(PeerAddress::from(peer.host, peer.port));
-    } else {
+    Feeds& feeds = feeds_[infoHash];
+    feeds.push_back(feed);
+    if (feeds.size() == 1) {
         protocol_.startLookup(infoHash, environment_.clock.now());
         wakeForDeadline();
+    } else if (const PeerLookup* lookup = protocol_.activeLookup(infoHash)) {
+        for (const DHTEndpoint& peer : lookup->emittedPeers()) feed->put(PeerAddress::from(peer.host, peer.port));
     }
 }
 
@@ -201,7 +202,10 @@ void DHTNode::leave(const PeerFeed* feed, const SHA1Digest& infoHash) {
     const auto feeds = feeds_.find(infoHash);
     if (feeds == feeds_.end()) return;
     std::erase_if(feeds->second, [&](const auto& held) { return held.get() == feed; });
-    if (feeds->second.empty()) protocol_.cancelLookup(infoHash, environment_.clock.now());
+    if (!feeds->second.empty()) return;
+    feeds_.erase(feeds);
+    protocol_.cancelLookup(infoHash, environment_.clock.now());
+    wakeForDeadline();
 }
 
 asio::awaitable<void> DHTNode::announce(SHA1Digest infoHash, std::uint16_t downloadPort) {
@@ -217,6 +221,7 @@ asio::awaitable<void> DHTNode::announce(SHA1Digest infoHash, std::uint16_t downl
 
 asio::awaitable<void> DHTNode::shutDown() {
     protocol_.cancelAllLookups(environment_.clock.now());
+    feeds_.clear();
     isRunning_ = false;
     sockets_.clear();
     co_return;

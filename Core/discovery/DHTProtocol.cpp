@@ -25,20 +25,17 @@ void DHTProtocol::receive(ByteView datagram, const DHTEndpoint& from, TimePoint 
     const auto message = KRPCMessage::decode(datagram);
     if (!message) return;
     switch (message->kind()) {
-        case KRPCMessage::Kind::query: return handleQuery(*message, from, now);
-        case KRPCMessage::Kind::response: return handleResponse(*message, from, now);
-        case KRPCMessage::Kind::error: return handleError(*message, from, now);
+        case KRPCMessage::Kind::query: handleQuery(*message, from, now); break;
+        case KRPCMessage::Kind::response: handleResponse(*message, from, now); break;
+        case KRPCMessage::Kind::error: handleError(*message, from, now); break;
     }
+    beginWaiting(now);
 }
 
 void DHTProtocol::expire(TimePoint now) {
     while (const auto context = transactions_.takeExpired(now)) handleTransactionTimeout(*context, now);
-    for (auto lookup = activeLookups_.begin(); lookup != activeLookups_.end();) {
-        const auto next = std::next(lookup);
-        if (now >= lookup->second.deadline()) finish(lookup, LookupEnd::timeout, now);
-        lookup = next;
-    }
-    resumeStarved(now);
+    for (auto lookup = activeLookups_.begin(); lookup != activeLookups_.end();) advance(lookup++, now);
+    beginWaiting(now);
 }
 
 std::optional<DHTProtocol::TimePoint> DHTProtocol::deadline() const noexcept {
@@ -99,7 +96,6 @@ void DHTProtocol::handleResponse(const KRPCMessage& response, const DHTEndpoint&
             host_.foundPeer(lookup->first, peer);
         advance(lookup, now);
     }
-    resumeStarved(now);
 }
 
 void DHTProtocol::handleError(const KRPCMessage& error, const DHTEndpoint& from, TimePoint now) {
@@ -112,7 +108,6 @@ void DHTProtocol::handleError(const KRPCMessage& error, const DHTEndpoint& from,
         lookup->second.failed(*context->nodeID);
         advance(lookup, now);
     }
-    resumeStarved(now);
 }
 
 void DHTProtocol::handleTransactionTimeout(const TransactionContext& context, TimePoint now) {
@@ -121,20 +116,12 @@ void DHTProtocol::handleTransactionTimeout(const TransactionContext& context, Ti
     if (context.type == QueryType::announcePeer) settleAnnounce(false);
     if (context.type != QueryType::getPeers) return;
     const auto lookup = activeLookups_.find(*context.infoHash);
-    if (lookup == activeLookups_.end()) return;
-    lookup->second.timedOut(*context.nodeID);
-    advance(lookup, now);
+    if (lookup != activeLookups_.end()) lookup->second.timedOut(*context.nodeID);
 }
 
 void DHTProtocol::settleAnnounce(bool hasSucceeded) {
     ++(hasSucceeded ? announces_.succeeded : announces_.failed);
     host_.announceSettled();
-}
-
-/// A transaction has ended: those that waited for one may go on.
-void DHTProtocol::resumeStarved(TimePoint now) {
-    if (!std::exchange(isStarved_, false)) return;
-    for (auto lookup = activeLookups_.begin(); lookup != activeLookups_.end();) advance(lookup++, now);
 }
 
 std::vector<DHTNodeInfo> DHTProtocol::credibleNodes(const KRPCMessage& response, const DHTEndpoint& from) const {
@@ -195,9 +182,18 @@ bool DHTProtocol::sendAnnounce(const DHTNodeInfo& to, const NodeID& infoHash, st
 }
 
 void DHTProtocol::startLookup(const NodeID& infoHash, TimePoint now) {
-    const auto lookup = activeLookups_.try_emplace(infoHash, infoHash, now).first;
-    for (const DHTNodeInfo& node : routingTable_.closestNodes(infoHash, lookupSeeds)) lookup->second.offer(node);
-    advance(lookup, now);
+    waitingLookups_.push_back(infoHash);
+    beginWaiting(now);
+}
+
+void DHTProtocol::beginWaiting(TimePoint now) {
+    while (!waitingLookups_.empty() && activeLookups_.size() < maxActiveLookups) {
+        const NodeID infoHash = waitingLookups_.front();
+        waitingLookups_.pop_front();
+        const auto lookup = activeLookups_.try_emplace(infoHash, infoHash, now).first;
+        for (const DHTNodeInfo& node : routingTable_.closestNodes(infoHash, lookupSeeds)) lookup->second.offer(node);
+        advance(lookup, now);
+    }
 }
 
 const PeerLookup* DHTProtocol::activeLookup(const NodeID& infoHash) const noexcept {
@@ -206,26 +202,28 @@ const PeerLookup* DHTProtocol::activeLookup(const NodeID& infoHash) const noexce
 }
 
 void DHTProtocol::cancelLookup(const NodeID& infoHash, TimePoint now) {
+    std::erase(waitingLookups_, infoHash);
     const auto lookup = activeLookups_.find(infoHash);
     if (lookup != activeLookups_.end()) finish(lookup, LookupEnd::cancelled, now);
+    beginWaiting(now);
 }
 
 void DHTProtocol::cancelAllLookups(TimePoint now) {
+    waitingLookups_.clear();
     while (!activeLookups_.empty()) finish(activeLookups_.begin(), LookupEnd::cancelled, now);
 }
 
-/// Sends what may be sent, or ends the look-up.
+/// Sends what may be sent, or ends the look-up. Where there is no transaction left it goes on with the next `expire`.
 void DHTProtocol::advance(Lookups::iterator lookup, TimePoint now) {
     PeerLookup& state = lookup->second;
     // Once more after a round of which nothing could leave: its places are free again.
     for (;;) {
         if (const auto end = state.endAt(now)) return finish(lookup, *end, now);
         const std::vector<DHTNodeInfo> next = state.nextQueries(transactions_.room());
-        if (next.empty()) break;
+        if (next.empty()) return;
         for (const DHTNodeInfo& node : next)
             if (!sendGetPeers(node, lookup->first, now)) state.timedOut(node.id);
     }
-    if (transactions_.isFull()) isStarved_ = true;
 }
 
 void DHTProtocol::finish(Lookups::iterator lookup, LookupEnd end, TimePoint now) {

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <vector>
@@ -36,6 +37,8 @@ public:
     static constexpr std::chrono::minutes goodFor{15};
     /// BEP 5: tokens are accepted for up to ten minutes.
     static constexpr std::chrono::minutes tokenLifetime{10};
+    /// Further ones wait for their turn: the queries of these fit into the transactions with room for announces.
+    static constexpr std::size_t maxActiveLookups = 200;
     /// Where a look-up begins. Some may be gone; more would only hide from the end of the list how far off it is.
     static constexpr std::size_t lookupSeeds = 32;
     /// Named in replies and announced to: BEP 5's K.
@@ -90,10 +93,11 @@ public:
     bool needsBootstrap(TimePoint now) const noexcept;
     void sendFindNode(const DHTEndpoint& to, const NodeID& target, TimePoint now);
 
-    /// Begins a look-up of which there is none of this info-hash yet. It may end before this returns.
+    /// Begins a look-up of an info-hash of which there is none, when its turn comes. It may end before this returns.
     void startLookup(const NodeID& infoHash, TimePoint now);
-    /// Null when none runs.
+    /// Null when none runs, or it waits.
     const PeerLookup* activeLookup(const NodeID& infoHash) const noexcept;
+    /// One that waits goes without a word.
     void cancelLookup(const NodeID& infoHash, TimePoint now);
     void cancelAllLookups(TimePoint now);
     /// Announces `port` to the closest nodes that gave us a token.
@@ -111,7 +115,7 @@ private:
     void handleError(const KRPCMessage& error, const DHTEndpoint& from, TimePoint now);
     void handleTransactionTimeout(const TransactionContext& context, TimePoint now);
     void settleAnnounce(bool hasSucceeded);
-    void resumeStarved(TimePoint now);
+    void beginWaiting(TimePoint now);
 
     std::vector<DHTNodeInfo> nodesToName(const NodeID& target, const DHTEndpoint& asker) const;
     std::vector<DHTNodeInfo> credibleNodes(const KRPCMessage& response, const DHTEndpoint& from) const;
@@ -133,10 +137,10 @@ private:
     RoutingTable routingTable_;
     TransactionTable transactions_;
     Lookups activeLookups_;
+    std::deque<NodeID> waitingLookups_;
     std::map<NodeID, AnnounceTargets> announceTargets_;
     RateLimit replies_{maxRepliesPerSecond};
     AnnounceStatistics announces_;
-    bool isStarved_ = false;  ///< a look-up could not ask for want of transactions
 };
 
 }  // namespace skein

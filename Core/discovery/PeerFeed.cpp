@@ -4,7 +4,6 @@
 
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/error.hpp>
-#include <boost/asio/experimental/channel_error.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/system_error.hpp>
@@ -13,7 +12,8 @@
 
 namespace skein {
 
-PeerFeed::PeerFeed(const Strand& strand) : queue_(strand.get_inner_executor(), PeerLookup::maxPeers), strand_(strand) {}
+PeerFeed::PeerFeed(const Strand& strand)
+    : queue_(strand.get_inner_executor(), PeerLookup::maxPeers + 1), strand_(strand) {}
 
 std::shared_ptr<PeerFeed> PeerFeed::supply() {
     return {this, [self = shared_from_this()](PeerFeed*) { self->end(); }};
@@ -23,16 +23,16 @@ void PeerFeed::put(PeerAddress peer) { queue_.try_send(boost::system::error_code
 
 void PeerFeed::end() {
     onAbandoned_ = nullptr;
-    queue_.close();
+    queue_.try_send(boost::system::error_code(), std::nullopt);
 }
 
 asio::awaitable<std::optional<PeerAddress>> PeerFeed::take() {
     const auto self = shared_from_this();  // the stream may go while its last `next()` still ends
+    if (hasEnded_) co_return std::nullopt;
     auto [error, peer] = co_await queue_.async_receive(asio::as_tuple(asio::use_awaitable));
-    if (!error) co_return std::move(peer);
-    if (error != asio::experimental::error::channel_closed)
-        throw boost::system::system_error(asio::error::operation_aborted);
-    co_return std::nullopt;
+    if (error) throw boost::system::system_error(asio::error::operation_aborted);
+    hasEnded_ = !peer;
+    co_return std::move(peer);
 }
 
 void PeerFeed::abandon() {

@@ -24,7 +24,7 @@ public:
 
     /// The feed, which ends when the last copy of this pointer goes, in whatever way its holder ends.
     std::shared_ptr<PeerFeed> supply();
-    /// A peer that no longer fits (nobody takes thousands of peers) is dropped.
+    /// At most PeerLookup::maxPeers, which is all that a look-up hands out.
     void put(PeerAddress peer);
     bool isAbandoned() const noexcept { return isAbandoned_; }
     /// What to do when nobody wants the feed any more; not done once it has ended.
@@ -32,17 +32,18 @@ public:
 
     // Thread: any.
 
-    asio::awaitable<std::optional<PeerAddress>> take();
+    asio::awaitable<std::optional<PeerAddress>> take();  ///< one at a time
     void abandon();
 
 private:
-    /// What is queued can still be taken.
     void end();
 
-    asio::experimental::concurrent_channel<void(boost::system::error_code, PeerAddress)> queue_;
+    /// Nothing stands for the end: closing this channel would lose what is still in it.
+    asio::experimental::concurrent_channel<void(boost::system::error_code, std::optional<PeerAddress>)> queue_;
     const Strand strand_;
     std::function<void()> onAbandoned_;
     bool isAbandoned_ = false;
+    bool hasEnded_ = false;  ///< the consumer's
 };
 
 }  // namespace skein

@@ -54,7 +54,7 @@ public:
 
 private:
     struct Entry {
-        ID id;
+        ID id{};
         TimePoint deadline;
         TransactionContext context;
     };
