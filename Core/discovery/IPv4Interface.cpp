@@ -21,7 +21,12 @@ namespace {
 
 in_addr addressIn(const sockaddr* address) {
     sockaddr_in copy{};
+#ifdef __APPLE__
+    // A mask comes without its trailing zeros.
+    std::memcpy(&copy, address, std::min(std::size_t{address->sa_len}, sizeof copy));
+#else
     std::memcpy(&copy, address, sizeof copy);
+#endif
     return copy.sin_addr;
 }
 

@@ -92,13 +92,14 @@ asio::awaitable<bool> isTCPPortOpen(Clock& clock, std::string host, std::uint16_
     tcp::socket socket(executor);
     try {
         co_await within(clock, timeout, connect(socket, remote, std::move(bindAddress)));
+        // A socket may be given the very port that it connects to. Where nobody listens, it then meets itself.
+        co_return socket.local_endpoint() != remote;
     } catch (const TimeLimitExceeded&) {
         co_return false;
     } catch (const boost::system::system_error&) {
         if (caller.cancelled() != asio::cancellation_type::none) throw;
         co_return false;
     }
-    co_return true;
 }
 
 }  // namespace skein

@@ -15,8 +15,8 @@ namespace skein {
 struct LANScanTargets {
     static constexpr std::uint16_t firstPort = 6881;  ///< BEP 3 names 6881 to 6889
     static constexpr std::uint16_t lastPort = 6889;
-    /// Four networks: a machine full of virtual ones would scan for minutes.
-    static constexpr std::size_t maxHosts = 4 * 254;
+    /// Four networks of 254: a machine full of virtual ones would scan for minutes.
+    static constexpr std::size_t maxHosts = 1016;
 
     std::vector<std::string> hosts;    ///< dotted addresses, none twice, none of ours
     std::vector<std::uint16_t> ports;  ///< the well-known ones, and `ownPort`, which others may have chosen alike

@@ -21,7 +21,7 @@ std::string randomUUID(Random& random) {
     bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0FU) | 0x40U);
     bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3FU) | 0x80U);
     std::string text = toHex(bytes);
-    for (const std::size_t dash : {8, 13, 18, 23}) text.insert(dash, 1, '-');
+    for (const std::size_t dash : {8U, 13U, 18U, 23U}) text.insert(dash, 1, '-');
     return text;
 }
 

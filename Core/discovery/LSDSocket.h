@@ -18,7 +18,7 @@ namespace skein {
 struct LSDOptions {
     /// When given, only the interface that has this address is used; 127.0.0.1 is loopback.
     std::optional<std::string> bindAddress;
-    /// Announces also reach other programs on this machine. Ours meet through their daemon instead.
+    /// Announces also come back to this machine, where other programs hear them (loopback always does that on Linux).
     bool multicastLoop = false;
     /// Peers on this machine's own loopback are reported too.
     bool allowsLocalPeers = false;

