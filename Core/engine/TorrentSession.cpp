@@ -460,8 +460,9 @@ asio::awaitable<void> TorrentSession::syncFiles() {
     const bool isDue = tasks_.isStopping() || recordedPieces_ < 0 || now - lastResumeRecordAt_ >= resumeRecordInterval;
     if (isSynced && isDue && verified.count() != recordedPieces_) {
         lastResumeRecordAt_ = now;
-        recordedPieces_ = verified.count();
+        const int count = verified.count();
         co_await writeResumeRecord(std::move(verified));
+        recordedPieces_ = count;
     }
     isSyncing_ = false;
 }
