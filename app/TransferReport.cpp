@@ -165,15 +165,19 @@ void TransferReport::trackers(const TransferStatus& of, const std::vector<Tracke
     JSONLine(clock_, of, "trackers").object["trackers"] = std::move(array);
 }
 
-void TransferReport::completed(const TransferStatus& of, double seconds) {
+void TransferReport::completed(const TransferStatus& of, double seconds, bool hasDownloaded) {
     if (isJSON_) {
         JSONLine line(clock_, of, "completed");
         line.object["seconds"] = seconds;
         line.object["bytes"] = of.total;
         return;
     }
-    const auto rate = static_cast<std::int64_t>(static_cast<double>(of.total) / std::max(seconds, 0.001));
     line_ = std::make_unique<ProgressLine>(clock_);  // takes the old one off the terminal
+    if (!hasDownloaded) {
+        std::cout << printable(of.name) << ": all " << formatByteCount(of.total) << " are there already" << std::endl;
+        return;
+    }
+    const auto rate = static_cast<std::int64_t>(static_cast<double>(of.total) / std::max(seconds, 0.001));
     std::cout << printable(of.name) << ": complete, " << formatByteCount(of.total) << " in " << formatDuration(seconds)
               << " (" << formatByteCount(rate) << "/s)" << std::endl;
 }

@@ -44,7 +44,8 @@ public:
     void progress(const TransferStatus& of);
     void peers(const TransferStatus& of, const std::vector<PeerRuntimeInfo>& rows);
     void trackers(const TransferStatus& of, const std::vector<TrackerRuntimeInfo>& rows);
-    void completed(const TransferStatus& of, double seconds);
+    /// `hasDownloaded`: not all of it was there from the start.
+    void completed(const TransferStatus& of, double seconds, bool hasDownloaded);
     void error(const TransferStatus& of, const std::string& message);
     /// The progress line of all transfers together.
     void overview(const std::vector<const TransferStatus*>& all);

@@ -211,6 +211,7 @@ void TransferRun::onPeers(Transfer& transfer, const std::vector<PeerRuntimeInfo>
 void TransferRun::onState(Transfer& transfer, const TorrentSession::State& state) {
     transfer.status.state = state.kind;
     report_.state(transfer.status, state.message);
+    if (state.kind == Kind::downloading) transfer.hasDownloaded = true;
     if (state.kind == Kind::error) {
         report_.error(transfer.status, state.message);
         transfer.hasFailed = true;
@@ -219,7 +220,7 @@ void TransferRun::onState(Transfer& transfer, const TorrentSession::State& state
         transfer.isDone = true;
         if (!goal_.seedsOnly) {
             const std::chrono::duration<double> taken = host_.clock().now() - transfer.startedAt;
-            report_.completed(transfer.status, taken.count());
+            report_.completed(transfer.status, taken.count(), transfer.hasDownloaded);
         }
     }
     changed_.notify();

@@ -42,6 +42,7 @@ private:
         TransferSource source;
         TransferStatus status;
         Clock::TimePoint startedAt;
+        bool hasDownloaded = false;  ///< something was missing when it started
         bool isDone = false;
         bool hasFailed = false;
         std::unique_ptr<TargetLock> lock;

@@ -179,6 +179,16 @@ void PeerDiscovery::handleTrackerAnswer(const TrackerAnnounceOutcome& outcome) {
             environment_.log.debug("[Session] Tracker skipped unusable peer: ", peer.description());
 }
 
+std::optional<std::string> PeerDiscovery::trackerRefusal() const {
+    if (!announcer_) return std::nullopt;
+    std::optional<std::string> refusal;
+    for (const TrackerRuntimeInfo& row : announcer_->rows()) {
+        if (row.status != TrackerRuntimeStatus::failed) return std::nullopt;
+        refusal = row.lastError.value_or("");
+    }
+    return refusal;
+}
+
 void PeerDiscovery::noteCompleted() {
     if (announcer_) announcer_->noteCompleted();
 }

@@ -88,6 +88,8 @@ public:
     void lookEverywhere();
     /// Trackers and DHT, unless they were asked less than `atLeast` ago.
     void rediscoverPublicBTPeers(std::string_view reason, std::chrono::seconds atLeast = minInterval);
+    /// A tracker's text, when there are trackers and all of them failed.
+    std::optional<std::string> trackerRefusal() const;
     /// True while a search that was begun has not ended.
     bool isLooking() const noexcept { return searches_ > 0 || (announcer_ && announcer_->isAnnouncing()); }
 

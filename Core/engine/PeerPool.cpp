@@ -27,6 +27,7 @@ PeerPool::~PeerPool() = default;
 void PeerPool::connectToPeer(const DialRequest& request) {
     const PeerAddress& address = request.address;
     if (!isOpen_ || publicPeerDialInFlight_.contains(address) || isConnectedTo(address)) return;
+    ++addressesOffered_;
     const auto retryAfter = publicPeerRetryAfter_.find(address);
     if (retryAfter != publicPeerRetryAfter_.end()) {
         if (retryAfter->second > environment_.clock.now()) {

@@ -90,6 +90,8 @@ public:
     void setSpeedLimits(std::int64_t download, std::int64_t upload);
     const std::unordered_map<PeerKey, std::unique_ptr<Peer>>& connected() const noexcept { return connected_; }
     Peer* find(PeerKey key);
+    /// Addresses that any source named and that were new then: an address is counted again once it was forgotten.
+    std::size_t addressesOffered() const noexcept { return addressesOffered_; }
     std::size_t dialsInFlight() const noexcept { return publicPeerDialInFlight_.size(); }
     std::size_t pendingDials() const noexcept { return pendingPublicPeerDials_.size(); }
     /// The connected peers and those that left or failed lately.
@@ -130,6 +132,7 @@ private:
     std::unordered_map<PeerAddress, Clock::TimePoint> publicPeerRetryAfter_;
     std::deque<PeerRuntimeInfo> recentDisconnectedPeers_;
     std::size_t accepting_ = 0;
+    std::size_t addressesOffered_ = 0;
     bool isOpen_ = true;
     TaskGroup tasks_;
 };

@@ -33,6 +33,7 @@ std::size_t chunkSizeFor(std::int64_t pieceLength) {
 struct PieceManager::Outcome {
     bool isVerified = false;
     std::optional<std::string> writeError;
+    int writeErrno = 0;
 };
 
 PieceManager::PieceManager(std::shared_ptr<const TorrentMetaInfo> metaInfo, std::filesystem::path savePath,
@@ -223,6 +224,9 @@ PieceManager::Outcome PieceManager::hashAndWrite(int piece, const PieceInFlight&
     if (!outcome.isVerified) return outcome;
     try {
         storage_->write(offsetOf(piece), buffers);
+    } catch (const StorageException& error) {
+        outcome.writeError = error.what();
+        outcome.writeErrno = error.code;
     } catch (const std::exception& error) {
         outcome.writeError = error.what();
     }
@@ -245,6 +249,7 @@ ReceiveBlockResult PieceManager::finish(int piece, const Outcome& outcome) {
         trouble_.onGivenUp(piece);
         return ReceiveBlockResult::failed;
     }
+    storageErrno_ = outcome.writeErrno;
     const bool isNews = trouble_.onFailure(piece, environment_.clock.now(), *outcome.writeError);
     environment_.log.log(isNews ? LogLevel::warning : LogLevel::debug, "[PieceManager] Failed to write piece ", piece,
                          ": ", *outcome.writeError);

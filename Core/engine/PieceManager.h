@@ -132,6 +132,8 @@ public:
     /// Told once when writes begin to fail (the error's text) and once when they work again (nothing).
     void setStorageProblemCallback(std::function<void(const std::optional<std::string>&)> callback);
     const std::optional<std::string>& storageProblem() const noexcept { return trouble_.text(); }
+    /// The errno behind it; 0 when it was none.
+    int storageErrno() const noexcept { return storageErrno_; }
 
 private:
     struct Outcome;
@@ -160,6 +162,7 @@ private:
     ChunkPool chunks_;
     std::unordered_map<int, PieceInFlight> inFlight_;
     WriteTrouble trouble_;
+    int storageErrno_ = 0;
     asio::steady_timer room_;  // cancelled to wake those who wait for room
 
     std::int64_t downloadedBytes_ = 0;

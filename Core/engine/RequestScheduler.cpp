@@ -261,4 +261,16 @@ bool RequestScheduler::hasEverything(PeerKey peer) const {
     return found != peers_.end() && found->second.has.count() == pieces_.metaInfo().pieceCount();
 }
 
+RequestScheduler::Suppliers RequestScheduler::suppliers() const {
+    Suppliers suppliers;
+    for (const auto& [key, peer] : peers_) {
+        const bool hasPieceInFlight = std::any_of(pieceToPeer_.begin(), pieceToPeer_.end(),
+                                                  [&](const auto& entry) { return peer.has.contains(entry.first); });
+        if (!hasPieceInFlight && !firstCommon(peer.has, pieces_.missingSet())) continue;
+        ++suppliers.withPieces;
+        if (!peer.isChoking) ++suppliers.unchoking;
+    }
+    return suppliers;
+}
+
 }  // namespace skein

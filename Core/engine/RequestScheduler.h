@@ -76,6 +76,12 @@ public:
     /// The fraction of the torrent that the peer says it has.
     double progressOf(PeerKey peer) const;
     bool hasEverything(PeerKey peer) const;
+    /// How many peers have a piece that is not there yet, and how many of those let us ask.
+    struct Suppliers {
+        std::size_t withPieces = 0;
+        std::size_t unchoking = 0;
+    };
+    Suppliers suppliers() const;
 
 private:
     struct PieceInFlight {

@@ -22,7 +22,7 @@ std::string_view textOf(StorageError error) noexcept {
 }
 
 StorageException StorageException::failedCall(const std::string& path, int code) {
-    return StorageException(StorageError::system, path + ": " + std::generic_category().message(code));
+    return StorageException(StorageError::system, path + ": " + std::generic_category().message(code), code);
 }
 
 }  // namespace skein

@@ -24,12 +24,13 @@ std::string_view textOf(StorageError error) noexcept;
 /// Thrown by storage. `what()` is the text followed by `detail`.
 class StorageException : public std::runtime_error {
 public:
-    explicit StorageException(StorageError why, std::string_view detail = {})
-        : std::runtime_error(std::string(textOf(why)).append(detail)), error(why) {}
+    explicit StorageException(StorageError why, std::string_view detail = {}, int systemCode = 0)
+        : std::runtime_error(std::string(textOf(why)).append(detail)), error(why), code(systemCode) {}
     /// A failed system call on `path`; `code` is its errno.
     static StorageException failedCall(const std::string& path, int code);
 
     const StorageError error;
+    const int code;  ///< the errno of a failed system call, else 0
 };
 
 }  // namespace skein

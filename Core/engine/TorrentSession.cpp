@@ -431,10 +431,12 @@ asio::awaitable<void> TorrentSession::progressLoop() {
         }
         updateProgress();
         reportPeers();
+        reportStall();
     }
     progressLoopRuns_ = false;
     updateProgress();
     reportPeers();
+    reportStall();
 }
 
 /// So that little that was verified can be lost with the machine's power.
@@ -512,6 +514,37 @@ void TorrentSession::reportPeers() {
     if (!callbacks_.onPeerDetailsUpdated) return;
     const auto progressOf = [this](PeerKey key) { return exchange_ ? exchange_->scheduler().progressOf(key) : 0.0; };
     callbacks_.onPeerDetailsUpdated(peerPool_.makePeerRuntimeInfos(progressOf));
+}
+
+/// Bytes that came in the last seconds say that nothing is wrong, whatever the facts look like.
+void TorrentSession::reportStall() {
+    const bool mayStall = isDownloading() && downloadSpeedTracker_.bytesPerSecond(services_.clock.now()) < 1;
+    std::optional<StallReason> reason;
+    if (mayStall) reason = stallReasonOf(stallFacts());
+    if (reason == stallReason_) return;
+    stallReason_ = std::move(reason);
+    if (callbacks_.onStallChanged) callbacks_.onStallChanged(stallReason_);
+}
+
+StallFacts TorrentSession::stallFacts() const {
+    StallFacts facts;
+    facts.isFetchingMetadata = state_.kind == Kind::fetchingMetadata;
+    if (pieceManager_) {
+        facts.storageProblem = pieceManager_->storageProblem();
+        facts.storageErrno = pieceManager_->storageErrno();
+    }
+    facts.peersFound = peerPool_.addressesOffered();
+    facts.dialsInFlight = peerPool_.dialsInFlight();
+    facts.connected = peerPool_.connected().size();
+    for (const auto& [key, peer] : peerPool_.connected())
+        if (peer->connection->extensions().metadataSize() > 0) ++facts.connectedWithMetadata;
+    if (exchange_) {
+        const RequestScheduler::Suppliers suppliers = exchange_->scheduler().suppliers();
+        facts.connectedWithPieces = suppliers.withPieces;
+        facts.unchoking = suppliers.unchoking;
+    }
+    if (discovery_) facts.trackerRefusal = discovery_->trackerRefusal();
+    return facts;
 }
 
 TrackerAnnouncer::Totals TorrentSession::totals() const {

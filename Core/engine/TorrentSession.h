@@ -7,6 +7,7 @@
 #include "Core/engine/PeerPool.h"
 #include "Core/engine/PieceExchange.h"
 #include "Core/engine/PieceManager.h"
+#include "Core/engine/StallReason.h"
 #include "Core/formats/MagnetLink.h"
 #include "Core/formats/TorrentMetaInfo.h"
 #include "Core/wire/PeerListener.h"
@@ -56,6 +57,8 @@ public:
         std::function<void(const std::string&)> onStatusMessage;
         std::function<void(const std::vector<PeerRuntimeInfo>&)> onPeerDetailsUpdated;
         std::function<void(const std::vector<TrackerRuntimeInfo>&)> onTrackerDetailsUpdated;
+        /// When the reason why nothing moves changes; nothing: bytes move, or are about to.
+        std::function<void(const std::optional<StallReason>&)> onStallChanged;
         /// While existing data is verified.
         std::function<void(int checkedPieces, int totalPieces)> onVerifyProgress;
     };
@@ -166,6 +169,8 @@ private:
     asio::awaitable<void> syncFiles();
     void updateProgress();
     void reportPeers();
+    void reportStall();
+    StallFacts stallFacts() const;
     void setState(State::Kind kind, std::string message = {});
     void setStatus(const std::string& text);
     void fail(const std::string& message);
@@ -185,6 +190,7 @@ private:
     std::shared_ptr<PieceManager> pieceManager_;
     SpeedTracker downloadSpeedTracker_;
     SpeedTracker uploadSpeedTracker_;
+    std::optional<StallReason> stallReason_;
     bool progressLoopRuns_ = false;
     bool isListening_ = false;
     bool isSyncing_ = false;

@@ -52,6 +52,7 @@ public:
     void start();
     /// Adds those that are not there yet.
     void addTrackers(const AnnounceSchedule::Tiers& tiers);
+    std::vector<TrackerRuntimeInfo> rows() const { return schedule_.rows(); }
     /// True while an answer is waited for.
     bool isAnnouncing() const noexcept { return announcesRunning_ > 0; }
     /// The download is complete: every tracker hears of it once.
