@@ -15,7 +15,8 @@ public:
     GetCommand() : Command({"get", "Download torrents", "skein get 'magnet:?xt=urn:btih:…' --dir ~/papers"}) {}
 
     void declare(CLI::App& options) override {
-        options.add_option("SOURCE", sources_, "A magnet link, a .torrent file, or the HTTP(S) address of one")->required();
+        options.add_option("SOURCE", sources_, "A magnet link, a .torrent file, or the HTTP(S) address of one")
+            ->required();
         options_.declare(options);
         options.add_flag("--seed", goal_.seedsAfterwards, "Keep serving after completion, until interrupted");
         options.add_option("--timeout", timeoutSeconds_, "Give up when not complete by then")

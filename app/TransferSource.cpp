@@ -25,8 +25,9 @@ bool isHTTP(const std::string& source) { return source.starts_with("http://") ||
 bool isMagnet(const std::string& source) {
     constexpr std::string_view scheme = "magnet:";
     return source.size() >= scheme.size() &&
-           std::equal(scheme.begin(), scheme.end(), source.begin(),
-                      [](char expected, char given) { return expected == std::tolower(static_cast<unsigned char>(given)); });
+           std::equal(scheme.begin(), scheme.end(), source.begin(), [](char expected, char given) {
+               return expected == std::tolower(static_cast<unsigned char>(given));
+           });
 }
 
 bool pathEndsInTorrent(const std::string& url) { return url.substr(0, url.find_first_of("?#")).ends_with(".torrent"); }

@@ -85,9 +85,9 @@ asio::awaitable<void> MetadataSearch::runRound(int round) {
     const std::size_t connected = environment_.pool.connected().size();
     environment_.log.info("[Session] Round ", round, " finished. Peers connected: ", connected);
     if (isOver()) co_return;
-    callbacks_.onStatusMessage(connected == 0 ? "No peers found in round " + number
-                                              : "Connected to " + std::to_string(connected) +
-                                                    " peers, fetching torrent info...");
+    callbacks_.onStatusMessage(connected == 0
+                                   ? "No peers found in round " + number
+                                   : "Connected to " + std::to_string(connected) + " peers, fetching torrent info...");
 }
 
 /// While peers still send, a round goes on: there is nothing to retry yet.
@@ -191,7 +191,8 @@ asio::awaitable<void> MetadataSearch::accept(MetadataFetch::Candidate candidate)
     auto parse = [&]() -> std::optional<Found> {
         try {
             Found found;
-            found.metaInfo = std::make_shared<TorrentMetaInfo>(TorrentParser::parse(candidate.infoData, magnet_.infoHash));
+            found.metaInfo =
+                std::make_shared<TorrentMetaInfo>(TorrentParser::parse(candidate.infoData, magnet_.infoHash));
             found.metaInfo->announceList = tiersOf(magnet_.trackers);
             found.torrentData = wrapped(candidate.infoData, found.metaInfo->announceList);
             return found;

@@ -89,7 +89,7 @@ private:
     bool isChecking_ = false;  // a whole info dictionary's hash
     MetadataFetch fetch_;
     std::optional<Found> found_;
-    Notifier changed_;    // something was found, or the cache sites have all answered
+    Notifier changed_;  // something was found, or the cache sites have all answered
     Notifier peersSpoke_;
     TaskGroup tasks_;
 };

@@ -76,8 +76,7 @@ asio::awaitable<void> PeerDiscovery::leavePublicSources() {
 }
 
 void PeerDiscovery::dialNamedPeers() {
-    for (const PeerAddress& address : options_.namedPeers)
-        callbacks_.onPeer({address, PeerSource::manualLAN, true});
+    for (const PeerAddress& address : options_.namedPeers) callbacks_.onPeer({address, PeerSource::manualLAN, true});
 }
 
 void PeerDiscovery::start() {
@@ -295,8 +294,8 @@ asio::awaitable<void> PeerDiscovery::scanLAN() {
     const auto interfaces = localIPv4Interfaces(environment_.log);
     const auto targets =
         LANScanTargets::around(interfaces, environment_.listenPort, optionalAddress(options_.bindAddress));
-    environment_.log.info("[LANScan] start hosts=", targets.hosts.size(), " ports=",
-                          joined(targets.ports, [](std::uint16_t port) { return std::to_string(port); }),
+    environment_.log.info("[LANScan] start hosts=", targets.hosts.size(),
+                          " ports=", joined(targets.ports, [](std::uint16_t port) { return std::to_string(port); }),
                           " hash=", infoHashHex());
     if (!lanScanner_)
         lanScanner_ = std::make_unique<LANPeerScanner>(environment_.io, environment_.clock,

@@ -32,7 +32,7 @@ struct DiscoveryOptions {
     std::vector<PeerAddress> namedPeers;        ///< dialled whatever the address rules say
     std::vector<PeerAddress> manualLANPeers;    ///< the settings' list, for every torrent
     bool scansLAN = false;
-    std::string bindAddress;          ///< of all traffic; empty = any
+    std::string bindAddress;  ///< of all traffic; empty = any
 };
 
 /// Looks for the peers of one torrent wherever that is allowed: trackers, the DHT, the local network, the peers

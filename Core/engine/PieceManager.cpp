@@ -80,7 +80,8 @@ PieceSet PieceManager::trustedPieces(const Bytes& resumeRecord) {
     if (!record) return trusted;
     std::vector<bool> isUnchanged(files.size());
     for (std::size_t file = 0; file < files.size(); ++file)
-        isUnchanged[file] = record->files[file].size == files[file].size && storage_->stampOf(file) == record->files[file];
+        isUnchanged[file] =
+            record->files[file].size == files[file].size && storage_->stampOf(file) == record->files[file];
     record->verified.forEach([&](int piece) {
         bool isTrusted = true;
         storage_->layout().forEachSlice(offsetOf(piece), metaInfo_->pieceSize(piece), [&](TorrentLayout::Slice slice) {

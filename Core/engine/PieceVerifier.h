@@ -50,8 +50,8 @@ public:
 
     /// These pieces are not looked at. Before `run`.
     void skip(PieceSet pieces) { skipped_ = std::move(pieces); }
-    /// Checks every other piece and reports them to `onChecked`, on the caller's executor, in no strict order. A cancelled
-    /// caller waits no longer than some milliseconds' work of the disk pool takes.
+    /// Checks every other piece and reports them to `onChecked`, on the caller's executor, in no strict order. A
+    /// cancelled caller waits no longer than some milliseconds' work of the disk pool takes.
     asio::awaitable<void> run(OnChecked onChecked);
 
 private:

@@ -11,7 +11,7 @@ namespace skein {
 
 /// What tells a file of a torrent from one that was changed or replaced since.
 struct FileStamp {
-    std::int64_t size = -1;  ///< bytes; -1: there is no such file
+    std::int64_t size = -1;     ///< bytes; -1: there is no such file
     std::int64_t modified = 0;  ///< nanoseconds since 1970
     std::uint64_t inode = 0;
 

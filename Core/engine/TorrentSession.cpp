@@ -25,8 +25,7 @@ constexpr std::chrono::seconds resumeRecordInterval{30};
 constexpr std::size_t maxResumeRecordBytes = std::size_t{64} << 20U;
 /// What is said to be left to trackers while the size is not known yet: not nothing, which would make us a seeder.
 constexpr std::int64_t leftOfUnknown = MetadataFetch::pieceSize;
-constexpr std::string_view metadataFailure =
-    "Unable to fetch torrent info. Please check your network and try again.";
+constexpr std::string_view metadataFailure = "Unable to fetch torrent info. Please check your network and try again.";
 
 }  // namespace
 
@@ -202,7 +201,7 @@ asio::awaitable<void> TorrentSession::enterRunning() {
     adoptConnectedPeers();
     startPeerDiscoveryForDownload();
     updateProgress();
-    lastProgressAt_ = {};  // the first piece is told at once
+    lastProgressAt_ = {};                                // the first piece is told at once
     if (!options_.resumeFile.empty()) syncNowAndThen();  // what was just hashed need not be again
     startProgressLoop();
 }
@@ -292,9 +291,9 @@ void TorrentSession::adoptConnectedPeers() {
 
 void TorrentSession::makeDiscovery() {
     if (discovery_) return;
-    PeerDiscovery::Environment environment{tasks_.strand(),    services_.io,  services_.clock,   services_.log,
-                                           services_.trackers, services_.dht, services_.history, infoHash_,
-                                           peerID_,            services_.listener.port()};
+    PeerDiscovery::Environment environment{
+        tasks_.strand(), services_.io,      services_.clock, services_.log, services_.trackers,
+        services_.dht,   services_.history, infoHash_,       peerID_,       services_.listener.port()};
     PeerDiscovery::Callbacks callbacks;
     callbacks.onPeer = [this](const DialRequest& request) { peerPool_.connectToPeer(request); };
     callbacks.totals = [this] { return totals(); };

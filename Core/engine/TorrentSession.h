@@ -85,7 +85,7 @@ public:
         bool savesTorrent = true;  ///< beside the download
         bool servesMetadata = true;
         DiscoveryOptions discovery;
-        std::vector<std::string> cacheSites;    ///< templates; empty: none is asked
+        std::vector<std::string> cacheSites;  ///< templates; empty: none is asked
         int maxMagnetRounds = MetadataSearch::defaultMaxRounds;
         /// Where the resume record is kept, so that a later start need not hash all again; empty: none is.
         std::filesystem::path resumeFile;

@@ -16,8 +16,8 @@ TestSession::TestSession(Simulation& simulation, const SHA1Digest& infoHash, cha
         dht_ = std::make_unique<DHTNode>(environment, std::move(dhtOptions));
         simulation_.finish(dht_->startListening());
     }
-    const TorrentSession::Services services{
-        simulation.executor(), disk, simulation, log_, trackerServices, listener_, dht_.get()};
+    const TorrentSession::Services services{simulation.executor(), disk,      simulation, log_,
+                                            trackerServices,       listener_, dht_.get()};
     options.discovery.usesLSD = false;
     session_ = std::make_unique<TorrentSession>(infoHash, peerIDOf(peerID), services, std::move(options));
     TorrentSession::Callbacks callbacks;

@@ -82,8 +82,8 @@ TEST_F(MetadataFetchTest, findsTheGoodPeerBetweenALiarAndASilentOne) {
     fetch.addPeer(silent, 2 * 16384);
     EXPECT_THAT(due(), ElementsAre(std::pair(silent, 0), std::pair(silent, 1))) << "contributors are asked last";
     now += MetadataFetch::patience;
-    EXPECT_THAT(due(), UnorderedElementsAre(std::pair(good, 0), std::pair(good, 1), std::pair(liar, 0),
-                                            std::pair(liar, 1)));
+    EXPECT_THAT(due(),
+                UnorderedElementsAre(std::pair(good, 0), std::pair(good, 1), std::pair(liar, 0), std::pair(liar, 1)));
     for (const PeerKey peer : {liar, good})
         for (const int piece : {0, 1}) receive(peer, piece, 16384, peer == liar ? 'L' : 'x');
     const auto first = fetch.takeCandidate().value();

@@ -1,7 +1,8 @@
 #include "Core/engine/StallReason.h"
 
-#include <cerrno>
 #include <gtest/gtest.h>
+
+#include <cerrno>
 
 namespace skein {
 namespace {

@@ -119,11 +119,13 @@ TEST_F(PeerExtensionsTest, servesMetadataAtABoundedRate) {
 }
 
 TEST_F(PeerExtensionsTest, takesAFewPeersOnceAMinute) {
-    receive(2, "d5:added14:\x01\x02\x03\x04\x1a\xe1\x05\x06\x07\x08\x1a\xe2xx6:added618:"
-               " \x01\r\xb8............\x1a\xe3"
-               "e");
-    receive(2, "d5:added6:\x01\x02\x03\x05\x1a\xe1"
-               "e");
+    receive(2,
+            "d5:added14:\x01\x02\x03\x04\x1a\xe1\x05\x06\x07\x08\x1a\xe2xx6:added618:"
+            " \x01\r\xb8............\x1a\xe3"
+            "e");
+    receive(2,
+            "d5:added6:\x01\x02\x03\x05\x1a\xe1"
+            "e");
     ASSERT_THAT(peers, SizeIs(1));
     EXPECT_THAT(peers[0], ElementsAre(PeerAddress{"1.2.3.4", 6881}, PeerAddress{"5.6.7.8", 6882},
                                       PeerAddress{"2001:db8:2e2e:2e2e:2e2e:2e2e:2e2e:2e2e", 6883}));
