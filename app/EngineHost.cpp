@@ -3,12 +3,10 @@
 #include "Core/discovery/LANPeerSettingsStore.h"
 #include "Core/engine/CacheSites.h"
 #include "Core/engine/FallbackTrackers.h"
-#include "Core/engine/TorrentFile.h"
 #include "app/Command.h"
 #include "app/PortChoice.h"
 #include "public/common/ErrorText.h"
 #include "public/common/FatalFault.h"
-#include "public/common/WholeFile.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
@@ -97,24 +95,12 @@ TorrentSession::Options EngineHost::sessionDefaults() {
     options.cacheSites = listSetting("torrentCacheSites").value_or(CacheSites::torrentCacheSites);
     if (const auto rounds = settings_.number("skein.magnetRounds"); rounds && *rounds > 0)
         options.maxMagnetRounds = static_cast<int>(std::min<std::int64_t>(*rounds, 1'000'000));
-    options.torrentCopies = home_ / "torrents";
+    options.archive = archive();
     options.discovery.fallbackTrackers = listSetting("fallbackTrackers").value_or(builtInFallbackTrackers());
     options.discovery.manualLANPeers = addressesSetting(LANPeerSettingsStore::manualPeersKey);
     options.discovery.scansLAN = flagSetting(LANPeerSettingsStore::portScanKey, false);
     options.discovery.bindAddress = bindAddress_;
     return options;
-}
-
-fs::path EngineHost::resumeFile(const SHA1Digest& infoHash) const {
-    return home_ / "resume" / (toHex(infoHash) + ".torrent-resume");
-}
-
-std::optional<Bytes> EngineHost::savedTorrent(const SHA1Digest& infoHash) {
-    try {
-        return readWholeFile(home_ / "torrents" / (toHex(infoHash) + ".torrent"), TorrentFile::maxBytes);
-    } catch (const std::exception&) {
-        return std::nullopt;  // none, or none that can be read: it is fetched again
-    }
 }
 
 std::optional<std::string> EngineHost::setting(std::string_view key) {

@@ -45,10 +45,8 @@ public:
     TorrentSession::Services services();
     /// What the settings say of how a session works.
     TorrentSession::Options sessionDefaults();
-    /// Where the resume record of a torrent is kept.
-    std::filesystem::path resumeFile(const SHA1Digest& infoHash) const;
-    /// The copy kept of a `.torrent` that was used before; nothing when there is none.
-    std::optional<Bytes> savedTorrent(const SHA1Digest& infoHash);
+    /// What is kept of torrents that were used before.
+    TorrentArchive archive() const { return TorrentArchive(home_); }
 
     ThreadPools& pools() noexcept { return pools_; }
     Clock& clock() noexcept { return clock_; }

@@ -50,7 +50,6 @@ void TransferRun::add(TransferSource source, const std::string& name) {
     if (!goal_.seedsOnly) transfer->lock = std::make_unique<TargetLock>(folder, infoHash);
     TorrentSession::Options options = options_.sessionOptions(folder, std::move(defaults));
     options.seedsOnly = goal_.seedsOnly;
-    if (!goal_.seedsOnly) options.resumeFile = host_.resumeFile(infoHash);
     transfer->session = std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()),
                                                          host_.services(), std::move(options));
     transfer->session->setCallbacks(callbacksFor(*transfer));
@@ -64,13 +63,8 @@ SHA1Digest TransferRun::identify(Transfer& transfer, std::vector<std::string>& e
         const SHA1Digest infoHash = link->infoHash;
         transfer.status.infoHashHex = link->infoHashHex;
         transfer.status.name = link->displayName.value_or(link->infoHashHex);
-        auto saved = host_.savedTorrent(infoHash);
+        auto saved = host_.archive().torrent(infoHash);
         if (!saved) return infoHash;
-        try {
-            if (TorrentParser::parse(*saved).infoHash != infoHash) return infoHash;
-        } catch (const std::exception&) {
-            return infoHash;  // a damaged copy is as good as none
-        }
         extraTrackers.insert(extraTrackers.end(), link->trackers.begin(), link->trackers.end());
         transfer.source = std::move(*saved);
     }

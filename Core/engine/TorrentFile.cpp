@@ -22,20 +22,15 @@ std::optional<std::string> faultOf(ByteView data) {
     return std::nullopt;
 }
 
-std::filesystem::path save(const std::filesystem::path& folder, std::string_view name, ByteView data) {
+Saved save(const std::filesystem::path& folder, std::string_view name, ByteView data) {
     std::filesystem::create_directories(folder);
     std::filesystem::path path = folder / (safeFileName(name) + ".torrent");
     if (std::filesystem::exists(std::filesystem::symlink_status(path))) {
-        if (asText(readWholeFile(path, maxBytes)) == asText(data)) return path;
+        if (asText(readWholeFile(path, maxBytes)) == asText(data)) return {path, false};
         throw std::system_error(std::make_error_code(std::errc::file_exists), path.string());
     }
     replaceWholeFile(path, data);
-    return path;
-}
-
-void saveCopy(const std::filesystem::path& folder, std::string_view infoHashHex, ByteView data) {
-    std::filesystem::create_directories(folder);
-    replaceWholeFile(folder / (std::string(infoHashHex) + ".torrent"), data);
+    return {path, true};
 }
 
 Bytes infoDataOf(ByteView data) {

@@ -16,12 +16,13 @@ inline constexpr std::size_t maxBytes = std::size_t{32} << 20U;
 /// What keeps `data` from being a torrent at all, as the log says it.
 std::optional<std::string> faultOf(ByteView data);
 
-/// Writes `data` as NAME.torrent into `folder` (created when missing) and returns the path. A file of that name with
-/// the same bytes is left; one with others is never overwritten. Throws std::system_error with the reason.
-std::filesystem::path save(const std::filesystem::path& folder, std::string_view name, ByteView data);
-
-/// Writes `data` as HASH.torrent into `folder`, where torrents of one name do not meet. Throws std::system_error.
-void saveCopy(const std::filesystem::path& folder, std::string_view infoHashHex, ByteView data);
+struct Saved {
+    std::filesystem::path path;
+    bool isNew = false;  ///< it was not there before
+};
+/// Writes `data` as NAME.torrent into `folder` (created when missing). A file of that name with the same bytes is left;
+/// one with others is never overwritten. Throws std::system_error with the reason.
+Saved save(const std::filesystem::path& folder, std::string_view name, ByteView data);
 
 /// The bytes of the info dictionary in `data`, a `.torrent` that was parsed before.
 Bytes infoDataOf(ByteView data);

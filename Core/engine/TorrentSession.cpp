@@ -6,7 +6,6 @@
 #include "Core/formats/TorrentParser.h"
 #include "Core/wire/NWPeerWireTransport.h"
 #include "public/common/RunOn.h"
-#include "public/common/WholeFile.h"
 
 #include <algorithm>
 
@@ -21,8 +20,6 @@ constexpr std::chrono::seconds progressInterval{1};
 constexpr std::chrono::milliseconds progressPause{100};
 constexpr std::chrono::seconds syncInterval{10};
 constexpr std::chrono::seconds resumeRecordInterval{30};
-/// Of a resume record: that of a torrent with 1.6 million pieces in as many files is smaller.
-constexpr std::size_t maxResumeRecordBytes = std::size_t{64} << 20U;
 /// What is said to be left to trackers while the size is not known yet: not nothing, which would make us a seeder.
 constexpr std::int64_t leftOfUnknown = MetadataFetch::pieceSize;
 constexpr std::string_view metadataFailure = "Unable to fetch torrent info. Please check your network and try again.";
@@ -126,9 +123,8 @@ TorrentSession::ParsedTorrent TorrentSession::parseTorrent(const Bytes& torrentD
 
 asio::awaitable<void> TorrentSession::saveTorrentFile(Bytes torrentData) {
     auto save = [&] {
-        if (!options_.torrentCopies.empty())
-            TorrentFile::saveCopy(options_.torrentCopies, metaInfo_->infoHashHex, torrentData);
-        return TorrentFile::save(options_.savePath, metaInfo_->name, torrentData);
+        return options_.archive ? options_.archive->save(infoHash_, options_.savePath, metaInfo_->name, torrentData)
+                                : TorrentFile::save(options_.savePath, metaInfo_->name, torrentData).path;
     };
     std::string failure;
     try {
@@ -202,7 +198,7 @@ asio::awaitable<void> TorrentSession::enterRunning() {
     startPeerDiscoveryForDownload();
     updateProgress();
     lastProgressAt_ = {};                                // the first piece is told at once
-    if (!options_.resumeFile.empty()) syncNowAndThen();  // what was just hashed need not be again
+    if (options_.archive && !options_.seedsOnly) syncNowAndThen();  // what was just hashed need not be again
     startProgressLoop();
 }
 
@@ -469,25 +465,18 @@ asio::awaitable<void> TorrentSession::syncFiles() {
 }
 
 asio::awaitable<Bytes> TorrentSession::readResumeRecord() {
-    if (options_.resumeFile.empty()) co_return Bytes();
-    auto read = [this]() -> Bytes {
-        try {
-            return readWholeFile(options_.resumeFile, maxResumeRecordBytes);
-        } catch (const std::system_error&) {
-            return {};  // none: everything is checked
-        }
-    };
+    if (!options_.archive || options_.seedsOnly) co_return Bytes();
+    auto read = [this] { return options_.archive->resumeRecord(infoHash_); };
     co_return co_await runOn(services_.disk, std::move(read));
 }
 
 asio::awaitable<void> TorrentSession::writeResumeRecord(PieceSet verified) {
-    if (options_.resumeFile.empty()) co_return;
+    if (!options_.archive) co_return;
     const Bytes record = co_await pieceManager_->resumeRecord(std::move(verified));
     std::string failure;
     auto write = [&] {
         try {
-            std::filesystem::create_directories(options_.resumeFile.parent_path());
-            replaceWholeFile(options_.resumeFile, record);
+            options_.archive->saveResumeRecord(infoHash_, record);
         } catch (const std::system_error& error) {
             failure = error.what();
         }

@@ -8,6 +8,7 @@
 #include "Core/engine/PieceExchange.h"
 #include "Core/engine/PieceManager.h"
 #include "Core/engine/StallReason.h"
+#include "Core/engine/TorrentArchive.h"
 #include "Core/formats/MagnetLink.h"
 #include "Core/formats/TorrentMetaInfo.h"
 #include "Core/wire/PeerListener.h"
@@ -87,9 +88,8 @@ public:
         DiscoveryOptions discovery;
         std::vector<std::string> cacheSites;  ///< templates; empty: none is asked
         int maxMagnetRounds = MetadataSearch::defaultMaxRounds;
-        /// Where the resume record is kept, so that a later start need not hash all again; empty: none is.
-        std::filesystem::path resumeFile;
-        std::filesystem::path torrentCopies;  ///< a copy of each .torrent goes here, by info-hash; empty: none
+        /// Keeps the `.torrent`, and the resume record, so that a later start need not hash all again.
+        std::optional<TorrentArchive> archive;
     };
 
     TorrentSession(SHA1Digest infoHash, PeerID peerID, const Services& services, Options options);

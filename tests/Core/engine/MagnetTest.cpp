@@ -116,8 +116,9 @@ TEST_F(MagnetTest, becomesATorrentOverTheConnectionsThatItHas) {
     const auto seeder = startSeeder();
     TorrentSession::Options made = options();
     made.discovery.namedPeers = {seeder->address()};
-    TemporaryFolder copies;
-    made.torrentCopies = copies.path();
+    TemporaryFolder home;
+    const TorrentArchive archive(home.path());
+    made.archive = archive;
     magnet.trackers = {"udp://127.0.0.1:1/announce"};
     const auto getter = startGetter(std::move(made));
     waitFor(*getter, Kind::seeding);
@@ -129,7 +130,12 @@ TEST_F(MagnetTest, becomesATorrentOverTheConnectionsThatItHas) {
     const Bytes saved = TestTorrent::contentOf(getterFolder.path() / "t.torrent");
     EXPECT_EQ(TorrentParser::parse(saved).infoHash, infoHash);
     EXPECT_THAT(TorrentParser::parse(saved).announceList, ElementsAre(ElementsAre("udp://127.0.0.1:1/announce")));
-    EXPECT_EQ(TestTorrent::contentOf(copies.path() / (toHex(infoHash) + ".torrent")), saved);
+    EXPECT_EQ(archive.torrent(infoHash), saved);
+    getter->stop();
+    EXPECT_FALSE(archive.resumeRecord(infoHash).empty());
+    archive.forget(infoHash);
+    EXPECT_EQ(archive.torrent(infoHash), std::nullopt);
+    EXPECT_FALSE(std::filesystem::exists(getterFolder.path() / "t.torrent")) << "it was ours";
 }
 
 TEST_F(MagnetTest, getsTheMetadataInSpiteOfALiarASilentPeerAndOneThatRefuses) {
