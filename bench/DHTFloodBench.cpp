@@ -17,11 +17,13 @@
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <future>
 #include <random>
 #include <sstream>
 #include <string_view>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace skein {
 namespace {
@@ -162,7 +164,8 @@ private:
 };
 
 /// Looks for peers of one info-hash after the other.
-asio::awaitable<void> keepLooking(DHTNode& node, Random& random, std::size_t& found, const std::atomic<bool>& isOver) {
+asio::awaitable<void> keepLooking(DHTNode& node, Random& random, std::atomic<std::size_t>& found,
+                                  const std::atomic<bool>& isOver) {
     while (!isOver) {
         SHA1Digest infoHash{};
         random.fill(infoHash);
@@ -188,9 +191,11 @@ void flood(std::size_t count) {
     auto started = asio::co_spawn(pools.io(), node.start(), asio::use_future);
     while (started.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) attacker.answerQueries();
     started.get();
-    std::size_t found = 0;
+    std::atomic<std::size_t> found = 0;
     std::atomic<bool> isOver = false;
-    auto looking = asio::co_spawn(pools.io(), keepLooking(node, random, found, isOver), asio::use_future);
+    std::vector<std::future<void>> looking;
+    for (int i = 0; i < 50; ++i)
+        looking.push_back(asio::co_spawn(pools.io(), keepLooking(node, random, found, isOver), asio::use_future));
 
     const double before = residentMegabytes();
     const auto begin = clock.now();
@@ -206,11 +211,13 @@ void flood(std::size_t count) {
     const double after = residentMegabytes();
     const std::size_t dropped = backlogOf(options.port).dropped;
     isOver = true;
-    while (looking.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) attacker.answerQueries();
+    for (const auto& last : looking)
+        while (last.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) attacker.answerQueries();
     asio::co_spawn(pools.io(), node.stop(), asio::use_future).get();
     std::printf("%zu datagrams in %.1f s: %.0f a second, %zu dropped by the kernel\n", count, seconds,
                 static_cast<double>(count) / seconds, dropped);
-    std::printf("queries of the node answered with lies: %zu, peers handed out: %zu\n", attacker.answered(), found);
+    std::printf("queries of the node answered with lies: %zu, peers handed out: %zu\n", attacker.answered(),
+                found.load());
     std::printf("resident memory: %.1f MB before, %.1f MB after\n", before, after);
 }
 

@@ -6,6 +6,7 @@
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/ip/address.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/system_error.hpp>
 
@@ -64,8 +65,9 @@ asio::awaitable<void> DHTNode::announcePeer(SHA1Digest infoHash, std::uint16_t d
 }
 
 asio::awaitable<void> DHTNode::stop() {
+    co_await asio::this_coro::throw_if_cancelled(false);  // a caller that is cancelled half way still stops it all
     co_await tasks_.stop();
-    // On the strand, as streams that are given up go there; and to its end, like the stop before it.
+    // On the strand, where streams that are given up go too.
     co_await asio::co_spawn(tasks_.strand(), shutDown(),
                             asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
 }

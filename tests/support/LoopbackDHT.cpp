@@ -57,21 +57,15 @@ std::vector<Bytes> LoopbackDHT::answer(Node& node, const ScriptedUDPServer::Seen
     const std::string method = textAt(query, "q");
     if (textAt(query, "y") != "q" || arguments == nullptr || textAt(*arguments, "id").size() != 20) return {};
     ++queries_[method];
-    BEncodeValue::Dictionary reply{{"t", textAt(query, "t")}, {"y", "r"}};
     BEncodeValue::Dictionary values = valuesFor(node, method, *arguments, seen);
-    if (values.empty()) {
-        reply.back() = {"y", "e"};
-        reply.emplace_back("e", BEncodeValue::List{203, "Protocol Error"});
-    } else {
-        values.emplace_back("id", node.id);
-        reply.emplace_back("r", std::move(values));
-    }
-    return {BEncoder::encode(reply)};
+    if (values.empty()) return {};
+    values.emplace_back("id", node.id);
+    return {BEncoder::encode(BEncodeValue::Dictionary{{"t", textAt(query, "t")}, {"y", "r"}, {"r", values}})};
 } catch (const BEncodeException&) {
     return {};
 }
 
-/// Never empty but for what is refused.
+/// Nothing where the query is refused, which gets no answer.
 BEncodeValue::Dictionary LoopbackDHT::valuesFor(Node& node, const std::string& method, const BEncodeValue& arguments,
                                                 const ScriptedUDPServer::Seen& seen) {
     const char* nodesKey = isIPv4_ ? "nodes" : "nodes6";
@@ -90,7 +84,6 @@ BEncodeValue::Dictionary LoopbackDHT::valuesFor(Node& node, const std::string& m
         const bool isImplied = arguments.intAt("implied_port").value_or(0) != 0;
         const auto named = static_cast<std::uint16_t>(arguments.intAt("port").value_or(0));
         node.peers[infoHash].insert(compact(seen.remote, isImplied ? seen.remotePort : named));
-        ++announced_;
         return {{"v", "lo"}};
     }
     return {};

@@ -38,8 +38,6 @@ public:
     void addPeer(ByteView infoHash, const PeerAddress& peer);
     /// Queries understood, by method.
     const std::map<std::string, std::size_t>& queries() const { return queries_; }
-    /// Announces accepted.
-    std::size_t announced() const { return announced_; }
 
 private:
     struct Node {
@@ -57,7 +55,6 @@ private:
     const bool isIPv4_;
     std::deque<Node> nodes_;
     std::map<std::string, std::size_t> queries_;
-    std::size_t announced_ = 0;
 };
 
 }  // namespace skein

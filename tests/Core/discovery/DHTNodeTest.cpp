@@ -1,11 +1,9 @@
 #include "Core/discovery/DHTNode.h"
-#include "Core/formats/BEncoder.h"
 #include "public/common/ThreadPools.h"
 #include "tests/support/LoopbackDHT.h"
 #include "tests/support/RecordingLogger.h"
 #include "tests/support/Simulation.h"
 
-#include <boost/asio/use_future.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,20 +14,17 @@ using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::IsSupersetOf;
-using testing::MatchesRegex;
 
-/// Real time, but a hundred times as fast to whoever sleeps.
-class QuickClock final : public Clock {
-public:
+/// Real time, in which sleepers sleep a hundred times as fast.
+struct QuickClock final : Clock {
     TimePoint now() const override { return real.now(); }
     WallTime wallNow() const override { return real.wallNow(); }
     asio::awaitable<void> sleep(Duration duration) override { return real.sleep(duration / 100); }
     RealClock real;
 };
 
-/// The address (the parameter) is a literal, so that nothing is looked up.
+/// The parameter is the address of all nodes.
 class DHTNodeTest : public testing::TestWithParam<const char*> {
 protected:
     ~DHTNodeTest() override {
@@ -37,25 +32,20 @@ protected:
         simulation.finish(dht.stop());
     }
 
-    static PeerAddress asPeer(const DHTNode& node) { return {GetParam(), node.port()}; }
-    /// Starts a node, which then knows the bootstrap node and those that it names.
     void start(DHTNode& started) {
-        const auto seen = [&] { return dht.queries().contains("find_node"); };
-        auto ended = asio::co_spawn(simulation.executor(), started.start(), asio::use_future);
-        simulation.runUntil(seen);
+        simulation.start(started.start());
+        simulation.runUntil([&] { return started.port() != 0 && dht.queries().contains("find_node"); });
         simulation.advance(2s);
-        simulation.runUntil([&] { return ended.wait_for(0s) == std::future_status::ready; });
-        ended.get();
     }
     std::vector<PeerAddress> drain(PeerStream& stream) {
         std::vector<PeerAddress> peers;
         while (auto peer = simulation.finish(stream.next())) peers.push_back(*peer);
         return peers;
     }
-    /// Once more where the bootstrap node's answer was on its way for longer than the simulated two seconds.
+    /// Again while the bootstrap node's answer is on its way for longer than the simulated two seconds.
     std::vector<PeerAddress> find(DHTNode& by) {
         std::vector<PeerAddress> peers;
-        for (int i = 0; i < 1000 && peers.empty(); ++i) peers = drain(*by.findPeers(infoHash));
+        while (peers.empty()) peers = drain(*by.findPeers(infoHash));
         return peers;
     }
 
@@ -64,72 +54,67 @@ protected:
     SecureRandom random;
     SystemNameResolver resolver;
     const SHA1Digest infoHash = sha1(toBytes("a torrent"));
+    const PeerAddress seeder{GetParam(), 1};
     LoopbackDHT dht{simulation.executor(), {30, GetParam()}};
     const DHTNode::Environment environment{simulation.executor(), simulation, log, random, resolver};
     const DHTNode::Options options{GetParam(), 0, {dht.bootstrapNode()}};
     DHTNode node{environment, options};
 };
 
-INSTANTIATE_TEST_SUITE_P(families, DHTNodeTest, testing::Values("127.0.0.1", "::1"),
-                         [](const auto& family) { return family.index == 0 ? "IPv4" : "IPv6"; });
+INSTANTIATE_TEST_SUITE_P(families, DHTNodeTest, testing::Values("127.0.0.1", "::1"));
 
 TEST_P(DHTNodeTest, whatOneNodeAnnouncesAnotherFinds) {
-    dht.addPeer(infoHash, {GetParam(), 1});
+    dht.addPeer(infoHash, seeder);
     start(node);
-    EXPECT_THAT(find(node), ElementsAre(PeerAddress{GetParam(), 1}));  // and gathers tokens
+    EXPECT_THAT(find(node), ElementsAre(seeder));  // and gathers tokens
     EXPECT_THAT(log.lines().back(),
-                MatchesRegex("\\[DHT\\] lookup finished reason=exhausted queried=[0-9]+ responses=[0-9]+ "
-                             "timeouts=0 nodes=[0-9]+ peers=1 elapsed=0\\.0s"));
+                testing::MatchesRegex("\\[DHT\\] lookup finished reason=exhausted queried=[0-9]+ responses=[0-9]+ "
+                                      "timeouts=0 nodes=[0-9]+ peers=1 elapsed=0\\.0s"));
     simulation.finish(node.announcePeer(infoHash, 4));
-    EXPECT_EQ(dht.announced(), 8U);
     EXPECT_THAT(log.lines(), Contains("[DHT] announce_peer sent=8 ok=8 failed=0 successRate=100%"));
     simulation.advance(5s);
     EXPECT_EQ(simulation.sleepers(), 0U);  // an idle node has nothing to wake up for
-
     DHTNode other(environment, options);
     start(other);
-    EXPECT_THAT(find(other), IsSupersetOf({PeerAddress{GetParam(), 1}, asPeer(node)}));
+    EXPECT_THAT(find(other), IsSupersetOf({seeder, PeerAddress{GetParam(), node.port()}}));
     simulation.finish(other.stop());
 }
 
 TEST_P(DHTNodeTest, allWhoAskForOneInfoHashAreServedByOneLookup) {
-    dht.addPeer(infoHash, {GetParam(), 1});
+    dht.addPeer(infoHash, seeder);
     start(node);
     find(node);
     const std::size_t before = log.lines().size();
     auto first = node.findPeers(infoHash);
     const auto second = node.findPeers(infoHash);
-    auto third = node.findPeers(infoHash);
-    third.reset();
-    EXPECT_EQ(simulation.finish(first->next()), (PeerAddress{GetParam(), 1}));
-    auto late = node.findPeers(infoHash);
+    node.findPeers(infoHash).reset();
+    EXPECT_EQ(simulation.finish(first->next()), seeder);
+    const auto late = node.findPeers(infoHash);
     first.reset();
-    EXPECT_THAT(drain(*second), ElementsAre(PeerAddress{GetParam(), 1}));
-    EXPECT_THAT(drain(*late), ElementsAre(PeerAddress{GetParam(), 1}));
+    EXPECT_THAT(drain(*second), ElementsAre(seeder));
+    EXPECT_THAT(drain(*late), ElementsAre(seeder));
     EXPECT_EQ(log.lines().size(), before + 1);
 }
 
-TEST_P(DHTNodeTest, aLookupEndsWhenNobodyWantsItOrTheNodeStops) {
+TEST_P(DHTNodeTest, aLookupWaitsForTheBootstrapAndEndsWhenNobodyWantsItOrTheNodeStops) {
+    dht.addPeer(infoHash, seeder);
     simulation.start(node.start());
     simulation.runUntil([&] { return node.port() != 0; });
-    auto early = node.findPeers(infoHash);  // waits for the bootstrap
+    auto stream = node.findPeers(infoHash);
     simulation.runUntil([&] { return dht.queries().contains("find_node"); });
+    simulation.settle();
     EXPECT_FALSE(dht.queries().contains("get_peers"));
+    simulation.advance(2s);
+    find(node);
     simulation.finish(dht.stop());  // now all are silent
-    simulation.runUntil([&] {
-        simulation.advance(100ms);
-        return simulation.now() >= Clock::TimePoint{} + 1h + 2s;
-    });
-    early.reset();
-    simulation.settle();
-    EXPECT_THAT(log.lines(), Contains(HasSubstr("reason=cancelled")));
-    const auto stream = node.findPeers(infoHash);
-    auto waiting = asio::co_spawn(simulation.executor(), stream->next(), asio::use_future);
-    simulation.settle();
-    EXPECT_EQ(waiting.wait_for(0s), std::future_status::timeout);
+    for (const bool isGivenUp : {true, false}) {
+        stream = node.findPeers(infoHash);
+        simulation.settle();
+        if (isGivenUp) stream.reset();
+    }
+    EXPECT_THAT(log.lines().back(), HasSubstr("reason=cancelled"));
     simulation.finish(node.stop());
-    simulation.settle();
-    EXPECT_EQ(waiting.get(), std::nullopt);
+    EXPECT_EQ(simulation.finish(stream->next()), std::nullopt);
     EXPECT_EQ(simulation.sleepers(), 0U);
 }
 
@@ -138,26 +123,29 @@ TEST_P(DHTNodeTest, aPortThatIsTakenIsReported) {
     DHTNode second(environment, {GetParam(), node.port(), {}});
     EXPECT_THROW(simulation.finish(second.start()), boost::system::system_error);
     EXPECT_THAT(log.lines(), Contains("[DHT] Listener failed: Address already in use"));
-    EXPECT_THAT(drain(*second.findPeers(infoHash)), IsEmpty());
+    EXPECT_EQ(simulation.finish(second.findPeers(infoHash)->next()), std::nullopt);
     simulation.finish(second.stop());
 }
 
 TEST_P(DHTNodeTest, servesSessionsOnManyThreads) {
-    for (std::uint16_t port = 1; port <= 50; ++port) dht.addPeer(infoHash, {GetParam(), port});
+    dht.addPeer(infoHash, seeder);
     ThreadPools pools;
     QuickClock clock;
     DHTNode busy({pools.io(), clock, log, random, resolver}, {"", 0, {dht.bootstrapNode()}});
     auto started = asio::co_spawn(pools.io(), busy.start(), asio::use_future);
-    simulation.runUntil([&] { return busy.port() != 0; });
-    std::vector<std::unique_ptr<PeerStream>> streams;
-    std::vector<std::future<std::optional<PeerAddress>>> first;
-    for (int i = 0; i < 20; ++i) streams.push_back(busy.findPeers(infoHash));
-    for (const auto& stream : streams) first.push_back(asio::co_spawn(pools.io(), stream->next(), asio::use_future));
     const auto isReady = [](const auto& future) { return future.wait_for(0s) == std::future_status::ready; };
-    simulation.runUntil([&] { return isReady(started) && std::all_of(first.begin(), first.end(), isReady); });
+    // Again while the bootstrap node's answer is on its way for longer than the quick two seconds.
+    for (bool areServed = false; !areServed;) {
+        std::vector<std::unique_ptr<PeerStream>> streams;
+        std::vector<std::future<std::optional<PeerAddress>>> first;
+        for (int i = 0; i < 20; ++i) {
+            streams.push_back(busy.findPeers(infoHash));
+            first.push_back(asio::co_spawn(pools.io(), streams.back()->next(), asio::use_future));
+        }
+        simulation.runUntil([&] { return std::all_of(first.begin(), first.end(), isReady); });
+        areServed = std::all_of(first.begin(), first.end(), [](auto& peer) { return peer.get().has_value(); });
+    }
     started.get();
-    for (auto& peer : first) EXPECT_TRUE(peer.get());
-    for (int i = 0; i < 10; ++i) streams.pop_back();
     asio::co_spawn(pools.io(), busy.stop(), asio::use_future).get();
 }
 
