@@ -49,11 +49,13 @@ void MSEResponder::Keystream::begin(ByteView key) {
 }
 
 Bytes MSEResponder::Keystream::apply(Bytes data) {
+    Keystream copy = *this;  // that no write to `data` can change
     for (std::uint8_t& byte : data) {
-        j = static_cast<std::uint8_t>(j + s[++i]);
-        std::swap(s[i], s[j]);
-        byte ^= s[static_cast<std::uint8_t>(s[i] + s[j])];
+        copy.j = static_cast<std::uint8_t>(copy.j + copy.s[++copy.i]);
+        std::swap(copy.s[copy.i], copy.s[copy.j]);
+        byte ^= copy.s[static_cast<std::uint8_t>(copy.s[copy.i] + copy.s[copy.j])];
     }
+    *this = copy;
     return data;
 }
 
