@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Core/wire/BigUInt.h"
+#include "Core/wire/MSEPrime.h"
 #include "Core/wire/RC4.h"
 #include "public/common/Bytes.h"
 #include "public/common/SHA1.h"
@@ -11,9 +12,6 @@
 namespace skein {
 
 class Random;
-
-/// The two moduli in use. Most peers took a prime that ends otherwise than the one of RFC 2409.
-enum class MSEPrime : std::uint8_t { deployed, rfc2409 };
 
 /// The initiating side of message stream encryption, over bytes alone: RC4 is offered and nothing else.
 ///

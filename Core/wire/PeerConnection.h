@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Core/wire/MSEInitiator.h"
+#include "Core/wire/MSEPrime.h"
 #include "Core/wire/MessageDecoder.h"
 #include "Core/wire/PeerAddress.h"
 #include "Core/wire/PeerError.h"

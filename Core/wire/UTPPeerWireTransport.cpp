@@ -16,7 +16,6 @@
 #include <boost/system/system_error.hpp>
 
 #include <algorithm>
-#include <array>
 #include <exception>
 #include <utility>
 
@@ -30,6 +29,8 @@ namespace {
 constexpr std::uint16_t largestConnectionID = 65'533;
 /// Read before others on the strand get their turn.
 constexpr int maxDatagramsATurn = 64;
+/// No datagram is larger.
+constexpr std::size_t largestDatagram = 65'535;
 /// A sender's whole window may arrive at once; the system gives what it allows.
 constexpr int socketBufferSize = 2 * static_cast<int>(UTPStream::maxBuffered);
 
@@ -106,14 +107,13 @@ private:
     }
 
     void receiveDatagrams() {
-        std::array<std::uint8_t, 65'536>
-            buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the system
+        const auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(largestDatagram);
         for (int i = 0; i < maxDatagramsATurn; ++i) {
             boost::system::error_code error;
-            const std::size_t count = socket_.receive(asio::buffer(buffer), 0, error);
+            const std::size_t count = socket_.receive(asio::buffer(buffer.get(), largestDatagram), 0, error);
             if (error == asio::error::would_block) break;
             if (error) return end(std::make_exception_ptr(boost::system::system_error(error)));
-            if (!receiveMessage(ByteView(buffer).first(count))) return;
+            if (!receiveMessage({buffer.get(), count})) return;
         }
         waitForDatagrams();
     }

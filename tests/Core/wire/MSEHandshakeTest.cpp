@@ -1,5 +1,7 @@
+#include "Core/wire/BigUInt.h"
 #include "Core/wire/NWPeerWireTransport.h"
 #include "Core/wire/PeerConnection.h"
+#include "Core/wire/RC4.h"
 #include "tests/support/MSEResponder.h"
 #include "tests/support/RecordingLogger.h"
 #include "tests/support/Simulation.h"

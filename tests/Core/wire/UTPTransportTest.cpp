@@ -169,7 +169,9 @@ protected:
     /// Lets time pass only while the sockets are quiet.
     template <class Condition>
     void runUntil(Condition condition) {
+        const auto giveUpAt = simulation.now() + 5min;
         while (!condition()) {
+            if (simulation.now() > giveUpAt) throw std::runtime_error("the test waits in vain");
             const auto quietAt = std::chrono::steady_clock::now() + 1ms;
             simulation.runUntil([&] { return condition() || std::chrono::steady_clock::now() > quietAt; });
             simulation.advance(50ms);
