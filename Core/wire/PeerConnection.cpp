@@ -1,6 +1,8 @@
 #include "Core/wire/PeerConnection.h"
 
+#include "Core/wire/MSEHandshake.h"
 #include "public/common/ErrorText.h"
+#include "public/common/Random.h"
 #include "public/common/Within.h"
 
 #include <algorithm>
@@ -39,8 +41,9 @@ void PeerConnection::setCallbacks(Callbacks callbacks) {
 
 // --- handshake -------------------------------------------------------------------------------------------------------
 
-asio::awaitable<void> PeerConnection::connect(std::chrono::seconds timeout) {
-    return tasks_.call(establish(timeout, dialAndShakeHands()));
+asio::awaitable<void> PeerConnection::connect(std::chrono::seconds timeout, EncryptionPreference encryptionPreference,
+                                              MSEPrime prime) {
+    return tasks_.call(establish(timeout, dialAndShakeHands(encryptionPreference, prime)));
 }
 
 asio::awaitable<void> PeerConnection::accept(std::chrono::seconds timeout) {
@@ -66,7 +69,8 @@ asio::awaitable<void> PeerConnection::establish(std::chrono::seconds timeout, as
     }
     if (isLate) {
         transport_->cancel();
-        throw PeerException(PeerError::timeout);
+        const bool wasNegotiating = encryptionStatus_ == PeerEncryptionStatus::handshakeFailed;
+        throw PeerException(wasNegotiating ? PeerError::encryptionHandshakeFailed : PeerError::timeout);
     }
     isConnected_ = true;
     connectedAt_ = lastActiveAt_ = lastSentAt_ = environment_.clock.now();
@@ -78,10 +82,31 @@ void PeerConnection::begin() {
     tasks_.spawn(watchSilence());
 }
 
-asio::awaitable<void> PeerConnection::dialAndShakeHands() {
+asio::awaitable<void> PeerConnection::dialAndShakeHands(EncryptionPreference encryptionPreference, MSEPrime prime) {
     co_await transport_->start();
+    if (encryptionPreference == EncryptionPreference::mseRC4) co_await negotiateEncryption(prime);
+    logOverUTP("send BT handshake ");
     co_await sendHandshake();
+    logOverUTP("wait BT handshake ");
     co_await receiveHandshake();
+    logOverUTP("BT handshake ✓ ");
+}
+
+asio::awaitable<void> PeerConnection::negotiateEncryption(MSEPrime prime) try {
+    environment_.log.debug("[MSE] → ", address_.description(), " negotiating RC4 over ", textOf(transport_->kind()));
+    SecureRandom random;
+    co_await MSEHandshake::negotiateInitiator(transport_, identity_.infoHash, prime, random);
+    environment_.log.debug("[MSE] ✓ ", address_.description(), " RC4 selected");
+    encryptionStatus_ = PeerEncryptionStatus::encrypted;
+} catch (const MSEException& failure) {
+    encryptionStatus_ = PeerEncryptionStatus::handshakeFailed;
+    mayNeedOtherPrime_ = failure.mayNeedOtherPrime;
+    throw;
+}
+
+void PeerConnection::logOverUTP(std::string_view step) const {
+    if (transport_->kind() == PeerTransport::utp)
+        environment_.log.debug("[uTP][PeerWire] ", step, address_.description());
 }
 
 asio::awaitable<void> PeerConnection::shakeHandsAsAccepted() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/wire/MSEPrime.h"
 #include "Core/wire/MessageDecoder.h"
 #include "Core/wire/PeerAddress.h"
 #include "Core/wire/PeerError.h"
@@ -93,8 +94,10 @@ public:
     /// Not from inside a callback.
     void setCallbacks(Callbacks callbacks);
 
-    /// Dials and shakes hands. Throws PeerException or boost::system::system_error.
-    asio::awaitable<void> connect(std::chrono::seconds timeout = defaultConnectTimeout);
+    /// Dials and shakes hands, in an encrypted stream if asked to. Throws PeerException or boost::system::system_error.
+    asio::awaitable<void> connect(std::chrono::seconds timeout = defaultConnectTimeout,
+                                  EncryptionPreference encryptionPreference = EncryptionPreference::plaintext,
+                                  MSEPrime prime = MSEPrime::deployed);
     /// The same for an accepted connection: the peer's handshake comes first.
     asio::awaitable<void> accept(std::chrono::seconds timeout = defaultConnectTimeout);
     /// After `connect` or `accept`, when the callbacks are set: messages flow from here on.
@@ -120,6 +123,8 @@ public:
     PeerDirection direction() const noexcept { return direction_; }
     PeerTransport transportKind() const noexcept { return transport_->kind(); }
     PeerEncryptionStatus encryptionStatus() const noexcept { return encryptionStatus_; }
+    /// After encryption failed: with the other prime it may succeed.
+    bool mayNeedOtherPrime() const noexcept { return mayNeedOtherPrime_; }
     bool isConnected() const noexcept { return isConnected_; }
     std::optional<Clock::TimePoint> connectedAt() const noexcept { return connectedAt_; }
     /// When the peer last sent something.
@@ -152,9 +157,11 @@ private:
     void onPiece(std::uint32_t piece, std::uint32_t begin, ByteView block) override;
     void onExtended(ByteView body) override;
 
-    asio::awaitable<void> dialAndShakeHands();
+    asio::awaitable<void> dialAndShakeHands(EncryptionPreference encryptionPreference, MSEPrime prime);
+    asio::awaitable<void> negotiateEncryption(MSEPrime prime);
     asio::awaitable<void> shakeHandsAsAccepted();
     asio::awaitable<void> establish(std::chrono::seconds timeout, asio::awaitable<void> steps);
+    void logOverUTP(std::string_view step) const;
     asio::awaitable<void> sendHandshake();
     asio::awaitable<void> receiveHandshake();
 
@@ -177,7 +184,7 @@ private:
     const PeerAddress address_;
     const Identity identity_;
     const PeerDirection direction_;
-    const std::unique_ptr<PeerWireTransport> transport_;
+    std::unique_ptr<PeerWireTransport> transport_;
     Callbacks callbacks_;
 
     bool isConnected_ = false;
@@ -191,6 +198,7 @@ private:
     std::optional<Bytes> peerBitfield_;
     std::optional<PeerID> remotePeerID_;
     PeerEncryptionStatus encryptionStatus_ = PeerEncryptionStatus::plaintext;
+    bool mayNeedOtherPrime_ = false;
     std::optional<Clock::TimePoint> connectedAt_;
     std::optional<Clock::TimePoint> lastActiveAt_;
     std::optional<Clock::TimePoint> writingSince_;

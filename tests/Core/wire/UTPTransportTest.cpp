@@ -1,0 +1,256 @@
+#include "Core/wire/PeerConnection.h"
+#include "Core/wire/UTPPeerWireTransport.h"
+#include "Core/wire/UTPStream.h"
+#include "tests/support/RecordingLogger.h"
+#include "tests/support/ScriptedPeer.h"
+#include "tests/support/ScriptedUDPServer.h"
+#include "tests/support/Simulation.h"
+#include "tests/support/UTPAcceptor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace skein {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using Type = UTPPacketType;
+
+Bytes madeUp(std::size_t size) {
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::uint8_t>((i * 2654435761U) >> 13U);
+    return bytes;
+}
+
+/// A stream opened by a peer whose opening number is 500, and what it answers.
+class UTPStreamTest : public testing::Test {
+protected:
+    UTPStreamTest() {
+        stream.open(now);
+        open = give(Type::state, 500, 1);
+    }
+    std::optional<UTPPacketHeader> give(Type type, std::uint16_t sequence, std::uint16_t acknowledged,
+                                        ByteView payload = {}, std::uint16_t connection = 7) {
+        UTPPacket packet{{.type = type,
+                          .connectionID = connection,
+                          .windowSize = 10'000,
+                          .sequenceNumber = sequence,
+                          .acknowledgementNumber = acknowledged},
+                         {{2, extension}, {99, extension}},
+                         payload};
+        const Bytes datagram = packet.encode();
+        const auto answer = stream.take(UTPPacket::decode(datagram), now);
+        return answer ? std::optional(UTPPacket::decode(*answer).header) : std::nullopt;
+    }
+    std::string read() {
+        Bytes bytes(100);
+        bytes.resize(stream.read(bytes));
+        return std::string(asText(bytes));
+    }
+
+    const Bytes extension{1, 2, 3, 4};
+    Clock::TimePoint now{1h};
+    UTPStream stream{7};
+    std::optional<UTPPacketHeader> open;
+};
+
+TEST_F(UTPStreamTest, deliversInOrderOnceAndAnswersAllDataWithHowFarItIs) {
+    EXPECT_EQ(open->connectionID, 8);
+    EXPECT_EQ(open->acknowledgementNumber, 500);
+    EXPECT_EQ(give(Type::data, 501, 1, toBytes("one"))->acknowledgementNumber, 501);
+    EXPECT_EQ(give(Type::data, 503, 1, toBytes("three"))->acknowledgementNumber, 501);
+    EXPECT_EQ(give(Type::data, 501, 1, toBytes("one"))->windowSize, UTPStream::maxBuffered - 3);
+    EXPECT_EQ(give(Type::data, 502, 1, toBytes("two"), 8), std::nullopt) << "of another connection";
+    EXPECT_EQ(give(Type::reset, 502, 1, {}, 9), std::nullopt);
+    EXPECT_EQ(give(Type::data, 502, 1, toBytes("two"))->acknowledgementNumber, 502);
+    EXPECT_EQ(give(Type::fin, 503, 1)->acknowledgementNumber, 503);
+    EXPECT_EQ(give(Type::data, 504, 1, toBytes("late")), std::nullopt);
+    EXPECT_EQ(read(), "onetwo");
+    EXPECT_TRUE(stream.isFinished());
+}
+
+TEST_F(UTPStreamTest, sendsSixTimesByTheMeasuredRoundTripAndGivesTheNumberBack) {
+    const Bytes chunk = toBytes("chunk");
+    EXPECT_EQ(UTPPacket::decode(stream.sendPayload(chunk, now)).header.sequenceNumber, 2);
+    now += 100ms;
+    give(Type::state, 501, 1);
+    EXPECT_TRUE(stream.isAwaitingAck());
+    give(Type::state, 501, 2);
+    EXPECT_FALSE(stream.isAwaitingAck());
+    std::vector<std::int64_t> waits;
+    Bytes last = stream.sendPayload(chunk, now);
+    for (std::optional<Bytes> again = last; again; again = stream.retry(now)) {
+        waits.push_back((stream.deadline() - now) / 1ms);
+        now = stream.deadline();
+        last = *again;
+    }
+    EXPECT_THAT(waits, ElementsAre(200, 400, 800, 1600, 3000, 3000));
+    EXPECT_EQ(UTPPacket::decode(last).header.sequenceNumber, 3);
+    EXPECT_EQ(asText(UTPPacket::decode(last).payload), "chunk");
+    EXPECT_EQ(UTPPacket::decode(stream.sendPayload(chunk, now)).header.sequenceNumber, 3);
+}
+
+TEST_F(UTPStreamTest, goesRoundTheNumbersBothWays) {
+    for (std::uint32_t i = 0; i < 70'000; ++i) {
+        const auto theirs = static_cast<std::uint16_t>(501 + i);
+        const auto ours = static_cast<std::uint16_t>(2 + i);
+        ASSERT_EQ(give(Type::data, theirs, 1, toBytes("x"))->acknowledgementNumber, theirs);
+        stream.sendPayload(toBytes("y"), now);
+        ASSERT_EQ(stream.pendingSequence(), ours);
+        give(Type::state, theirs, ours);
+        ASSERT_FALSE(stream.isAwaitingAck());
+        ASSERT_EQ(read(), "x");
+    }
+}
+
+TEST_F(UTPStreamTest, takesNoMoreThanItHasRoomForAndTellsWhenThereIsRoomAgain) {
+    const Bytes payload(1000);
+    std::uint16_t sequence = 501;
+    while (give(Type::data, sequence, 1, payload)->windowSize >= payload.size()) ++sequence;
+    EXPECT_EQ(give(Type::data, sequence, 1, payload)->acknowledgementNumber, sequence);
+    ++sequence;
+    EXPECT_EQ(give(Type::data, sequence, 1, payload)->acknowledgementNumber, sequence - 1);
+    EXPECT_EQ(stream.windowUpdate(now), std::nullopt);
+    Bytes taken(UTPStream::maxBuffered);
+    EXPECT_EQ(stream.read(taken), std::size_t{sequence - 501U} * 1000);
+    const std::optional<Bytes> update = stream.windowUpdate(now);
+    ASSERT_TRUE(update);
+    EXPECT_EQ(UTPPacket::decode(*update).header.windowSize, UTPStream::maxBuffered);
+    EXPECT_EQ(give(Type::data, sequence, 1, payload)->acknowledgementNumber, sequence);
+}
+
+class UTPTransportTest : public testing::Test {
+protected:
+    ~UTPTransportTest() override { finish(); }
+    void finish() {
+        if (connection) simulation.finish(connection->stop());
+        if (peer) simulation.finish(peer->stop());
+    }
+    /// Connects to a peer behind `path`, which says our own handshake back.
+    void connect(UTPAcceptor::Path path) {
+        finish();
+        peer = std::make_unique<UTPAcceptor>(simulation.executor(), simulation, path);
+        connection = std::make_unique<PeerConnection>(
+            PeerConnection::Environment{strand, simulation, log, unlimited, unlimited}, peer->address(),
+            PeerConnection::Identity{sha1(toBytes("a torrent")), peerIDOf('o')}, makeTransport(peer->address()),
+            PeerDirection::outgoing);
+        PeerConnection::Callbacks callbacks;
+        callbacks.onPieceReceived = [this](std::uint32_t, std::uint32_t, ByteView block) { append(received, block); };
+        callbacks.onDisconnected = [this](const std::string& reason) { endReason = reason; };
+        connection->setCallbacks(std::move(callbacks));
+        received.clear();
+        endReason.clear();
+        simulation.start(echoHandshake());
+        simulation.start(connection->connect(60s));
+        runUntil([&] { return connection->isConnected(); });
+        connection->begin();
+    }
+    std::unique_ptr<UTPPeerWireTransport> makeTransport(const PeerAddress& address) {
+        return std::make_unique<UTPPeerWireTransport>(simulation, log, address, 5s, "");
+    }
+    asio::awaitable<void> echoHandshake() {
+        Bytes handshake = co_await peer->read(PeerHandshake::size);
+        co_await peer->send(std::move(handshake));
+    }
+    asio::awaitable<void> readFromUs(std::size_t count, Bytes& into) { into = co_await peer->read(count); }
+    asio::awaitable<void> open(UTPPeerWireTransport& transport) try {
+        co_await transport.start();
+        endReason = "open";
+    } catch (const std::exception& error) {
+        endReason = error.what();
+    }
+    static Bytes pieceMessage(const Bytes& block) {
+        Bytes message(wire::pieceHeaderSize);
+        wire::writePieceHeader(message.data(), {0, 0, static_cast<int>(block.size())});
+        append(message, block);
+        return message;
+    }
+    /// Lets time pass only while the sockets are quiet.
+    template <class Condition>
+    void runUntil(Condition condition) {
+        const auto giveUpAt = simulation.now() + 5min;
+        while (!condition()) {
+            if (simulation.now() > giveUpAt) throw std::runtime_error("the test waits in vain");
+            const auto quietAt = std::chrono::steady_clock::now() + 1ms;
+            simulation.runUntil([&] { return condition() || std::chrono::steady_clock::now() > quietAt; });
+            simulation.advance(50ms);
+        }
+    }
+
+    Simulation simulation;
+    RecordingLogger log{LogLevel::debug};
+    Throttle unlimited;
+    Strand strand = asio::make_strand(simulation.executor());
+    std::unique_ptr<UTPAcceptor> peer;
+    std::unique_ptr<PeerConnection> connection;
+    Bytes received;
+    std::string endReason;
+};
+
+TEST_F(UTPTransportTest, carriesAConversationOverABadPathByEitherConvention) {
+    const Bytes content = madeUp(400'000);
+    for (const bool hasStateNumber : {true, false}) {
+        connect({0.05, 0.05, 0.05, 2ms, hasStateNumber, 65'500});
+        simulation.start(peer->send(pieceMessage(content)));
+        runUntil([&] { return received.size() >= content.size(); });
+        EXPECT_EQ(received, content);
+        std::vector<BlockRequest> requests(500, BlockRequest{1, 2, 3});
+        connection->sendRequests(requests);
+        Bytes asked;
+        simulation.start(readFromUs(500 * 17, asked));
+        runUntil([&] { return !asked.empty(); });
+        EXPECT_EQ(readBigEndian<std::uint32_t>(ByteView(asked).last(4)), 3U);
+        const std::string name = peer->address().description();
+        EXPECT_THAT(log.lines(), testing::IsSupersetOf({"[uTP][PeerWire] send BT handshake " + name,
+                                                        "[uTP][PeerWire] BT handshake ✓ " + name}));
+    }
+}
+
+TEST_F(UTPTransportTest, endsWithThePeerAndKeepsWhatCameBefore) {
+    for (const auto how : {UTPAcceptor::fin, UTPAcceptor::reset}) {
+        connect({});
+        simulation.finish(peer->send(pieceMessage(madeUp(5000))));
+        runUntil([&] { return received.size() == 5000; });
+        Bytes broken = pieceMessage(madeUp(9000));
+        broken.resize(7000);
+        simulation.finish(peer->send(std::move(broken)));
+        peer->sendPacket(how);
+        runUntil([&] { return !endReason.empty(); });
+        EXPECT_EQ(endReason, "Peer connection closed");
+        EXPECT_EQ(received.size(), 5000U);
+    }
+}
+
+TEST_F(UTPTransportTest, cutsWhatItSendsAndTakesItsLeave) {
+    peer = std::make_unique<UTPAcceptor>(simulation.executor(), simulation, UTPAcceptor::Path{});
+    const auto transport = makeTransport(peer->address());
+    simulation.finish(transport->start());
+    simulation.finish(transport->send(madeUp(3000)));
+    transport->cancel();
+    runUntil([&] { return peer->seen.back().type == UTPAcceptor::fin; });
+    std::vector<std::size_t> sizes;
+    for (const UTPAcceptor::Packet& packet : peer->seen) sizes.push_back(packet.size);
+    EXPECT_THAT(sizes, ElementsAre(0, 0, 1180, 1180, 640, 0)) << "opened, acknowledged, sent, ended";
+}
+
+TEST_F(UTPTransportTest, failsToOpenWithAPeerThatRefusesOrIsSilent) {
+    for (const bool refuses : {true, false}) {
+        ScriptedUDPServer server(simulation.executor(), [=](const ScriptedUDPServer::Seen& seen) {
+            Bytes reset = seen.datagram;
+            reset[0] = 0x31;
+            return refuses ? std::vector<Bytes>{reset} : std::vector<Bytes>{};
+        });
+        const auto transport = makeTransport({"127.0.0.1", server.port()});
+        endReason.clear();
+        simulation.start(open(*transport));
+        runUntil([&] { return !endReason.empty(); });
+        EXPECT_THAT(endReason, testing::StartsWith(refuses ? "unexpected uTP open response: ST_RESET cid="
+                                                           : "Peer connection timed out"));
+        EXPECT_EQ(server.seen().size(), refuses ? 1U : 3U) << "the SYN is sent at 0, 1 and 3 of 5 s";
+        simulation.finish(server.stop());
+    }
+}
+
+}  // namespace
+}  // namespace skein
