@@ -104,7 +104,7 @@ ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
 
 ChildProcess::~ChildProcess() {
     if (id_ == 0) return;
-    ::kill(id_, SIGKILL);
+    ::kill(-id_, SIGKILL);  // its group: what it started goes with it
     while (::waitpid(id_, nullptr, 0) < 0 && errno == EINTR) {}
 }
 

@@ -16,7 +16,7 @@ public:
     explicit ChildProcess(const std::vector<std::string>& arguments);
     ChildProcess(ChildProcess&& other) noexcept;
     ChildProcess& operator=(ChildProcess&& other) noexcept;
-    /// Kills the program if it still runs, and waits for its end: a moment.
+    /// Kills the program, and what it started, if it still runs; waits for its end: a moment.
     ~ChildProcess();
 
     /// Never waits. From true on, the program is reaped.
