@@ -29,6 +29,8 @@ struct TrackerRuntimeInfo {
     std::optional<Date> lastAnnounceAt;  ///< that succeeded
     std::optional<Date> nextAnnounceAt;
     std::optional<std::string> lastError;
+
+    friend bool operator==(const TrackerRuntimeInfo&, const TrackerRuntimeInfo&) = default;
 };
 
 }  // namespace skein

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "Core/formats/TorrentMetaInfo.h"
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace skein {
+
+/// The files of one task under the download folder.
+///
+/// Immutable; any thread. All but `fileURL` make file calls and belong on the disk pool.
+class TaskFiles {
+public:
+    TaskFiles(std::filesystem::path folder, std::vector<TorrentFileInfo> files);
+
+    /// Where `file` lies; nothing for a path that leads out of the folder.
+    std::optional<std::filesystem::path> fileURL(const TorrentFileInfo& file) const;
+    /// The first file that exists.
+    std::optional<std::filesystem::path> firstExistingFileURL() const;
+    /// What a file manager should show: the existing file of a task with one, the top folder of one with several, else
+    /// the download folder.
+    std::filesystem::path bestRevealURL() const;
+    /// Whether `file` exists and is complete; `progress` is what `TorrentTask::fileProgress` says of it.
+    bool isFileAvailable(const TorrentFileInfo& file, double progress) const;
+
+    struct Removal {
+        std::size_t files = 0;    ///< that were deleted
+        std::size_t folders = 0;  ///< that were deleted
+        std::size_t failures = 0;
+        std::string firstFailure;  ///< "path: reason"; empty without one
+    };
+    /// Deletes the files of the list, then the folders below the download folder that this left empty. What is not in
+    /// the list stays. Symbolic links are neither followed below the download folder nor deleted. What is missing
+    /// already is no failure; a failure does not keep the rest from being deleted.
+    Removal remove() const;
+
+private:
+    std::filesystem::path folder_;
+    std::vector<TorrentFileInfo> files_;
+};
+
+}  // namespace skein

@@ -1,0 +1,79 @@
+#include "downloads/TaskFiles.h"
+#include "public/common/WholeFile.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace skein {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TaskFilesTest : public testing::Test {
+protected:
+    void make(const fs::path& path) {
+        fs::create_directories(path.parent_path());
+        replaceWholeFile(path, toBytes("x"));
+    }
+    TaskFiles files(std::initializer_list<std::string> paths) {
+        std::vector<TorrentFileInfo> list;
+        for (const std::string& path : paths) list.push_back({path, 1, 0});
+        return {folder, list};
+    }
+    std::set<std::string> left() {
+        std::set<std::string> paths;
+        for (const auto& entry : fs::recursive_directory_iterator(temporary.path()))
+            paths.insert(entry.path().lexically_relative(temporary.path()).string());
+        return paths;
+    }
+
+    const TemporaryFolder temporary;
+    const fs::path folder = temporary.path() / "downloads";
+};
+
+TEST_F(TaskFilesTest, removesItsFilesAndTheFoldersThatThisLeftEmpty) {
+    for (const char* path : {"t/a", "t/sub/deep/b", "t/sub/c", "t/kept/theirs", "t/kept/d"}) make(folder / path);
+    fs::create_directories(folder / "t/empty");
+    const auto removal = files({"t/a", "t/sub/deep/b", "t/./sub//c", "t/kept/d", "t/empty/missing", "u/v"}).remove();
+    EXPECT_EQ(removal.files, 4U);
+    EXPECT_EQ(removal.folders, 2U);
+    EXPECT_EQ(removal.failures, 0U) << removal.firstFailure;
+    EXPECT_THAT(left(), testing::ElementsAre("downloads", "downloads/t", "downloads/t/empty", "downloads/t/kept",
+                                             "downloads/t/kept/theirs"));
+    make(folder / "one");
+    EXPECT_EQ(files({"one"}).remove().files, 1U);
+    EXPECT_TRUE(fs::is_directory(folder));
+}
+
+TEST_F(TaskFilesTest, removesNothingOutsideOfTheDownloadFolderNorThroughALink) {
+    make(temporary.path() / "outside/file");
+    make(folder / "t/mine");
+    fs::create_directory_symlink(temporary.path() / "outside", folder / "t/link");
+    fs::create_symlink(temporary.path() / "outside/file", folder / "t/alias");
+    fs::create_directories(folder / "t/folder");
+    const auto before = left();
+    const auto removal = files({"../outside/file", (temporary.path() / "outside/file").string(), "t/link/file",
+                                "t/alias", "t/folder", "t/mine/below"})
+                             .remove();
+    EXPECT_EQ(removal.failures, 6U);
+    EXPECT_EQ(removal.firstFailure, "../outside/file: not below the download folder");
+    EXPECT_EQ(left(), before);
+}
+
+TEST_F(TaskFilesTest, findsWhatToShow) {
+    EXPECT_EQ(files({"t/a", "t/b"}).bestRevealURL(), folder);
+    make(folder / "t/b");
+    EXPECT_EQ(files({"t/a", "t/b"}).bestRevealURL(), folder / "t");
+    EXPECT_EQ(files({"t/a", "t/b"}).firstExistingFileURL(), folder / "t/b");
+    EXPECT_EQ(files({"t/b"}).bestRevealURL(), folder / "t/b");
+    EXPECT_EQ(files({}).fileURL({"../x", 1, 0}), std::nullopt);
+    EXPECT_TRUE(files({}).isFileAvailable({"t/b", 1, 0}, 1.0));
+    EXPECT_FALSE(files({}).isFileAvailable({"t/b", 1, 0}, 0.9));
+    EXPECT_FALSE(files({}).isFileAvailable({"t/a", 1, 0}, 1.0));
+}
+
+}  // namespace
+}  // namespace skein

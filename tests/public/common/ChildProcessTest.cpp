@@ -1,0 +1,31 @@
+#include "public/common/ChildProcess.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cerrno>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace skein {
+namespace {
+
+TEST(ChildProcessTest, hasNoneOfOurFilesAndEndsWithItsOwner) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe(ends.data()), 0);
+    {
+        ChildProcess sleeper({"sleep", "100"});
+        EXPECT_FALSE(sleeper.hasEnded());
+        ::close(ends[1]);
+        char byte = 0;
+        EXPECT_EQ(::read(ends[0], &byte, 1), 0) << "waits as long as the program has the other end";
+    }
+    EXPECT_EQ(::waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+    ::close(ends[0]);
+    EXPECT_THROW(ChildProcess({"no such program"}), std::system_error);
+}
+
+}  // namespace
+}  // namespace skein
