@@ -1,13 +1,12 @@
 #pragma once
 
-#include "Core/formats/TorrentMetaInfo.h"
+#include "downloads/FileList.h"
 #include "public/common/Clock.h"
 
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace skein {
 
@@ -26,7 +25,7 @@ struct SavedTask {
     Text status;
     std::optional<std::int64_t> totalSize;  ///< bytes
     std::optional<double> progress;         ///< 0 to 1
-    std::optional<std::vector<TorrentFileInfo>> files;
+    std::optional<FileList> files;
     Text category;
     Text notes;
     Text downloadURL;

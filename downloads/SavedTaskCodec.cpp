@@ -33,7 +33,7 @@ json::value write(bool flag) { return flag; }
 json::value write(Clock::WallTime date) {
     return static_cast<double>(std::chrono::round<microseconds>(date - reference).count()) / 1e6;
 }
-json::value write(const std::vector<TorrentFileInfo>& files) {
+json::value write(const FileList& files) {
     json::array list;
     list.reserve(files.size());
     for (const TorrentFileInfo& file : files)
@@ -66,7 +66,7 @@ bool read(const json::value& value, Clock::WallTime& into) {
     return true;
 }
 
-bool read(const json::value& value, std::vector<TorrentFileInfo>& into);
+bool read(const json::value& value, FileList& into);
 
 /// Reads the value at `key`, which must be there.
 template <class T>
@@ -81,16 +81,20 @@ bool readKey(const json::object& fields, std::string_view key, std::optional<T>&
     return value == nullptr || value->is_null() || read(*value, into.emplace());
 }
 
-bool read(const json::value& value, std::vector<TorrentFileInfo>& into) {
+bool read(const json::value& value, FileList& into) {
     if (!value.is_array()) return false;
-    into.reserve(value.get_array().size());
-    return std::all_of(value.get_array().begin(), value.get_array().end(), [&](const json::value& item) {
+    FileList::Files files;
+    files.reserve(value.get_array().size());
+    for (const json::value& item : value.get_array()) {
         if (!item.is_object()) return false;
         const json::object& fields = item.get_object();
-        TorrentFileInfo& file = into.emplace_back();
-        return readKey(fields, "path", file.path) && readKey(fields, "size", file.size) &&
-               readKey(fields, "offset", file.offset);
-    });
+        TorrentFileInfo& file = files.emplace_back();
+        if (!readKey(fields, "path", file.path) || !readKey(fields, "size", file.size) ||
+            !readKey(fields, "offset", file.offset))
+            return false;
+    }
+    into = FileList(std::move(files));
+    return true;
 }
 
 /// Calls `visit(key, field)` for each field of `task`, in the order of the keys, while it returns true.
@@ -116,7 +120,15 @@ void writeKey(json::object& fields, std::string_view key, const std::optional<T>
 }  // namespace
 
 std::string encode(std::span<const SavedTask> tasks) {
+    // A string that grows on its own is held twice each time it does.
+    std::size_t guess = 2;
+    for (const SavedTask& task : tasks) {
+        guess += 500;
+        if (task.files)
+            for (const TorrentFileInfo& file : *task.files) guess += file.path.size() + 60;
+    }
     std::string text = "[";
+    text.reserve(guess);
     for (const SavedTask& task : tasks) {
         json::object fields;
         forEachField(task, [&](std::string_view key, const auto& field) {

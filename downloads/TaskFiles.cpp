@@ -99,8 +99,7 @@ private:
 
 }  // namespace
 
-TaskFiles::TaskFiles(fs::path folder, std::vector<TorrentFileInfo> files)
-    : folder_(std::move(folder)), files_(std::move(files)) {}
+TaskFiles::TaskFiles(fs::path folder, FileList files) : folder_(std::move(folder)), files_(std::move(files)) {}
 
 std::optional<fs::path> TaskFiles::fileURL(const TorrentFileInfo& file) const {
     const auto path = safePath(file);

@@ -1,12 +1,11 @@
 #pragma once
 
-#include "Core/formats/TorrentMetaInfo.h"
+#include "downloads/FileList.h"
 
 #include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace skein {
 
@@ -15,7 +14,7 @@ namespace skein {
 /// Immutable; any thread. All but `fileURL` make file calls and belong on the disk pool.
 class TaskFiles {
 public:
-    TaskFiles(std::filesystem::path folder, std::vector<TorrentFileInfo> files);
+    TaskFiles(std::filesystem::path folder, FileList files);
 
     /// Where `file` lies; nothing for a path that leads out of the folder.
     std::optional<std::filesystem::path> fileURL(const TorrentFileInfo& file) const;
@@ -40,7 +39,7 @@ public:
 
 private:
     std::filesystem::path folder_;
-    std::vector<TorrentFileInfo> files_;
+    FileList files_;
 };
 
 }  // namespace skein

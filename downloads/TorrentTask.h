@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Core/discovery/TrackerRuntimeInfo.h"
-#include "Core/formats/TorrentMetaInfo.h"
 #include "downloads/DownloadType.h"
+#include "downloads/FileList.h"
 #include "downloads/Observed.h"
 #include "downloads/PeerDetailStore.h"
 #include "downloads/ResearchCategory.h"
@@ -63,7 +63,7 @@ public:
     Value<TaskField::peerCount, std::int64_t> peerCount{changes_};          ///< connected
     Value<TaskField::totalSize, std::int64_t> totalSize{changes_};          ///< bytes
     Value<TaskField::downloadedBytes, std::int64_t> downloadedBytes{changes_};
-    Value<TaskField::files, std::vector<TorrentFileInfo>> files{changes_};
+    Value<TaskField::files, FileList> files{changes_};
     Value<TaskField::errorMessage, Text> errorMessage{changes_};
     Value<TaskField::statusMessage, Text> statusMessage{changes_};  ///< of the moment
     Value<TaskField::stallReason, Text> stallReason{changes_};      ///< why nothing moves, while nothing does
@@ -110,7 +110,7 @@ public:
     Text remainingTime() const;
     /// The verified fraction of a file, 0 to 1; the whole task's while its pieces are not known.
     double fileProgress(const TorrentFileInfo& file) const;
-    /// The files as they lie under `folder`, the download folder: a copy that may go to the disk pool.
+    /// The files as they lie under `folder`, the download folder: a value that may go to the disk pool.
     TaskFiles filesIn(std::filesystem::path folder) const { return {std::move(folder), files()}; }
 
     /// Completed, with every piece.

@@ -33,7 +33,7 @@ TEST_F(SavedTaskTest, isOneRecordWithItsKeysInOrder) {
                    .status = "paused",
                    .totalSize = std::int64_t{1} << 60U,
                    .progress = 0.5,
-                   .files = std::vector<TorrentFileInfo>{{"a/b", 1, 2}},
+                   .files = FileList({{"a/b", 1, 2}}),
                    .category = "paper",
                    .notes = "",
                    .downloadURL = "u",

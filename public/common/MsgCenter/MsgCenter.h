@@ -1,7 +1,7 @@
 #pragma once
 
-#include "public/common/MsgCenter/Subscriber.h"
 #include "public/common/MsgCenter/Subscription.h"
+#include "public/common/MsgCenter/Topic.h"
 
 #include <boost/asio/any_io_executor.hpp>
 
@@ -10,7 +10,6 @@
 #include <typeindex>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 namespace skein {
 
@@ -27,50 +26,29 @@ public:
     MsgCenter& operator=(const MsgCenter&) = delete;
 
     /// Calls `handler` on `executor`, a strand or a context with one thread, for each message until the subscription
-    /// goes. The handler does not throw.
+    /// goes; the executor's context outlives it. The handler does not throw.
     template <class Message>
     [[nodiscard]] Subscription subscribe(const asio::any_io_executor& executor,
                                          typename Subscriber<Message>::Handler handler) {
-        auto subscriber = std::make_shared<Subscriber<Message>>(executor, std::move(handler));
-        const std::lock_guard lock(mutex_);
-        auto& topic = topicOf<Message>();
-        std::erase_if(topic.subscribers, [](const auto& other) { return other->hasEnded(); });
-        topic.subscribers.push_back(subscriber);
-        return Subscription(std::move(subscriber));
+        return topicOf<Message>()->subscribe(executor, std::move(handler));
     }
 
     template <class Message>
     void publish(const Message& message) {
-        // Under the lock, so that all subscribers see the messages of several publishers in one order.
-        const std::lock_guard lock(mutex_);
-        const auto found = topics_.find(typeid(Message));
-        if (found == topics_.end()) return;
-        auto& subscribers = static_cast<Topic<Message>&>(*found->second).subscribers;
-        std::erase_if(subscribers, [](const auto& subscriber) { return subscriber->hasEnded(); });
-        for (const auto& subscriber : subscribers) subscriber->enqueue(message);
+        topicOf<Message>()->publish(message);
     }
 
 private:
-    struct AnyTopic {
-        AnyTopic() = default;
-        AnyTopic(const AnyTopic&) = delete;
-        AnyTopic& operator=(const AnyTopic&) = delete;
-        virtual ~AnyTopic() = default;
-    };
     template <class Message>
-    struct Topic final : AnyTopic {
-        std::vector<std::shared_ptr<Subscriber<Message>>> subscribers;
-    };
-
-    template <class Message>
-    Topic<Message>& topicOf() {
-        std::unique_ptr<AnyTopic>& topic = topics_[typeid(Message)];
-        if (!topic) topic = std::make_unique<Topic<Message>>();
-        return static_cast<Topic<Message>&>(*topic);
+    std::shared_ptr<Topic<Message>> topicOf() {
+        const std::lock_guard lock(mutex_);
+        std::shared_ptr<void>& topic = topics_[typeid(Message)];
+        if (!topic) topic = std::make_shared<Topic<Message>>();
+        return std::static_pointer_cast<Topic<Message>>(topic);
     }
 
     std::mutex mutex_;
-    std::unordered_map<std::type_index, std::unique_ptr<AnyTopic>> topics_;
+    std::unordered_map<std::type_index, std::shared_ptr<void>> topics_;
 };
 
 }  // namespace skein

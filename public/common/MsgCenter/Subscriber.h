@@ -1,7 +1,5 @@
 #pragma once
 
-#include "public/common/MsgCenter/Subscription.h"
-
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/post.hpp>
 
@@ -27,7 +25,7 @@ concept Absorbing = requires(Message earlier, const Message& later) {
 ///
 /// Publishers and the handler's thread meet here, so there is a lock; the handler runs outside of it. Thread: any.
 template <class Message>
-class Subscriber final : public Subscription::Link, public std::enable_shared_from_this<Subscriber<Message>> {
+class Subscriber final : public std::enable_shared_from_this<Subscriber<Message>> {
 public:
     using Handler = std::function<void(const Message&)>;
 
@@ -37,11 +35,10 @@ public:
     Subscriber(asio::any_io_executor executor, Handler handler)
         : executor_(std::move(executor)), handler_(std::move(handler)) {}
 
-    bool hasEnded() const noexcept { return hasEnded_.load(std::memory_order_acquire); }
+    /// From here on the handler is not called; on its own strand that is certain.
+    void end() noexcept { hasEnded_.store(true, std::memory_order_release); }
 
-    void end() noexcept override { hasEnded_.store(true, std::memory_order_release); }
-
-    std::size_t lost() const override {
+    std::size_t lost() const {
         const std::lock_guard lock(mutex_);
         return lost_;
     }
@@ -73,7 +70,7 @@ private:
             batch.swap(waiting_);
         }
         for (const Message& message : batch) {
-            if (hasEnded()) return;
+            if (hasEnded_.load(std::memory_order_acquire)) return;
             handler_(message);
         }
         const std::lock_guard lock(mutex_);
