@@ -1,0 +1,53 @@
+#pragma once
+
+#include "public/common/Bytes.h"
+#include "public/common/HTTPMessage.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace skein {
+
+/// What is kept of an unfinished HTTP download, so that it goes on where it was: which file, of which URL, and what the
+/// server said by which it is known again (RFC 9110, 8.8).
+///
+/// The unfinished file is only ever added to. What it held when this was written (`syncedBytes`) was on the disk by
+/// then. What it holds beyond that is as good while the machine runs, whatever became of the program; after a restart
+/// of the machine it may be a hole that was never written, and is fetched again.
+struct ResumeData {
+    std::string url;
+    std::string fileName;  ///< of the finished file, one path component
+    std::string entityTag;
+    std::string lastModified;      ///< empty where it does not tell one version from the next
+    std::int64_t totalBytes = -1;  ///< -1: not known
+    std::int64_t syncedBytes = 0;
+    std::string bootID;  ///< of the machine's run in which this was written
+
+    /// With what `head` says.
+    static ResumeData of(std::string url, std::string fileName, const HTTPResponse& head, std::int64_t totalBytes);
+    /// For If-Range: a strong entity tag or else a date; empty when there is neither.
+    std::string validator() const;
+    /// Whether a part of the same file can be told from a part of another. By the size alone where the server gives
+    /// nothing better.
+    bool isResumable() const { return totalBytes >= 0 || !validator().empty(); }
+    /// Whether `head` does not contradict that it is the same file.
+    bool agreesWith(const HTTPResponse& head) const;
+    /// How much of an unfinished file of `size` bytes is taken for good.
+    std::int64_t trustedBytes(std::int64_t size) const;
+
+    /// "resume_HASH.dat", named for the source and the folder it goes to.
+    static std::filesystem::path fileFor(const std::filesystem::path& folder, std::string_view url,
+                                         const std::filesystem::path& savePath);
+    /// Nothing when there is none, or it is damaged or of another URL. Blocks: disk pool only.
+    static std::optional<ResumeData> load(const std::filesystem::path& file, std::string_view url);
+    /// Replaces the file as a whole, readable by its owner alone (a URL may hold a password). Throws
+    /// std::system_error. Blocks, as above.
+    void save(const std::filesystem::path& file) const;
+
+    friend bool operator==(const ResumeData&, const ResumeData&) = default;
+};
+
+}  // namespace skein
