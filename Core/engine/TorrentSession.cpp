@@ -32,6 +32,7 @@ TorrentSession::TorrentSession(SHA1Digest infoHash, PeerID peerID, const Service
       services_(services),
       options_(std::move(options)),
       tasks_(services.io),
+      searchEnded_(tasks_.strand()),
       peerPool_(poolEnvironment(), poolCallbacks()) {
     peerPool_.setSpeedLimits(options_.downloadLimit, options_.uploadLimit);
 }
@@ -193,6 +194,7 @@ asio::awaitable<void> TorrentSession::enterRunning() {
         setStatus("Downloading " + metaInfo_->name);
         setState(Kind::downloading);
     }
+    makeDiscovery();  // peers are told at once whether we take part in their exchange
     co_await startListening();
     adoptConnectedPeers();
     startPeerDiscoveryForDownload();
@@ -228,6 +230,7 @@ asio::awaitable<void> TorrentSession::fetchMetadata(MagnetLink magnet) {
     std::optional<MetadataSearch::Found> found = co_await metadataSearch_->run();
     co_await metadataSearch_->stop();
     metadataSearch_.reset();
+    searchEnded_.notify();
     if (state_.kind == Kind::paused) co_return;
     if (!found) {
         fail(std::string(metadataFailure));
@@ -576,6 +579,7 @@ asio::awaitable<void> TorrentSession::doPause() {
     if (!isRunning()) co_return;
     setState(Kind::paused);
     if (metadataSearch_) metadataSearch_->giveUp();
+    while (metadataSearch_) co_await searchEnded_.wait();
     co_await closeTraffic();
     updateProgress();
 }

@@ -13,6 +13,7 @@
 #include "Core/formats/TorrentMetaInfo.h"
 #include "Core/wire/PeerListener.h"
 #include "Core/wire/PeerRuntimeInfo.h"
+#include "public/common/Notifier.h"
 #include "public/common/SpeedTracker.h"
 #include "public/common/TaskGroup.h"
 
@@ -199,6 +200,7 @@ private:
     int recordedPieces_ = -1;  // completed when the resume record was written
     Clock::TimePoint lastProgressAt_{};
     TaskGroup tasks_;
+    Notifier searchEnded_;
     PeerPool peerPool_;
     std::unique_ptr<PieceExchange> exchange_;
     std::unique_ptr<MetadataSearch> metadataSearch_;
