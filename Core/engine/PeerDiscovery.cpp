@@ -68,11 +68,11 @@ void PeerDiscovery::setTorrent(std::string name, const Tiers& trackers, bool isP
 
 /// A magnet link does not say that its torrent is private; its metadata may.
 asio::awaitable<void> PeerDiscovery::leavePublicSources() {
-    const std::unique_ptr<LSDService> lsd = std::move(lsdService_);
-    const std::unique_ptr<TrackerAnnouncer> announcer = std::move(announcer_);
-    if (lsd) co_await lsd->stop();
-    if (announcer) co_await announcer->stop();
+    formerLSDService_ = std::move(lsdService_);
+    formerAnnouncer_ = std::move(announcer_);
     startTrackers();
+    if (formerLSDService_) co_await formerLSDService_->stop();
+    if (formerAnnouncer_) co_await formerAnnouncer_->stop();
 }
 
 void PeerDiscovery::dialNamedPeers() {
@@ -316,6 +316,8 @@ asio::awaitable<void> PeerDiscovery::stop() {
     if (lsdService_) co_await lsdService_->stop();
     if (lanScanner_) co_await lanScanner_->stop();
     if (announcer_) co_await announcer_->stop();
+    if (formerLSDService_) co_await formerLSDService_->stop();
+    if (formerAnnouncer_) co_await formerAnnouncer_->stop();
 }
 
 std::string PeerDiscovery::infoHashHex() const { return toHex(environment_.infoHash); }

@@ -144,6 +144,9 @@ private:
     std::unique_ptr<TrackerAnnouncer> announcer_;
     std::unique_ptr<LSDService> lsdService_;
     std::unique_ptr<LANPeerScanner> lanScanner_;
+    // Of before the torrent turned out to be private. They are kept because `stop` may come before they have ended.
+    std::unique_ptr<LSDService> formerLSDService_;
+    std::unique_ptr<TrackerAnnouncer> formerAnnouncer_;
     TaskGroup tasks_;
 };
 
