@@ -33,11 +33,13 @@ protected:
 };
 
 TEST_F(TaskFilesTest, removesItsFilesAndTheFoldersThatThisLeftEmpty) {
-    for (const char* path : {"t/a", "t/sub/deep/b", "t/sub/c", "t/kept/theirs", "t/kept/d"}) make(folder / path);
+    for (const char* path : {"t/a", "t/sub/deep/b", "t/sub/c", "t/kept/theirs", "t/kept/d", "w/x/y"})
+        make(folder / path);
     fs::create_directories(folder / "t/empty");
-    const auto removal = files({"t/a", "t/sub/deep/b", "t/./sub//c", "t/kept/d", "t/empty/missing", "u/v"}).remove();
-    EXPECT_EQ(removal.files, 4U);
-    EXPECT_EQ(removal.folders, 2U);
+    const auto removal =
+        files({"t/a", "t/sub/deep/b", "t/./sub//c", "t/kept/d", "t/empty/missing", "u/v", "w/x/y"}).remove();
+    EXPECT_EQ(removal.files, 5U);
+    EXPECT_EQ(removal.folders, 4U);
     EXPECT_EQ(removal.failures, 0U) << removal.firstFailure;
     EXPECT_THAT(left(), testing::ElementsAre(folder, folder / "t", folder / "t/empty", folder / "t/kept",
                                              folder / "t/kept/theirs"));
