@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <string>
 #include <thread>
 
 namespace skein {
@@ -18,10 +17,7 @@ using testing::ElementsAre;
 struct Sum {
     int key = 0;
     int total = 0;
-    bool absorb(const Sum& later) {
-        if (later.key == key) total += later.total;
-        return later.key == key;
-    }
+    bool absorb(const Sum& later) { return later.key == key && (total += later.total, true); }
     friend bool operator==(const Sum&, const Sum&) = default;
 };
 
@@ -37,40 +33,21 @@ protected:
     MsgCenter center;
 };
 
-TEST_F(MsgCenterTest, handsEachMessageToTheSubscribersOfItsTypeInOrderAndNeverWithinPublish) {
-    center.publish(0);
-    std::vector<int> first;
-    std::vector<int> second;
-    std::vector<std::string> texts;
-    const auto subscriptions = std::array{collect(first), collect(second), collect(texts)};
-    for (const int number : {1, 2, 2, 3}) center.publish(number);
-    center.publish(std::string("text"));
-    EXPECT_THAT(first, ElementsAre());
-    simulation.settle();
-    EXPECT_THAT(first, ElementsAre(1, 2, 2, 3));
-    EXPECT_EQ(second, first);
-    EXPECT_THAT(texts, ElementsAre("text"));
-}
-
 TEST_F(MsgCenterTest, aSubscriptionThatEndedHearsNothingNotEvenWhatWaits) {
-    std::vector<int> all;
     std::vector<int> untilTwo;
-    auto subscription = collect(all);
     Subscription ending;
     ending = center.subscribe<int>(simulation.executor(), [&](int number) {
         untilTwo.push_back(number);
         if (number == 2) ending.end();
     });
     for (const int number : {1, 2, 3}) center.publish(number);
-    subscription = {};
     simulation.settle();
     center.publish(4);
     simulation.settle();
-    EXPECT_THAT(all, ElementsAre());
     EXPECT_THAT(untilTwo, ElementsAre(1, 2));
 }
 
-TEST_F(MsgCenterTest, joinsWhatWaitsAndDropsTheOldestOfTooMuch) {
+TEST_F(MsgCenterTest, hasWhatIsPublishedWaitJoinedOrTheOldestDropped) {
     std::vector<Sum> sums;
     std::vector<int> numbers;
     const auto summing = collect(sums);
@@ -78,10 +55,10 @@ TEST_F(MsgCenterTest, joinsWhatWaitsAndDropsTheOldestOfTooMuch) {
     for (const int key : {1, 1, 2, 1}) center.publish(Sum{key, 1});
     constexpr int tooMany = Subscriber<int>::mostWaiting + 10;
     for (int number = 0; number < tooMany; ++number) center.publish(number);
+    EXPECT_THAT(numbers, ElementsAre()) << "within publish, the publisher may be in the middle of something";
     simulation.settle();
     EXPECT_THAT(sums, ElementsAre(Sum{1, 2}, Sum{2, 1}, Sum{1, 1}));
     EXPECT_EQ(counting.lost(), 10U);
-    EXPECT_THAT(numbers, testing::SizeIs(Subscriber<int>::mostWaiting));
     EXPECT_EQ(numbers.front(), 10);
     EXPECT_EQ(numbers.back(), tooMany - 1);
 }
