@@ -8,6 +8,7 @@
 namespace skein {
 
 using CommandMaker = std::unique_ptr<Command>();
+CommandMaker makeConfigCommand;
 CommandMaker makeCreateCommand;
 CommandMaker makeGetCommand;
 CommandMaker makeSeedCommand;
@@ -17,7 +18,7 @@ CommandMaker makeVerifyCommand;
 std::vector<std::unique_ptr<Command>> makeCommands() {
     std::vector<std::unique_ptr<Command>> commands;
     for (CommandMaker* const make :
-         {makeGetCommand, makeSeedCommand, makeVerifyCommand, makeShowCommand, makeCreateCommand})
+         {makeGetCommand, makeSeedCommand, makeVerifyCommand, makeShowCommand, makeCreateCommand, makeConfigCommand})
         commands.push_back(make());
     return commands;
 }
