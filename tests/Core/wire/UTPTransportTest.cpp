@@ -70,6 +70,14 @@ TEST_F(UTPStreamTest, deliversInOrderOnceAndAnswersAllDataWithHowFarItIs) {
     EXPECT_TRUE(stream.isFinished());
 }
 
+TEST_F(UTPStreamTest, isNotMisledByASecondPacketThatOvertookTheFirst) {
+    stream.expectStart(toBytes("start"));
+    EXPECT_EQ(give(Type::data, 501, 1, toBytes("two"))->acknowledgementNumber, 499);
+    EXPECT_EQ(give(Type::data, 500, 1, toBytes("start, "))->acknowledgementNumber, 500);
+    EXPECT_EQ(give(Type::data, 501, 1, toBytes("two"))->acknowledgementNumber, 501);
+    EXPECT_EQ(read(), "start, two");
+}
+
 TEST_F(UTPStreamTest, sendsSixTimesByTheMeasuredRoundTripAndGivesTheNumberBack) {
     const Bytes chunk = toBytes("chunk");
     EXPECT_EQ(UTPPacket::decode(stream.sendPayload(chunk, now)).header.sequenceNumber, 2);
