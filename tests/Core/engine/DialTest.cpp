@@ -63,35 +63,28 @@ protected:
         for (const auto& acceptor : acceptors) simulation.finish(acceptor->stop());
     }
 
+    std::unique_ptr<TestSession> start(char id, TorrentSession::Options options) {
+        options.savePath = options.seedsOnly ? seederFolder.path() : folder.path();
+        auto one = std::make_unique<TestSession>(simulation, infoHash, id, std::move(options), simulation.executor());
+        one->start(torrentData);
+        return one;
+    }
     void startGetter(const PeerAddress& from, DialOptions dial) {
-        TorrentSession::Options options;
-        options.savePath = folder.path();
-        options.dial = dial;
+        TorrentSession::Options options{.dial = dial};
         options.discovery.namedPeers = {from};
-        getter = std::make_unique<TestSession>(simulation, infoHash, 'g', std::move(options), simulation.executor());
-        getter->start(torrentData);
+        getter = start('g', std::move(options));
     }
     UTPAcceptor& listenOverUTP(UTPAcceptor::Path path) {
         acceptors.push_back(std::make_unique<UTPAcceptor>(simulation.executor(), simulation, path));
         return *acceptors.back();
     }
-    /// Lets time pass only while the sockets are quiet.
-    template <class Condition>
-    void runUntil(Condition condition) {
-        for (const auto giveUpAt = simulation.now() + 10min; !condition();) {
-            if (simulation.now() > giveUpAt) throw std::runtime_error("the test waits in vain");
-            const auto quietAt = std::chrono::steady_clock::now() + 1ms;
-            simulation.runUntil([&] { return condition() || std::chrono::steady_clock::now() > quietAt; });
-            simulation.advance(20ms);
-        }
-    }
     void waitForAll() {
-        runUntil([&] { return getter->state() == TestSession::Kind::seeding; });
+        simulation.advanceUntil([&] { return getter->state() == TestSession::Kind::seeding; });
         EXPECT_TRUE(torrent.isWholeIn(folder.path()));
     }
     const PeerRuntimeInfo& nextRow() {
         getter->peers.clear();
-        runUntil([&] { return !getter->peers.empty(); });
+        simulation.advanceUntil([&] { return !getter->peers.empty(); });
         return getter->peers.front();
     }
     bool hasLogged(const std::string& line, const PeerAddress& of) {
@@ -126,110 +119,69 @@ protected:
         co_await to.send(std::move(half));
         to.sendPacket(end);
     }
-    /// Ends, with its connection, when the other side is not understood.
-    asio::awaitable<void> acceptEncrypted(bool hasPrimeOfRFC2409) {
-        co_await peer.accept();
-        MSEResponder responder(peer, infoHash);
-        try {
-            co_await responder.accept({.hasPrimeOfRFC2409 = hasPrimeOfRFC2409});
-            co_await seed(responder);
-        } catch (const std::runtime_error&) {
-            peer.close();
-        }
+    /// By the prime of RFC 2409 alone; closes connections that it does not understand.
+    asio::awaitable<void> seedEncrypted(int connections) {
+        for (; connections > 0; --connections) try {
+                co_await peer.accept();
+                MSEResponder responder(peer, infoHash);
+                co_await responder.accept({.hasPrimeOfRFC2409 = true});
+                co_await seed(responder);
+            } catch (const std::runtime_error&) {
+                peer.close();
+            }
     }
-    asio::awaitable<void> refuseThenSeedEncrypted() {
-        co_await acceptEncrypted(true);
-        co_await acceptEncrypted(true);
-    }
-    /// A peer that knows plaintext alone.
-    asio::awaitable<void> acceptPlaintext() {
-        for (Bytes first; first != PeerHandshake::opening(); ++connections) {
-            if (peer.isOpen()) peer.close();
-            co_await peer.accept();
-            first = co_await peer.read(20);
-        }
-        ReopenedPeer handshaking{peer};
-        co_await seed(handshaking);
-    }
-    /// Gives back what was read to tell a handshake from noise.
-    struct ReopenedPeer {
-        ScriptedPeer& rest;
-        bool isReopened = false;
-        asio::awaitable<void> send(Bytes bytes) { return rest.send(std::move(bytes)); }
-        asio::awaitable<Bytes> read(std::size_t count) {
-            Bytes bytes;
-            if (!std::exchange(isReopened, true)) bytes = PeerHandshake::opening();
-            const Bytes more = co_await rest.read(count - bytes.size());
-            append(bytes, more);
-            co_return bytes;
-        }
-    };
 
     Simulation simulation;
     TemporaryFolder folder;
+    TemporaryFolder seederFolder;
     TestTorrent torrent{50'000, {{"t/a", 1'000'000}}};
     Bytes torrentData;
     SHA1Digest infoHash{};
     ScriptedPeer peer{simulation.executor()};
     std::vector<std::unique_ptr<UTPAcceptor>> acceptors;
-    int connections = 0;  // of the peer that knows plaintext alone
     std::unique_ptr<TestSession> getter;
 };
 
-TEST_F(DialTest, downloadsEncryptedWithEitherPrime) {
-    simulation.start(refuseThenSeedEncrypted());
+TEST_F(DialTest, downloadsEncryptedWithEitherPrimeAndRemembersWhich) {
+    simulation.start(seedEncrypted(3));
     startGetter(peer.address(), {EncryptionChoice::mse});
     waitForAll();
     EXPECT_EQ(nextRow().encryption, PeerEncryptionStatus::encrypted);
-    EXPECT_EQ(getter->countLogged("[MSE] → " + peer.address().description() + " negotiating RC4 over tcp"), 2);
-    EXPECT_TRUE(hasLogged("[MSE] ✗ ", peer.address()));
-    EXPECT_TRUE(hasLogged("[MSE] ✓ ", peer.address()));
-    simulation.finish(getter->session().pause());
-    simulation.start(acceptEncrypted(true));
-    simulation.finish(getter->session().resume());
-    runUntil([&] { return getter->countLogged("RC4 selected") == 2; });
-    EXPECT_EQ(getter->countLogged("negotiating RC4 over tcp"), 3) << "the prime is remembered";
+    for (const char* const line : {"[MSE] ✗ ", "[MSE] → ", "[MSE] ✓ "}) EXPECT_TRUE(hasLogged(line, peer.address()));
+    peer.close();
+    simulation.advanceUntil([&] { return getter->countLogged("RC4 selected") == 2; });
+    EXPECT_EQ(getter->countLogged("negotiating RC4 over tcp"), 3);
 }
 
 TEST_F(DialTest, fallsBackToPlaintextOnANewConnectionOnlyWhereThatIsAllowed) {
-    simulation.start(acceptPlaintext());
-    startGetter(peer.address(), {EncryptionChoice::mse});
-    runUntil([&] { return getter->countLogged("[MSE] ✗ ") == 2; });
+    torrent.writeTo(seederFolder.path());
+    const auto seeder = start('s', {.seedsOnly = true});  // which accepts plaintext alone
+    startGetter(seeder->address(), {EncryptionChoice::mse});
+    simulation.advanceUntil([&] { return getter->countLogged("[MSE] ✗ ") == 2; });
     EXPECT_EQ(nextRow().encryption, PeerEncryptionStatus::handshakeFailed);
     EXPECT_EQ(getter->peers.front().lastError, "MSE/PE encrypted handshake failed");
     EXPECT_FALSE(getter->hasLogged("[Direct] "));
-    EXPECT_EQ(connections, 2);
-    startGetter(peer.address(), {EncryptionChoice::preferMSE});
+    startGetter(seeder->address(), {EncryptionChoice::preferMSE});
     waitForAll();
-    EXPECT_EQ(connections, 4);
-    EXPECT_TRUE(hasLogged("[MSE] ✗ ", peer.address()));
-    EXPECT_TRUE(hasLogged("[Direct] ✓ ", peer.address()));
+    EXPECT_TRUE(hasLogged("[MSE] ✗ ", seeder->address()));
+    EXPECT_TRUE(hasLogged("[Direct] ✓ ", seeder->address()));
     EXPECT_EQ(nextRow().encryption, PeerEncryptionStatus::plaintext);
 }
 
-TEST_F(DialTest, findsThatAPeerAnswersOverUTPAndDownloadsOverABadPath) {
-    UTPAcceptor& seeder = listenOverUTP({.loss = 0.02, .reordering = 0.05, .firstSequence = 65'500});
-    simulation.start(seed(seeder));
-    startGetter(seeder.address(), {});
-    waitForAll();
-    for (const char* const line : {"[Direct] ✗ ", "[uTP][Probe] ✓ ", "[uTP] → ", "[uTP] ✓ "})
-        EXPECT_TRUE(hasLogged(line, seeder.address())) << line;
-    EXPECT_EQ(nextRow().transport, PeerTransport::utp);
-    EXPECT_EQ(getter->peers.front().lastError, "uTP peer detected after TCP failure");
-    EXPECT_EQ(getter->peers.size(), 1U);
-}
-
-TEST_F(DialTest, completesElsewhereWhenAUTPPeerEndsInMidPiece) {
+TEST_F(DialTest, findsOutWhoAnswersOverUTPAndOutlivesOneThatEndsInMidPiece) {
     for (const auto how : {UTPAcceptor::fin, UTPAcceptor::reset}) {
         UTPAcceptor& leaver = listenOverUTP({});
         simulation.start(seedAndEnd(leaver, how));
-        startGetter(leaver.address(), {.transport = TransportChoice::utp});
-        runUntil([&] { return hasLogged("[Session] Peer disconnected: ", leaver.address()); });
-        EXPECT_FALSE(getter->hasLogged("[Direct] "));
-        UTPAcceptor& seeder = listenOverUTP({});
-        simulation.start(seed(seeder));
-        simulation.finish(getter->session().connectToPeer(seeder.address()));
+        startGetter(leaver.address(), {});
+        simulation.advanceUntil([&] { return hasLogged("[Session] Peer disconnected: ", leaver.address()); });
+        for (const char* const line : {"[Direct] ✗ ", "[uTP][Probe] ✓ ", "[uTP] → ", "[uTP] ✓ "})
+            EXPECT_TRUE(hasLogged(line, leaver.address())) << line;
+        UTPAcceptor& other = listenOverUTP({.loss = 0.02, .reordering = 0.05, .firstSequence = 65'500});
+        simulation.start(seed(other));
+        simulation.finish(getter->session().connectToPeer(other.address()));
         waitForAll();
+        EXPECT_EQ(nextRow().transport, PeerTransport::utp);
+        EXPECT_EQ(getter->peers.front().lastError, "uTP peer detected after TCP failure");
         getter.reset();
         std::filesystem::remove_all(folder.path() / "t");
     }
