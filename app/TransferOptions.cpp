@@ -59,11 +59,13 @@ void TransferOptions::declare(CLI::App& options) {
         ->check(CLI::Validator(checkCacheSite, ""))
         ->expected(1)
         ->take_all();
-    options.add_option("--encryption", encryption, "How to speak to peers")
-        ->check(CLI::IsMember({"plaintext"}))
+    options
+        .add_option("--encryption", encryption,
+                    "How to speak to peers: only in plaintext, only encrypted, or encrypted if they know how")
+        ->check(CLI::IsMember({"plaintext", "mse", "prefer-mse"}))
         ->capture_default_str();
-    options.add_option("--transport", transport, "What to reach peers over")
-        ->check(CLI::IsMember({"any", "tcp"}))
+    options.add_option("--transport", transport, "What to reach peers over; any: uTP where TCP fails")
+        ->check(CLI::IsMember({"tcp", "utp", "any"}))
         ->capture_default_str();
     options.add_option("--download-limit", downloadLimit, "At most so many bytes a second (500K, 2M); 0: no limit")
         ->type_name("RATE")
@@ -87,6 +89,16 @@ std::vector<PeerAddress> parsed(const std::vector<std::string>& texts) {
     return addresses;
 }
 
+EncryptionChoice encryptionChoiceOf(const std::string& text) {
+    if (text == "mse") return EncryptionChoice::mse;
+    return text == "prefer-mse" ? EncryptionChoice::preferMSE : EncryptionChoice::plaintext;
+}
+
+TransportChoice transportChoiceOf(const std::string& text) {
+    if (text == "tcp") return TransportChoice::tcp;
+    return text == "utp" ? TransportChoice::utp : TransportChoice::any;
+}
+
 }  // namespace
 
 TorrentSession::Options TransferOptions::sessionOptions(const std::filesystem::path& savePath,
@@ -96,6 +108,7 @@ TorrentSession::Options TransferOptions::sessionOptions(const std::filesystem::p
     options.maxConnections = maxConnections;
     options.downloadLimit = parseByteCount(downloadLimit).value_or(0);
     options.uploadLimit = parseByteCount(uploadLimit).value_or(0);
+    options.dial = {encryptionChoiceOf(encryption), transportChoiceOf(transport)};
     if (!cacheSites.empty()) options.cacheSites = cacheSites;
     if (noCacheSites) options.cacheSites.clear();
     DiscoveryOptions& discovery = options.discovery;

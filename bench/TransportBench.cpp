@@ -6,11 +6,13 @@
 
 #include <benchmark/benchmark.h>
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/asio/use_future.hpp>
 
 #include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <future>
 
 namespace skein {
@@ -111,9 +113,26 @@ private:
     std::promise<void> done_;
 };
 
+/// Of the pool's one thread, so far.
+double processorSecondsOf(asio::thread_pool& pool) {
+    const auto read = [] {
+        timespec spent{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &spent);
+        return static_cast<double>(spent.tv_sec) + static_cast<double>(spent.tv_nsec) / 1e9;
+    };
+    return asio::post(pool, asio::use_future(read)).get();
+}
+
+/// The rate at which our side could receive if nothing else limited it.
+void noteOurCost(benchmark::State& state, double processorSeconds) {
+    const double mebibytes = static_cast<double>(state.iterations()) * static_cast<double>(totalSize >> 20U);
+    state.counters["ourMiB/cpu-s"] = mebibytes / processorSeconds;
+}
+
 /// Our side and the scripted peer have a thread each.
 void tcp(benchmark::State& state) {
     const bool isEncrypted = state.range(0) != 0;
+    double spent = 0;
     for (auto _ : state) {
         asio::thread_pool near(1);
         asio::thread_pool far(1);
@@ -125,7 +144,9 @@ void tcp(benchmark::State& state) {
         download.run(isEncrypted ? PeerConnection::EncryptionPreference::mseRC4
                                  : PeerConnection::EncryptionPreference::plaintext);
         served.get();
+        spent += processorSecondsOf(near);
     }
+    noteOurCost(state, spent);
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * totalSize));
 }
 BENCHMARK(tcp)->ArgName("encrypted")->Arg(0)->Arg(1)->UseRealTime()->Unit(benchmark::kMillisecond);
@@ -135,6 +156,7 @@ void utp(benchmark::State& state) {
     path.loss = static_cast<double>(state.range(0)) / 100;
     path.reordering = static_cast<double>(state.range(1)) / 100;
     path.delay = std::chrono::milliseconds(state.range(2));
+    double spent = 0;
     for (auto _ : state) {
         asio::thread_pool near(1);
         asio::thread_pool far(1);
@@ -146,7 +168,9 @@ void utp(benchmark::State& state) {
         download.run(PeerConnection::EncryptionPreference::plaintext);
         asio::co_spawn(far, peer.stop(), asio::use_future).get();
         served.get();
+        spent += processorSecondsOf(near);
     }
+    noteOurCost(state, spent);
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * totalSize));
 }
 BENCHMARK(utp)

@@ -92,7 +92,8 @@ asio::awaitable<void> MetadataSearch::runRound(int round) {
 
 /// While peers still send, a round goes on: there is nothing to retry yet.
 bool MetadataSearch::isRoundOver() const {
-    return !callbacks_.isLooking() && environment_.pool.dialsInFlight() == 0 && !fetch_.nextDeadline() && !isChecking_;
+    return !callbacks_.isLooking() && environment_.pool.dialer().attemptsInFlight() == 0 && !fetch_.nextDeadline() &&
+           !isChecking_;
 }
 
 /// Returns early when something changed; the caller looks again.

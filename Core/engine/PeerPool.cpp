@@ -10,36 +10,35 @@ namespace skein {
 namespace {
 
 constexpr std::size_t maxRememberedPeers = 50;
-/// Addresses on cooldown beyond this make room for new ones: a tracker may name any number.
-constexpr std::size_t maxCooldowns = 4096;
 /// A conversation that ends so soon and moved nothing counts as a failed dial.
 constexpr std::chrono::seconds shortConversation{10};
 
 }  // namespace
 
 PeerPool::PeerPool(const Environment& environment, Callbacks callbacks)
-    : environment_(environment), callbacks_(std::move(callbacks)), tasks_(environment.strand) {}
+    : environment_(environment),
+      callbacks_(std::move(callbacks)),
+      dialer_({environment.strand, environment.clock, environment.log, environment.dialOptions, environment.dial},
+              dialerCallbacks()),
+      tasks_(environment.strand) {}
 
 PeerPool::~PeerPool() = default;
 
 // --- dialling --------------------------------------------------------------------------------------------------------
 
-void PeerPool::connectToPeer(const DialRequest& request) {
-    const PeerAddress& address = request.address;
-    if (!isOpen_ || publicPeerDialInFlight_.contains(address) || isConnectedTo(address)) return;
-    ++addressesOffered_;
-    const auto retryAfter = publicPeerRetryAfter_.find(address);
-    if (retryAfter != publicPeerRetryAfter_.end()) {
-        if (retryAfter->second > environment_.clock.now()) {
-            environment_.log.debug("[Direct] skip recently failed public BT peer ", address.description());
-            return;
-        }
-        publicPeerRetryAfter_.erase(retryAfter);
-    }
-    if (publicPeerDialInFlight_.size() >= maxPublicPeerDialInFlight || isFull())
-        return enqueuePendingPublicPeerDial(request);
-    publicPeerDialInFlight_.insert(address);
-    tasks_.spawn(dial(request));
+PeerDialer::Callbacks PeerPool::dialerCallbacks() {
+    PeerDialer::Callbacks callbacks;
+    callbacks.makeConnection = [this](const PeerAddress& address, std::unique_ptr<PeerWireTransport> transport) {
+        return makeConnection(address, std::move(transport), PeerDirection::outgoing);
+    };
+    callbacks.isConnectedTo = [this](const PeerAddress& address) { return isConnectedTo(address); };
+    callbacks.room = [this] { return roomForDials(); };
+    callbacks.onConnected = [this](const DialRequest& request, std::unique_ptr<PeerConnection> connection) {
+        admit(makePeer(request, std::move(connection)));
+    };
+    callbacks.onFailed = [this](const DialRequest& request) { callbacks_.onDialFailed(request); };
+    callbacks.onRow = [this](PeerRuntimeInfo row) { remember(std::move(row)); };
+    return callbacks;
 }
 
 bool PeerPool::isConnectedTo(const PeerAddress& address) const {
@@ -47,110 +46,30 @@ bool PeerPool::isConnectedTo(const PeerAddress& address) const {
                        [&](const auto& entry) { return entry.second->connection->address() == address; });
 }
 
-bool PeerPool::isFull() const noexcept {
-    return connected_.size() + publicPeerDialInFlight_.size() + accepting_ >= environment_.maxConnections;
-}
-
-void PeerPool::enqueuePendingPublicPeerDial(const DialRequest& request) {
-    if (pendingPublicPeerDialAddresses_.contains(request.address)) return;
-    if (pendingPublicPeerDials_.size() >= maxPendingPublicPeerDials) {
-        const PeerAddress oldest = pendingPublicPeerDials_.front().address;
-        environment_.log.debug("[Direct] public BT pending queue full; drop oldest ", oldest.description());
-        pendingPublicPeerDials_.pop_front();
-        pendingPublicPeerDialAddresses_.erase(oldest);
-    }
-    pendingPublicPeerDials_.push_back(request);
-    pendingPublicPeerDialAddresses_.insert(request.address);
-    environment_.log.debug("[Direct] public BT dial budget full; queued ", request.address.description(),
-                           " pending=", pendingPublicPeerDials_.size());
-}
-
-void PeerPool::drainPendingPublicPeerDials() {
-    while (!pendingPublicPeerDials_.empty() && publicPeerDialInFlight_.size() < maxPublicPeerDialInFlight &&
-           !isFull()) {
-        const DialRequest next = pendingPublicPeerDials_.front();
-        pendingPublicPeerDials_.pop_front();
-        pendingPublicPeerDialAddresses_.erase(next.address);
-        environment_.log.debug("[Direct] public BT dial budget released; retry queued ", next.address.description(),
-                               " pending=", pendingPublicPeerDials_.size());
-        connectToPeer(next);
-    }
-}
-
-asio::awaitable<void> PeerPool::dial(DialRequest request) {
-    co_await asio::this_coro::throw_if_cancelled(false);  // a cancelled dial still stops its connection
-    environment_.log.debug("[Direct] → ", request.address.description());
-    auto peer = makePeer(request, environment_.dial(request.address), PeerDirection::outgoing);
-    const std::string failure = co_await establish(*peer);
-    publicPeerDialInFlight_.erase(request.address);
-    if (tasks_.isStopping()) {
-        co_await peer->connection->stop();
-        co_return;
-    }
-    if (failure.empty()) {
-        environment_.log.info("[Direct] ✓ ", request.address.description());
-        admit(std::move(peer));
-    } else {
-        environment_.log.info("[Direct] ✗ ", request.address.description(), " — ", failure);
-        co_await peer->connection->stop();
-        rememberFailedDial(request, failure);
-    }
-    drainPendingPublicPeerDials();
-}
-
-/// The error's text, or nothing when the handshake is done.
-asio::awaitable<std::string> PeerPool::establish(Peer& peer) {
-    try {
-        if (peer.connection->direction() == PeerDirection::outgoing) {
-            co_await peer.connection->connect(publicBTConnectTimeout);
-        } else {
-            co_await peer.connection->accept();
-        }
-    } catch (const std::exception& error) {
-        co_return textOf(error);
-    }
-    co_return std::string();
-}
-
-void PeerPool::rememberFailedDial(const DialRequest& request, const std::string& error) {
-    if (request.isNamedByUser) {
-        tasks_.spawn(retryNamedPeer(request));
-    } else {
-        environment_.log.debug("[Direct] public BT peer failed; no Relay fallback ", request.address.description());
-        if (publicPeerRetryAfter_.size() >= maxCooldowns) publicPeerRetryAfter_.erase(publicPeerRetryAfter_.begin());
-        publicPeerRetryAfter_[request.address] = environment_.clock.now() + publicPeerFailureCooldown;
-    }
-    callbacks_.onDialFailed(request);
-    PeerRuntimeInfo info;
-    info.address = request.address;
-    info.source = request.source;
-    info.direction = PeerDirection::outgoing;
-    info.lastError = request.isNamedByUser ? error : "public peer connect failed";
-    remember(std::move(info));
-}
-
-asio::awaitable<void> PeerPool::retryNamedPeer(DialRequest request) {
-    try {
-        co_await environment_.clock.sleep(namedPeerRetry);
-    } catch (const std::exception&) {
-        co_return;
-    }
-    connectToPeer(request);
+std::size_t PeerPool::roomForDials() const noexcept {
+    const std::size_t taken = connected_.size() + accepting_;
+    return taken < environment_.maxConnections ? environment_.maxConnections - taken : 0;
 }
 
 // --- incoming --------------------------------------------------------------------------------------------------------
 
 void PeerPool::handleIncomingConnection(std::unique_ptr<PeerWireTransport> transport, PeerAddress address) {
     environment_.log.debug("[Session] Incoming peer connecting: ", address.description());
-    if (!isOpen_ || tasks_.isStopping() || isFull()) return transport->cancel();
+    if (!isOpen_ || tasks_.isStopping() || roomForDials() <= dialer_.dialsInFlight()) return transport->cancel();
+    auto connection = makeConnection(address, std::move(transport), PeerDirection::incoming);
     const DialRequest origin{std::move(address), PeerSource::incoming, false};
     ++accepting_;
-    tasks_.spawn(acceptPeer(makePeer(origin, std::move(transport), PeerDirection::incoming)));
+    tasks_.spawn(acceptPeer(makePeer(origin, std::move(connection))));
 }
 
 asio::awaitable<void> PeerPool::acceptPeer(std::unique_ptr<Peer> peer) {
     co_await asio::this_coro::throw_if_cancelled(false);
-    const std::string failure = co_await establish(*peer);
+    std::string failure;
+    try {
+        co_await peer->connection->accept();
+    } catch (const std::exception& error) {
+        failure = textOf(error);
+    }
     --accepting_;
     if (tasks_.isStopping()) {
         co_await peer->connection->stop();
@@ -168,17 +87,22 @@ asio::awaitable<void> PeerPool::acceptPeer(std::unique_ptr<Peer> peer) {
 
 // --- connected -------------------------------------------------------------------------------------------------------
 
-std::unique_ptr<PeerPool::Peer> PeerPool::makePeer(const DialRequest& request,
-                                                   std::unique_ptr<PeerWireTransport> transport,
-                                                   PeerDirection direction) {
-    auto peer = std::make_unique<Peer>();
-    peer->key = nextKey_++;
-    peer->source = request.source;
-    peer->isNamedByUser = request.isNamedByUser;
+std::unique_ptr<PeerConnection> PeerPool::makeConnection(const PeerAddress& address,
+                                                         std::unique_ptr<PeerWireTransport> transport,
+                                                         PeerDirection direction) {
     const PeerConnection::Environment environment{environment_.strand, environment_.clock, environment_.log, download_,
                                                   upload_};
-    peer->connection = std::make_unique<PeerConnection>(environment, request.address, environment_.identity,
-                                                        std::move(transport), direction);
+    return std::make_unique<PeerConnection>(environment, address, environment_.identity, std::move(transport),
+                                            direction);
+}
+
+std::unique_ptr<PeerPool::Peer> PeerPool::makePeer(const DialRequest& origin,
+                                                   std::unique_ptr<PeerConnection> connection) {
+    auto peer = std::make_unique<Peer>();
+    peer->key = nextKey_++;
+    peer->source = origin.source;
+    peer->isNamedByUser = origin.isNamedByUser;
+    peer->connection = std::move(connection);
     return peer;
 }
 
@@ -186,7 +110,7 @@ std::unique_ptr<PeerPool::Peer> PeerPool::makePeer(const DialRequest& request,
 void PeerPool::admit(std::unique_ptr<Peer> peer) {
     if (!isOpen_) return retire(std::move(peer));
     if (isOurselves(*peer)) {
-        publicPeerRetryAfter_[peer->connection->address()] = environment_.clock.now() + badPeerCooldown;
+        dialer_.leaveAlone(peer->connection->address(), badPeerCooldown);
         return retire(std::move(peer));
     }
     if (const Peer* const other = otherConnectionTo(*peer)) {
@@ -199,6 +123,7 @@ void PeerPool::admit(std::unique_ptr<Peer> peer) {
         drop(other->key, "Connected twice");
     }
     Peer& admitted = *peer;
+    forgetRow(admitted.connection->address());
     setCallbacks(admitted);
     connected_.emplace(admitted.key, std::move(peer));
     callbacks_.onPeerReady(admitted);
@@ -233,8 +158,7 @@ PeerPool::Peer* PeerPool::find(PeerKey key) {
 void PeerPool::drop(PeerKey key, const std::string& reason, Clock::Duration cooldown) {
     const auto found = connected_.find(key);
     if (found == connected_.end()) return;
-    if (cooldown > Clock::Duration::zero())
-        publicPeerRetryAfter_[found->second->connection->address()] = environment_.clock.now() + cooldown;
+    if (cooldown > Clock::Duration::zero()) dialer_.leaveAlone(found->second->connection->address(), cooldown);
     handlePeerDisconnect(key, reason);
 }
 
@@ -248,7 +172,7 @@ void PeerPool::handlePeerDisconnect(PeerKey key, const std::string& reason) {
     rememberDisconnectedPeer(*peer, reason);
     callbacks_.onPeerGone(*peer);
     retire(std::move(peer));
-    drainPendingPublicPeerDials();
+    dialer_.drainPendingPublicPeerDials();
 }
 
 void PeerPool::rememberDisconnectedPeer(const Peer& peer, const std::string& error) {
@@ -256,22 +180,20 @@ void PeerPool::rememberDisconnectedPeer(const Peer& peer, const std::string& err
     info.isConnected = false;
     info.lastError = error;
     const bool isShort = environment_.clock.now() - *peer.connection->connectedAt() < shortConversation;
-    if (peer.connection->direction() == PeerDirection::outgoing) {
-        const DialRequest origin{info.address, peer.source, peer.isNamedByUser};
-        if (peer.isNamedByUser) {
-            if (!publicPeerRetryAfter_.contains(info.address)) tasks_.spawn(retryNamedPeer(origin));
-        } else if (isShort && info.downloaded + info.uploaded == 0) {
-            publicPeerRetryAfter_.try_emplace(info.address, environment_.clock.now() + publicPeerFailureCooldown);
-        }
-    }
+    if (peer.connection->direction() == PeerDirection::outgoing)
+        dialer_.noteDisconnect({info.address, peer.source, peer.isNamedByUser},
+                               isShort && info.downloaded + info.uploaded == 0);
     remember(std::move(info));
 }
 
 void PeerPool::remember(PeerRuntimeInfo info) {
-    std::erase_if(recentDisconnectedPeers_,
-                  [&](const PeerRuntimeInfo& other) { return other.address == info.address; });
+    forgetRow(info.address);
     if (recentDisconnectedPeers_.size() >= maxRememberedPeers) recentDisconnectedPeers_.pop_front();
     recentDisconnectedPeers_.push_back(std::move(info));
+}
+
+void PeerPool::forgetRow(const PeerAddress& address) {
+    std::erase_if(recentDisconnectedPeers_, [&](const PeerRuntimeInfo& row) { return row.address == address; });
 }
 
 /// A connection may be the one that is calling: it ends first and is freed after.
@@ -299,13 +221,12 @@ void PeerPool::shedPeers(std::size_t keepAtMost) {
                           " peers");
     std::vector<PeerKey> dropped;
     for (std::size_t i = keepAtMost; i < ranked.size(); ++i) dropped.push_back(ranked[i]->key);
-    for (const PeerKey key : dropped) drop(key, "memory pressure", publicPeerFailureCooldown);
+    for (const PeerKey key : dropped) drop(key, "memory pressure", PeerDialer::publicPeerFailureCooldown);
 }
 
 asio::awaitable<void> PeerPool::disconnectAll() {
     isOpen_ = false;
-    pendingPublicPeerDials_.clear();
-    pendingPublicPeerDialAddresses_.clear();
+    dialer_.close();
     std::vector<std::unique_ptr<Peer>> leaving;
     for (auto& [key, peer] : connected_) leaving.push_back(std::move(peer));
     connected_.clear();
@@ -315,7 +236,13 @@ asio::awaitable<void> PeerPool::disconnectAll() {
     }
 }
 
+void PeerPool::allowPeers() noexcept {
+    isOpen_ = true;
+    dialer_.open();
+}
+
 asio::awaitable<void> PeerPool::stop() {
+    co_await dialer_.stop();
     co_await tasks_.stop();
     co_await disconnectAll();
 }
@@ -354,6 +281,7 @@ PeerRuntimeInfo PeerPool::infoOf(const Peer& peer) const {
     info.isConnected = connection.isConnected();
     info.peerChoking = connection.peerChoking();
     info.peerInterested = connection.peerInterested();
+    if (dialer_.isDetectedUTPPeer(info.address)) info.lastError = PeerDialer::utpPeerMark;
     return info;
 }
 

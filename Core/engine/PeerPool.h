@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/engine/PeerDialer.h"
 #include "Core/engine/RequestScheduler.h"
 #include "Core/wire/PeerAddress.h"
 #include "Core/wire/PeerConnection.h"
@@ -12,35 +13,18 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 namespace skein {
 
-/// A peer that may be dialled, and how.
-struct DialRequest {
-    PeerAddress address;
-    PeerSource source = PeerSource::publicTracker;
-    bool isNamedByUser = false;  ///< dialled whatever the cooldown and the address rules say
-};
-
-/// The connections of one session: whom to dial and when, who is connected, who left and why.
+/// The connections of one session: who is connected, who left and why. Whom to dial and how is its dialer's business.
 ///
 /// Owner: the session. Thread: the session's strand, on which callbacks come too.
 class PeerPool {
 public:
-    static constexpr std::size_t maxPublicPeerDialInFlight = 16;
-    static constexpr std::size_t maxPendingPublicPeerDials = 256;
-    static constexpr std::chrono::seconds publicBTConnectTimeout{15};
-    static constexpr std::chrono::seconds publicPeerFailureCooldown{600};
-    static constexpr std::chrono::seconds namedPeerRetry{5};
     static constexpr std::chrono::hours badPeerCooldown{1};
-
-    /// Makes the transport of a dial.
-    using Dial = std::function<std::unique_ptr<PeerWireTransport>(const PeerAddress& address)>;
 
     struct Environment {
         Strand strand;
@@ -48,7 +32,8 @@ public:
         FileLogger& log;
         PeerConnection::Identity identity;
         std::size_t maxConnections = 50;
-        Dial dial;
+        DialOptions dialOptions;
+        PeerDialer::Dial dial;
     };
 
     /// A connected peer. Lives until `onPeerGone` returned.
@@ -74,7 +59,7 @@ public:
     PeerPool(const Environment& environment, Callbacks callbacks);
     ~PeerPool();
 
-    void connectToPeer(const DialRequest& request);
+    void connectToPeer(const DialRequest& request) { dialer_.connectToPeer(request); }
     void handleIncomingConnection(std::unique_ptr<PeerWireTransport> transport, PeerAddress address);
     /// Asks anew what the connected peers report to.
     void renewCallbacks();
@@ -84,29 +69,25 @@ public:
     void shedPeers(std::size_t keepAtMost);
     /// Closes every connection and forgets queued dials; until `allowPeers`, nobody gets in.
     asio::awaitable<void> disconnectAll();
-    void allowPeers() noexcept { isOpen_ = true; }
+    void allowPeers() noexcept;
     asio::awaitable<void> stop();
 
     void setSpeedLimits(std::int64_t download, std::int64_t upload);
     const std::unordered_map<PeerKey, std::unique_ptr<Peer>>& connected() const noexcept { return connected_; }
     Peer* find(PeerKey key);
-    /// Addresses that any source named and that were new then: an address is counted again once it was forgotten.
-    std::size_t addressesOffered() const noexcept { return addressesOffered_; }
-    std::size_t dialsInFlight() const noexcept { return publicPeerDialInFlight_.size(); }
-    std::size_t pendingDials() const noexcept { return pendingPublicPeerDials_.size(); }
+    const PeerDialer& dialer() const noexcept { return dialer_; }
     /// The connected peers and those that left or failed lately.
     std::vector<PeerRuntimeInfo> makePeerRuntimeInfos(const std::function<double(PeerKey)>& progressOf) const;
 
 private:
+    PeerDialer::Callbacks dialerCallbacks();
     bool isConnectedTo(const PeerAddress& address) const;
-    bool isFull() const noexcept;
-    void enqueuePendingPublicPeerDial(const DialRequest& request);
-    void drainPendingPublicPeerDials();
-    asio::awaitable<void> dial(DialRequest request);
+    std::size_t roomForDials() const noexcept;
     asio::awaitable<void> acceptPeer(std::unique_ptr<Peer> peer);
-    asio::awaitable<std::string> establish(Peer& peer);
-    std::unique_ptr<Peer> makePeer(const DialRequest& request, std::unique_ptr<PeerWireTransport> transport,
-                                   PeerDirection direction);
+    std::unique_ptr<PeerConnection> makeConnection(const PeerAddress& address,
+                                                   std::unique_ptr<PeerWireTransport> transport,
+                                                   PeerDirection direction);
+    std::unique_ptr<Peer> makePeer(const DialRequest& origin, std::unique_ptr<PeerConnection> connection);
     void admit(std::unique_ptr<Peer> peer);
     void setCallbacks(Peer& peer);
     bool isOurselves(const Peer& peer) const;
@@ -115,9 +96,8 @@ private:
     void retire(std::unique_ptr<Peer> peer);
     asio::awaitable<void> retireSlowly(std::unique_ptr<Peer> peer);
     void rememberDisconnectedPeer(const Peer& peer, const std::string& error);
-    void rememberFailedDial(const DialRequest& request, const std::string& error);
     void remember(PeerRuntimeInfo info);
-    asio::awaitable<void> retryNamedPeer(DialRequest request);
+    void forgetRow(const PeerAddress& address);
     PeerRuntimeInfo infoOf(const Peer& peer) const;
 
     const Environment environment_;
@@ -126,14 +106,10 @@ private:
     Throttle upload_;
     PeerKey nextKey_ = 1;
     std::unordered_map<PeerKey, std::unique_ptr<Peer>> connected_;
-    std::unordered_set<PeerAddress> publicPeerDialInFlight_;
-    std::deque<DialRequest> pendingPublicPeerDials_;
-    std::unordered_set<PeerAddress> pendingPublicPeerDialAddresses_;
-    std::unordered_map<PeerAddress, Clock::TimePoint> publicPeerRetryAfter_;
     std::deque<PeerRuntimeInfo> recentDisconnectedPeers_;
     std::size_t accepting_ = 0;
-    std::size_t addressesOffered_ = 0;
     bool isOpen_ = true;
+    PeerDialer dialer_;
     TaskGroup tasks_;
 };
 

@@ -56,7 +56,7 @@ bool PieceExchange::dropIfBothAreComplete(PeerKey key) {
     const PeerPool::Peer* const peer = environment_.pool.find(key);
     if (peer == nullptr || isWanting() || !scheduler_.hasEverything(key)) return false;
     if (peer->isNamedByUser || peer->connection->direction() == PeerDirection::incoming) return false;
-    environment_.pool.drop(key, "Both sides are complete", PeerPool::publicPeerFailureCooldown);
+    environment_.pool.drop(key, "Both sides are complete", PeerDialer::publicPeerFailureCooldown);
     return true;
 }
 

@@ -5,6 +5,7 @@
 #include "Core/formats/BEncoder.h"
 #include "Core/formats/TorrentParser.h"
 #include "Core/wire/NWPeerWireTransport.h"
+#include "Core/wire/UTPPeerWireTransport.h"
 #include "public/common/RunOn.h"
 
 #include <algorithm>
@@ -199,7 +200,7 @@ asio::awaitable<void> TorrentSession::enterRunning() {
     adoptConnectedPeers();
     startPeerDiscoveryForDownload();
     updateProgress();
-    lastProgressAt_ = {};                                // the first piece is told at once
+    lastProgressAt_ = {};                                           // the first piece is told at once
     if (options_.archive && !options_.seedsOnly) syncNowAndThen();  // what was just hashed need not be again
     startProgressLoop();
 }
@@ -325,11 +326,21 @@ PeerPool::Environment TorrentSession::poolEnvironment() {
             services_.log,
             identity,
             options_.maxConnections,
-            [this](const PeerAddress& address) -> std::unique_ptr<PeerWireTransport> {
-                return std::make_unique<NWPeerWireTransport>(services_.io, services_.clock, address,
-                                                             PeerPool::publicBTConnectTimeout,
-                                                             options_.discovery.bindAddress);
-            }};
+            options_.dial,
+            [this](const PeerAddress& address, const DialAttempt& how) { return makeTransport(address, how); }};
+}
+
+std::unique_ptr<PeerWireTransport> TorrentSession::makeTransport(const PeerAddress& address, const DialAttempt& how) {
+    const std::string& bindAddress = options_.discovery.bindAddress;
+    if (how.transport == PeerTransport::utp) {
+        Bytes expectedStart;
+        if (!how.isEncrypted()) expectedStart = PeerHandshake::opening();
+        return std::make_unique<UTPPeerWireTransport>(services_.clock, services_.log, address,
+                                                      PeerDialer::publicBTConnectTimeout, bindAddress,
+                                                      std::move(expectedStart));
+    }
+    return std::make_unique<NWPeerWireTransport>(services_.io, services_.clock, address,
+                                                 PeerDialer::publicBTConnectTimeout, bindAddress);
 }
 
 PeerPool::Callbacks TorrentSession::poolCallbacks() {
@@ -524,8 +535,8 @@ StallFacts TorrentSession::stallFacts() const {
         facts.storageProblem = pieceManager_->storageProblem();
         facts.storageErrno = pieceManager_->storageErrno();
     }
-    facts.peersFound = peerPool_.addressesOffered();
-    facts.dialsInFlight = peerPool_.dialsInFlight();
+    facts.peersFound = peerPool_.dialer().addressesOffered();
+    facts.dialsInFlight = peerPool_.dialer().attemptsInFlight();
     facts.connected = peerPool_.connected().size();
     for (const auto& [key, peer] : peerPool_.connected())
         if (peer->connection->extensions().metadataSize() > 0) ++facts.connectedWithMetadata;

@@ -86,6 +86,7 @@ public:
         bool seedsOnly = false;    ///< serves what is there; never writes, never downloads
         bool savesTorrent = true;  ///< beside the download
         bool servesMetadata = true;
+        DialOptions dial;
         DiscoveryOptions discovery;
         std::vector<std::string> cacheSites;  ///< templates; empty: none is asked
         int maxMagnetRounds = MetadataSearch::defaultMaxRounds;
@@ -156,6 +157,7 @@ private:
     asio::awaitable<void> shutDown();
 
     PeerPool::Environment poolEnvironment();
+    std::unique_ptr<PeerWireTransport> makeTransport(const PeerAddress& address, const DialAttempt& how);
     PeerPool::Callbacks poolCallbacks();
     PeerConnection::Callbacks connectionCallbacks(PeerKey key);
     PeerExtensions::Callbacks extensionCallbacks(PeerKey key);

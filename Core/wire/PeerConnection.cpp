@@ -84,6 +84,7 @@ void PeerConnection::begin() {
 
 asio::awaitable<void> PeerConnection::dialAndShakeHands(EncryptionPreference encryptionPreference, MSEPrime prime) {
     co_await transport_->start();
+    hasReachedPeer_ = true;
     if (encryptionPreference == EncryptionPreference::mseRC4) co_await negotiateEncryption(prime);
     logOverUTP("send BT handshake ");
     co_await sendHandshake();

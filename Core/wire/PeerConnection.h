@@ -123,6 +123,8 @@ public:
     PeerDirection direction() const noexcept { return direction_; }
     PeerTransport transportKind() const noexcept { return transport_->kind(); }
     PeerEncryptionStatus encryptionStatus() const noexcept { return encryptionStatus_; }
+    /// The transport was opened, whatever came of the conversation.
+    bool hasReachedPeer() const noexcept { return hasReachedPeer_; }
     /// After encryption failed: with the other prime it may succeed.
     bool mayNeedOtherPrime() const noexcept { return mayNeedOtherPrime_; }
     bool isConnected() const noexcept { return isConnected_; }
@@ -198,6 +200,7 @@ private:
     std::optional<Bytes> peerBitfield_;
     std::optional<PeerID> remotePeerID_;
     PeerEncryptionStatus encryptionStatus_ = PeerEncryptionStatus::plaintext;
+    bool hasReachedPeer_ = false;
     bool mayNeedOtherPrime_ = false;
     std::optional<Clock::TimePoint> connectedAt_;
     std::optional<Clock::TimePoint> lastActiveAt_;

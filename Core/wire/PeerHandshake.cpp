@@ -31,6 +31,12 @@ PeerHandshake::Encoded PeerHandshake::encode() const {
     return bytes;
 }
 
+Bytes PeerHandshake::opening() {
+    Bytes bytes{static_cast<std::uint8_t>(protocolName.size())};
+    append(bytes, asBytes(protocolName));
+    return bytes;
+}
+
 std::optional<std::string> PeerHandshake::faultOf(ByteView bytes) {
     const ByteView head = bytes.first(std::min(bytes.size(), dumpedBytes));
     if (bytes[0] != protocolName.size())

@@ -21,6 +21,8 @@ struct PeerHandshake {
     bool supportsExtended = true;
 
     Encoded encode() const;
+    /// The bytes with which every handshake begins.
+    static Bytes opening();
     /// What is wrong with the first 20 bytes, as the log line says it; nothing when they open a handshake.
     static std::optional<std::string> faultOf(ByteView bytes);
     /// `bytes` are `size` bytes without a fault.

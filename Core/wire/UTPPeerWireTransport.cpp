@@ -169,8 +169,13 @@ private:
 };
 
 UTPPeerWireTransport::UTPPeerWireTransport(Clock& clock, FileLogger& log, PeerAddress address,
-                                           std::chrono::seconds timeout, std::string bindAddress)
-    : clock_(clock), log_(log), address_(std::move(address)), timeout_(timeout), bindAddress_(std::move(bindAddress)) {}
+                                           std::chrono::seconds timeout, std::string bindAddress, Bytes expectedStart)
+    : clock_(clock),
+      log_(log),
+      address_(std::move(address)),
+      timeout_(timeout),
+      bindAddress_(std::move(bindAddress)),
+      expectedStart_(std::move(expectedStart)) {}
 
 UTPPeerWireTransport::~UTPPeerWireTransport() { cancel(); }
 
@@ -182,6 +187,7 @@ asio::awaitable<void> UTPPeerWireTransport::start() {
     const udp::endpoint remote = co_await resolve(address_);
     if (isCancelled_) throw PeerException(PeerError::connectionClosed);
     link_ = std::make_shared<Link>(strand, clock_, log_, address_.description());
+    link_->stream.expectStart(expectedStart_);
     link_->connect(remote, bindAddress_);
     log_.debug("[uTP][Transport] udp ready ", address_.description());
     bool isLate = false;

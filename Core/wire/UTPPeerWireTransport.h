@@ -16,10 +16,11 @@ namespace skein {
 /// `start` runs on the owner's strand, as all else does: datagrams are answered there whether or not anybody reads.
 class UTPPeerWireTransport final : public PeerWireTransport {
 public:
-    /// The host of `address` may be a name. `bindAddress` is the local address, or empty. `clock` and `log` outlive
-    /// the transport.
+    /// The host of `address` may be a name. `bindAddress` is the local address, or empty. `expectedStart`: the bytes
+    /// with which what the peer sends begins, or nothing when they are not known. `clock` and `log` outlive the
+    /// transport.
     UTPPeerWireTransport(Clock& clock, FileLogger& log, PeerAddress address, std::chrono::seconds timeout,
-                         std::string bindAddress);
+                         std::string bindAddress, Bytes expectedStart = {});
     /// As `cancel`.
     ~UTPPeerWireTransport() override;
 
@@ -45,6 +46,7 @@ private:
     const PeerAddress address_;
     const std::chrono::seconds timeout_;
     const std::string bindAddress_;
+    const Bytes expectedStart_;
     bool isCancelled_ = false;
     bool isReading_ = false;
     std::shared_ptr<Link> link_;  // also held by the socket's pending wait, which ends a moment after `cancel`

@@ -141,6 +141,7 @@ void UTPStream::deliver(const UTPPacket& packet) {
     const std::uint16_t sequence = packet.header.sequenceNumber;
     const bool opensWithItsStateNumber = awaitsFirstData_ && sequence == acknowledgementNumber_;
     if (sequence != expectedReceiveSequence_ && !opensWithItsStateNumber) return;
+    if (awaitsFirstData_ && !opensWithItsStateNumber && !mayBeTheStart(packet.payload)) return;
     if (packet.payload.size() > room()) return;
     for (ByteView rest = packet.payload; !rest.empty();) {
         const std::span<std::uint8_t> into = receiveBuffer_.prepare();
@@ -152,6 +153,11 @@ void UTPStream::deliver(const UTPPacket& packet) {
     awaitsFirstData_ = false;
     acknowledgementNumber_ = sequence;
     expectedReceiveSequence_ = static_cast<std::uint16_t>(sequence + 1);
+}
+
+bool UTPStream::mayBeTheStart(ByteView payload) const noexcept {
+    const std::size_t compared = std::min(payload.size(), expectedStart_.size());
+    return std::ranges::equal(payload.first(compared), ByteView(expectedStart_).first(compared));
 }
 
 std::uint32_t UTPStream::room() const noexcept {

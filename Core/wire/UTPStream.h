@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
 
 namespace skein {
 
@@ -25,6 +26,10 @@ public:
 
     /// What the peer sends bears `receiveConnectionID`, which is at least 1 and leaves room for the one after it.
     explicit UTPStream(std::uint16_t receiveConnectionID);
+
+    /// The bytes with which the peer's stream begins, if they are known: a second DATA that overtook the first is then
+    /// not taken for it.
+    void expectStart(Bytes start) { expectedStart_ = std::move(start); }
 
     std::uint16_t receiveConnectionID() const noexcept { return receiveConnectionID_; }
     std::uint16_t sendConnectionID() const noexcept { return static_cast<std::uint16_t>(receiveConnectionID_ + 1); }
@@ -82,6 +87,7 @@ private:
     void noteSender(const UTPPacketHeader& header, Clock::TimePoint now);
     void noteAcknowledgement(std::uint16_t number, Clock::TimePoint now);
     void deliver(const UTPPacket& packet);
+    bool mayBeTheStart(ByteView payload) const noexcept;
     std::uint32_t room() const noexcept;
 
     const std::uint16_t receiveConnectionID_;
@@ -90,6 +96,7 @@ private:
     std::uint16_t expectedReceiveSequence_ = 0;
     std::uint16_t acknowledgementNumber_ = 0;
     bool awaitsFirstData_ = true;
+    Bytes expectedStart_;
     ReceiveBuffer receiveBuffer_;
     std::uint32_t toldRoom_ = maxBuffered;
     std::uint32_t delayMicroseconds_ = 0;  // of the peer's last packet

@@ -59,6 +59,15 @@ void Simulation::runUntil(const std::function<bool()>& condition) {
     }
 }
 
+void Simulation::advanceUntil(const std::function<bool()>& condition) {
+    using std::chrono::milliseconds;
+    for (const TimePoint giveUpAt = now_ + std::chrono::minutes(10); !condition(); advance(milliseconds(20))) {
+        if (now_ > giveUpAt) throw std::runtime_error("the simulation waits in vain");
+        const auto quietAt = std::chrono::steady_clock::now() + milliseconds(1);
+        runUntil([&] { return condition() || std::chrono::steady_clock::now() > quietAt; });
+    }
+}
+
 void Simulation::settle() {
     context_.restart();
     context_.poll();

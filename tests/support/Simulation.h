@@ -37,6 +37,8 @@ public:
     void advance(Duration duration);
     /// Runs what is ready, and what sockets bring, until `condition` holds.
     void runUntil(const std::function<bool()>& condition);
+    /// The same, and lets time pass while the sockets are quiet: what waits for either comes about.
+    void advanceUntil(const std::function<bool()>& condition);
     /// Runs what is ready now, without waiting for anything.
     void settle();
     /// Runs until `task` has ended and returns its result or throws what it threw. Time does not move.

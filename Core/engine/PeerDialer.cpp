@@ -1,0 +1,241 @@
+#include "Core/engine/PeerDialer.h"
+
+#include "public/common/ErrorText.h"
+
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+DialFailure failureOf(const PeerConnection& connection) {
+    if (!connection.hasReachedPeer()) return DialFailure::unreachable;
+    if (connection.mayNeedOtherPrime()) return DialFailure::otherPrimeNeeded;
+    const bool failedToEncrypt = connection.encryptionStatus() == PeerEncryptionStatus::handshakeFailed;
+    return failedToEncrypt ? DialFailure::encryptionFailed : DialFailure::conversationFailed;
+}
+
+}  // namespace
+
+PeerDialer::PeerDialer(Environment environment, Callbacks callbacks)
+    : environment_(std::move(environment)),
+      callbacks_(std::move(callbacks)),
+      prober_(
+          {environment_.strand, environment_.clock, environment_.log,
+           [this](const PeerAddress& address) { return environment_.dial(address, {.transport = PeerTransport::utp}); },
+           [this](const DialRequest& request) { handleUTPAnswer(request); }}),
+      tasks_(environment_.strand) {}
+
+asio::awaitable<void> PeerDialer::stop() {
+    close();
+    co_await tasks_.stop();
+    co_await prober_.stop();
+}
+
+void PeerDialer::close() {
+    isOpen_ = false;
+    pendingPublicPeerDials_.clear();
+    pendingPublicPeerDialAddresses_.clear();
+    prober_.forgetDeferred();
+}
+
+// --- whom and when ---------------------------------------------------------------------------------------------------
+
+void PeerDialer::connectToPeer(const DialRequest& request) {
+    if (!isOpen_ || isBusyWith(request.address)) return;
+    ++addressesOffered_;
+    if (publicPeerRetryAfter_.isResting(request.address, environment_.clock.now())) {
+        environment_.log.debug("[Direct] skip recently failed public BT peer ", request.address.description());
+        return;
+    }
+    startOrQueue(request);
+}
+
+bool PeerDialer::isBusyWith(const PeerAddress& address) const {
+    return publicPeerDialInFlight_.contains(address) || callbacks_.isConnectedTo(address);
+}
+
+bool PeerDialer::isFull() const {
+    return publicPeerDialInFlight_.size() >= maxPublicPeerDialInFlight ||
+           publicPeerDialInFlight_.size() >= callbacks_.room();
+}
+
+void PeerDialer::startOrQueue(const DialRequest& request) {
+    if (isFull()) return enqueuePendingPublicPeerDial(request);
+    publicPeerDialInFlight_.insert(request.address);
+    tasks_.spawn(dial(request));
+}
+
+void PeerDialer::enqueuePendingPublicPeerDial(const DialRequest& request) {
+    if (pendingPublicPeerDialAddresses_.contains(request.address)) return;
+    if (pendingPublicPeerDials_.size() >= maxPendingPublicPeerDials) {
+        const PeerAddress oldest = pendingPublicPeerDials_.front().address;
+        environment_.log.debug("[Direct] public BT pending queue full; drop oldest ", oldest.description());
+        pendingPublicPeerDials_.pop_front();
+        pendingPublicPeerDialAddresses_.erase(oldest);
+    }
+    pendingPublicPeerDials_.push_back(request);
+    pendingPublicPeerDialAddresses_.insert(request.address);
+    environment_.log.debug("[Direct] public BT dial budget full; queued ", request.address.description(),
+                           " pending=", pendingPublicPeerDials_.size());
+}
+
+void PeerDialer::drainPendingPublicPeerDials() {
+    while (!pendingPublicPeerDials_.empty() && !isFull()) {
+        const DialRequest next = pendingPublicPeerDials_.front();
+        pendingPublicPeerDials_.pop_front();
+        pendingPublicPeerDialAddresses_.erase(next.address);
+        environment_.log.debug("[Direct] public BT dial budget released; retry queued ", next.address.description(),
+                               " pending=", pendingPublicPeerDials_.size());
+        connectToPeer(next);
+    }
+}
+
+void PeerDialer::leaveAlone(const PeerAddress& address, Clock::Duration cooldown) {
+    publicPeerRetryAfter_.rest(address, environment_.clock.now() + cooldown);
+}
+
+void PeerDialer::noteDisconnect(const DialRequest& origin, bool wasFruitless) {
+    if (publicPeerRetryAfter_.isResting(origin.address, environment_.clock.now())) return;
+    if (origin.isNamedByUser) return retryLater(origin);
+    if (wasFruitless) leaveAlone(origin.address, publicPeerFailureCooldown);
+}
+
+void PeerDialer::retryLater(const DialRequest& request) {
+    // One that failed over TCP and then over uTP would else be retried twice as often each time.
+    if (namedPeersToRetry_.insert(request.address).second) tasks_.spawn(retryNamedPeer(request));
+}
+
+asio::awaitable<void> PeerDialer::retryNamedPeer(DialRequest request) {
+    try {
+        co_await environment_.clock.sleep(namedPeerRetry);
+    } catch (const std::exception&) {
+        co_return;
+    }
+    namedPeersToRetry_.erase(request.address);
+    connectToPeer(request);
+}
+
+// --- how -------------------------------------------------------------------------------------------------------------
+
+asio::awaitable<void> PeerDialer::dial(DialRequest request) {
+    co_await asio::this_coro::throw_if_cancelled(false);  // a cancelled dial still stops its connection
+    const auto known = experiences_.find(request.address);
+    DialPlan plan(environment_.options, known == experiences_.end() ? DialExperience() : known->second);
+    std::unique_ptr<PeerConnection> connection;
+    std::string failure;
+    for (bool goesOn = true; goesOn;) {
+        const DialAttempt how = plan.current();
+        connection = callbacks_.makeConnection(request.address, environment_.dial(request.address, how));
+        failure = co_await attempt(*connection, how);
+        if (tasks_.isStopping()) break;
+        learn(*connection, how);
+        if (failure.empty()) break;
+        co_await connection->stop();
+        goesOn = isOpen_ && !tasks_.isStopping() && plan.advance(failureOf(*connection));
+    }
+    publicPeerDialInFlight_.erase(request.address);
+    if (tasks_.isStopping()) {
+        co_await connection->stop();
+        co_return;
+    }
+    if (failure.empty()) {
+        callbacks_.onConnected(request, std::move(connection));
+    } else {
+        rememberFailedDial(request, *connection, failure);
+        if (plan.suggestsUTPProbe()) prober_.scheduleUTPProbe(request);
+    }
+    drainPendingPublicPeerDials();
+}
+
+/// The error's text, or nothing when the handshake is done.
+asio::awaitable<std::string> PeerDialer::attempt(PeerConnection& connection, const DialAttempt& how) {
+    if (how.transport == PeerTransport::utp) return connectToPeerViaUTP(connection, how);
+    if (how.isEncrypted()) return connectToPeerViaMSE(connection, how);
+    return connectToPeerViaTCP(connection);
+}
+
+asio::awaitable<std::string> PeerDialer::connectToPeerViaTCP(PeerConnection& connection) {
+    return connect("[Direct] ", connection, {});
+}
+
+asio::awaitable<std::string> PeerDialer::connectToPeerViaMSE(PeerConnection& connection, const DialAttempt& how) {
+    return connect("[MSE] ", connection, how);
+}
+
+asio::awaitable<std::string> PeerDialer::connectToPeerViaUTP(PeerConnection& connection, const DialAttempt& how) {
+    return connect("[uTP] ", connection, how);
+}
+
+asio::awaitable<std::string> PeerDialer::connect(std::string_view tag, PeerConnection& connection, DialAttempt how) {
+    const std::string address = connection.address().description();
+    environment_.log.debug(tag, "→ ", address);
+    std::string failure;
+    try {
+        co_await connection.connect(how.isEncrypted() ? encryptedConnectTimeout : publicBTConnectTimeout,
+                                    how.encryption, how.prime);
+    } catch (const std::exception& error) {
+        failure = textOf(error);
+    }
+    if (failure.empty()) {
+        environment_.log.info(tag, "✓ ", address);
+    } else if (!tasks_.isStopping()) {
+        environment_.log.info(tag, "✗ ", address, " — ", failure);
+    }
+    co_return failure;
+}
+
+void PeerDialer::learn(const PeerConnection& connection, const DialAttempt& how) {
+    const PeerAddress& address = connection.address();
+    if (connection.encryptionStatus() == PeerEncryptionStatus::encrypted && how.prime == MSEPrime::rfc2409)
+        experienceWith(address).prime = how.prime;
+    if (how.transport == PeerTransport::utp && !connection.hasReachedPeer()) experiences_.erase(address);
+}
+
+DialExperience& PeerDialer::experienceWith(const PeerAddress& address) {
+    const auto found = experiences_.find(address);
+    if (found != experiences_.end()) return found->second;
+    if (experiences_.size() >= maxExperiences) experiences_.erase(experiences_.begin());
+    return experiences_[address];
+}
+
+// --- what came of it -------------------------------------------------------------------------------------------------
+
+void PeerDialer::rememberFailedDial(const DialRequest& request, const PeerConnection& last, const std::string& error) {
+    if (request.isNamedByUser) {
+        retryLater(request);
+    } else {
+        environment_.log.debug("[Direct] public BT peer failed; no Relay fallback ", request.address.description());
+        leaveAlone(request.address, publicPeerFailureCooldown);
+    }
+    callbacks_.onFailed(request);
+    PeerRuntimeInfo row;
+    row.address = request.address;
+    row.source = request.source;
+    row.direction = PeerDirection::outgoing;
+    row.transport = last.transportKind();
+    row.encryption = last.encryptionStatus();
+    row.lastError = request.isNamedByUser ? error : "public peer connect failed";
+    callbacks_.onRow(std::move(row));
+}
+
+void PeerDialer::handleUTPAnswer(const DialRequest& request) {
+    experienceWith(request.address).answersUTP = true;
+    if (!isOpen_ || isBusyWith(request.address)) return;
+    PeerRuntimeInfo row;
+    row.address = request.address;
+    row.source = request.source;
+    row.direction = PeerDirection::outgoing;
+    row.transport = PeerTransport::utp;
+    row.lastError = utpPeerMark;
+    callbacks_.onRow(std::move(row));
+    publicPeerRetryAfter_.forget(request.address);
+    startOrQueue(request);
+}
+
+bool PeerDialer::isDetectedUTPPeer(const PeerAddress& address) const {
+    const auto found = experiences_.find(address);
+    return found != experiences_.end() && found->second.answersUTP;
+}
+
+}  // namespace skein

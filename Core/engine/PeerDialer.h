@@ -1,0 +1,123 @@
+#pragma once
+
+#include "Core/engine/AddressCooldowns.h"
+#include "Core/engine/DialPlan.h"
+#include "Core/engine/DialRequest.h"
+#include "Core/engine/UTPProber.h"
+#include "Core/wire/PeerConnection.h"
+#include "Core/wire/PeerRuntimeInfo.h"
+#include "public/common/Clock.h"
+#include "public/common/FileLogger.h"
+#include "public/common/TaskGroup.h"
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace skein {
+
+/// Whom to dial, when and how: the budget of dials, the queue for it, the cooldowns, and what was learnt of whom.
+///
+/// Owner: the pool of connections, which awaits `stop()`. Thread: the session's strand, on which callbacks come too.
+class PeerDialer {
+public:
+    static constexpr std::size_t maxPublicPeerDialInFlight = 16;
+    static constexpr std::size_t maxPendingPublicPeerDials = 256;
+    static constexpr std::chrono::seconds publicBTConnectTimeout{15};
+    /// A peer that knows nothing of encryption may wait for more of what it takes for a handshake. Shorter, because
+    /// other attempts come after this one while the dial keeps its place in the budget.
+    static constexpr std::chrono::seconds encryptedConnectTimeout{10};
+    static constexpr std::chrono::seconds publicPeerFailureCooldown{600};
+    static constexpr std::chrono::seconds namedPeerRetry{5};
+    /// What is remembered of more peers than this makes room for the new.
+    static constexpr std::size_t maxExperiences = 1024;
+    /// Marks a peer in its row.
+    static constexpr std::string_view utpPeerMark = "uTP peer detected after TCP failure";
+
+    /// Makes the transport of an attempt.
+    using Dial = std::function<std::unique_ptr<PeerWireTransport>(const PeerAddress& address, const DialAttempt&)>;
+
+    struct Environment {
+        Strand strand;
+        Clock& clock;
+        FileLogger& log;
+        DialOptions options;
+        Dial dial;
+    };
+
+    struct Callbacks {
+        std::function<std::unique_ptr<PeerConnection>(const PeerAddress&, std::unique_ptr<PeerWireTransport>)>
+            makeConnection;
+        std::function<bool(const PeerAddress&)> isConnectedTo;
+        /// How many connections more there may be, the dials in flight among them.
+        std::function<std::size_t()> room;
+        /// A handshake is done.
+        std::function<void(const DialRequest&, std::unique_ptr<PeerConnection>)> onConnected;
+        /// A dial came to nothing.
+        std::function<void(const DialRequest&)> onFailed;
+        /// What is to be shown of a peer that is not connected.
+        std::function<void(PeerRuntimeInfo)> onRow;
+    };
+
+    PeerDialer(Environment environment, Callbacks callbacks);
+
+    /// Dials the peer, or queues it until there is room; not while it is connected, or is to be left alone.
+    void connectToPeer(const DialRequest& request);
+    /// There may be room for a dial that waits.
+    void drainPendingPublicPeerDials();
+    void leaveAlone(const PeerAddress& address, Clock::Duration cooldown);
+    /// A connection that `origin` led to has ended; `wasFruitless` when nothing came of it, not even time.
+    void noteDisconnect(const DialRequest& origin, bool wasFruitless);
+    /// Forgets what waits, and dials nobody until `open`.
+    void close();
+    void open() noexcept { isOpen_ = true; }
+    /// Returns when nothing of the dialer runs any more.
+    asio::awaitable<void> stop();
+
+    std::size_t dialsInFlight() const noexcept { return publicPeerDialInFlight_.size(); }
+    /// Dials and probes: peers that may yet turn out to be reachable.
+    std::size_t attemptsInFlight() const noexcept { return dialsInFlight() + prober_.probesInFlight(); }
+    std::size_t pendingDials() const noexcept { return pendingPublicPeerDials_.size(); }
+    /// Addresses that any source named and that were new then: an address is counted again once it was forgotten.
+    std::size_t addressesOffered() const noexcept { return addressesOffered_; }
+    /// TCP did not reach it, and it answered over uTP.
+    bool isDetectedUTPPeer(const PeerAddress& address) const;
+
+private:
+    bool isBusyWith(const PeerAddress& address) const;
+    bool isFull() const;
+    void startOrQueue(const DialRequest& request);
+    void enqueuePendingPublicPeerDial(const DialRequest& request);
+    asio::awaitable<void> dial(DialRequest request);
+    asio::awaitable<std::string> attempt(PeerConnection& connection, const DialAttempt& how);
+    asio::awaitable<std::string> connectToPeerViaTCP(PeerConnection& connection);
+    asio::awaitable<std::string> connectToPeerViaMSE(PeerConnection& connection, const DialAttempt& how);
+    asio::awaitable<std::string> connectToPeerViaUTP(PeerConnection& connection, const DialAttempt& how);
+    asio::awaitable<std::string> connect(std::string_view tag, PeerConnection& connection, DialAttempt how);
+    void learn(const PeerConnection& connection, const DialAttempt& how);
+    DialExperience& experienceWith(const PeerAddress& address);
+    void rememberFailedDial(const DialRequest& request, const PeerConnection& last, const std::string& error);
+    void retryLater(const DialRequest& request);
+    asio::awaitable<void> retryNamedPeer(DialRequest request);
+    void handleUTPAnswer(const DialRequest& request);
+
+    const Environment environment_;
+    const Callbacks callbacks_;
+    std::unordered_set<PeerAddress> publicPeerDialInFlight_;
+    std::deque<DialRequest> pendingPublicPeerDials_;
+    std::unordered_set<PeerAddress> pendingPublicPeerDialAddresses_;
+    AddressCooldowns publicPeerRetryAfter_;
+    std::unordered_set<PeerAddress> namedPeersToRetry_;
+    std::unordered_map<PeerAddress, DialExperience> experiences_;  // of peers that differ from what is usual
+    std::size_t addressesOffered_ = 0;
+    bool isOpen_ = true;
+    UTPProber prober_;
+    TaskGroup tasks_;
+};
+
+}  // namespace skein

@@ -1,0 +1,65 @@
+#include "Core/engine/UTPProber.h"
+
+#include "public/common/ErrorText.h"
+#include "public/common/Within.h"
+
+#include <algorithm>
+
+namespace skein {
+
+UTPProber::UTPProber(Environment environment) : environment_(std::move(environment)), tasks_(environment_.strand) {}
+
+void UTPProber::scheduleUTPProbe(const DialRequest& request) {
+    const Clock::TimePoint now = environment_.clock.now();
+    if (utpProbeRetryAfter_.isResting(request.address, now)) return;
+    if (utpProbeInFlight_.size() >= maxUTPProbeInFlight) {
+        const bool waits = std::ranges::find(deferred_, request.address, &DialRequest::address) != deferred_.end();
+        if (waits) return;
+        environment_.log.debug("[uTP][Probe] budget full; defer ", request.address.description());
+        if (deferred_.size() >= maxDeferredProbes) deferred_.pop_front();
+        deferred_.push_back(request);
+        return;
+    }
+    utpProbeRetryAfter_.rest(request.address, now + utpProbeCooldownSeconds);
+    utpProbeInFlight_.insert(request.address);
+    tasks_.spawn(probe(request));
+}
+
+void UTPProber::startDeferred() {
+    while (!deferred_.empty() && utpProbeInFlight_.size() < maxUTPProbeInFlight) {
+        const DialRequest next = deferred_.front();
+        deferred_.pop_front();
+        scheduleUTPProbe(next);
+    }
+}
+
+asio::awaitable<void> UTPProber::probe(DialRequest request) {
+    co_await asio::this_coro::throw_if_cancelled(false);
+    const Clock::TimePoint startedAt = environment_.clock.now();
+    const auto transport = environment_.dial(request.address);
+    const std::string failure = co_await open(*transport);
+    transport->cancel();
+    utpProbeInFlight_.erase(request.address);
+    if (tasks_.isStopping()) co_return;
+    const auto roundTrip =
+        std::chrono::duration_cast<std::chrono::milliseconds>(environment_.clock.now() - startedAt).count();
+    if (failure.empty()) {
+        environment_.log.info("[uTP][Probe] ✓ ", request.address.description(), " rtt=", roundTrip, " ms");
+        environment_.onAnswer(request);
+    } else {
+        environment_.log.debug("[uTP][Probe] ✗ ", request.address.description(), " rtt=", roundTrip, " ms — ", failure);
+    }
+    startDeferred();
+}
+
+/// The error's text, or nothing when the peer answered.
+asio::awaitable<std::string> UTPProber::open(PeerWireTransport& transport) {
+    try {
+        co_await within(environment_.clock, probeTimeout, transport.start());
+    } catch (const std::exception& error) {
+        co_return textOf(error);
+    }
+    co_return std::string();
+}
+
+}  // namespace skein

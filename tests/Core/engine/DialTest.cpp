@@ -1,0 +1,191 @@
+#include "Core/formats/TorrentParser.h"
+#include "Core/formats/TorrentWriter.h"
+#include "tests/Core/engine/TestTorrent.h"
+#include "tests/support/MSEResponder.h"
+#include "tests/support/TestSession.h"
+#include "tests/support/UTPAcceptor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace skein {
+namespace {
+
+using namespace std::chrono_literals;
+using Failures = std::vector<DialFailure>;
+using enum DialFailure;
+
+/// The attempts of a dial of which each fails as told: T or U for the transport, then the encryption.
+std::string attempts(DialOptions options, const Failures& failures, DialExperience experience = {}) {
+    DialPlan plan(options, experience);
+    std::string all;
+    const auto note = [&] {
+        const DialAttempt& how = plan.current();
+        all += how.transport == PeerTransport::utp ? " U" : " T";
+        all += !how.isEncrypted() ? "-" : how.prime == MSEPrime::deployed ? "d" : "r";
+    };
+    note();
+    for (const DialFailure failure : failures) {
+        if (!plan.advance(failure)) return all + (plan.suggestsUTPProbe() ? " probe" : "");
+        note();
+    }
+    return all;
+}
+
+TEST(DialPlanTest, triesWhatTheOptionsAndThePastLetIt) {
+    using enum EncryptionChoice;
+    using enum TransportChoice;
+    const Failures bothPrimes(5, otherPrimeNeeded);
+    const Failures noEncryption(5, encryptionFailed);
+    EXPECT_EQ(attempts({plaintext, any}, {unreachable}), " T- probe");
+    EXPECT_EQ(attempts({plaintext, any}, {conversationFailed}), " T-");
+    EXPECT_EQ(attempts({plaintext, tcp}, {unreachable}), " T-");
+    EXPECT_EQ(attempts({plaintext, utp}, {unreachable}), " U-");
+    EXPECT_EQ(attempts({mse, any}, bothPrimes), " Td Tr");
+    EXPECT_EQ(attempts({mse, tcp}, noEncryption), " Td");
+    EXPECT_EQ(attempts({preferMSE, tcp}, noEncryption), " Td T-");
+    EXPECT_EQ(attempts({preferMSE, utp}, bothPrimes), " Ud Ur U-");
+    EXPECT_EQ(attempts({preferMSE, any}, {unreachable, unreachable}), " Td probe");
+    EXPECT_EQ(attempts({preferMSE, any}, {encryptionFailed, unreachable}, {true, MSEPrime::rfc2409}), " Ur U- Tr");
+    EXPECT_EQ(attempts({mse, any}, {unreachable, unreachable}, {true}), " Ud Td") << "uTP was just tried";
+}
+
+/// A session that gets a torrent of 1 MB from a peer that speaks as the test says.
+class DialTest : public testing::Test {
+protected:
+    DialTest() {
+        torrent.metaInfo->name = "t";
+        torrentData = TorrentWriter::write(*torrent.metaInfo);
+        infoHash = TorrentParser::parse(torrentData).infoHash;
+    }
+    ~DialTest() override {
+        getter.reset();
+        for (const auto& acceptor : acceptors) simulation.finish(acceptor->stop());
+    }
+
+    std::unique_ptr<TestSession> start(char id, TorrentSession::Options options) {
+        options.savePath = options.seedsOnly ? seederFolder.path() : folder.path();
+        auto one = std::make_unique<TestSession>(simulation, infoHash, id, std::move(options), simulation.executor());
+        one->start(torrentData);
+        return one;
+    }
+    void startGetter(const PeerAddress& from, DialOptions dial) {
+        TorrentSession::Options options{.dial = dial};
+        options.discovery.namedPeers = {from};
+        getter = start('g', std::move(options));
+    }
+    UTPAcceptor& listenOverUTP(UTPAcceptor::Path path) {
+        acceptors.push_back(std::make_unique<UTPAcceptor>(simulation.executor(), simulation, path));
+        return *acceptors.back();
+    }
+    void waitForAll() {
+        simulation.advanceUntil([&] { return getter->state() == TestSession::Kind::seeding; });
+        EXPECT_TRUE(torrent.isWholeIn(folder.path()));
+    }
+    const PeerRuntimeInfo& nextRow() {
+        getter->peers.clear();
+        simulation.advanceUntil([&] { return !getter->peers.empty(); });
+        return getter->peers.front();
+    }
+    bool hasLogged(const std::string& line, const PeerAddress& of) {
+        return getter->hasLogged(line + of.description());
+    }
+
+    /// Has everything, whatever `Peer` speaks; sends `maxBlocks` of it.
+    template <class Peer>
+    asio::awaitable<void> seed(Peer& to, int maxBlocks = 1000) {
+        Bytes opening = co_await to.read(PeerHandshake::size);
+        opening.resize(PeerHandshake::size - 20);
+        opening.resize(PeerHandshake::size, 'x');
+        wire::appendMessage(opening, MessageID::bitfield, Bytes(8, 0xFF));
+        wire::appendMessage(opening, MessageID::unchoke);
+        co_await to.send(std::move(opening));
+        while (maxBlocks > 0) {
+            const Bytes prefix = co_await to.read(4);
+            const Bytes message = co_await to.read(readBigEndian<std::uint32_t>(prefix));
+            if (message.empty() || message[0] != static_cast<std::uint8_t>(MessageID::request)) continue;
+            const BlockRequest asked = ScriptedPeer::requestIn({message.begin() + 1, message.end()});
+            Bytes answer(wire::pieceHeaderSize);
+            wire::writePieceHeader(answer.data(), asked);
+            append(answer, torrent.block(asked));
+            co_await to.send(std::move(answer));
+            --maxBlocks;
+        }
+    }
+    asio::awaitable<void> seedAndEnd(UTPAcceptor& to, UTPAcceptor::Type end) {
+        co_await seed(to, 10);
+        Bytes half(wire::pieceHeaderSize + 1000);
+        wire::writePieceHeader(half.data(), {0, 0, 16384});
+        co_await to.send(std::move(half));
+        to.sendPacket(end);
+    }
+    /// By the prime of RFC 2409 alone; closes connections that it does not understand.
+    asio::awaitable<void> seedEncrypted(int connections) {
+        for (; connections > 0; --connections) try {
+                co_await peer.accept();
+                MSEResponder responder(peer, infoHash);
+                co_await responder.accept({.hasPrimeOfRFC2409 = true});
+                co_await seed(responder);
+            } catch (const std::runtime_error&) {
+                peer.close();
+            }
+    }
+
+    Simulation simulation;
+    TemporaryFolder folder;
+    TemporaryFolder seederFolder;
+    TestTorrent torrent{50'000, {{"t/a", 1'000'000}}};
+    Bytes torrentData;
+    SHA1Digest infoHash{};
+    ScriptedPeer peer{simulation.executor()};
+    std::vector<std::unique_ptr<UTPAcceptor>> acceptors;
+    std::unique_ptr<TestSession> getter;
+};
+
+TEST_F(DialTest, downloadsEncryptedWithEitherPrimeAndRemembersWhich) {
+    simulation.start(seedEncrypted(3));
+    startGetter(peer.address(), {EncryptionChoice::mse});
+    waitForAll();
+    EXPECT_EQ(nextRow().encryption, PeerEncryptionStatus::encrypted);
+    for (const char* const line : {"[MSE] ✗ ", "[MSE] → ", "[MSE] ✓ "}) EXPECT_TRUE(hasLogged(line, peer.address()));
+    peer.close();
+    simulation.advanceUntil([&] { return getter->countLogged("RC4 selected") == 2; });
+    EXPECT_EQ(getter->countLogged("negotiating RC4 over tcp"), 3);
+}
+
+TEST_F(DialTest, fallsBackToPlaintextOnANewConnectionOnlyWhereThatIsAllowed) {
+    torrent.writeTo(seederFolder.path());
+    const auto seeder = start('s', {.seedsOnly = true});  // which accepts plaintext alone
+    startGetter(seeder->address(), {EncryptionChoice::mse});
+    simulation.advanceUntil([&] { return getter->countLogged("[MSE] ✗ ") == 2; });
+    EXPECT_EQ(nextRow().encryption, PeerEncryptionStatus::handshakeFailed);
+    EXPECT_EQ(getter->peers.front().lastError, "MSE/PE encrypted handshake failed");
+    EXPECT_FALSE(getter->hasLogged("[Direct] "));
+    startGetter(seeder->address(), {EncryptionChoice::preferMSE});
+    waitForAll();
+    EXPECT_TRUE(hasLogged("[MSE] ✗ ", seeder->address()));
+    EXPECT_TRUE(hasLogged("[Direct] ✓ ", seeder->address()));
+    EXPECT_EQ(nextRow().encryption, PeerEncryptionStatus::plaintext);
+}
+
+TEST_F(DialTest, findsOutWhoAnswersOverUTPAndOutlivesOneThatEndsInMidPiece) {
+    for (const auto how : {UTPAcceptor::fin, UTPAcceptor::reset}) {
+        UTPAcceptor& leaver = listenOverUTP({});
+        simulation.start(seedAndEnd(leaver, how));
+        startGetter(leaver.address(), {});
+        simulation.advanceUntil([&] { return hasLogged("[Session] Peer disconnected: ", leaver.address()); });
+        for (const char* const line : {"[Direct] ✗ ", "[uTP][Probe] ✓ ", "[uTP] → ", "[uTP] ✓ "})
+            EXPECT_TRUE(hasLogged(line, leaver.address())) << line;
+        UTPAcceptor& other = listenOverUTP({.loss = 0.02, .reordering = 0.05, .firstSequence = 65'500});
+        simulation.start(seed(other));
+        simulation.finish(getter->session().connectToPeer(other.address()));
+        waitForAll();
+        EXPECT_EQ(nextRow().transport, PeerTransport::utp);
+        EXPECT_EQ(getter->peers.front().lastError, "uTP peer detected after TCP failure");
+        getter.reset();
+        std::filesystem::remove_all(folder.path() / "t");
+    }
+}
+
+}  // namespace
+}  // namespace skein
