@@ -2,6 +2,7 @@
 #include "Core/wire/PeerConnection.h"
 #include "Core/wire/UTPPeerWireTransport.h"
 #include "tests/support/MSEResponder.h"
+#include "tests/support/SeedTo.h"
 #include "tests/support/UTPAcceptor.h"
 
 #include <benchmark/benchmark.h>
@@ -34,21 +35,11 @@ Bytes blockAt(std::uint32_t begin) {
     return block;
 }
 
-/// A scripted peer that has everything, over whatever `Peer` speaks. Ends when the other side goes.
+/// Ends when the other side goes.
 template <class Peer>
 asio::awaitable<void> serve(Peer& peer) try {
-    Bytes handshake = co_await peer.read(PeerHandshake::size);
-    co_await peer.send(std::move(handshake));
-    const Bytes content = blockAt(0);
-    for (;;) {
-        const Bytes request = co_await peer.read(17);
-        const BlockRequest asked = ScriptedPeer::requestIn({request.begin() + 5, request.end()});
-        Bytes message(wire::pieceHeaderSize);
-        wire::writePieceHeader(message.data(), asked);
-        append(message, content);
-        writeBigEndian(message.data() + wire::pieceHeaderSize, static_cast<std::uint32_t>(asked.begin));
-        co_await peer.send(std::move(message));
-    }
+    const auto blockOf = [](const BlockRequest& asked) { return blockAt(static_cast<std::uint32_t>(asked.begin)); };
+    co_await seedTo(peer, 1, blockOf);
 } catch (const std::exception&) {
     // The download is over.
 }

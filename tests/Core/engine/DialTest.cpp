@@ -2,6 +2,7 @@
 #include "Core/formats/TorrentWriter.h"
 #include "tests/Core/engine/TestTorrent.h"
 #include "tests/support/MSEResponder.h"
+#include "tests/support/SeedTo.h"
 #include "tests/support/TestSession.h"
 #include "tests/support/UTPAcceptor.h"
 
@@ -91,26 +92,10 @@ protected:
         return getter->hasLogged(line + of.description());
     }
 
-    /// Has everything, whatever `Peer` speaks; sends `maxBlocks` of it.
     template <class Peer>
     asio::awaitable<void> seed(Peer& to, int maxBlocks = 1000) {
-        Bytes opening = co_await to.read(PeerHandshake::size);
-        opening.resize(PeerHandshake::size - 20);
-        opening.resize(PeerHandshake::size, 'x');
-        wire::appendMessage(opening, MessageID::bitfield, Bytes(8, 0xFF));
-        wire::appendMessage(opening, MessageID::unchoke);
-        co_await to.send(std::move(opening));
-        while (maxBlocks > 0) {
-            const Bytes prefix = co_await to.read(4);
-            const Bytes message = co_await to.read(readBigEndian<std::uint32_t>(prefix));
-            if (message.empty() || message[0] != static_cast<std::uint8_t>(MessageID::request)) continue;
-            const BlockRequest asked = ScriptedPeer::requestIn({message.begin() + 1, message.end()});
-            Bytes answer(wire::pieceHeaderSize);
-            wire::writePieceHeader(answer.data(), asked);
-            append(answer, torrent.block(asked));
-            co_await to.send(std::move(answer));
-            --maxBlocks;
-        }
+        const auto blockOf = [this](const BlockRequest& asked) { return torrent.block(asked); };
+        return seedTo(to, 3, blockOf, maxBlocks);
     }
     asio::awaitable<void> seedAndEnd(UTPAcceptor& to, UTPAcceptor::Type end) {
         co_await seed(to, 10);
