@@ -19,8 +19,6 @@ namespace {
 constexpr std::chrono::seconds progressInterval{1};
 /// Between two reports while pieces come in by the hundred a second.
 constexpr std::chrono::milliseconds progressPause{100};
-constexpr std::chrono::seconds syncInterval{10};
-constexpr std::chrono::seconds resumeRecordInterval{30};
 /// What is said to be left to trackers while the size is not known yet: not nothing, which would make us a seeder.
 constexpr std::int64_t leftOfUnknown = MetadataFetch::pieceSize;
 constexpr std::string_view metadataFailure = "Unable to fetch torrent info. Please check your network and try again.";
@@ -34,7 +32,8 @@ TorrentSession::TorrentSession(SHA1Digest infoHash, PeerID peerID, const Service
       options_(std::move(options)),
       tasks_(services.io),
       searchEnded_(tasks_.strand()),
-      peerPool_(poolEnvironment(), poolCallbacks()) {
+      peerPool_(poolEnvironment(), poolCallbacks()),
+      resumeKeeper_({tasks_.strand(), services.disk, services.clock, services.log, infoHash, options_.archive}) {
     peerPool_.setSpeedLimits(options_.downloadLimit, options_.uploadLimit);
 }
 
@@ -154,7 +153,8 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
         setStatus(problem ? *problem : "Downloading " + metaInfo_->name);
     });
     Bytes resumeRecord;
-    if (mayResume) resumeRecord = co_await readResumeRecord();
+    if (mayResume && !options_.seedsOnly) resumeRecord = co_await resumeKeeper_.read();
+    if (!mayResume) resumeKeeper_.forget();
     std::string failure;
     try {
         co_await pieces->setup(std::move(resumeRecord));
@@ -200,8 +200,8 @@ asio::awaitable<void> TorrentSession::enterRunning() {
     adoptConnectedPeers();
     startPeerDiscoveryForDownload();
     updateProgress();
-    lastProgressAt_ = {};                                           // the first piece is told at once
-    if (options_.archive && !options_.seedsOnly) syncNowAndThen();  // what was just hashed need not be again
+    lastProgressAt_ = {};                                                // the first piece is told at once
+    if (!options_.seedsOnly) resumeKeeper_.noteProgress(pieceManager_);  // what was just hashed need not be again
     startProgressLoop();
 }
 
@@ -436,7 +436,7 @@ asio::awaitable<void> TorrentSession::progressLoop() {
         if (exchange_ && state_.kind == Kind::downloading) {
             exchange_->relieveSlowPeers();
             exchange_->driveActivePeerRequests();
-            syncNowAndThen();
+            resumeKeeper_.noteProgress(pieceManager_);
         }
         updateProgress();
         reportPeers();
@@ -446,57 +446,6 @@ asio::awaitable<void> TorrentSession::progressLoop() {
     updateProgress();
     reportPeers();
     reportStall();
-}
-
-/// So that little that was verified can be lost with the machine's power.
-void TorrentSession::syncNowAndThen() {
-    const Clock::TimePoint now = services_.clock.now();
-    if (isSyncing_ || now - lastSyncAt_ < syncInterval) return;
-    lastSyncAt_ = now;
-    isSyncing_ = true;
-    tasks_.spawn(syncFiles());
-}
-
-asio::awaitable<void> TorrentSession::syncFiles() {
-    const std::shared_ptr<PieceManager> pieces = pieceManager_;
-    PieceSet verified = pieces->completedSet();  // what is complete now is on the device after the sync
-    bool isSynced = false;
-    try {
-        co_await pieces->sync();
-        isSynced = true;
-    } catch (const StorageException& error) {
-        services_.log.warning("[PieceManager] sync failed: ", error.what());
-    }
-    const Clock::TimePoint now = services_.clock.now();
-    const bool isDue = tasks_.isStopping() || recordedPieces_ < 0 || now - lastResumeRecordAt_ >= resumeRecordInterval;
-    if (isSynced && isDue && verified.count() != recordedPieces_) {
-        lastResumeRecordAt_ = now;
-        const int count = verified.count();
-        co_await writeResumeRecord(std::move(verified));
-        recordedPieces_ = count;
-    }
-    isSyncing_ = false;
-}
-
-asio::awaitable<Bytes> TorrentSession::readResumeRecord() {
-    if (!options_.archive || options_.seedsOnly) co_return Bytes();
-    auto read = [this] { return options_.archive->resumeRecord(infoHash_); };
-    co_return co_await runOn(services_.disk, std::move(read));
-}
-
-asio::awaitable<void> TorrentSession::writeResumeRecord(PieceSet verified) {
-    if (!options_.archive) co_return;
-    const Bytes record = co_await pieceManager_->resumeRecord(std::move(verified));
-    std::string failure;
-    auto write = [&] {
-        try {
-            options_.archive->saveResumeRecord(infoHash_, record);
-        } catch (const std::system_error& error) {
-            failure = error.what();
-        }
-    };
-    co_await runOn(services_.disk, std::move(write));
-    if (!failure.empty()) services_.log.warning("[Session] Failed to save the resume record: ", failure);
 }
 
 void TorrentSession::updateProgress() {
@@ -661,8 +610,9 @@ asio::awaitable<void> TorrentSession::shutDown() {
     if (metadataSearch_) co_await metadataSearch_->stop();
     if (discovery_) co_await discovery_->stop();
     if (exchange_) co_await exchange_->stop();
+    co_await resumeKeeper_.stop();
     if (!pieceManager_) co_return;
-    if (!options_.seedsOnly) co_await syncFiles();
+    if (!options_.seedsOnly) co_await resumeKeeper_.finish(pieceManager_);
     co_await pieceManager_->cleanup();
 }
 

@@ -7,6 +7,7 @@
 #include "Core/engine/PeerPool.h"
 #include "Core/engine/PieceExchange.h"
 #include "Core/engine/PieceManager.h"
+#include "Core/engine/ResumeKeeper.h"
 #include "Core/engine/StallReason.h"
 #include "Core/engine/TorrentArchive.h"
 #include "Core/formats/MagnetLink.h"
@@ -30,7 +31,7 @@ namespace skein {
 ///
 /// Composed of parts that each own their state: PieceManager (pieces and files), PeerPool (connections), PieceExchange
 /// with its RequestScheduler (blocks), PeerDiscovery (where peers come from), MetadataSearch (from a magnet link to its
-/// torrent).
+/// torrent), ResumeKeeper (what need not be hashed again).
 /// Owner: a command or the download manager, which awaits `stop()` before it lets go. Thread: any; the state lives on
 /// one strand that the parts share, on which the callbacks come too.
 class TorrentSession {
@@ -133,8 +134,6 @@ private:
     asio::awaitable<void> saveTorrentFile(Bytes torrentData);
     /// `mayResume`: what a resume record says may be believed.
     asio::awaitable<void> openPieces(bool mayResume);
-    asio::awaitable<Bytes> readResumeRecord();
-    asio::awaitable<void> writeResumeRecord(PieceSet verified);
     asio::awaitable<void> beginTransfer(Bytes torrentData);
     asio::awaitable<void> enterRunning();
     asio::awaitable<void> startListening();
@@ -168,8 +167,6 @@ private:
     void startProgressLoop();
     asio::awaitable<void> progressLoop();
     bool needsProgressLoop() const;
-    void syncNowAndThen();
-    asio::awaitable<void> syncFiles();
     void updateProgress();
     void reportPeers();
     void reportStall();
@@ -196,14 +193,11 @@ private:
     std::optional<StallReason> stallReason_;
     bool progressLoopRuns_ = false;
     bool isListening_ = false;
-    bool isSyncing_ = false;
-    Clock::TimePoint lastSyncAt_{};
-    Clock::TimePoint lastResumeRecordAt_{};
-    int recordedPieces_ = -1;  // completed when the resume record was written
     Clock::TimePoint lastProgressAt_{};
     TaskGroup tasks_;
     Notifier searchEnded_;
     PeerPool peerPool_;
+    ResumeKeeper resumeKeeper_;
     std::unique_ptr<PieceExchange> exchange_;
     std::unique_ptr<MetadataSearch> metadataSearch_;
     std::unique_ptr<PeerDiscovery> discovery_;
