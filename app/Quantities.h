@@ -1,5 +1,7 @@
 #pragma once
 
+#include "public/common/ByteCount.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -10,9 +12,6 @@ namespace skein {
 
 /// "500K", "2M", "1G" (powers of 1024, either case) or plain bytes; nothing for another text or one too large.
 std::optional<std::int64_t> parseByteCount(std::string_view text) noexcept;
-
-/// "1.4 GiB"; below 1024 "12 B".
-std::string formatByteCount(std::int64_t bytes);
 
 /// "2026-01-31 12:00:00 UTC"; seconds since 1970 for a year that has not four digits.
 std::string formatDate(std::chrono::sys_seconds date);
