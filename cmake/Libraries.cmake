@@ -21,3 +21,9 @@ target_compile_features(skein_json PUBLIC cxx_std_20)
 target_compile_definitions(skein_json PUBLIC BOOST_JSON_NO_LIB BOOST_ALL_NO_LIB)
 target_include_directories(skein_json SYSTEM PUBLIC ${Boost_INCLUDE_DIRS})
 target_link_libraries(skein_json PRIVATE skein_flags)
+
+# Boost.URL, likewise.
+add_library(skein_url STATIC ${PROJECT_SOURCE_DIR}/cmake/url.cpp)
+target_compile_features(skein_url PUBLIC cxx_std_20)
+target_compile_definitions(skein_url PUBLIC BOOST_URL_NO_LIB BOOST_ALL_NO_LIB)
+target_include_directories(skein_url SYSTEM PUBLIC ${Boost_INCLUDE_DIRS})

@@ -18,7 +18,11 @@ public:
         expectedContentLength_ = expectedContentLength;
         lastSpeedTime_ = now;
     }
-    void add(std::int64_t bytes) noexcept { downloadedBytes_ += bytes; }
+    void moveTo(std::int64_t downloadedBytes) noexcept { downloadedBytes_ = downloadedBytes; }
+    /// All `downloadedBytes` are there, and now the length is known.
+    void complete(std::int64_t downloadedBytes) noexcept {
+        downloadedBytes_ = expectedContentLength_ = downloadedBytes;
+    }
     /// Takes a new sample when the last one is old enough.
     void sample(Clock::TimePoint now) noexcept {
         if (now - lastSpeedTime_ < sampleLength) return;

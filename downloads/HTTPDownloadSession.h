@@ -17,7 +17,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <exception>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -25,6 +24,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace skein {
@@ -119,8 +119,14 @@ public:
 private:
     /// How one request of several ended.
     enum class Ending : std::uint8_t { complete, lost, startAgain, failed };
+    /// Why it did not bring the file.
+    struct Failure {
+        std::string message;
+        std::string status;
+    };
     class Turn;
 
+    asio::awaitable<void> waitForTurn();
     asio::awaitable<void> begin(bool isResumption);
     asio::awaitable<void> doPause();
     asio::awaitable<void> shutDown();
@@ -134,22 +140,27 @@ private:
     asio::awaitable<Ending> attempt();
     asio::awaitable<Ending> transfer(HTTPStream& stream);
     asio::awaitable<void> handleResponse(const HTTPResponse& head, bool restarts, std::int64_t totalBytes);
-    asio::awaitable<void> preparePart(ResumeData record);
+    asio::awaitable<void> preparePart(ResumeData data);
     asio::awaitable<void> store(std::vector<Bytes>& chunks);
-    asio::awaitable<void> write(ByteView bytes);
+    asio::awaitable<void> storeSlowly(ByteView bytes);
     asio::awaitable<void> waitToRetry(int retry);
+    asio::awaitable<bool> startAgain();
     asio::awaitable<void> handleCompletion();
     asio::awaitable<void> handleError();
-    asio::awaitable<void> handleResumeData();
-    asio::awaitable<void> startAgain();
+    asio::awaitable<void> saveResumeData();
+    asio::awaitable<void> closePart();
     asio::awaitable<void> reportRegularly();
     void handleProgress();
 
+    void takeOver(std::int64_t totalBytes);
+    std::string nameFor(const HTTPResponse& head) const;
     void setState(State::Kind kind, std::string message = {});
     void setStatus(const std::string& text) const;
     void reportFileInfo() const;
-    void noteFailure(const std::exception& error, bool isOfFile);
+    void noteFailure(std::string message, std::string_view forLog);
+    void noteFileFailure(const std::system_error& error);
     bool isRunning() const noexcept;
+    bool isWhole() const noexcept;
 
     const Environment environment_;
     const std::string url_;
@@ -164,9 +175,8 @@ private:
     std::filesystem::path destination_;
     DownloadProgress progress_;
     Throttle throttle_;
-    std::string failure_;       ///< of the last attempt
+    Failure failure_;           ///< of the last attempt
     bool hadResponse_ = false;  ///< in this run
-    bool isOfFile_ = false;     ///< the failure is the disk's, not the network's
     Clock::TimePoint lastReportAt_{};
     Clock::TimePoint lastRecordAt_{};
 

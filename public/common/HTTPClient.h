@@ -3,11 +3,21 @@
 #include "public/common/HTTPFetcher.h"
 #include "public/common/IPAddress.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 
 namespace skein {
+
+class HTTPStream;
+class HTTPWorker;
+
+/// Where the body of a response goes.
+enum class HTTPBody : std::uint8_t {
+    collected,  ///< into the response
+    streamed,   ///< to a reader, as it comes
+};
 
 /// Fetches over HTTP and HTTPS; connections are kept and used again.
 ///
@@ -36,14 +46,18 @@ public:
     ~HTTPClient() override;
 
     asio::awaitable<HTTPResponse> fetch(HTTPRequest request) override;
-    /// Ends all fetches with operation_aborted, also those to come, and returns when the thread has ended. Waits for
-    /// no network. May be called again.
+    /// Returns as soon as the head of the response is there, whatever its status; the body is read from the stream.
+    /// `maxBodyBytes` does not count. Throws as `fetch` does.
+    asio::awaitable<std::unique_ptr<HTTPStream>> open(HTTPRequest request);
+    /// Ends all fetches and streams with operation_aborted, also those to come, and returns when the thread has ended.
+    /// Waits for no network. May be called again.
     void stop();
 
 private:
-    class Worker;
-    // Shared with the cancellation handlers of coroutines, which may be told to cancel what has ended long ago.
-    std::shared_ptr<Worker> worker_;
+    asio::awaitable<HTTPResponse> begin(HTTPBody body, HTTPRequest request, std::uint64_t id);
+
+    // Shared with the streams, and with the cancellation handlers of coroutines.
+    std::shared_ptr<HTTPWorker> worker_;
 };
 
 }  // namespace skein

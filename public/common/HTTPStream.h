@@ -22,8 +22,8 @@ class HTTPWorker;
 class HTTPStream {
 public:
     HTTPStream(std::shared_ptr<HTTPWorker> worker, std::uint64_t id, HTTPResponse head);
-    HTTPStream(HTTPStream&& other) noexcept = default;
-    HTTPStream& operator=(HTTPStream&& other) = delete;
+    HTTPStream(const HTTPStream&) = delete;
+    HTTPStream& operator=(const HTTPStream&) = delete;
     ~HTTPStream();
 
     /// Without the body.

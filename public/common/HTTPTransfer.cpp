@@ -18,6 +18,9 @@ namespace {
 /// Of one response; a server that sends more means no good.
 constexpr std::size_t maxHeaderBytes = std::size_t{256} << 10U;
 
+/// Received at once of a body that is streamed; curl takes at most 512 KiB.
+constexpr long streamBufferBytes = 256L << 10U;
+
 bool isControl(char character) noexcept { return static_cast<unsigned char>(character) < 0x20 || character == 0x7F; }
 bool hasControl(std::string_view text) noexcept { return std::any_of(text.begin(), text.end(), isControl); }
 
@@ -69,10 +72,10 @@ bool isRedirect(long status) noexcept {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
 
-/// Says what is wanted, and nothing of who wants it.
+/// Says what is wanted and by which program, and nothing of who wants it.
 bool mayGoToAnotherHost(const HTTPHeader& header) {
     const std::string name = lowerCase(header.name);
-    return name.starts_with("accept") || name == "range" || name.starts_with("if-");
+    return name.starts_with("accept") || name == "range" || name == "user-agent" || name.starts_with("if-");
 }
 
 /// curl takes proxies from the environment.
@@ -115,7 +118,10 @@ struct HTTPTransfer::Callbacks {
 
     static std::size_t body(char* data, std::size_t, std::size_t count, void* self) {
         const ByteView bytes(reinterpret_cast<const std::uint8_t*>(data), count);
-        return static_cast<HTTPTransfer*>(self)->acceptBody(bytes) ? count : 0;
+        auto& transfer = *static_cast<HTTPTransfer*>(self);
+        const bool isTaken = transfer.acceptBody(bytes);
+        if (transfer.isPaused_) return CURL_WRITEFUNC_PAUSE;
+        return isTaken ? count : 0;
     }
 
     static curl_socket_t openSocket(void* self, curlsocktype, curl_sockaddr* address) {
@@ -141,8 +147,8 @@ struct HTTPTransfer::Callbacks {
 
 void HTTPTransfer::FreeList::operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
 
-HTTPTransfer::HTTPTransfer(HTTPRequest request, const HTTPClient::Options& options)
-    : request_(std::move(request)), options_(options) {
+HTTPTransfer::HTTPTransfer(HTTPRequest request, HTTPBody body, const HTTPClient::Options& options)
+    : request_(std::move(request)), body_(body), options_(options) {
     if (!isWellFormed()) {
         refuse(HTTPError::invalidRequest, request_.url);
         return;
@@ -158,6 +164,7 @@ void HTTPTransfer::refuse(HTTPError error, std::string_view detail) {
     outcome_.response.reset();
     outcome_.error = error;
     outcome_.detail = detail;
+    isEnded_ = true;
 }
 
 bool HTTPTransfer::isWellFormed() const {
@@ -190,6 +197,8 @@ void HTTPTransfer::setUp() {
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_FOLLOWLOCATION, 0L);  // redirects are ours to judge
     set(CURLOPT_PATH_AS_IS, 1L);
+    set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    if (isStreamed()) set(CURLOPT_BUFFERSIZE, streamBufferBytes);
     set(CURLOPT_HTTPHEADER, headerList_.get());
     set(CURLOPT_USERAGENT, options_.userAgent.c_str());
     if (request_.acceptsCompression) set(CURLOPT_ACCEPT_ENCODING, "gzip, deflate");
@@ -239,18 +248,27 @@ bool HTTPTransfer::proceed(int curlCode) {
     }
     long status = 0;
     char* location = nullptr;
-    char* url = nullptr;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(handle_, CURLINFO_REDIRECT_URL, &location);
-    curl_easy_getinfo(handle_, CURLINFO_EFFECTIVE_URL, &url);
-    if (isRedirect(status) && location != nullptr) return follow(location);
-    response_.status = static_cast<int>(status);
-    response_.url = url == nullptr ? request_.url : url;
-    char* address = nullptr;
-    curl_easy_getinfo(handle_, CURLINFO_PRIMARY_IP, &address);
-    if (address != nullptr && !mayUseProxy()) response_.remoteAddress = IPAddress::parse(address);
+    if (!hasStarted_ && isRedirect(status) && location != nullptr) return follow(location);
+    isEnded_ = true;
+    if (hasStarted_) return false;
+    describeResponse();
     outcome_.response = std::move(response_);
     return false;
+}
+
+/// Adds what curl knows beyond the headers.
+void HTTPTransfer::describeResponse() {
+    long status = 0;
+    char* url = nullptr;
+    char* address = nullptr;
+    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(handle_, CURLINFO_EFFECTIVE_URL, &url);
+    curl_easy_getinfo(handle_, CURLINFO_PRIMARY_IP, &address);
+    response_.status = static_cast<int>(status);
+    response_.url = url == nullptr ? request_.url : url;
+    if (address != nullptr && !mayUseProxy()) response_.remoteAddress = IPAddress::parse(address);
 }
 
 std::string HTTPTransfer::detailOf(int curlCode) const {
@@ -295,13 +313,44 @@ bool HTTPTransfer::acceptHeader(std::string_view line) {
         response_.headers.clear();  // of an interim response (100, 103)
         return true;
     }
+    if (isStreamed() && trimmed(line).empty()) noteHead();
     const std::size_t colon = line.find(':');
-    if (colon == std::string_view::npos) return true;
+    if (colon == std::string_view::npos || hasStarted_) return true;  // or a trailer, which nobody waits for
     response_.headers.push_back({lowerCase(line.substr(0, colon)), std::string(trimmed(line.substr(colon + 1)))});
     return true;
 }
 
+/// The headers have ended: of the response that is asked for, or of one on the way to it.
+void HTTPTransfer::noteHead() {
+    long status = 0;
+    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
+    if (hasStarted_ || status < 200 || (isRedirect(status) && response_.header("location"))) return;
+    describeResponse();
+    head_ = std::move(response_);
+    hasStarted_ = true;
+}
+
+HTTPResponse HTTPTransfer::takeHead() {
+    HTTPResponse head = std::move(*head_);
+    head_.reset();
+    return head;
+}
+
+std::vector<Bytes> HTTPTransfer::takeBody() {
+    std::vector<Bytes> chunks = buffer_.take();
+    // curl hands over at once what it holds of the body, if only the buffer has room again.
+    if (std::exchange(isPaused_, false)) curl_easy_pause(handle_, CURLPAUSE_CONT);
+    return chunks;
+}
+
 bool HTTPTransfer::acceptBody(ByteView bytes) {
+    if (!isStreamed()) return collect(bytes);
+    if (!hasStarted_) return true;  // of a redirect
+    isPaused_ = !buffer_.append(bytes);
+    return !isPaused_;
+}
+
+bool HTTPTransfer::collect(ByteView bytes) {
     Bytes& body = response_.body;
     if (bytes.size() > request_.maxBodyBytes - body.size()) {
         stoppedBy_ = HTTPError::bodyTooLarge;

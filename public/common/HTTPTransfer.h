@@ -1,5 +1,6 @@
 #pragma once
 
+#include "public/common/HTTPBodyBuffer.h"
 #include "public/common/HTTPClient.h"
 #include "public/common/HTTPError.h"
 #include "public/common/HTTPMessage.h"
@@ -12,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 struct curl_slist;
 
@@ -24,13 +26,12 @@ struct HTTPOutcome {
     std::string detail;
 };
 
-/// One fetch inside HTTPClient: a curl handle that is set up anew for each redirect, and what it receives.
+/// One request inside HTTPClient: a curl handle that is set up anew for each redirect, and what it receives.
 ///
-/// All that arrives comes through `acceptHeader` and `acceptBody`, by which a transfer that writes elsewhere, or
-/// pauses its sender, differs from this one. Thread: the client's own.
+/// Thread: the client's own.
 class HTTPTransfer {
 public:
-    HTTPTransfer(HTTPRequest request, const HTTPClient::Options& options);
+    HTTPTransfer(HTTPRequest request, HTTPBody body, const HTTPClient::Options& options);
     HTTPTransfer(const HTTPTransfer&) = delete;
     HTTPTransfer& operator=(const HTTPTransfer&) = delete;
     ~HTTPTransfer();
@@ -39,8 +40,18 @@ public:
     void* handle() const noexcept { return handle_; }
     /// Takes curl's verdict on the handle's run. True: the handle is to run again, for a redirect.
     bool proceed(int curlCode);
-    /// After the last run.
+    /// After the last run. Of a streamed body that came whole it says nothing.
     HTTPOutcome takeOutcome() { return std::move(outcome_); }
+
+    bool isStreamed() const noexcept { return body_ == HTTPBody::streamed; }
+    /// Of a streamed body: what is there and was not yet taken.
+    bool hasHead() const noexcept { return head_.has_value(); }
+    HTTPResponse takeHead();
+    bool hasBody() const noexcept { return !buffer_.isEmpty(); }
+    std::vector<Bytes> takeBody();
+    void recycle(std::vector<Bytes> chunks) { buffer_.recycle(std::move(chunks)); }
+    /// Nothing more comes.
+    bool isEnded() const noexcept { return isEnded_; }
 
 private:
     struct FreeList {
@@ -53,13 +64,17 @@ private:
     void setMethod();
     bool follow(const std::string& location);
     bool acceptHeader(std::string_view line);
+    void noteHead();
+    void describeResponse();
     bool acceptBody(ByteView bytes);
+    bool collect(ByteView bytes);
     bool mayConnectTo(const IPAddress& address);
     std::string detailOf(int curlCode) const;
 
     struct Callbacks;  // what curl calls
 
     HTTPRequest request_;
+    const HTTPBody body_;
     const HTTPClient::Options& options_;
     void* handle_ = nullptr;
     std::unique_ptr<curl_slist, FreeList> headerList_;
@@ -72,6 +87,13 @@ private:
     bool reachedPublicHost_ = false;
     std::optional<HTTPError> stoppedBy_;  ///< why a callback of ours made curl end the run
     HTTPOutcome outcome_;
+
+    // Of a streamed body:
+    std::optional<HTTPResponse> head_;
+    bool hasStarted_ = false;  ///< the head was there: what comes now is the body
+    bool isPaused_ = false;
+    bool isEnded_ = false;
+    HTTPBodyBuffer buffer_;
 };
 
 }  // namespace skein

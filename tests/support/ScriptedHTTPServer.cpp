@@ -65,6 +65,24 @@ HTTPReply HTTPReply::text(std::string_view body, int status) {
     return reply;
 }
 
+HTTPReply HTTPReply::file(const SeenHTTPRequest& request, ByteView content, const std::string& entityTag) {
+    HTTPReply reply;
+    reply.headers = {{"ETag", entityTag}};
+    const auto range = request.headers.find("range");
+    const auto condition = request.headers.find("if-range");
+    const bool isSame = condition == request.headers.end() || condition->second == entityTag;
+    const std::size_t first =
+        range == request.headers.end() || !isSame ? 0 : parseNumber(std::string_view(range->second).substr(6));
+    if (first > 0) {
+        reply.status = 206;
+        reply.headers.push_back({"Content-Range", "bytes " + std::to_string(first) + "-" +
+                                                      std::to_string(content.size() - 1) + "/" +
+                                                      std::to_string(content.size())});
+    }
+    reply.body.assign(content.begin() + static_cast<std::ptrdiff_t>(first), content.end());
+    return reply;
+}
+
 HTTPReply HTTPReply::redirect(std::string location, int status) {
     HTTPReply reply = text("moved", status);
     reply.headers.push_back({"Location", std::move(location)});
@@ -159,7 +177,7 @@ asio::awaitable<bool> ScriptedHTTPServer::answer(asio::ip::tcp::socket& socket, 
         co_await send(socket, part);
     }
     const bool isCut = hasBody && left == 0;
-    if (isCut) co_await waitForEnd(socket);
+    if (isCut && !reply.cutsOff) co_await waitForEnd(socket);
     co_return !isCut && !reply.closes;
 }
 

@@ -37,8 +37,11 @@ struct HTTPReply {
     std::optional<Bytes> raw;           ///< sent in place of all the above
     bool closes = false;                ///< the connection, once all is sent
     std::size_t stallAfter = SIZE_MAX;  ///< so many bytes of the body are sent, and nothing ever again
+    bool cutsOff = false;               ///< then, instead of falling silent, closes the connection
 
     static HTTPReply text(std::string_view body, int status = 200);
+    /// `content` or the range of it that is asked for (RFC 9110, 14.2), if it is still of that entity tag.
+    static HTTPReply file(const SeenHTTPRequest& request, ByteView content, const std::string& entityTag);
     static HTTPReply redirect(std::string location, int status = 302);
 };
 

@@ -1,4 +1,6 @@
+#include "public/common/HTTPBodyBuffer.h"
 #include "public/common/HTTPClient.h"
+#include "public/common/HTTPStream.h"
 #include "public/common/ThreadPools.h"
 #include "public/common/Within.h"
 #include "tests/support/ScriptedHTTPServer.h"
@@ -235,6 +237,67 @@ TEST_F(HTTPClientTest, stoppingEndsWhatRunsAndWhatComes) {
     client.stop();
     EXPECT_THROW(pending.get(), boost::system::system_error);
     EXPECT_THROW(get(server.url()), boost::system::system_error);
+}
+
+TEST_F(HTTPClientTest, aStreamTellsTheHeadFirstAndHoldsTheSenderBack) {
+    reply.body.clear();
+    for (std::size_t i = 0; i < 100'000; ++i) reply.body.push_back(static_cast<std::uint8_t>(i % 251));
+    reply.repeats = 300;
+    script = [this](const SeenHTTPRequest& seen) { return seen.target == "/" ? HTTPReply::redirect("/file") : reply; };
+    auto stream = simulation.finish(client.open(to(server.url())));
+    EXPECT_EQ(stream->head().url, server.url("/file"));
+    EXPECT_EQ(stream->head().header("content-length"), "30000000");
+    std::uint64_t sent = 0;
+    do {  // until the server can send no more
+        sent = server.sentBytes();
+        const auto until = std::chrono::steady_clock::now() + 50ms;
+        simulation.runUntil([&] { return std::chrono::steady_clock::now() > until; });
+    } while (server.sentBytes() != sent);
+    EXPECT_LT(sent, 20'000'000U);  // what is held, and what the kernel's buffers took
+    std::size_t size = 0;
+    for (;;) {
+        std::vector<Bytes> chunks = simulation.finish(stream->read());
+        if (chunks.empty()) break;
+        std::size_t held = 0;
+        for (const Bytes& chunk : chunks) {
+            held += chunk.size();
+            for (const std::uint8_t byte : chunk) ASSERT_EQ(byte, size++ % 100'000 % 251);
+        }
+        EXPECT_LE(held, HTTPBodyBuffer::maxHeldBytes);
+        stream->recycle(std::move(chunks));
+    }
+    EXPECT_EQ(size, 30'000'000U);
+}
+
+TEST_F(HTTPClientTest, aStreamThatIsCutGivesWhatCameAndThenFails) {
+    reply.body = Bytes(1000, 'x');
+    reply.stallAfter = 600;
+    reply.cutsOff = true;
+    auto stream = simulation.finish(client.open(to(server.url())));
+    std::size_t size = 0;
+    const auto readAll = [&] {
+        for (;;)
+            for (const Bytes& chunk : simulation.finish(stream->read())) size += chunk.size();
+    };
+    failureOf(readAll, HTTPError::transferFailed);
+    EXPECT_EQ(size, 600U);
+    failureOf([&] { simulation.finish(client.open(to("http://" + std::string(64, 'a') + ".invalid/"))); },
+              HTTPError::cannotResolve);
+}
+
+TEST_F(HTTPClientTest, aStreamEndsWithItsOwnerItsReaderAndItsClient) {
+    reply.body = Bytes(10, 'x');
+    reply.stallAfter = 5;
+    auto stream = simulation.finish(client.open(to(server.url())));
+    EXPECT_EQ(simulation.finish(stream->read()).front().size(), 5U);
+    EXPECT_THROW(simulation.finish(within(simulation, 0s, stream->read())), TimeLimitExceeded);
+    simulation.runUntil([&] { return server.openConnections() == 0; });
+    stream = simulation.finish(client.open(to(server.url())));
+    stream.reset();
+    simulation.runUntil([&] { return server.openConnections() == 0; });
+    stream = simulation.finish(client.open(to(server.url())));
+    client.stop();
+    EXPECT_THROW(simulation.finish(stream->read()), boost::system::system_error);
 }
 
 TEST_F(HTTPClientTest, manyThreadsFetchAtOnce) {

@@ -1,0 +1,496 @@
+#include "downloads/HTTPDownloadSession.h"
+
+#include "downloads/BootIdentity.h"
+#include "downloads/HTTPFileName.h"
+#include "downloads/ResponsePlan.h"
+#include "public/common/ByteCountText.h"
+#include "public/common/RunOn.h"
+#include "public/common/Within.h"
+
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/cancellation_signal.hpp>
+#include <boost/asio/cancellation_state.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+/// Calm to look at, and cheap however fast the bytes come.
+constexpr std::chrono::milliseconds reportInterval{200};
+constexpr std::chrono::seconds calmReportInterval{1};
+
+/// What a browser would send for what was typed: blanks and other scripts percent-encoded.
+std::string encoded(std::string_view url) {
+    std::string text;
+    for (const char character : url) {
+        const auto byte = static_cast<std::uint8_t>(character);
+        if (byte == ' ' || byte >= 0x80) {
+            text += '%' + toUpperHex(ByteView(&byte, 1));
+        } else {
+            text += character;
+        }
+    }
+    return text;
+}
+
+/// A connection that was lost comes back; a refused certificate or a loop of redirects stays.
+bool isLoss(HTTPError error, bool hadResponse) noexcept {
+    switch (error) {
+        case HTTPError::timeout:
+        case HTTPError::transferFailed: return true;
+        // A first connection that never came about is a wrong address rather than a loss.
+        case HTTPError::cannotResolve:
+        case HTTPError::cannotConnect: return hadResponse;
+        case HTTPError::invalidRequest:
+        case HTTPError::insecure:
+        case HTTPError::bodyTooLarge:
+        case HTTPError::tooManyRedirects:
+        case HTTPError::forbiddenRedirect: break;
+    }
+    return false;
+}
+
+}  // namespace
+
+/// Start, pause, resume and stop come one after the other, from whichever threads.
+class HTTPDownloadSession::Turn {
+public:
+    explicit Turn(HTTPDownloadSession& session) : session_(session) { session_.isChanging_ = true; }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn() {
+        session_.isChanging_ = false;
+        session_.changed_.notify();
+    }
+
+private:
+    HTTPDownloadSession& session_;
+};
+
+HTTPDownloadSession::HTTPDownloadSession(const Environment& environment, std::string url,
+                                         std::filesystem::path savePath, std::optional<std::string> fileName)
+    : environment_(environment),
+      url_(std::move(url)),
+      savePath_(std::move(savePath)),
+      fileName_(fileName ? HTTPFileName::safe(*fileName) : std::nullopt),
+      resumeDataURL_(ResumeData::fileFor(environment_.resumeFolder, url_, savePath_)),
+      tasks_(environment_.io),
+      changed_(tasks_.strand()) {}
+
+HTTPDownloadSession::~HTTPDownloadSession() = default;
+
+std::string HTTPDownloadSession::deriveFileName(std::string_view url, Random& random) {
+    if (auto name = HTTPFileName::fromURL(url)) return *name;
+    std::array<std::uint8_t, 4> suffix{};
+    random.fill(suffix);
+    return "download_" + toHex(suffix);
+}
+std::optional<std::string> HTTPDownloadSession::parseContentDisposition(std::string_view header) {
+    return HTTPFileName::fromContentDisposition(header);
+}
+bool HTTPDownloadSession::isDownloadableURL(std::string_view url) { return HTTPFileName::isDownloadableURL(url); }
+std::span<const std::string_view> HTTPDownloadSession::downloadableExtensions() noexcept {
+    return HTTPFileName::downloadableExtensions();
+}
+
+asio::awaitable<void> HTTPDownloadSession::start() { return tasks_.call(begin(false)); }
+asio::awaitable<void> HTTPDownloadSession::resume() { return tasks_.call(begin(true)); }
+asio::awaitable<void> HTTPDownloadSession::pause() { return tasks_.call(doPause()); }
+asio::awaitable<void> HTTPDownloadSession::stop() {
+    // Stopping is not given up half way, so the caller's cancellation does not reach it.
+    return asio::co_spawn(tasks_.strand(), shutDown(),
+                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+}
+asio::awaitable<void> HTTPDownloadSession::setDownloadLimit(std::int64_t bytesPerSecond) {
+    return tasks_.call(doSetLimit(bytesPerSecond));
+}
+asio::awaitable<HTTPDownloadSession::State> HTTPDownloadSession::state() { return tasks_.call(readState()); }
+asio::awaitable<std::filesystem::path> HTTPDownloadSession::destinationURL() { return tasks_.call(readDestination()); }
+
+asio::awaitable<void> HTTPDownloadSession::clearResumeData() {
+    auto forget = [file = resumeDataURL_, url = url_, folder = savePath_] {
+        if (const auto data = ResumeData::load(file, url)) PartFile::remove(folder, data->fileName);
+        std::filesystem::remove(file);
+    };
+    try {
+        co_await runOn(environment_.disk, std::move(forget));
+    } catch (const std::system_error& error) {
+        environment_.log.warning("[HTTP] resume data not deleted: ", error.what());
+    }
+}
+
+asio::awaitable<void> HTTPDownloadSession::waitForTurn() {
+    while (isChanging_) co_await changed_.wait();
+}
+
+asio::awaitable<void> HTTPDownloadSession::begin(bool isResumption) {
+    co_await waitForTurn();
+    const Turn turn(*this);
+    if (isRunning() || state_.kind == State::Kind::completed) co_return;
+    co_await endRun();  // which has failed and is over, but for its traces
+    setState(State::Kind::connecting);
+    setStatus("Connecting...");
+    failure_ = {};
+    hadResponse_ = false;
+    run_ = std::make_unique<TaskGroup>(tasks_.strand());
+    run_->spawn(run(isResumption));
+    run_->spawn(reportRegularly());
+}
+
+asio::awaitable<void> HTTPDownloadSession::doPause() {
+    co_await waitForTurn();
+    const Turn turn(*this);
+    // Half a pause would leave a session that neither runs nor knows it.
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    if (!isRunning()) co_return;
+    co_await endRun();
+    if (!isRunning()) co_return;  // it was just done
+    setState(State::Kind::paused);
+    setStatus("Paused");
+}
+
+asio::awaitable<void> HTTPDownloadSession::shutDown() {
+    co_await waitForTurn();
+    const Turn turn(*this);
+    callbacks_ = {};
+    co_await endRun();
+    if (isRunning()) setState(State::Kind::idle);
+    co_await tasks_.stop();
+}
+
+/// Ends what runs and puts its resume data away.
+asio::awaitable<void> HTTPDownloadSession::endRun() {
+    if (!run_) co_return;
+    co_await run_->stop();
+    run_.reset();
+    co_await closePart();
+}
+
+asio::awaitable<void> HTTPDownloadSession::doSetLimit(std::int64_t bytesPerSecond) {
+    throttle_.setLimit(bytesPerSecond);
+    co_return;
+}
+asio::awaitable<HTTPDownloadSession::State> HTTPDownloadSession::readState() { co_return state_; }
+asio::awaitable<std::filesystem::path> HTTPDownloadSession::readDestination() { co_return destination_; }
+
+asio::awaitable<void> HTTPDownloadSession::run(bool isResumption) {
+    bool goesOn = co_await openPart(isResumption);
+    std::int64_t furthest = part_ ? part_->size() : 0;
+    for (int retries = 0; goesOn;) {
+        const Ending ending = co_await attempt();
+        if (ending == Ending::complete) co_return co_await handleCompletion();
+        const std::int64_t reached = part_ ? part_->size() : 0;
+        if (reached - furthest >= recoveryBytes) retries = 0;
+        furthest = std::max(furthest, reached);
+        if (ending == Ending::startAgain) {
+            goesOn = co_await startAgain();
+        } else if (ending == Ending::failed || retries == maxRetries) {
+            goesOn = false;
+        } else {
+            co_await waitToRetry(++retries);
+        }
+    }
+    co_await handleError();
+}
+
+/// Takes up what an earlier run left. False when that cannot be used, nor left aside.
+asio::awaitable<bool> HTTPDownloadSession::openPart(bool isResumption) {
+    auto open = [this] {
+        auto data = ResumeData::load(resumeDataURL_, url_);
+        if (!data) return;
+        part_ = PartFile::reopen(savePath_, data->fileName);
+        resumeData_ = std::move(*data);
+        if (part_) part_->truncate(resumeData_.trustedBytes(part_->size()));
+    };
+    try {
+        co_await runOn(environment_.disk, std::move(open));
+    } catch (const std::system_error& error) {
+        noteFileFailure(error);
+        co_return false;
+    }
+    if (!part_) co_return true;
+    takeOver(resumeData_.totalBytes);
+    if (part_->size() == 0) co_return true;
+    const std::string size = formatByteCount(part_->size());
+    if (isResumption) {
+        setStatus("Resumed from " + size);
+    } else {
+        setStatus("Resuming download...");
+        setStatus("Resuming from " + size);
+    }
+    co_return true;
+}
+
+/// One request, and what comes of it.
+asio::awaitable<HTTPDownloadSession::Ending> HTTPDownloadSession::attempt() try {
+    if (isWhole()) co_return Ending::complete;
+    HTTPRequest request;
+    request.url = encoded(url_);
+    request.headers = rangeHeaders(resumeData_, part_ ? part_->size() : 0);
+    request.headers.push_back({"User-Agent", std::string(userAgent)});
+    request.headers.push_back({"Accept-Encoding", "identity"});  // a range is one of the file, not of its compression
+    request.totalTimeout = std::chrono::milliseconds::zero();
+    auto opening = environment_.http.open(std::move(request));
+    const auto stream = co_await within(environment_.clock, stallLimit, std::move(opening));
+    hadResponse_ = true;
+    co_return co_await transfer(*stream);
+} catch (const HTTPException& error) {
+    noteFailure(error.what(), textOf(error.error));
+    co_return isLoss(error.error, hadResponse_) ? Ending::lost : Ending::failed;
+} catch (const TimeLimitExceeded&) {
+    noteFailure("The server does not answer any more", "silence");
+    co_return Ending::lost;
+} catch (const std::system_error& error) {
+    noteFileFailure(error);
+    co_return Ending::failed;
+}
+
+asio::awaitable<HTTPDownloadSession::Ending> HTTPDownloadSession::transfer(HTTPStream& stream) {
+    const HTTPResponse& head = stream.head();
+    const std::int64_t partBytes = part_ ? part_->size() : 0;
+    const ResponsePlan plan = ResponsePlan::of(head, resumeData_, partBytes);
+    if (plan.action == ResponsePlan::Action::askAgain) co_return Ending::startAgain;
+    if (plan.action == ResponsePlan::Action::refuse) {
+        failure_.message = failure_.status = "HTTP " + std::to_string(head.status);
+        environment_.log.warning("[HTTP] refused: ", failure_.message);
+        co_return Ending::failed;
+    }
+    const bool restarts = plan.action == ResponsePlan::Action::restart || partBytes == 0;
+    co_await handleResponse(head, restarts, plan.totalBytes);
+    for (;;) {
+        std::vector<Bytes> chunks = co_await within(environment_.clock, stallLimit, stream.read());
+        if (chunks.empty()) break;
+        co_await store(chunks);
+        stream.recycle(std::move(chunks));
+    }
+    const std::int64_t total = progress_.expectedContentLength();
+    if (total < 0 || isWhole()) co_return Ending::complete;
+    noteFailure("The server closed the connection after " + std::to_string(part_->size()) + " of " +
+                    std::to_string(total) + " bytes",
+                "cut short");
+    co_return Ending::lost;
+}
+
+asio::awaitable<void> HTTPDownloadSession::handleResponse(const HTTPResponse& head, bool restarts,
+                                                          std::int64_t totalBytes) {
+    if (restarts) {
+        std::string name = part_ ? part_->name() : nameFor(head);
+        ResumeData data = ResumeData::of(url_, std::move(name), head, totalBytes);
+        co_await preparePart(std::move(data));
+    }
+    resumeData_.totalBytes = totalBytes;
+    setStatus(head.status == 206 ? "Server supports resume, downloading..." : "Downloading...");
+    takeOver(totalBytes);
+    setStatus("Downloading " + part_->name());
+    setState(State::Kind::downloading);
+    handleProgress();
+}
+
+/// Has an empty part, and the resume data that speaks of it.
+asio::awaitable<void> HTTPDownloadSession::preparePart(ResumeData data) {
+    resumeData_ = std::move(data);
+    auto prepare = [this] {
+        // In this order: killed at any point, no part goes on with data that was written of another.
+        if (part_) part_->truncate(0);
+        if (!part_) part_ = PartFile::create(savePath_, resumeData_.fileName);
+        resumeData_.fileName = part_->name();
+        resumeData_.bootID = bootIdentity();
+        resumeData_.save(resumeDataURL_);
+    };
+    co_await runOn(environment_.disk, std::move(prepare));
+    lastRecordAt_ = environment_.clock.now();
+}
+
+asio::awaitable<void> HTTPDownloadSession::store(std::vector<Bytes>& chunks) {
+    std::size_t size = 0;
+    for (const Bytes& chunk : chunks) size += chunk.size();
+    const std::int64_t total = progress_.expectedContentLength();
+    if (total >= 0 && part_->size() + static_cast<std::int64_t>(size) > total)
+        throw HTTPException(HTTPError::transferFailed, "more came than was announced");
+    if (throttle_.limit() > 0) {
+        for (const Bytes& chunk : chunks) co_await storeSlowly(chunk);
+    } else {
+        auto write = [this, &chunks] {
+            for (const Bytes& chunk : chunks) part_->append(chunk);
+        };
+        co_await runOn(environment_.disk, std::move(write));
+    }
+    const Clock::TimePoint now = environment_.clock.now();
+    progress_.moveTo(part_->size());
+    if (now - lastReportAt_ >= reportInterval) handleProgress();
+    if (now - lastRecordAt_ >= recordInterval) co_await saveResumeData();
+}
+
+/// Slice by slice, so that a limited download flows; the server waits while we do.
+asio::awaitable<void> HTTPDownloadSession::storeSlowly(ByteView bytes) {
+    while (!bytes.empty()) {
+        const auto portion = std::max<std::int64_t>(throttle_.portion(std::ssize(bytes)), 1);
+        const auto slice = bytes.first(static_cast<std::size_t>(portion));
+        bytes = bytes.subspan(slice.size());
+        auto write = [this, slice] { part_->append(slice); };
+        co_await runOn(environment_.disk, std::move(write));
+        progress_.moveTo(part_->size());
+        co_await environment_.clock.sleep(throttle_.book(portion, environment_.clock.now()));
+    }
+}
+
+asio::awaitable<void> HTTPDownloadSession::waitToRetry(int retry) {
+    const auto delay = firstRetryDelay * (1 << (retry - 1));
+    setState(State::Kind::connecting);
+    setStatus("Connection lost, retrying in " + std::to_string(delay.count()) + " s (" + std::to_string(retry) +
+              " of " + std::to_string(maxRetries) + ")");
+    co_await environment_.clock.sleep(delay);
+    setStatus(part_ && part_->size() > 0 ? "Resuming from breakpoint..." : "Connecting...");
+}
+
+/// Drops what there is of a file that is no longer the server's. False when even that fails.
+asio::awaitable<bool> HTTPDownloadSession::startAgain() {
+    auto empty = [this] { part_->truncate(0); };
+    try {
+        co_await runOn(environment_.disk, std::move(empty));
+    } catch (const std::system_error& error) {
+        noteFileFailure(error);
+        co_return false;
+    }
+    setStatus("The file has changed, starting again...");
+    co_return true;
+}
+
+asio::awaitable<void> HTTPDownloadSession::handleCompletion() {
+    auto finish = [this] {
+        std::filesystem::path path = part_->finish();
+        std::error_code ignored;  // what is left of it speaks of a file that is no more, and is passed over
+        std::filesystem::remove(resumeDataURL_, ignored);
+        return path;
+    };
+    bool isFinished = false;
+    try {
+        destination_ = co_await runOn(environment_.disk, std::move(finish));
+        isFinished = true;
+    } catch (const std::system_error& error) {
+        noteFileFailure(error);
+    }
+    if (!isFinished) {
+        co_await handleError();
+        co_return;
+    }
+    const std::int64_t size = part_->size();
+    progress_.complete(size);
+    if (part_->name() != resumeData_.fileName) reportFileInfo();
+    handleProgress();
+    setState(State::Kind::completed);
+    setStatus("Download complete");
+    environment_.log.info("[HTTP] complete: ", part_->name(), ", ", size, " bytes");
+    // The device may be slower than the network: the owner need not wait for it, only `stop` does.
+    auto settle = [part = std::move(part_)]() mutable { std::exchange(part, nullptr)->sync(); };
+    try {
+        co_await runOn(environment_.disk, std::move(settle));
+    } catch (const std::system_error& error) {
+        environment_.log.error("[HTTP] not safely on the disk: ", error.what());
+    }
+}
+
+asio::awaitable<void> HTTPDownloadSession::handleError() {
+    if (part_ && part_->size() > 0) setStatus("Resume data saved");
+    co_await closePart();
+    setState(State::Kind::failed, failure_.message);
+    setStatus(failure_.status);
+}
+
+/// Puts down how far we are. What fails is only noted: what was put down before still holds.
+asio::awaitable<void> HTTPDownloadSession::saveResumeData() {
+    auto save = [this] {
+        part_->sync();
+        resumeData_.syncedBytes = part_->size();
+        resumeData_.bootID = bootIdentity();
+        resumeData_.save(resumeDataURL_);
+    };
+    try {
+        co_await runOn(environment_.disk, std::move(save));
+    } catch (const std::system_error& error) {
+        environment_.log.warning("[HTTP] resume data not saved: ", error.what());
+    }
+    lastRecordAt_ = environment_.clock.now();
+}
+
+asio::awaitable<void> HTTPDownloadSession::closePart() {
+    if (!part_) co_return;
+    co_await saveResumeData();
+    auto close = [part = std::move(part_)]() mutable { part.reset(); };
+    co_await runOn(environment_.disk, std::move(close));
+}
+
+/// So that a download that stands still is seen to.
+asio::awaitable<void> HTTPDownloadSession::reportRegularly() {
+    while (isRunning()) {
+        co_await environment_.clock.sleep(calmReportInterval);
+        if (state_.kind == State::Kind::downloading) handleProgress();
+    }
+}
+
+void HTTPDownloadSession::handleProgress() {
+    lastReportAt_ = environment_.clock.now();
+    progress_.sample(lastReportAt_);
+    if (callbacks_.onProgressUpdated)
+        callbacks_.onProgressUpdated(progress_.fraction(), progress_.downloadedBytes(),
+                                     progress_.expectedContentLength(), progress_.bytesPerSecond());
+}
+
+void HTTPDownloadSession::takeOver(std::int64_t totalBytes) {
+    progress_.restart(part_->size(), totalBytes, environment_.clock.now());
+    destination_ = savePath_ / part_->name();
+    reportFileInfo();
+}
+
+std::string HTTPDownloadSession::nameFor(const HTTPResponse& head) const {
+    if (fileName_) return *fileName_;
+    if (const auto disposition = head.header("content-disposition"))
+        if (auto name = parseContentDisposition(*disposition)) return *name;
+    // A redirect usually leads from a page's link to the file itself.
+    if (auto name = HTTPFileName::fromURL(head.url)) return *name;
+    return deriveFileName(url_, environment_.random);
+}
+
+void HTTPDownloadSession::setState(State::Kind kind, std::string message) {
+    if (state_.kind == kind) return;
+    state_ = {kind, std::move(message)};
+    if (callbacks_.onStateChanged) callbacks_.onStateChanged(state_);
+}
+
+void HTTPDownloadSession::setStatus(const std::string& text) const {
+    if (callbacks_.onStatusMessage) callbacks_.onStatusMessage(text);
+}
+
+void HTTPDownloadSession::reportFileInfo() const {
+    if (callbacks_.onFileInfoReceived)
+        callbacks_.onFileInfoReceived(destination_.filename().string(), progress_.expectedContentLength());
+}
+
+/// `forLog` holds no URL: there may be a password in it.
+void HTTPDownloadSession::noteFailure(std::string message, std::string_view forLog) {
+    environment_.log.warning("[HTTP] transfer ended: ", forLog);
+    failure_.status = "Download error: " + message;
+    failure_.message = std::move(message);
+}
+
+void HTTPDownloadSession::noteFileFailure(const std::system_error& error) {
+    failure_.message = failure_.status = std::string("Failed to save file: ") + error.what();
+    environment_.log.error("[HTTP] ", failure_.message);
+}
+
+bool HTTPDownloadSession::isRunning() const noexcept {
+    return state_.kind == State::Kind::connecting || state_.kind == State::Kind::downloading;
+}
+
+bool HTTPDownloadSession::isWhole() const noexcept {
+    return part_ && resumeData_.totalBytes >= 0 && part_->size() == resumeData_.totalBytes;
+}
+
+}  // namespace skein

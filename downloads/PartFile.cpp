@@ -1,0 +1,118 @@
+#include "downloads/PartFile.h"
+
+#include "downloads/HTTPFileName.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// More files of one name are not a download folder any more.
+constexpr int mostNumbers = 9999;
+
+[[noreturn]] void fail(int error, const fs::path& file) {
+    throw std::system_error(error, std::generic_category(), file.string());
+}
+
+bool isTaken(const fs::path& file) {
+    std::error_code ignored;
+    return fs::exists(fs::symlink_status(file, ignored));
+}
+
+/// Fails when another one holds it; the system lets go of it when the process ends, however it ends.
+bool lock(int number) { return ::flock(number, LOCK_EX | LOCK_NB) == 0; }
+
+}  // namespace
+
+PartFile::PartFile(fs::path folder, std::string name, int number, std::int64_t size)
+    : folder_(std::move(folder)), name_(std::move(name)), number_(number), size_(size) {}
+
+PartFile::~PartFile() { ::close(number_); }
+
+std::unique_ptr<PartFile> PartFile::create(const fs::path& folder, const std::string& name) {
+    for (int i = 0; i <= mostNumbers; ++i) {
+        const std::string candidate = HTTPFileName::numbered(name, i);
+        const fs::path path = folder / (candidate + std::string(suffix));
+        if (isTaken(folder / candidate)) continue;
+        const int number = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+        if (number < 0 && errno == EEXIST) continue;
+        if (number < 0) fail(errno, path);
+        auto part = std::unique_ptr<PartFile>(new PartFile(folder, candidate, number, 0));
+        if (lock(number)) return part;
+    }
+    fail(EEXIST, folder / name);
+}
+
+std::unique_ptr<PartFile> PartFile::reopen(const fs::path& folder, const std::string& name) {
+    const fs::path path = folder / (name + std::string(suffix));
+    const int number = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (number < 0 && errno == ENOENT) return nullptr;
+    if (number < 0) fail(errno, path);
+    auto part = std::unique_ptr<PartFile>(new PartFile(folder, name, number, 0));
+    if (!lock(number)) fail(EBUSY, path);
+    struct stat status {};
+    if (::fstat(number, &status) != 0) fail(errno, path);
+    if (!S_ISREG(status.st_mode)) fail(EINVAL, path);
+    part->size_ = status.st_size;
+    return part;
+}
+
+void PartFile::remove(const fs::path& folder, const std::string& name) {
+    const auto part = reopen(folder, name);
+    if (part && ::unlink(part->path().c_str()) != 0) fail(errno, part->path());
+}
+
+void PartFile::append(ByteView bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::pwrite(number_, bytes.data(), bytes.size(), size_);
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) fail(errno, path());
+        size_ += count;
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+    }
+}
+
+void PartFile::truncate(std::int64_t size) {
+    if (::ftruncate(number_, size) != 0) fail(errno, path());
+    size_ = size;
+}
+
+void PartFile::sync() {
+#ifdef __APPLE__
+    const int result = ::fsync(number_);
+#else
+    const int result = ::fdatasync(number_);
+#endif
+    if (result != 0) fail(errno, path());
+}
+
+fs::path PartFile::finish() {
+    for (int i = 0; i <= mostNumbers; ++i) {
+        const std::string candidate = HTTPFileName::numbered(name_, i);
+        const fs::path target = folder_ / candidate;
+        // An empty file holds the name, and only that one is replaced: renaming by itself would replace any.
+        const int holder = ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+        if (holder < 0 && errno == EEXIST) continue;
+        if (holder < 0) fail(errno, target);
+        ::close(holder);
+        if (::rename(path().c_str(), target.c_str()) != 0) {
+            const int error = errno;
+            ::unlink(target.c_str());
+            fail(error, target);
+        }
+        name_ = candidate;
+        return target;
+    }
+    fail(EEXIST, folder_ / name_);
+}
+
+}  // namespace skein

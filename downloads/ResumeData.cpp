@@ -1,0 +1,105 @@
+#include "downloads/ResumeData.h"
+
+#include "downloads/BootIdentity.h"
+#include "public/common/SHA1.h"
+#include "public/common/WholeFile.h"
+
+#include <boost/json/object.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <limits>
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+namespace json = boost::json;
+
+/// Headers and URLs are a few kilobytes.
+constexpr std::size_t mostRecordBytes = std::size_t{1} << 20U;
+
+std::string textIn(const json::object& fields, std::string_view key) {
+    const json::value* const value = fields.if_contains(key);
+    return value != nullptr && value->is_string() ? std::string(value->get_string()) : std::string();
+}
+
+/// -1 for what is not there or not a size.
+std::int64_t sizeIn(const json::object& fields, std::string_view key) {
+    const json::value* const value = fields.if_contains(key);
+    return value != nullptr && value->is_int64() ? std::max<std::int64_t>(value->get_int64(), -1) : -1;
+}
+
+std::string_view withoutWeakness(std::string_view tag) { return tag.starts_with("W/") ? tag.substr(2) : tag; }
+
+}  // namespace
+
+ResumeData ResumeData::of(std::string url, std::string fileName, const HTTPResponse& head, std::int64_t totalBytes) {
+    ResumeData data{.url = std::move(url), .fileName = std::move(fileName), .totalBytes = totalBytes};
+    data.entityTag = head.header("etag").value_or(std::string_view());
+    // RFC 9110, 8.8.2.2: a file that was changed in the second in which it was sent may change again in it.
+    const auto modified = head.header("last-modified");
+    if (modified && modified != head.header("date")) data.lastModified = *modified;
+    return data;
+}
+
+std::string ResumeData::validator() const {
+    return entityTag.empty() || entityTag.starts_with("W/") ? lastModified : entityTag;
+}
+
+bool ResumeData::agreesWith(const HTTPResponse& head) const {
+    if (const auto tag = head.header("etag"); tag && !entityTag.empty())
+        return withoutWeakness(*tag) == withoutWeakness(entityTag);
+    const auto modified = head.header("last-modified");
+    return !modified || lastModified.empty() || *modified == lastModified;
+}
+
+std::int64_t ResumeData::trustedBytes(std::int64_t size) const {
+    if (!isResumable() || (totalBytes >= 0 && size > totalBytes)) return 0;
+    const bool isSameBoot = !bootID.empty() && bootID == bootIdentity();
+    return isSameBoot ? size : std::min(size, syncedBytes);
+}
+
+std::filesystem::path ResumeData::fileFor(const std::filesystem::path& folder, std::string_view url,
+                                          const std::filesystem::path& savePath) {
+    // Neither of the two holds a NUL.
+    const std::string source =
+        std::string(url) + '\0' + std::filesystem::absolute(savePath).lexically_normal().string();
+    return folder / ("resume_" + toHex(sha1(asBytes(source))) + ".dat");
+}
+
+std::optional<ResumeData> ResumeData::load(const std::filesystem::path& file, std::string_view url) try {
+    const json::value parsed = json::parse(asText(readWholeFile(file, mostRecordBytes)));
+    const json::object& fields = parsed.as_object();
+    ResumeData data;
+    data.url = textIn(fields, "url");
+    data.fileName = textIn(fields, "fileName");
+    data.entityTag = textIn(fields, "entityTag");
+    data.lastModified = textIn(fields, "lastModified");
+    data.totalBytes = sizeIn(fields, "totalBytes");
+    data.syncedBytes = std::max<std::int64_t>(sizeIn(fields, "syncedBytes"), 0);
+    data.bootID = textIn(fields, "bootID");
+    const std::filesystem::path name(data.fileName);
+    if (data.url != url || name.empty() || name != name.filename() || name == "." || name == "..") return std::nullopt;
+    return data;
+} catch (const std::exception&) {
+    return std::nullopt;
+}
+
+void ResumeData::save(const std::filesystem::path& file) const {
+    const json::object fields{{"url", url},
+                              {"fileName", fileName},
+                              {"entityTag", entityTag},
+                              {"lastModified", lastModified},
+                              {"totalBytes", totalBytes},
+                              {"syncedBytes", syncedBytes},
+                              {"bootID", bootID}};
+    std::filesystem::create_directories(file.parent_path());
+    replaceWholeFile(file, asBytes(json::serialize(fields)), std::filesystem::perms{0600});
+}
+
+}  // namespace skein

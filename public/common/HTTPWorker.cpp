@@ -1,0 +1,175 @@
+#include "public/common/HTTPWorker.h"
+
+#include <boost/asio/post.hpp>
+#include <curl/curl.h>
+
+#include <csignal>
+#include <pthread.h>
+#include <stdexcept>
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+/// Over the program; what goes beyond waits for its turn (and its time-out runs).
+constexpr long maxConnections = 256;
+/// Kept open for the next request.
+constexpr long keptConnections = 32;
+/// curl wakes up by its own timers and for what is posted; this is only an upper bound for it to be given.
+constexpr int longestWaitMilliseconds = 3'600'000;
+
+void initialiseCurl() {
+    static const CURLcode done = curl_global_init(CURL_GLOBAL_DEFAULT);
+    if (done != CURLE_OK) throw std::runtime_error(curl_easy_strerror(done));
+}
+
+/// A thread that gets no signal: the program's handlers run elsewhere, and a broken TLS connection raises SIGPIPE.
+template <class Work>
+std::thread threadWithoutSignals(Work work) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread thread(std::move(work));
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return thread;
+}
+
+}  // namespace
+
+HTTPWorker::HTTPWorker(HTTPClient::Options options) : options_(std::move(options)) {
+    initialiseCurl();
+    multi_ = curl_multi_init();
+    if (multi_ == nullptr) throw std::bad_alloc();
+    curl_multi_setopt(multi_, CURLMOPT_MAX_TOTAL_CONNECTIONS, maxConnections);
+    curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, keptConnections);
+}
+
+HTTPWorker::~HTTPWorker() { curl_multi_cleanup(multi_); }
+
+template <class Message>
+void HTTPWorker::tell(Message message) {
+    asio::post(mailbox_, std::move(message));
+    const std::lock_guard lock(lifeMutex_);
+    if (isStopping_) {
+        work();
+        return;
+    }
+    if (!thread_.joinable()) thread_ = threadWithoutSignals([this] { run(); });
+    curl_multi_wakeup(multi_);
+}
+
+void HTTPWorker::begin(Id id, HTTPBody body, std::shared_ptr<HTTPExchange> exchange, Done done) {
+    tell([this, id, body, exchange = std::move(exchange), done = std::move(done)] {
+        auto transfer = std::make_unique<HTTPTransfer>(std::move(exchange->request), body, options_);
+        add(id, Running{std::move(transfer), exchange, done});
+    });
+}
+
+void HTTPWorker::read(Id id, std::shared_ptr<HTTPExchange> exchange, Done done) {
+    tell([this, id, exchange = std::move(exchange), done = std::move(done)] {
+        const auto entry = running_.find(id);
+        if (entry == running_.end()) return done();  // cancelled, or the worker stops
+        entry->second.transfer->recycle(std::exchange(exchange->chunks, {}));
+        entry->second.exchange = exchange;
+        entry->second.done = done;
+        readers_.insert(id);
+        answerIfReady(entry);
+    });
+}
+
+void HTTPWorker::cancel(Id id) {
+    tell([this, id] { finish(running_.find(id)); });
+}
+
+void HTTPWorker::stop() {
+    const std::lock_guard lock(lifeMutex_);
+    isStopping_ = true;
+    if (thread_.joinable()) {
+        curl_multi_wakeup(multi_);
+        thread_.join();
+    }
+    // Nobody else polls the mailbox now: what still lies in it is begun and ended here.
+    work();
+}
+
+void HTTPWorker::run() {
+    while (!isStopping_) {
+        work();
+        curl_multi_poll(multi_, nullptr, 0, longestWaitMilliseconds, nullptr);
+    }
+}
+
+/// All that can be done without waiting.
+void HTTPWorker::work() {
+    mailbox_.restart();
+    mailbox_.poll();
+    int count = 0;
+    curl_multi_perform(multi_, &count);
+    while (const CURLMsg* message = curl_multi_info_read(multi_, &count))
+        if (message->msg == CURLMSG_DONE) handleEnd(message->easy_handle, message->data.result);
+    const std::set<Id> readers = readers_;
+    for (const Id id : readers) answerIfReady(running_.find(id));
+    while (isStopping_ && !running_.empty()) finish(running_.begin());
+}
+
+void HTTPWorker::add(Id id, Running running) {
+    void* const handle = running.transfer->handle();
+    if (running.transfer->isStreamed()) readers_.insert(id);
+    const auto entry = running_.emplace(id, std::move(running)).first;
+    if (handle == nullptr) {
+        finish(entry);
+        return;
+    }
+    ids_[handle] = id;
+    curl_multi_add_handle(multi_, handle);
+}
+
+void HTTPWorker::handleEnd(void* handle, int curlCode) {
+    const auto entry = running_.find(ids_.at(handle));
+    curl_multi_remove_handle(multi_, handle);
+    if (entry->second.transfer->proceed(curlCode)) {
+        curl_multi_add_handle(multi_, handle);
+    } else if (!entry->second.transfer->isStreamed()) {
+        finish(entry);
+    }
+}
+
+/// Gives a reader what it waits for: the head, then what there is of the body, then the end.
+void HTTPWorker::answerIfReady(RunningMap::iterator entry) {
+    HTTPTransfer& transfer = *entry->second.transfer;
+    HTTPExchange& exchange = *entry->second.exchange;
+    if (transfer.hasHead()) {
+        exchange.outcome.response = transfer.takeHead();
+    } else if (transfer.hasBody()) {
+        exchange.chunks = transfer.takeBody();
+    } else if (transfer.isEnded()) {
+        exchange.isAborted = false;
+        finish(entry);
+        return;
+    } else {
+        return;
+    }
+    exchange.isAborted = false;
+    readers_.erase(entry->first);
+    entry->second.exchange.reset();
+    std::exchange(entry->second.done, nullptr)();
+}
+
+void HTTPWorker::finish(RunningMap::iterator entry) {
+    if (entry == running_.end()) return;  // cancelled too late
+    const Running running = std::move(entry->second);
+    readers_.erase(entry->first);
+    running_.erase(entry);
+    if (void* const handle = running.transfer->handle()) {
+        ids_.erase(handle);
+        curl_multi_remove_handle(multi_, handle);
+    }
+    if (!running.done) return;
+    running.exchange->outcome = running.transfer->takeOutcome();
+    if (running.exchange->outcome.response) running.exchange->isAborted = false;
+    running.done();
+}
+
+}  // namespace skein

@@ -1,0 +1,403 @@
+#include "downloads/HTTPDownloadSession.h"
+#include "public/common/WholeFile.h"
+#include "tests/support/ScriptedHTTPServer.h"
+#include "tests/support/Simulation.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/resource.h>
+
+namespace skein {
+namespace {
+
+using namespace std::chrono_literals;
+using Kind = HTTPDownloadSession::State::Kind;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+/// What a server that knows no TLS says to it.
+asio::awaitable<void> answerInPlain(asio::ip::tcp::acceptor& acceptor) {
+    asio::ip::tcp::socket socket = co_await acceptor.async_accept(asio::use_awaitable);
+    const std::string_view text = "HTTP/1.1 400 Bad Request\r\n\r\n";
+    const auto data = asio::buffer(text);
+    co_await asio::async_write(socket, data, asio::use_awaitable);
+}
+
+class HTTPDownloadSessionTest : public testing::Test {
+protected:
+    HTTPDownloadSessionTest() {
+        for (std::size_t i = 0; i < 100'000; ++i) content.push_back(static_cast<std::uint8_t>(i * i >> 7U));
+        std::filesystem::create_directory(folder);
+    }
+    ~HTTPDownloadSessionTest() override {
+        if (session) simulation.finish(session->stop());
+        client.stop();
+        simulation.finish(server.stop());
+    }
+
+    std::unique_ptr<HTTPDownloadSession> make(const std::string& url) {
+        auto made = std::make_unique<HTTPDownloadSession>(
+            HTTPDownloadSession::Environment{simulation.executor(), simulation.executor(), simulation, random, log,
+                                             client, resumeFolder},
+            url, folder);
+        made->setCallbacks({.onStateChanged =
+                                [this](const auto& state) {
+                                    states.push_back(state.kind);
+                                    message = state.message;
+                                },
+                            .onProgressUpdated =
+                                [this](double newFraction, std::int64_t bytes, std::int64_t, double newRate) {
+                                    fraction = newFraction;
+                                    downloaded = bytes;
+                                    rate = newRate;
+                                },
+                            .onFileInfoReceived = [this](const std::string& newName, std::int64_t) { name = newName; },
+                            .onStatusMessage = [this](const std::string& text) { statuses.push_back(text); }});
+        return made;
+    }
+    /// A new session goes as far as `kind`, from whatever the one before left.
+    void start(Kind kind, const std::string& target = "/dir/file.bin") {
+        if (session) simulation.finish(session->stop());
+        states.clear();
+        statuses.clear();
+        session = make(target.starts_with("http") ? target : server.url(target));
+        simulation.finish(session->start());
+        waitFor(kind);
+    }
+    void waitFor(Kind kind) {
+        simulation.runUntil(
+            [&] { return !states.empty() && (states.back() == kind || states.back() == Kind::failed); });
+        EXPECT_EQ(states.back(), kind) << message;
+    }
+    /// Starts, and waits until all that the server gives is stored.
+    void startUpTo(std::int64_t bytes) {
+        stallAfter = static_cast<std::size_t>(bytes);
+        start(Kind::downloading);
+        settleAt(bytes);
+        stallAfter = SIZE_MAX;
+    }
+    void settleAt(std::int64_t bytes) {
+        const auto part = folder / "file.bin.part";
+        simulation.runUntil([&] { return std::filesystem::file_size(part) == static_cast<std::uintmax_t>(bytes); });
+        simulation.advance(1s);  // the next report
+        EXPECT_EQ(downloaded, bytes);
+    }
+    void expectRetry(std::chrono::seconds delay) {
+        const std::string text = "retrying in " + std::to_string(delay.count()) + " s";
+        simulation.runUntil([&] { return statuses.back().find(text) != std::string::npos; });
+        const auto requests = server.requests().size();
+        simulation.advance(delay - 1ms);
+        EXPECT_EQ(server.requests().size(), requests);
+        simulation.advance(1ms);
+        simulation.runUntil([&] { return server.requests().size() == requests + 1; });
+    }
+    Bytes read(const std::string& fileName) const { return readWholeFile(folder / fileName, 1U << 30U); }
+    std::string lastHeader(const std::string& header) const {
+        const auto& headers = server.requests().back().headers;
+        const auto entry = headers.find(header);
+        return entry == headers.end() ? "none" : entry->second;
+    }
+    std::filesystem::path record() const {
+        return ResumeData::fileFor(resumeFolder, server.url("/dir/file.bin"), folder);
+    }
+    std::size_t filesIn(const std::filesystem::path& where) const {
+        return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(where), {}));
+    }
+
+    Simulation simulation;
+    TemporaryFolder home;
+    const std::filesystem::path folder = home.path() / "downloads";
+    const std::filesystem::path resumeFolder = home.path() / "resume";
+    SecureRandom random;
+    FileLogger log;
+    Bytes content;
+    std::string entityTag = "\"one\"";
+    std::size_t stallAfter = SIZE_MAX;
+    bool cutsOff = false;
+    ScriptedHTTPServer::Script script = [this](const SeenHTTPRequest& seen) {
+        HTTPReply reply = HTTPReply::file(seen, content, entityTag);
+        reply.stallAfter = stallAfter;
+        reply.cutsOff = cutsOff;
+        return reply;
+    };
+    ScriptedHTTPServer server{simulation.executor(), [this](const SeenHTTPRequest& seen) { return script(seen); }};
+    HTTPClient client;
+    std::unique_ptr<HTTPDownloadSession> session;
+    std::vector<Kind> states;
+    std::vector<std::string> statuses;
+    std::string message, name;
+    double fraction = -1, rate = -1;
+    std::int64_t downloaded = -1;
+};
+
+TEST_F(HTTPDownloadSessionTest, downloadsAFileAndTellsOfIt) {
+    start(Kind::completed);
+    EXPECT_EQ(read("file.bin"), content);
+    EXPECT_THAT(states, ElementsAre(Kind::connecting, Kind::downloading, Kind::completed));
+    EXPECT_THAT(statuses, ElementsAre("Connecting...", "Downloading...", "Downloading file.bin", "Download complete"));
+    EXPECT_EQ(fraction, 1);
+    EXPECT_EQ(downloaded, 100'000);
+    EXPECT_THAT(lastHeader("user-agent"), StartsWith("Mozilla/5.0 (Macintosh;"));
+    EXPECT_EQ(lastHeader("range"), "none");
+    EXPECT_EQ(filesIn(folder), 1U);
+    EXPECT_EQ(filesIn(resumeFolder), 0U);
+    EXPECT_EQ(simulation.finish(session->destinationURL()), folder / "file.bin");
+    simulation.finish(session->start());
+    EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(HTTPDownloadSessionTest, aLostConnectionIsMadeAnewWithGrowingDelaysAndThenGivenUp) {
+    stallAfter = 40'000;
+    cutsOff = true;
+    const auto whole = script;
+    script = [&](SeenHTTPRequest seen) {
+        seen.headers.erase("range");  // so that no retry comes further
+        return whole(seen);
+    };
+    start(Kind::downloading);
+    for (const auto delay : {1s, 2s, 4s, 8s, 16s}) expectRetry(delay);
+    simulation.runUntil([&] { return states.back() == Kind::failed; });
+    EXPECT_EQ(server.requests().size(), 6U);
+    EXPECT_THAT(message, HasSubstr("transfer"));
+    EXPECT_THAT(statuses, Contains("Resuming from breakpoint..."));
+    EXPECT_THAT(statuses, Contains("Resume data saved"));
+    EXPECT_EQ(statuses.back(), "Download error: " + message);
+    EXPECT_EQ(read("file.bin.part").size(), 40'000U);
+
+    script = whole;
+    cutsOff = false;
+    stallAfter = SIZE_MAX;
+    simulation.finish(session->resume());
+    waitFor(Kind::connecting);
+    waitFor(Kind::completed);
+    EXPECT_EQ(lastHeader("range"), "bytes=40000-");
+    EXPECT_EQ(lastHeader("if-range"), "\"one\"");
+    EXPECT_THAT(statuses, Contains("Resumed from 39.1 KiB"));
+    EXPECT_THAT(statuses, Contains("Server supports resume, downloading..."));
+    EXPECT_EQ(read("file.bin"), content);
+}
+
+TEST_F(HTTPDownloadSessionTest, silenceIsALostConnection) {
+    startUpTo(1000);
+    simulation.advance(HTTPDownloadSession::stallLimit - 2s);
+    EXPECT_EQ(states.back(), Kind::downloading);
+    EXPECT_EQ(rate, 0);
+    simulation.advance(1s);
+    expectRetry(1s);
+    waitFor(Kind::completed);
+    EXPECT_EQ(read("file.bin"), content);
+}
+
+TEST_F(HTTPDownloadSessionTest, aSessionGoesOnWhereTheLastOneWasStoppedOrKilled) {
+    startUpTo(30'000);
+    const Bytes first = readWholeFile(record(), 10'000);  // as a kill would leave it, written with the head
+    simulation.finish(session->stop());
+    const Bytes stopped = readWholeFile(record(), 10'000);
+    start(Kind::completed);
+    EXPECT_EQ(lastHeader("range"), "bytes=30000-");
+    EXPECT_THAT(statuses, Contains("Resuming from 29.3 KiB"));
+    EXPECT_EQ(read("file.bin"), content);
+
+    // After a restart of the machine only what was certainly on the disk counts.
+    const auto fromAnotherBoot = [](const Bytes& data) {
+        std::string text(asText(data));
+        text.insert(text.find("\"bootID\":\"") + 10, "x");
+        return toBytes(text);
+    };
+    const std::tuple<Bytes, std::string> records[] = {{first, "bytes=50000-"},
+                                                      {stopped, "bytes=50000-"},
+                                                      {fromAnotherBoot(stopped), "bytes=30000-"},
+                                                      {fromAnotherBoot(first), "none"},
+                                                      {toBytes("{\"damaged\":"), "none"}};
+    for (const auto& [data, range] : records) {
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directory(folder);
+        replaceWholeFile(folder / "file.bin.part", ByteView(content).first(50'000));
+        replaceWholeFile(record(), data);
+        start(Kind::completed);
+        EXPECT_EQ(lastHeader("range"), range);
+        EXPECT_EQ(readWholeFile(simulation.finish(session->destinationURL()), 1U << 20U), content);
+    }
+}
+
+TEST_F(HTTPDownloadSessionTest, pausesAndResumes) {
+    startUpTo(20'000);
+    simulation.finish(session->pause());
+    EXPECT_EQ(statuses.back(), "Paused");
+    simulation.runUntil([&] { return server.openConnections() == 0; });
+    simulation.advance(1h);
+    EXPECT_EQ(server.requests().size(), 1U);
+    EXPECT_THAT(states, ElementsAre(Kind::connecting, Kind::downloading, Kind::paused));
+    simulation.start(session->pause());
+    simulation.start(session->resume());
+    simulation.start(session->start());
+    waitFor(Kind::completed);
+    EXPECT_EQ(server.requests().size(), 2U);
+    EXPECT_EQ(read("file.bin"), content);
+
+    std::filesystem::remove(folder / "file.bin");
+    startUpTo(20'000);
+    simulation.finish(session->stop());
+    simulation.finish(session->clearResumeData());
+    EXPECT_EQ(filesIn(folder) + filesIn(resumeFolder), 0U);
+}
+
+TEST_F(HTTPDownloadSessionTest, aFileThatChangedOrComesOnlyAsAWholeIsStartedAgain) {
+    const auto honest = script;
+    const auto withoutCondition = [&](SeenHTTPRequest seen) {
+        seen.headers.erase("if-range");
+        return honest(seen);
+    };
+    const auto withoutRange = [&](SeenHTTPRequest seen) {
+        seen.headers.erase("range");
+        return honest(seen);
+    };
+    const auto unsatisfied = [&](const SeenHTTPRequest& seen) {
+        return seen.headers.contains("range") ? HTTPReply::text("", 416) : honest(seen);
+    };
+    const auto wrongRange = [&](SeenHTTPRequest seen) {
+        if (seen.headers.contains("range")) seen.headers["range"] = "bytes=7-";
+        return honest(seen);
+    };
+    const std::pair<ScriptedHTTPServer::Script, std::string> servers[] = {{honest, "\"two\""},
+                                                                          {withoutCondition, "\"two\""},
+                                                                          {withoutRange, "\"one\""},
+                                                                          {unsatisfied, "\"one\""},
+                                                                          {wrongRange, "\"one\""}};
+    for (const auto& [next, tag] : servers) {
+        std::filesystem::remove(folder / "file.bin");
+        entityTag = "\"one\"";
+        script = honest;
+        startUpTo(50'000);
+        script = next;
+        entityTag = tag;
+        content.front() ^= 1U;
+        content.push_back(0);
+        start(Kind::completed);
+        EXPECT_EQ(read("file.bin"), content);
+    }
+}
+
+TEST_F(HTTPDownloadSessionTest, nothingIsOverwrittenAndNoNameLeadsElsewhere) {
+    replaceWholeFile(folder / "file.bin", toBytes("mine"));
+    replaceWholeFile(folder / "file (1).bin.part", toBytes("another's"));
+    start(Kind::downloading);
+    EXPECT_EQ(name, "file (2).bin");
+    waitFor(Kind::completed);
+    EXPECT_EQ(read("file (2).bin"), content);
+    EXPECT_EQ(asText(read("file.bin")), "mine");
+    EXPECT_EQ(asText(read("file (1).bin.part")), "another's");
+
+    std::filesystem::remove(folder / "file.bin");
+    startUpTo(10);
+    replaceWholeFile(folder / "file.bin", toBytes("late"));
+    simulation.finish(session->pause());
+    simulation.finish(session->resume());
+    waitFor(Kind::completed);
+    EXPECT_EQ(name, "file (1).bin");
+    EXPECT_EQ(asText(read("file.bin")), "late");
+
+    const auto plain = script;
+    script = [&](const SeenHTTPRequest& seen) {
+        HTTPReply reply = plain(seen);
+        reply.headers.push_back({"Content-Disposition", "attachment; filename=\"../../evil.txt\""});
+        return seen.target == "/there" ? reply : HTTPReply::redirect("/there");
+    };
+    start(Kind::completed);
+    EXPECT_EQ(read("evil.txt"), content);
+}
+
+TEST_F(HTTPDownloadSessionTest, twoSessionsNeverWriteOneFile) {
+    startUpTo(10);
+    auto second = make(session->url());
+    simulation.finish(second->start());
+    simulation.runUntil([&] { return states.back() == Kind::failed; });
+    EXPECT_THAT(message, HasSubstr("Failed to save file: "));
+    simulation.finish(second->stop());
+    EXPECT_EQ(read("file.bin.part").size(), 10U);
+}
+
+TEST_F(HTTPDownloadSessionTest, whatIsWrongForGoodFailsAtOnceWithAClearText) {
+    const auto failureOf = [&](const std::string& target) {
+        start(Kind::failed, target);
+        EXPECT_EQ(filesIn(folder), 0U);
+        return message;
+    };
+    script = [&](const SeenHTTPRequest& seen) {
+        return seen.target == "/loop" ? HTTPReply::redirect("/loop")
+                                      : HTTPReply::text("no", std::stoi(seen.target.substr(1)));
+    };
+    for (const std::string status : {"404", "500", "204", "416"}) {
+        EXPECT_EQ(failureOf(server.url("/" + status)), "HTTP " + status);
+        EXPECT_EQ(statuses.back(), "HTTP " + status);
+    }
+    EXPECT_THAT(failureOf(server.url("/loop")), StartsWith("Too many redirects"));
+    asio::ip::tcp::acceptor plain(simulation.executor(), {asio::ip::make_address("127.0.0.1"), 0});
+    simulation.start(answerInPlain(plain));
+    const std::string port = std::to_string(plain.local_endpoint().port());
+    EXPECT_THAT(failureOf("https://127.0.0.1:" + port + "/a.bin"), StartsWith("No secure connection"));
+    plain.close();
+    EXPECT_THAT(failureOf("http://127.0.0.1:" + port + "/a.bin"), StartsWith("The host cannot be reached"));
+    EXPECT_THAT(failureOf("http://" + std::string(64, 'a') + ".invalid/"), StartsWith("The host was not found"));
+    EXPECT_THAT(failureOf("/ nonsense\n"), StartsWith("Not a valid HTTP request"));
+}
+
+TEST_F(HTTPDownloadSessionTest, aFullDiskOrAMissingFolderFailsAndThePartIsKept) {
+    startUpTo(10'000);
+    simulation.finish(session->stop());
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit tight{60'000, before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &tight);
+    start(Kind::failed);
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_THAT(message, HasSubstr("Failed to save file: "));
+    EXPECT_THAT(message, HasSubstr("File too large"));
+    EXPECT_EQ(statuses.back(), message);
+    EXPECT_EQ(read("file.bin.part").size(), 60'000U);
+    simulation.finish(session->resume());
+    simulation.runUntil([&] { return states.back() == Kind::completed; });
+    EXPECT_EQ(lastHeader("range"), "bytes=60000-");
+    EXPECT_EQ(read("file.bin"), content);
+
+    std::filesystem::remove_all(folder);
+    start(Kind::failed);
+    EXPECT_THAT(message, HasSubstr("No such file or directory"));
+}
+
+TEST_F(HTTPDownloadSessionTest, aLimitPacesTheDownloadAndAnUnknownSizeHasNoFraction) {
+    script = [&](const SeenHTTPRequest&) {
+        HTTPReply reply;
+        reply.raw = toBytes("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n186A0\r\n");
+        append(*reply.raw, content);
+        append(*reply.raw, toBytes("\r\n0\r\n\r\n"));
+        return reply;
+    };
+    session = make(server.url("/dir/file.bin"));
+    simulation.finish(session->setDownloadLimit(10'000));
+    const auto begun = simulation.now();
+    simulation.finish(session->start());
+    waitFor(Kind::downloading);
+    EXPECT_EQ(fraction, 0);
+    for (int step = 0; step < 200 && states.back() == Kind::downloading; ++step) {
+        simulation.advance(250ms);
+        simulation.runUntil([turns = 0]() mutable { return ++turns > 1; });  // what the client's thread brings
+    }
+    EXPECT_EQ(read("file.bin"), content);
+    EXPECT_GE(simulation.now() - begun, 9750ms);
+    EXPECT_GT(rate, 1'000);
+    EXPECT_LT(rate, 12'600);
+}
+
+}  // namespace
+}  // namespace skein
