@@ -89,6 +89,13 @@ TorrentSession::Services EngineHost::services() {
             &history_};
 }
 
+std::unique_ptr<HTTPDownloadSession> EngineHost::makeHTTPSession(const std::string& url, const fs::path& folder,
+                                                                 const std::optional<std::string>& fileName) {
+    const HTTPDownloadSession::Environment environment{pools_.io(), pools_.disk(), clock_,          random_,
+                                                       log_,        http_,         home_ / "resume"};
+    return std::make_unique<HTTPDownloadSession>(environment, url, folder, fileName);
+}
+
 TorrentSession::Options EngineHost::sessionDefaults() {
     TorrentSession::Options options;
     options.servesMetadata = flagSetting("skein.serveMetadata", true);
@@ -101,6 +108,15 @@ TorrentSession::Options EngineHost::sessionDefaults() {
     options.discovery.scansLAN = flagSetting(LANPeerSettingsStore::portScanKey, false);
     options.discovery.bindAddress = bindAddress_;
     return options;
+}
+
+std::int64_t EngineHost::memoryLimitMB() {
+    try {
+        return settings_.number("memoryLimitMB").value_or(0);
+    } catch (const DatabaseException& error) {
+        log_.warning("[Manager] reading the setting memoryLimitMB failed: ", error.what());
+        return 0;
+    }
 }
 
 std::optional<std::string> EngineHost::setting(std::string_view key) {

@@ -5,6 +5,7 @@
 #include "Core/discovery/PeerHistoryStore.h"
 #include "Core/engine/TorrentSession.h"
 #include "Core/wire/PeerListener.h"
+#include "downloads/HTTPDownloadSession.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
 #include "public/common/HTTPClient.h"
@@ -43,6 +44,8 @@ public:
     void listen(std::uint16_t port, const DHTOptions& dht);
     /// After `listen`.
     TorrentSession::Services services();
+    std::unique_ptr<HTTPDownloadSession> makeHTTPSession(const std::string& url, const std::filesystem::path& folder,
+                                                         const std::optional<std::string>& fileName = {});
     /// What the settings say of how a session works.
     TorrentSession::Options sessionDefaults();
     /// What is kept of torrents that were used before.
@@ -54,6 +57,10 @@ public:
     HTTPClient& http() noexcept { return http_; }
     Random& random() noexcept { return random_; }
     PeerListener& listener() noexcept { return listener_; }
+    ActorSettings settings() { return {settings_, pools_.disk()}; }
+    const std::filesystem::path& home() const noexcept { return home_; }
+    /// The setting `memoryLimitMB`; 0: no limit.
+    std::int64_t memoryLimitMB();
     /// 0 when the DHT does not run.
     std::uint16_t dhtPort() const noexcept { return dht_ ? dht_->port() : std::uint16_t{0}; }
 

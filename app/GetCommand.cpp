@@ -6,6 +6,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
+
 namespace skein {
 
 namespace {
@@ -30,7 +32,10 @@ public:
         TransferRun transfers(host, options_, goal_);
         std::vector<TransferSource> sources;
         for (const std::string& source : sources_) sources.push_back(readTransferSource(source, host));
-        host.listen(options_.port, options_.dhtOptions());
+        const bool needsPeers = std::any_of(sources.begin(), sources.end(), [](const TransferSource& source) {
+            return !std::holds_alternative<WebFile>(source);
+        });
+        if (needsPeers) host.listen(options_.port, options_.dhtOptions());
         for (std::size_t i = 0; i < sources.size(); ++i) transfers.add(std::move(sources[i]), sources_[i]);
         return transfers.run();
     }

@@ -106,7 +106,7 @@ TorrentSession::Options TransferOptions::sessionOptions(const std::filesystem::p
     TorrentSession::Options options = std::move(defaults);
     options.savePath = savePath;
     options.maxConnections = maxConnections;
-    options.downloadLimit = parseByteCount(downloadLimit).value_or(0);
+    options.downloadLimit = downloadBytesPerSecond();
     options.uploadLimit = parseByteCount(uploadLimit).value_or(0);
     options.dial = {encryptionChoiceOf(encryption), transportChoiceOf(transport)};
     if (!cacheSites.empty()) options.cacheSites = cacheSites;
@@ -122,6 +122,8 @@ TorrentSession::Options TransferOptions::sessionOptions(const std::filesystem::p
     discovery.namedPeers = parsed(peers);
     return options;
 }
+
+std::int64_t TransferOptions::downloadBytesPerSecond() const { return parseByteCount(downloadLimit).value_or(0); }
 
 EngineHost::DHTOptions TransferOptions::dhtOptions() const { return {!noDHT, parsed(dhtBootstrap)}; }
 

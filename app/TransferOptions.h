@@ -44,6 +44,7 @@ struct TransferOptions {
     TorrentSession::Options sessionOptions(const std::filesystem::path& savePath,
                                            TorrentSession::Options defaults) const;
     EngineHost::DHTOptions dhtOptions() const;
+    std::int64_t downloadBytesPerSecond() const;  ///< 0: no limit
 };
 
 }  // namespace skein

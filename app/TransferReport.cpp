@@ -97,7 +97,13 @@ std::string_view textOf(TorrentSession::State::Kind kind) noexcept {
 class TransferReport::JSONLine {
 public:
     JSONLine(const Clock& clock, const TransferStatus& of, std::string_view event)
-        : object{{"event", event}, {"infoHash", of.infoHashHex}, {"time", secondsSince1970(clock.wallNow())}} {}
+        : object{{"event", event}, {"time", secondsSince1970(clock.wallNow())}} {
+        if (of.url.empty()) {
+            object["infoHash"] = of.infoHashHex;
+        } else {
+            object["url"] = of.url;
+        }
+    }
     JSONLine(const JSONLine&) = delete;
     JSONLine& operator=(const JSONLine&) = delete;
     ~JSONLine() { std::cout << json::serialize(object) << std::endl; }
@@ -137,6 +143,23 @@ void TransferReport::metadata(const TransferStatus& of, const TorrentMetaInfo& m
     line.object["totalSize"] = metaInfo.totalSize;
     line.object["pieceCount"] = metaInfo.pieceCount();
     line.object["fileCount"] = metaInfo.files.size();
+}
+
+void TransferReport::fileInfo(const TransferStatus& of) {
+    if (!isJSON_) return;
+    JSONLine line(clock_, of, "metadata");
+    line.object["name"] = of.name;
+    line.object["totalSize"] = of.total;
+    line.object["pieceCount"] = 0;
+    line.object["fileCount"] = 1;
+}
+
+void TransferReport::stall(const TransferStatus& of, const std::optional<StallReason>& reason) {
+    lastStall_ = reason ? reason->sentence() : "";
+    if (!isJSON_ || !reason) return;
+    JSONLine line(clock_, of, "stalled");
+    line.object["cause"] = textOf(reason->cause);
+    line.object["message"] = reason->sentence();
 }
 
 void TransferReport::progress(const TransferStatus& of) {
@@ -214,7 +237,10 @@ void TransferReport::overview(const std::vector<const TransferStatus*>& all) {
     if (verifying == all.size())
         return line_->show(name + ": verifying " + formatPercent(sum.verified / static_cast<double>(all.size())));
     const std::string peers = std::to_string(sum.peers) + (sum.peers == 1 ? " peer" : " peers");
-    if (fetching == all.size()) return line_->show(name + ": " + printable(lastStatus_) + ", " + peers);
+    if (fetching == all.size()) {
+        const std::string& said = lastStall_.empty() ? lastStatus_ : lastStall_;
+        return line_->show(name + ": " + printable(said) + ", " + peers);
+    }
     const std::string up = formatByteCount(sum.uploadRate) + "/s up";
     if (!isDownloading)
         return line_->show(name + ": seeding, " + up + ", " + formatByteCount(sum.uploaded) + " sent, " + peers);
@@ -226,6 +252,8 @@ void TransferReport::overview(const std::vector<const TransferStatus*>& all) {
             ", " +
             formatDuration(static_cast<double>(sum.total - sum.downloaded) / static_cast<double>(sum.downloadRate)) +
             " left";
+    else if (!lastStall_.empty())
+        text += ", " + printable(lastStall_);
     else if (!lastStatus_.empty())
         text += ", " + printable(lastStatus_);
     line_->show(text);

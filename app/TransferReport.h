@@ -15,6 +15,7 @@ namespace skein {
 /// How far one torrent is, as its session last said.
 struct TransferStatus {
     std::string infoHashHex;
+    std::string url;  ///< of a web file, which has no info-hash
     std::string name;
     TorrentSession::State::Kind state = TorrentSession::State::Kind::idle;
     double progress = 0;
@@ -41,6 +42,10 @@ public:
     void state(const TransferStatus& of, const std::string& message);
     void status(const TransferStatus& of, const std::string& message);
     void metadata(const TransferStatus& of, const TorrentMetaInfo& metaInfo);
+    /// A web server said what it sends.
+    void fileInfo(const TransferStatus& of);
+    /// Why nothing moves; nothing: something does.
+    void stall(const TransferStatus& of, const std::optional<StallReason>& reason);
     void progress(const TransferStatus& of);
     void peers(const TransferStatus& of, const std::vector<PeerRuntimeInfo>& rows);
     void trackers(const TransferStatus& of, const std::vector<TrackerRuntimeInfo>& rows);
@@ -57,6 +62,7 @@ private:
     const bool isJSON_;
     std::unique_ptr<ProgressLine> line_;
     std::string lastStatus_;
+    std::string lastStall_;
 };
 
 /// As interface texts have it: "downloading", "seeding", …

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <stop_token>
+#include <utility>
 
 namespace skein {
 
@@ -34,6 +35,25 @@ TransferRun::~TransferRun() = default;
 void TransferRun::add(TransferSource source, const std::string& name) {
     auto transfer = std::make_unique<Transfer>();
     transfer->source = std::move(source);
+    if (std::holds_alternative<WebFile>(transfer->source)) {
+        if (goal_.seedsOnly) throw CommandFailure(name, "a .torrent file is needed to seed");
+        addWebFile(std::move(transfer));
+    } else {
+        addTorrent(std::move(transfer), name);
+    }
+}
+
+std::filesystem::path TransferRun::folder() const {
+    return options_.folder.empty() ? host_.downloadFolder() : options_.folder;
+}
+
+bool TransferRun::isKnown(const Transfer& transfer) const {
+    return std::any_of(transfers_.begin(), transfers_.end(), [&](const auto& other) {
+        return other->status.infoHashHex == transfer.status.infoHashHex && other->status.url == transfer.status.url;
+    });
+}
+
+void TransferRun::addTorrent(std::unique_ptr<Transfer> transfer, const std::string& name) {
     TorrentSession::Options defaults = host_.sessionDefaults();
     SHA1Digest infoHash{};
     try {
@@ -43,16 +63,24 @@ void TransferRun::add(TransferSource source, const std::string& name) {
     }
     if (goal_.seedsOnly && std::holds_alternative<MagnetLink>(transfer->source))
         throw CommandFailure(name, "a .torrent file is needed to seed");
-    for (const auto& other : transfers_)
-        if (other->status.infoHashHex == transfer->status.infoHashHex) return;  // named twice
-
-    const auto folder = options_.folder.empty() ? host_.downloadFolder() : options_.folder;
-    if (!goal_.seedsOnly) transfer->lock = std::make_unique<TargetLock>(folder, infoHash);
-    TorrentSession::Options options = options_.sessionOptions(folder, std::move(defaults));
+    if (isKnown(*transfer)) return;
+    if (!goal_.seedsOnly) transfer->lock = std::make_unique<TargetLock>(folder(), infoHash);
+    TorrentSession::Options options = options_.sessionOptions(folder(), std::move(defaults));
     options.seedsOnly = goal_.seedsOnly;
     transfer->session = std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()),
                                                          host_.services(), std::move(options));
     transfer->session->setCallbacks(callbacksFor(*transfer));
+    transfers_.push_back(std::move(transfer));
+}
+
+void TransferRun::addWebFile(std::unique_ptr<Transfer> transfer) {
+    const std::string& url = std::get<WebFile>(transfer->source).url;
+    transfer->status.url = url;
+    transfer->status.name = url;
+    if (isKnown(*transfer)) return;
+    transfer->lock = std::make_unique<TargetLock>(folder(), sha1(asBytes(url)));
+    transfer->web = host_.makeHTTPSession(url, folder());
+    transfer->web->setCallbacks(webCallbacksFor(*transfer));
     transfers_.push_back(std::move(transfer));
 }
 
@@ -91,7 +119,7 @@ int TransferRun::run() {
 
 asio::awaitable<void> TransferRun::runAll() {
     for (const auto& transfer : transfers_) {
-        report_.listening(transfer->status, host_.listener().port(), host_.dhtPort());
+        if (transfer->session) report_.listening(transfer->status, host_.listener().port(), host_.dhtPort());
         tasks_.spawn(startOne(*transfer));
     }
     tasks_.spawn(showOverview());
@@ -104,13 +132,17 @@ asio::awaitable<void> TransferRun::runAll() {
 bool TransferRun::isOver() const {
     if (isTimedOut_ || interrupt_.exitStatus() != 0) return true;
     const bool serves = goal_.seedsOnly || goal_.seedsAfterwards;
-    return std::all_of(transfers_.begin(), transfers_.end(),
-                       [&](const auto& transfer) { return transfer->hasFailed || (transfer->isDone && !serves); });
+    return std::all_of(transfers_.begin(), transfers_.end(), [&](const auto& transfer) {
+        return transfer->hasFailed || (transfer->isDone && (!serves || transfer->web));
+    });
 }
 
 asio::awaitable<void> TransferRun::startOne(Transfer& transfer) {
     transfer.startedAt = host_.clock().now();
-    if (std::holds_alternative<Bytes>(transfer.source)) {
+    if (transfer.web) {
+        co_await transfer.web->setDownloadLimit(options_.downloadBytesPerSecond());
+        co_await transfer.web->start();
+    } else if (std::holds_alternative<Bytes>(transfer.source)) {
         co_await transfer.session->start(std::get<Bytes>(std::move(transfer.source)));
     } else {
         co_await transfer.session->startWithMagnet(std::get<MagnetLink>(std::move(transfer.source)));
@@ -148,7 +180,11 @@ asio::awaitable<void> TransferRun::stopAll() {
 }
 
 asio::awaitable<void> TransferRun::stopCounted(Transfer& transfer, std::size_t& left) {
-    co_await transfer.session->stop();
+    if (transfer.web) {
+        co_await transfer.web->stop();
+    } else {
+        co_await transfer.session->stop();
+    }
     --left;
     changed_.notify();
 }
@@ -174,6 +210,9 @@ TorrentSession::Callbacks TransferRun::callbacksFor(Transfer& transfer) {
     };
     callbacks.onTrackerDetailsUpdated = [this, onOurs, &transfer](const std::vector<TrackerRuntimeInfo>& rows) {
         onOurs([this, &transfer, rows] { report_.trackers(transfer.status, rows); });
+    };
+    callbacks.onStallChanged = [this, onOurs, &transfer](const std::optional<StallReason>& reason) {
+        onOurs([this, &transfer, reason] { report_.stall(transfer.status, reason); });
     };
     callbacks.onVerifyProgress = [onOurs, &transfer](int checked, int total) {
         onOurs([&transfer, checked, total] { transfer.status.verified = total == 0 ? 1 : 1.0 * checked / total; });
@@ -210,13 +249,65 @@ void TransferRun::onState(Transfer& transfer, const TorrentSession::State& state
         report_.error(transfer.status, state.message);
         transfer.hasFailed = true;
     }
-    if (state.kind == Kind::completed && !transfer.isDone) {
-        transfer.isDone = true;
-        if (!goal_.seedsOnly) {
-            const std::chrono::duration<double> taken = host_.clock().now() - transfer.startedAt;
-            report_.completed(transfer.status, taken.count(), transfer.hasDownloaded);
-        }
+    if (state.kind == Kind::completed) complete(transfer);
+    changed_.notify();
+}
+
+void TransferRun::complete(Transfer& transfer) {
+    if (std::exchange(transfer.isDone, true) || goal_.seedsOnly) return;
+    const std::chrono::duration<double> taken = host_.clock().now() - transfer.startedAt;
+    report_.completed(transfer.status, taken.count(), transfer.hasDownloaded);
+}
+
+// --- web files -------------------------------------------------------------------------------------------------------
+
+HTTPDownloadSession::Callbacks TransferRun::webCallbacksFor(Transfer& transfer) {
+    HTTPDownloadSession::Callbacks callbacks;
+    const auto onOurs = [this](auto task) { asio::post(tasks_.strand(), std::move(task)); };
+    callbacks.onStateChanged = [this, onOurs, &transfer](const HTTPDownloadSession::State& state) {
+        onOurs([this, &transfer, state] { onWebState(transfer, state); });
+    };
+    callbacks.onProgressUpdated = [this, onOurs, &transfer](double fraction, std::int64_t downloaded,
+                                                            std::int64_t total, double bytesPerSecond) {
+        onOurs([this, &transfer, fraction, downloaded, total, bytesPerSecond] {
+            transfer.status.progress = fraction;
+            transfer.status.downloaded = downloaded;
+            transfer.status.total = std::max(total, downloaded);
+            transfer.status.downloadRate = static_cast<std::int64_t>(bytesPerSecond);
+            report_.progress(transfer.status);
+        });
+    };
+    callbacks.onFileInfoReceived = [this, onOurs, &transfer](const std::string& fileName, std::int64_t total) {
+        onOurs([this, &transfer, fileName, total] {
+            transfer.status.name = fileName;
+            transfer.status.total = std::max<std::int64_t>(total, 0);
+            report_.fileInfo(transfer.status);
+        });
+    };
+    callbacks.onStatusMessage = [this, onOurs, &transfer](const std::string& message) {
+        onOurs([this, &transfer, message] { report_.status(transfer.status, message); });
+    };
+    return callbacks;
+}
+
+void TransferRun::onWebState(Transfer& transfer, const HTTPDownloadSession::State& state) {
+    using WebKind = HTTPDownloadSession::State::Kind;
+    const Kind before = transfer.status.state;
+    switch (state.kind) {
+        case WebKind::idle: break;
+        case WebKind::connecting:
+        case WebKind::downloading: transfer.status.state = Kind::downloading; break;
+        case WebKind::paused: transfer.status.state = Kind::paused; break;
+        case WebKind::completed: transfer.status.state = Kind::completed; break;
+        case WebKind::failed: transfer.status.state = Kind::error; break;
     }
+    transfer.hasDownloaded = true;
+    if (transfer.status.state != before) report_.state(transfer.status, state.message);
+    if (state.kind == WebKind::failed) {
+        report_.error(transfer.status, state.message);
+        transfer.hasFailed = true;
+    }
+    if (state.kind == WebKind::completed) complete(transfer);
     changed_.notify();
 }
 

@@ -7,6 +7,7 @@
 #include "app/TransferOptions.h"
 #include "app/TransferReport.h"
 #include "app/TransferSource.h"
+#include "downloads/HTTPDownloadSession.h"
 #include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
 
@@ -17,7 +18,8 @@
 
 namespace skein {
 
-/// One run of `get` or `seed`: a session for each torrent, until all are done, time is over, or the user interrupts.
+/// One run of `get` or `seed`: a session for each torrent or web file, until all are done, time is over, or the user
+/// interrupts.
 ///
 /// Owner and thread: the command, on the main thread; inside it lives on one strand.
 class TransferRun {
@@ -31,7 +33,7 @@ public:
     TransferRun(EngineHost& host, const TransferOptions& options, Goal goal);
     ~TransferRun();
 
-    /// Adds a torrent; `name` is what the user called it. Throws CommandFailure when it is no torrent, or another
+    /// Adds a transfer; `name` is what the user called it. Throws CommandFailure when it is no torrent, or another
     /// process writes it.
     void add(TransferSource source, const std::string& name);
     /// Runs to the end and returns the exit status.
@@ -47,8 +49,13 @@ private:
         bool hasFailed = false;
         std::unique_ptr<TargetLock> lock;
         std::unique_ptr<TorrentSession> session;
+        std::unique_ptr<HTTPDownloadSession> web;  ///< in place of `session`, for a web file
     };
 
+    void addTorrent(std::unique_ptr<Transfer> transfer, const std::string& name);
+    void addWebFile(std::unique_ptr<Transfer> transfer);
+    bool isKnown(const Transfer& transfer) const;
+    std::filesystem::path folder() const;
     SHA1Digest identify(Transfer& transfer, std::vector<std::string>& extraTrackers);
     asio::awaitable<void> runAll();
     asio::awaitable<void> startOne(Transfer& transfer);
@@ -57,6 +64,9 @@ private:
     asio::awaitable<void> stopCounted(Transfer& transfer, std::size_t& left);
     asio::awaitable<void> giveUpAfterTimeout();
     TorrentSession::Callbacks callbacksFor(Transfer& transfer);
+    HTTPDownloadSession::Callbacks webCallbacksFor(Transfer& transfer);
+    void onWebState(Transfer& transfer, const HTTPDownloadSession::State& state);
+    void complete(Transfer& transfer);
     void onMetadata(Transfer& transfer, const TorrentMetaInfo& metaInfo);
     void onState(Transfer& transfer, const TorrentSession::State& state);
     void onProgress(Transfer& transfer, const TorrentSession::Progress& progress);

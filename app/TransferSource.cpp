@@ -58,7 +58,7 @@ MagnetLink parseMagnet(const std::string& source) {
 
 TransferSource readTransferSource(const std::string& source, EngineHost& host) {
     if (isHTTP(source)) {
-        if (!pathEndsInTorrent(source)) throw CommandFailure(source, "not the address of a .torrent file");
+        if (!pathEndsInTorrent(source)) return WebFile{source};
         return fetch(source, host);
     }
     if (isMagnet(source)) return parseMagnet(source);

@@ -1,0 +1,49 @@
+#include "app/ManagerHost.h"
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/use_future.hpp>
+
+namespace skein {
+
+ManagerHost::ManagerHost(EngineHost& host, const TransferOptions& options)
+    : host_(host),
+      options_(options),
+      notifier_(host.pools().io(), host.pools().disk(), host.clock(), host.log()),
+      manager_(std::make_unique<DownloadManager>(environment())) {
+    asio::co_spawn(host_.pools().io(), manager_->start(), asio::use_future).get();
+}
+
+ManagerHost::~ManagerHost() {
+    asio::co_spawn(host_.pools().io(), manager_->stop(), asio::use_future).get();
+    asio::co_spawn(host_.pools().io(), notifier_.stop(), asio::use_future).get();
+}
+
+DownloadManager::Environment ManagerHost::environment() {
+    const std::filesystem::path folder = options_.folder.empty() ? host_.downloadFolder() : options_.folder;
+    DownloadManager::Environment environment{host_.pools().io(),
+                                             host_.pools().disk(),
+                                             host_.clock(),
+                                             host_.log(),
+                                             host_.random(),
+                                             center_,
+                                             host_.settings(),
+                                             service_,
+                                             notifier_,
+                                             host_.home(),
+                                             folder,
+                                             host_.memoryLimitMB()};
+    environment.makeTorrentSession = [this, folder](const SHA1Digest& infoHash,
+                                                    const std::vector<std::string>& extraTrackers) {
+        TorrentSession::Options options = options_.sessionOptions(folder, host_.sessionDefaults());
+        auto& trackers = options.discovery.extraTrackers;
+        trackers.insert(trackers.end(), extraTrackers.begin(), extraTrackers.end());
+        return std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()), host_.services(),
+                                                std::move(options));
+    };
+    environment.makeHTTPSession = [this, folder](const std::string& url, const std::optional<std::string>& fileName) {
+        return host_.makeHTTPSession(url, folder, fileName);
+    };
+    return environment;
+}
+
+}  // namespace skein
