@@ -79,6 +79,9 @@ void TransferRun::addWebFile(std::unique_ptr<Transfer> transfer) {
     transfer->status.name = url;
     if (isKnown(*transfer)) return;
     transfer->lock = std::make_unique<TargetLock>(folder(), sha1(asBytes(url)));
+    std::error_code error;
+    std::filesystem::create_directories(folder(), error);
+    if (error) throw CommandFailure(folder().string(), error.message());
     transfer->web = host_.makeHTTPSession(url, folder());
     transfer->web->setCallbacks(webCallbacksFor(*transfer));
     transfers_.push_back(std::move(transfer));

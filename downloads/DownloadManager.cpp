@@ -56,6 +56,11 @@ asio::awaitable<void> DownloadManager::load() {
         list_.push_back(std::move(saved).restore(environment_.center, environment_.random));
         if (list_.back()->status() == TaskStatus::paused) rest(list_.back(), TaskStatus::paused);
     }
+    auto makeFolder = [this] {
+        std::error_code error;  // told with the first download that cannot be written
+        std::filesystem::create_directories(environment_.downloadsDirectory, error);
+    };
+    co_await runOn(environment_.disk, std::move(makeFolder));
     tasks_.spawn(speedLoop());
     tasks_.spawn(flushPendingDeletes());
 }
