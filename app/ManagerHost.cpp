@@ -32,15 +32,15 @@ DownloadManager::Environment ManagerHost::environment() {
                                              host_.home(),
                                              folder,
                                              host_.memoryLimitMB()};
-    environment.makeTorrentSession = [this, folder](const SHA1Digest& infoHash,
-                                                    const std::vector<std::string>& extraTrackers) {
+    environment.makers.torrent = [this, folder](const SHA1Digest& infoHash,
+                                                const std::vector<std::string>& extraTrackers) {
         TorrentSession::Options options = options_.sessionOptions(folder, host_.sessionDefaults());
         auto& trackers = options.discovery.extraTrackers;
         trackers.insert(trackers.end(), extraTrackers.begin(), extraTrackers.end());
         return std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()), host_.services(),
                                                 std::move(options));
     };
-    environment.makeHTTPSession = [this, folder](const std::string& url, const std::optional<std::string>& fileName) {
+    environment.makers.http = [this, folder](const std::string& url, const std::optional<std::string>& fileName) {
         return host_.makeHTTPSession(url, folder, fileName);
     };
     return environment;

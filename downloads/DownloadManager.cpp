@@ -42,6 +42,7 @@ DownloadManager::DownloadManager(Environment environment)
       wake_(tasks_.strand()),
       store_(tasks_.strand(), environment_.disk, environment_.clock, environment_.log, environment_.home,
              [this] { return snapshot(); }),
+      sessions_(tasks_.strand(), environment_.log, environment_.makers, sessionCallbacks()),
       memoryMonitor_(tasks_.strand(), environment_.disk, environment_.clock, environment_.memoryLimitMB,
                      [this](const std::string& footprint) { tasks_.spawn(shed(footprint)); }) {}
 
@@ -73,6 +74,7 @@ asio::awaitable<void> DownloadManager::stop() {
 
 asio::awaitable<void> DownloadManager::shutDown() {
     co_await stopAll();
+    co_await sessions_.stop();
     co_await tasks_.stop();
     co_await memoryMonitor_.stop();
     co_await store_.stop();
@@ -82,7 +84,7 @@ asio::awaitable<void> DownloadManager::shutDown() {
 asio::awaitable<void> DownloadManager::stopAll() {
     std::vector<Task> running;
     for (const Task& task : list_)
-        if (sessions_.contains(task->id)) running.push_back(task);
+        if (sessions_.isRunning(task)) running.push_back(task);
     TaskGroup stopping(tasks_.strand());
     std::size_t left = running.size();
     for (const Task& task : running) stopping.spawn(stopCounted(task, left));
@@ -91,7 +93,7 @@ asio::awaitable<void> DownloadManager::stopAll() {
 }
 
 asio::awaitable<void> DownloadManager::stopCounted(Task task, std::size_t& left) {
-    co_await stopSession(task);
+    co_await sessions_.stopSession(task);
     --left;
     commandEnded_.notify();
 }
@@ -141,7 +143,7 @@ DownloadManager::Task DownloadManager::addMagnet(const std::string& text) {
         task->trackers.set(std::move(tiers));
     }
     append(task);
-    startTorrent(task, {std::nullopt, std::move(magnet)});
+    sessions_.startTorrent(task, digestOf(task->infoHash), {std::nullopt, std::move(magnet)});
     return task;
 }
 
@@ -159,11 +161,11 @@ asio::awaitable<DownloadManager::Task> DownloadManager::addParsed(Bytes torrentD
     TaskIdentity identity;
     identity.infoHash = metaInfo.infoHashHex;
     const Task task = makeTask(std::move(identity), metaInfo.name, TaskStatus::downloading);
-    applyMetadata(task, metaInfo);
+    TaskSessions::applyMetadata(*task, metaInfo);
     append(task);
-    Origin origin;
+    TorrentOrigin origin;
     origin.torrentData = std::move(torrentData);
-    startTorrent(task, std::move(origin));
+    sessions_.startTorrent(task, digestOf(task->infoHash), std::move(origin));
     co_return task;
 }
 
@@ -192,7 +194,7 @@ DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text) 
     std::string name = HTTPDownloadSession::deriveFileName(url, environment_.random);
     const Task task = makeTask(std::move(identity), std::move(name), TaskStatus::downloading);
     append(task);
-    startHTTP(task, std::nullopt);
+    sessions_.startHTTP(task, std::nullopt);
     return task;
 }
 
@@ -241,13 +243,13 @@ asio::awaitable<void> DownloadManager::shedAllSessionsPeers(std::string reason) 
 asio::awaitable<void> DownloadManager::pause(Task task) {
     task->isControlOperationInProgress.set(true);
     task->controlOperationMessage.set("正在暂停，请稍候…");
-    co_await stopSession(task);
+    co_await sessions_.stopSession(task);
     rest(task, TaskStatus::paused);
     store_.saveTasks();
 }
 
 asio::awaitable<void> DownloadManager::resume(Task task) {
-    if (sessions_.contains(task->id)) co_return;
+    if (sessions_.isRunning(task)) co_return;
     task->isControlOperationInProgress.set(true);
     task->controlOperationMessage.set("正在继续，请稍候…");
     task->errorMessage.set(std::nullopt);
@@ -263,18 +265,18 @@ asio::awaitable<void> DownloadManager::rebuild(Task task, std::string missing) {
         environment_.log.info("[Manager] Rebuilding HTTP session for ", task->name());
         task->status.set(TaskStatus::downloading);
         // A file that was named before keeps its name.
-        co_return startHTTP(task, task->files().empty() ? std::nullopt : std::optional(task->name()));
+        co_return sessions_.startHTTP(task, task->files().empty() ? std::nullopt : std::optional(task->name()));
     }
-    Origin origin = co_await originOf(task);
+    TorrentOrigin origin = co_await originOf(task);
     if (!origin.torrentData && !task->magnetURI) co_return fail(task, missing + "magnet link missing");
     if (!origin.torrentData && !origin.magnet) co_return fail(task, "Failed to parse magnet link");
     environment_.log.info("[Manager] Rebuilding session for ", task->name());
     task->status.set(origin.torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
-    startTorrent(task, std::move(origin));
+    sessions_.startTorrent(task, digestOf(task->infoHash), std::move(origin));
 }
 
-asio::awaitable<DownloadManager::Origin> DownloadManager::originOf(Task task) {
-    Origin origin;
+asio::awaitable<TorrentOrigin> DownloadManager::originOf(Task task) {
+    TorrentOrigin origin;
     auto read = [this, infoHash = digestOf(task->infoHash), name = task->name()] {
         return archive_.torrent(infoHash, environment_.downloadsDirectory, name);
     };
@@ -291,7 +293,7 @@ asio::awaitable<DownloadManager::Origin> DownloadManager::originOf(Task task) {
 /// Hashes everything, whatever a resume record says.
 asio::awaitable<void> DownloadManager::recheck(Task task) {
     if (task->downloadType != DownloadType::torrent) co_return;
-    Origin origin = co_await originOf(task);
+    TorrentOrigin origin = co_await originOf(task);
     if (!origin.torrentData && !origin.magnet) {
         task->errorMessage.set("Cannot verify: magnet link missing");
         co_return;
@@ -299,18 +301,18 @@ asio::awaitable<void> DownloadManager::recheck(Task task) {
     task->isVerifying.set(true);
     task->statusMessage.set("Verifying files...");
     task->errorMessage.set(std::nullopt);
-    co_await stopSession(task);
+    co_await sessions_.stopSession(task);
     auto forget = [this, infoHash = digestOf(task->infoHash)] { archive_.forgetResumeRecord(infoHash); };
     co_await runOn(environment_.disk, std::move(forget));
     task->status.set(origin.torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
-    startTorrent(task, std::move(origin));
+    sessions_.startTorrent(task, digestOf(task->infoHash), std::move(origin));
     // The state that follows the check ends it.
-    while (sessions_.contains(task->id) && task->isVerifying()) co_await commandEnded_.wait();
+    while (sessions_.isRunning(task) && task->isVerifying()) co_await commandEnded_.wait();
 }
 
 asio::awaitable<void> DownloadManager::redownload(Task task) {
-    co_await stopSession(task);
-    if (task->downloadType == DownloadType::http) co_await clearHTTPDownload(task);
+    co_await sessions_.stopSession(task);
+    if (task->downloadType == DownloadType::http) co_await sessions_.clearHTTPDownload(task);
     const TaskFiles files = task->filesIn(environment_.downloadsDirectory);
     auto clear = [this, files, infoHash = digestOf(task->infoHash)] {
         archive_.forgetResumeRecord(infoHash);
@@ -335,11 +337,11 @@ asio::awaitable<void> DownloadManager::remove(Task task, bool deleteFiles) {
     const std::string user = environment_.service.signedInUserID();
     // First, so that the service forgets the torrent even if we die now.
     if (isTorrent) co_await pendingDeletes_.add(user, task->infoHash);
-    co_await stopSession(task);
+    co_await sessions_.stopSession(task);
     std::erase(list_, task);
     environment_.center.publish(TaskListChanged{TaskListChanged::Kind::removed, task->id, task->infoHash});
     store_.saveTasks();
-    if (!isTorrent) co_await clearHTTPDownload(task);
+    if (!isTorrent) co_await sessions_.clearHTTPDownload(task);
     const TaskFiles files = task->filesIn(environment_.downloadsDirectory);
     auto clear = [this, files, isTorrent, deleteFiles, infoHash = digestOf(task->infoHash)] {
         if (isTorrent) archive_.forget(infoHash);
@@ -383,10 +385,7 @@ void DownloadManager::setNotes(const Task& task, std::string notes) {
 asio::awaitable<void> DownloadManager::shed(std::string reason) {
     constexpr std::size_t keepAtMost = 10;
     environment_.log.info("[Manager] memory shed triggered by ", reason);
-    std::vector<std::shared_ptr<TorrentSession>> sessions;
-    for (const auto& [id, running] : sessions_)
-        if (running->torrent) sessions.push_back(running->torrent);
-    for (const auto& session : sessions) {
+    for (const auto& session : sessions_.torrents()) {
         try {
             co_await session->shedPeers(keepAtMost);
         } catch (const boost::system::system_error&) {
@@ -395,83 +394,29 @@ asio::awaitable<void> DownloadManager::shed(std::string reason) {
     }
 }
 
-// --- sessions --------------------------------------------------------------------------------------------------------
+// --- what becomes of tasks -------------------------------------------------------------------------------------------
 
-void DownloadManager::startTorrent(const Task& task, Origin origin) {
-    std::vector<std::string> extraTrackers;
-    if (origin.torrentData && origin.magnet) extraTrackers = origin.magnet->trackers;
-    const auto running = std::make_shared<Running>();
-    running->torrent = environment_.makeTorrentSession(digestOf(task->infoHash), extraTrackers);
-    running->torrent->setCallbacks(torrentCallbacks(task, running));
-    sessions_[task->id] = running;
-    noteSessions();
-    tasks_.spawn(runTorrent(task, running, std::move(origin)));
-}
-
-asio::awaitable<void> DownloadManager::runTorrent(Task task, std::shared_ptr<Running> running, Origin origin) {
-    // Held here too: a stopped session leaves the table before its start has returned.
-    const std::shared_ptr<TorrentSession> session = running->torrent;
-    try {
-        if (origin.torrentData) {
-            co_await session->start(std::move(*origin.torrentData));
-        } else {
-            co_await session->startWithMagnet(std::move(*origin.magnet));
-        }
-    } catch (const boost::system::system_error&) {
-        // Stopped while it started.
-    }
-    relay(task, running, [this](const Task& ended) {
-        ended->isVerifying.set(false);
+TaskSessions::Callbacks DownloadManager::sessionCallbacks() {
+    TaskSessions::Callbacks callbacks;
+    callbacks.onDurableChange = [this] { store_.saveTasks(); };
+    callbacks.onMovement = [this] {
+        memoryMonitor_.setRunningSessions(sessions_.count());
+        wake_.notify();
+    };
+    callbacks.onCompleted = [this](const Task& task, bool hasDownloaded) { complete(task, hasDownloaded); };
+    callbacks.onFailed = [this](const Task& task, const std::string& message) { fail(task, message); };
+    callbacks.onChecked = [this](const Task& task) {
+        task->isVerifying.set(false);
         commandEnded_.notify();
-    });
+    };
+    callbacks.beforeStop = [this](Task task, std::shared_ptr<TorrentSession> session) {
+        return reportLastBytes(std::move(task), std::move(session));
+    };
+    return callbacks;
 }
 
-void DownloadManager::startHTTP(const Task& task, std::optional<std::string> fileName) {
-    const auto running = std::make_shared<Running>();
-    running->http = environment_.makeHTTPSession(*task->downloadURL, fileName);
-    running->http->setCallbacks(httpCallbacks(task, running));
-    running->hasDownloaded = true;
-    sessions_[task->id] = running;
-    noteSessions();
-    tasks_.spawn(runHTTP(running));
-}
-
-asio::awaitable<void> DownloadManager::runHTTP(std::shared_ptr<Running> running) {
-    const std::shared_ptr<HTTPDownloadSession> session = running->http;
-    co_await session->start();
-}
-
-/// Deletes what an unfinished download left, which the session alone knows.
-asio::awaitable<void> DownloadManager::clearHTTPDownload(Task task) {
-    if (!task->downloadURL) co_return;
-    const std::shared_ptr<HTTPDownloadSession> session = environment_.makeHTTPSession(*task->downloadURL, std::nullopt);
-    co_await session->clearResumeData();
-    co_await session->stop();
-}
-
-/// Reports the last bytes, then returns when nothing of the session runs any more.
-asio::awaitable<void> DownloadManager::stopSession(Task task) {
-    const auto found = sessions_.find(task->id);
-    if (found == sessions_.end()) co_return;
-    const std::shared_ptr<Running> running = found->second;
-    if (running->torrent) {
-        co_await environment_.service.flushFinalHeartbeat(*task, *running->torrent);
-        co_await running->torrent->stop();
-    } else {
-        co_await running->http->stop();
-    }
-    sessions_.erase(task->id);
-    noteSessions();
-}
-
-void DownloadManager::noteSessions() {
-    memoryMonitor_.setRunningSessions(sessions_.size());
-    wake_.notify();
-}
-
-asio::awaitable<void> DownloadManager::dropSession(Task task) {
-    co_await stopSession(task);
-    updateGlobalSpeed();
+asio::awaitable<void> DownloadManager::reportLastBytes(Task task, std::shared_ptr<TorrentSession> session) {
+    co_await environment_.service.flushFinalHeartbeat(*task, *session);
 }
 
 void DownloadManager::fail(const Task& task, const std::string& message) {
@@ -504,165 +449,6 @@ void DownloadManager::complete(const Task& task, bool hasDownloaded) {
     environment_.notifier.sendCompletionNotification(task->name());
 }
 
-// --- what sessions report --------------------------------------------------------------------------------------------
-
-template <class Apply>
-void DownloadManager::relay(const std::weak_ptr<TorrentTask>& task, const std::weak_ptr<Running>& running,
-                            Apply apply) {
-    // The manager stops its sessions before it goes, and what they posted comes before their end.
-    asio::post(tasks_.strand(), [this, task, running, apply = std::move(apply)] {
-        const Task held = task.lock();
-        const auto current = running.lock();
-        if (!held || !current) return;
-        const auto found = sessions_.find(held->id);
-        if (found != sessions_.end() && found->second == current) apply(held);
-    });
-}
-
-TorrentSession::Callbacks DownloadManager::torrentCallbacks(const Task& task, const std::shared_ptr<Running>& running) {
-    const std::weak_ptr<TorrentTask> weakTask = task;
-    const std::weak_ptr<Running> weak = running;
-    TorrentSession::Callbacks callbacks;
-    callbacks.onStateChanged = [this, weakTask, weak](const TorrentSession::State& state) {
-        relay(weakTask, weak, [this, state](const Task& of) { applyState(of, state); });
-    };
-    callbacks.onProgressUpdated = [this, weakTask, weak](const TorrentSession::Progress& progress) {
-        relay(weakTask, weak, [this, progress](const Task& of) {
-            const auto batch = of->batch();
-            of->progress.set(progress.fraction);
-            of->downloadedBytes.set(progress.completedBytes);
-            of->downloadSpeed.set(progress.downloadRate);
-            of->uploadSpeed.set(progress.uploadRate);
-            wake_.notify();
-        });
-    };
-    callbacks.onMetadataReceived = [this, weakTask, weak](const TorrentMetaInfo& metaInfo) {
-        relay(weakTask, weak, [this, metaInfo](const Task& of) {
-            environment_.log.info("[Manager] ✅ Metadata received: ", metaInfo.name, ", ", metaInfo.files.size(),
-                                  " files");
-            applyMetadata(of, metaInfo);
-            store_.saveTasks();
-        });
-    };
-    callbacks.onStatusMessage = [this, weakTask, weak](const std::string& text) {
-        relay(weakTask, weak, [text](const Task& of) { of->statusMessage.set(text); });
-    };
-    callbacks.onPeerDetailsUpdated = [this, weakTask, weak](const std::vector<PeerRuntimeInfo>& rows) {
-        relay(weakTask, weak, [rows](const Task& of) {
-            const auto batch = of->batch();
-            of->peerCount.set(
-                std::count_if(rows.begin(), rows.end(), [](const PeerRuntimeInfo& row) { return row.isConnected; }));
-            of->peerDetailStore.replace(rows);
-        });
-    };
-    callbacks.onTrackerDetailsUpdated = [this, weakTask, weak](const std::vector<TrackerRuntimeInfo>& rows) {
-        relay(weakTask, weak, [rows](const Task& of) { of->trackerDetails.set(rows); });
-    };
-    callbacks.onStallChanged = [this, weakTask, weak](const std::optional<StallReason>& reason) {
-        relay(weakTask, weak, [reason](const Task& of) {
-            of->stallReason.set(reason ? std::optional(reason->sentence()) : std::nullopt);
-        });
-    };
-    return callbacks;
-}
-
-void DownloadManager::applyState(const Task& task, const TorrentSession::State& state) {
-    using Kind = TorrentSession::State::Kind;
-    Running& running = *sessions_.at(task->id);
-    switch (state.kind) {
-        case Kind::idle:
-        case Kind::paused: break;
-        case Kind::fetchingMetadata:
-            running.hasDownloaded = true;
-            task->status.set(TaskStatus::fetchingMetadata);
-            break;
-        case Kind::downloading:
-            running.hasDownloaded = true;
-            task->status.set(TaskStatus::downloading);
-            break;
-        case Kind::completed: complete(task, running.hasDownloaded); break;
-        case Kind::seeding: task->status.set(TaskStatus::seeding); break;
-        case Kind::error:
-            fail(task, state.message);
-            tasks_.spawn(dropSession(task));
-            break;
-    }
-    if (state.kind == Kind::fetchingMetadata) return;
-    task->isVerifying.set(false);
-    commandEnded_.notify();
-}
-
-HTTPDownloadSession::Callbacks DownloadManager::httpCallbacks(const Task& task,
-                                                              const std::shared_ptr<Running>& running) {
-    const std::weak_ptr<TorrentTask> weakTask = task;
-    const std::weak_ptr<Running> weak = running;
-    HTTPDownloadSession::Callbacks callbacks;
-    callbacks.onStateChanged = [this, weakTask, weak](const HTTPDownloadSession::State& state) {
-        relay(weakTask, weak, [this, state](const Task& of) { applyHTTPState(of, state); });
-    };
-    callbacks.onProgressUpdated = [this, weakTask, weak](double fraction, std::int64_t downloaded, std::int64_t total,
-                                                         double bytesPerSecond) {
-        relay(weakTask, weak, [this, fraction, downloaded, total, bytesPerSecond](const Task& of) {
-            const auto batch = of->batch();
-            of->progress.set(fraction);
-            of->downloadedBytes.set(downloaded);
-            if (total >= 0) of->totalSize.set(total);
-            of->downloadSpeed.set(static_cast<std::int64_t>(bytesPerSecond));
-            wake_.notify();
-        });
-    };
-    callbacks.onFileInfoReceived = [this, weakTask, weak](const std::string& fileName, std::int64_t total) {
-        relay(weakTask, weak, [this, fileName, total](const Task& of) {
-            const auto batch = of->batch();
-            const std::int64_t size = std::max<std::int64_t>(total, 0);
-            of->name.set(fileName);
-            of->totalSize.set(size);
-            of->files.set(FileList::Files{TorrentFileInfo{fileName, size, 0}});
-            store_.saveTasks();
-        });
-    };
-    callbacks.onStatusMessage = [this, weakTask, weak](const std::string& text) {
-        relay(weakTask, weak, [text](const Task& of) { of->statusMessage.set(text); });
-    };
-    return callbacks;
-}
-
-void DownloadManager::applyHTTPState(const Task& task, const HTTPDownloadSession::State& state) {
-    using Kind = HTTPDownloadSession::State::Kind;
-    StallFacts facts;
-    facts.waitsToRetry = state.kind == Kind::connecting && task->downloadedBytes() > 0;
-    task->stallReason.set(facts.waitsToRetry ? std::optional(stallReasonOf(facts)->sentence()) : std::nullopt);
-    switch (state.kind) {
-        case Kind::idle:
-        case Kind::paused: break;
-        case Kind::connecting:
-        case Kind::downloading: task->status.set(TaskStatus::downloading); break;
-        case Kind::completed: {
-            const auto batch = task->batch();
-            complete(task, true);
-            task->downloadSpeed.set(0);
-            tasks_.spawn(dropSession(task));
-            break;
-        }
-        case Kind::failed:
-            fail(task, state.message);
-            tasks_.spawn(dropSession(task));
-            break;
-    }
-}
-
-void DownloadManager::applyMetadata(const Task& task, const TorrentMetaInfo& metaInfo) {
-    const auto batch = task->batch();
-    task->name.set(metaInfo.name);
-    task->files.set(metaInfo.files);
-    task->totalSize.set(metaInfo.totalSize);
-    task->pieceLength.set(metaInfo.pieceLength);
-    task->pieceCount.set(metaInfo.pieceCount());
-    task->comment.set(metaInfo.comment);
-    task->creationDate.set(metaInfo.creationDate);
-    if (!metaInfo.announceList.empty()) task->trackers.set(metaInfo.announceList);
-}
-
 // --- the speed timer -------------------------------------------------------------------------------------------------
 
 /// A list that nothing happens to wakes nobody up.
@@ -678,7 +464,7 @@ asio::awaitable<void> DownloadManager::speedLoop() {
 bool DownloadManager::isAnythingMoving() const {
     if (globalDownloadSpeed_ > 0 || globalUploadSpeed_ > 0) return true;
     return std::any_of(list_.begin(), list_.end(), [&](const Task& task) {
-        return sessions_.contains(task->id) && (!task->isFinished() || task->uploadSpeed() > 0);
+        return sessions_.isRunning(task) && (!task->isFinished() || task->uploadSpeed() > 0);
     });
 }
 
@@ -692,16 +478,13 @@ void DownloadManager::updateGlobalSpeed() {
 }
 
 asio::awaitable<void> DownloadManager::updatePieceBitmaps() {
-    std::vector<std::pair<Task, std::shared_ptr<Running>>> running;
-    for (const Task& task : list_) {
-        const auto found = sessions_.find(task->id);
-        if (found != sessions_.end() && found->second->torrent && task->pieceCount() > 0 && !task->isFinished())
-            running.emplace_back(task, found->second);
-    }
-    for (const auto& [task, held] : running) {
+    const std::vector<Task> tasks = list_;
+    for (const Task& task : tasks) {
+        const std::shared_ptr<TorrentSession> session = sessions_.torrentOf(task);
+        if (!session || task->pieceCount() == 0 || task->isFinished()) continue;
         std::vector<bool> bitmap;
         try {
-            bitmap = co_await held->torrent->getCompletionBitmap();
+            bitmap = co_await session->getCompletionBitmap();
         } catch (const boost::system::system_error&) {
             continue;  // it was stopped meanwhile
         }

@@ -1,13 +1,11 @@
 #pragma once
 
 #include "Core/engine/TorrentArchive.h"
-#include "Core/engine/TorrentSession.h"
-#include "Core/formats/MagnetLink.h"
 #include "downloads/CompletionNotifier.h"
-#include "downloads/HTTPDownloadSession.h"
 #include "downloads/MemoryMonitor.h"
 #include "downloads/PendingDeletes.h"
 #include "downloads/ResourceService.h"
+#include "downloads/TaskSessions.h"
 #include "downloads/TaskStore.h"
 #include "downloads/TorrentTask.h"
 #include "public/common/ActorSettings.h"
@@ -17,7 +15,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -48,14 +45,7 @@ public:
         std::filesystem::path home;
         std::filesystem::path downloadsDirectory;
         std::int64_t memoryLimitMB = 0;  ///< 0: none
-        /// Makes the session of a torrent. `extraTrackers` come beside what the settings say.
-        std::function<std::unique_ptr<TorrentSession>(const SHA1Digest& infoHash,
-                                                      const std::vector<std::string>& extraTrackers)>
-            makeTorrentSession;
-        /// `fileName` is empty where the server and the URL are to say it.
-        std::function<std::unique_ptr<HTTPDownloadSession>(const std::string& url,
-                                                           const std::optional<std::string>& fileName)>
-            makeHTTPSession;
+        TaskSessions::Makers makers;
     };
 
     explicit DownloadManager(Environment environment);
@@ -93,18 +83,6 @@ public:
     asio::awaitable<void> shedAllSessionsPeers(std::string reason);
 
 private:
-    /// What runs for one task; of the two, one.
-    struct Running {
-        std::shared_ptr<TorrentSession> torrent;
-        std::shared_ptr<HTTPDownloadSession> http;
-        bool hasDownloaded = false;  // something was missing when it started
-    };
-    /// What a torrent can be started from.
-    struct Origin {
-        std::optional<Bytes> torrentData;
-        std::optional<MagnetLink> magnet;
-    };
-
     Task find(const std::string& infoHash) const;
     Task makeTask(TaskIdentity identity, std::string name, TaskStatus status);
     void append(const Task& task);
@@ -124,27 +102,13 @@ private:
     asio::awaitable<void> remove(Task task, bool deleteFiles);
     asio::awaitable<void> shed(std::string reason);
 
-    asio::awaitable<Origin> originOf(Task task);
+    asio::awaitable<TorrentOrigin> originOf(Task task);
     asio::awaitable<void> rebuild(Task task, std::string missing);
-    void startTorrent(const Task& task, Origin origin);
-    asio::awaitable<void> runTorrent(Task task, std::shared_ptr<Running> running, Origin origin);
-    void startHTTP(const Task& task, std::optional<std::string> fileName);
-    asio::awaitable<void> runHTTP(std::shared_ptr<Running> running);
-    asio::awaitable<void> clearHTTPDownload(Task task);
-    asio::awaitable<void> stopSession(Task task);
-    asio::awaitable<void> dropSession(Task task);
+    TaskSessions::Callbacks sessionCallbacks();
+    asio::awaitable<void> reportLastBytes(Task task, std::shared_ptr<TorrentSession> session);
     void fail(const Task& task, const std::string& message);
     void rest(const Task& task, TaskStatus status);
     void complete(const Task& task, bool hasDownloaded);
-
-    /// Hands what a session reports on to `apply(task)` on the main executor, as long as that session is the task's.
-    template <class Apply>
-    void relay(const std::weak_ptr<TorrentTask>& task, const std::weak_ptr<Running>& running, Apply apply);
-    TorrentSession::Callbacks torrentCallbacks(const Task& task, const std::shared_ptr<Running>& running);
-    HTTPDownloadSession::Callbacks httpCallbacks(const Task& task, const std::shared_ptr<Running>& running);
-    void applyHTTPState(const Task& task, const HTTPDownloadSession::State& state);
-    void applyState(const Task& task, const TorrentSession::State& state);
-    void applyMetadata(const Task& task, const TorrentMetaInfo& metaInfo);
 
     asio::awaitable<void> speedLoop();
     bool isAnythingMoving() const;
@@ -152,13 +116,11 @@ private:
     asio::awaitable<void> updatePieceBitmaps();
     asio::awaitable<void> flushPendingDeletes();
     std::vector<SavedTask> snapshot() const;
-    void noteSessions();
 
     const Environment environment_;
     const TorrentArchive archive_;
     PendingDeletes pendingDeletes_;
     std::vector<Task> list_;
-    std::map<UUID, std::shared_ptr<Running>> sessions_;
     std::set<UUID> busy_;  // tasks on which a command runs
     std::int64_t globalDownloadSpeed_ = 0;
     std::int64_t globalUploadSpeed_ = 0;
@@ -166,6 +128,7 @@ private:
     Notifier commandEnded_;
     Notifier wake_;  // something moves that did not
     TaskStore store_;
+    TaskSessions sessions_;
     MemoryMonitor memoryMonitor_;
 };
 

@@ -78,7 +78,7 @@ protected:
                                                  notifier,
                                                  home.path(),
                                                  downloads.path()};
-        environment.makeTorrentSession = [this](const SHA1Digest& hash, const std::vector<std::string>&) {
+        environment.makers.torrent = [this](const SHA1Digest& hash, const std::vector<std::string>&) {
             const TrackerServices trackers{http, resolver, datagrams, simulation, random, log};
             const TorrentSession::Services services{
                 simulation.executor(), simulation.executor(), simulation, log, trackers, listener};
@@ -89,7 +89,7 @@ protected:
             options.archive.emplace(home.path());
             return std::make_unique<TorrentSession>(hash, peerIDOf('m'), services, std::move(options));
         };
-        environment.makeHTTPSession = [this](const std::string& url, const std::optional<std::string>& fileName) {
+        environment.makers.http = [this](const std::string& url, const std::optional<std::string>& fileName) {
             const HTTPDownloadSession::Environment shared{
                 simulation.executor(), simulation.executor(), simulation, random, log, http, home.path() / "resume"};
             return std::make_unique<HTTPDownloadSession>(shared, url, downloads.path(), fileName);

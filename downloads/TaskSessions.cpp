@@ -1,0 +1,245 @@
+#include "downloads/TaskSessions.h"
+
+#include <boost/asio/post.hpp>
+
+#include <algorithm>
+
+namespace skein {
+
+TaskSessions::TaskSessions(const Strand& main, FileLogger& log, Makers makers, Callbacks callbacks)
+    : log_(log), makers_(std::move(makers)), callbacks_(std::move(callbacks)), tasks_(main) {}
+
+std::shared_ptr<TorrentSession> TaskSessions::torrentOf(const Task& task) const {
+    const auto found = running_.find(task->id);
+    return found == running_.end() ? nullptr : found->second->torrent;
+}
+
+std::vector<std::shared_ptr<TorrentSession>> TaskSessions::torrents() const {
+    std::vector<std::shared_ptr<TorrentSession>> torrents;
+    for (const auto& [id, running] : running_)
+        if (running->torrent) torrents.push_back(running->torrent);
+    return torrents;
+}
+
+// --- start and stop
+// --------------------------------------------------------------------------------------------------------
+
+void TaskSessions::startTorrent(const Task& task, const SHA1Digest& infoHash, TorrentOrigin origin) {
+    std::vector<std::string> extraTrackers;
+    if (origin.torrentData && origin.magnet) extraTrackers = origin.magnet->trackers;
+    const auto running = std::make_shared<Running>();
+    running->torrent = makers_.torrent(infoHash, extraTrackers);
+    running->torrent->setCallbacks(torrentCallbacks(task, running));
+    running_[task->id] = running;
+    callbacks_.onMovement();
+    tasks_.spawn(runTorrent(task, running, std::move(origin)));
+}
+
+asio::awaitable<void> TaskSessions::runTorrent(Task task, std::shared_ptr<Running> running, TorrentOrigin origin) {
+    // Held here too: a stopped session leaves the table before its start has returned.
+    const std::shared_ptr<TorrentSession> session = running->torrent;
+    try {
+        if (origin.torrentData) {
+            co_await session->start(std::move(*origin.torrentData));
+        } else {
+            co_await session->startWithMagnet(std::move(*origin.magnet));
+        }
+    } catch (const boost::system::system_error&) {
+        // Stopped while it started.
+    }
+    relay(task, running, [this](const Task& of) { callbacks_.onChecked(of); });
+}
+
+void TaskSessions::startHTTP(const Task& task, const std::optional<std::string>& fileName) {
+    const auto running = std::make_shared<Running>();
+    running->http = makers_.http(*task->downloadURL, fileName);
+    running->http->setCallbacks(httpCallbacks(task, running));
+    running->hasDownloaded = true;
+    running_[task->id] = running;
+    callbacks_.onMovement();
+    tasks_.spawn(runHTTP(running->http));
+}
+
+asio::awaitable<void> TaskSessions::runHTTP(std::shared_ptr<HTTPDownloadSession> session) { co_await session->start(); }
+
+asio::awaitable<void> TaskSessions::clearHTTPDownload(Task task) {
+    if (!task->downloadURL) co_return;
+    const std::shared_ptr<HTTPDownloadSession> session = makers_.http(*task->downloadURL, std::nullopt);
+    co_await session->clearResumeData();
+    co_await session->stop();
+}
+
+asio::awaitable<void> TaskSessions::stopSession(Task task) {
+    const auto found = running_.find(task->id);
+    if (found == running_.end()) co_return;
+    const std::shared_ptr<Running> running = found->second;
+    if (running->torrent) {
+        co_await callbacks_.beforeStop(task, running->torrent);
+        co_await running->torrent->stop();
+    } else {
+        co_await running->http->stop();
+    }
+    // Two may have waited for it, and a new one may run already.
+    const auto now = running_.find(task->id);
+    if (now != running_.end() && now->second == running) running_.erase(now);
+    callbacks_.onMovement();
+}
+
+asio::awaitable<void> TaskSessions::dropSession(Task task) { co_await stopSession(std::move(task)); }
+
+// --- what sessions report --------------------------------------------------------------------------------------------
+
+template <class Apply>
+void TaskSessions::relay(const std::weak_ptr<TorrentTask>& task, const std::weak_ptr<Running>& running, Apply apply) {
+    // The manager stops its sessions before it goes, and what they posted comes before their end.
+    asio::post(tasks_.strand(), [this, task, running, apply = std::move(apply)] {
+        const Task held = task.lock();
+        const auto current = running.lock();
+        if (!held || !current) return;
+        const auto found = running_.find(held->id);
+        if (found != running_.end() && found->second == current) apply(held);
+    });
+}
+
+TorrentSession::Callbacks TaskSessions::torrentCallbacks(const Task& task, const std::shared_ptr<Running>& running) {
+    const std::weak_ptr<TorrentTask> weakTask = task;
+    const std::weak_ptr<Running> weak = running;
+    TorrentSession::Callbacks callbacks;
+    callbacks.onStateChanged = [this, weakTask, weak](const TorrentSession::State& state) {
+        relay(weakTask, weak, [this, state](const Task& of) { applyState(of, state); });
+    };
+    callbacks.onProgressUpdated = [this, weakTask, weak](const TorrentSession::Progress& progress) {
+        relay(weakTask, weak, [this, progress](const Task& of) {
+            const auto batch = of->batch();
+            of->progress.set(progress.fraction);
+            of->downloadedBytes.set(progress.completedBytes);
+            of->downloadSpeed.set(progress.downloadRate);
+            of->uploadSpeed.set(progress.uploadRate);
+            callbacks_.onMovement();
+        });
+    };
+    callbacks.onMetadataReceived = [this, weakTask, weak](const TorrentMetaInfo& metaInfo) {
+        relay(weakTask, weak, [this, metaInfo](const Task& of) {
+            log_.info("[Manager] ✅ Metadata received: ", metaInfo.name, ", ", metaInfo.files.size(), " files");
+            applyMetadata(*of, metaInfo);
+            callbacks_.onDurableChange();
+        });
+    };
+    callbacks.onStatusMessage = [this, weakTask, weak](const std::string& text) {
+        relay(weakTask, weak, [text](const Task& of) { of->statusMessage.set(text); });
+    };
+    callbacks.onPeerDetailsUpdated = [this, weakTask, weak](const std::vector<PeerRuntimeInfo>& rows) {
+        relay(weakTask, weak, [rows](const Task& of) {
+            const auto batch = of->batch();
+            of->peerCount.set(
+                std::count_if(rows.begin(), rows.end(), [](const PeerRuntimeInfo& row) { return row.isConnected; }));
+            of->peerDetailStore.replace(rows);
+        });
+    };
+    callbacks.onTrackerDetailsUpdated = [this, weakTask, weak](const std::vector<TrackerRuntimeInfo>& rows) {
+        relay(weakTask, weak, [rows](const Task& of) { of->trackerDetails.set(rows); });
+    };
+    callbacks.onStallChanged = [this, weakTask, weak](const std::optional<StallReason>& reason) {
+        relay(weakTask, weak, [reason](const Task& of) {
+            of->stallReason.set(reason ? std::optional(reason->sentence()) : std::nullopt);
+        });
+    };
+    return callbacks;
+}
+
+void TaskSessions::applyState(const Task& task, const TorrentSession::State& state) {
+    using Kind = TorrentSession::State::Kind;
+    Running& running = *running_.at(task->id);
+    switch (state.kind) {
+        case Kind::idle:
+        case Kind::paused: break;
+        case Kind::fetchingMetadata:
+            running.hasDownloaded = true;
+            task->status.set(TaskStatus::fetchingMetadata);
+            break;
+        case Kind::downloading:
+            running.hasDownloaded = true;
+            task->status.set(TaskStatus::downloading);
+            break;
+        case Kind::completed: callbacks_.onCompleted(task, running.hasDownloaded); break;
+        case Kind::seeding: task->status.set(TaskStatus::seeding); break;
+        case Kind::error:
+            callbacks_.onFailed(task, state.message);
+            tasks_.spawn(dropSession(task));
+            break;
+    }
+    if (state.kind == Kind::fetchingMetadata) return;
+    callbacks_.onChecked(task);
+}
+
+HTTPDownloadSession::Callbacks TaskSessions::httpCallbacks(const Task& task, const std::shared_ptr<Running>& running) {
+    const std::weak_ptr<TorrentTask> weakTask = task;
+    const std::weak_ptr<Running> weak = running;
+    HTTPDownloadSession::Callbacks callbacks;
+    callbacks.onStateChanged = [this, weakTask, weak](const HTTPDownloadSession::State& state) {
+        relay(weakTask, weak, [this, state](const Task& of) { applyHTTPState(of, state); });
+    };
+    callbacks.onProgressUpdated = [this, weakTask, weak](double fraction, std::int64_t downloaded, std::int64_t total,
+                                                         double bytesPerSecond) {
+        relay(weakTask, weak, [this, fraction, downloaded, total, bytesPerSecond](const Task& of) {
+            const auto batch = of->batch();
+            of->progress.set(fraction);
+            of->downloadedBytes.set(downloaded);
+            if (total >= 0) of->totalSize.set(total);
+            of->downloadSpeed.set(static_cast<std::int64_t>(bytesPerSecond));
+            callbacks_.onMovement();
+        });
+    };
+    callbacks.onFileInfoReceived = [this, weakTask, weak](const std::string& fileName, std::int64_t total) {
+        relay(weakTask, weak, [this, fileName, total](const Task& of) {
+            const auto batch = of->batch();
+            const std::int64_t size = std::max<std::int64_t>(total, 0);
+            of->name.set(fileName);
+            of->totalSize.set(size);
+            of->files.set(FileList::Files{TorrentFileInfo{fileName, size, 0}});
+            callbacks_.onDurableChange();
+        });
+    };
+    callbacks.onStatusMessage = [this, weakTask, weak](const std::string& text) {
+        relay(weakTask, weak, [text](const Task& of) { of->statusMessage.set(text); });
+    };
+    return callbacks;
+}
+
+void TaskSessions::applyHTTPState(const Task& task, const HTTPDownloadSession::State& state) {
+    using Kind = HTTPDownloadSession::State::Kind;
+    StallFacts facts;
+    facts.waitsToRetry = state.kind == Kind::connecting && task->downloadedBytes() > 0;
+    task->stallReason.set(facts.waitsToRetry ? std::optional(stallReasonOf(facts)->sentence()) : std::nullopt);
+    switch (state.kind) {
+        case Kind::idle:
+        case Kind::paused: break;
+        case Kind::connecting:
+        case Kind::downloading: task->status.set(TaskStatus::downloading); break;
+        case Kind::completed: {
+            const auto batch = task->batch();
+            callbacks_.onCompleted(task, true);
+            task->downloadSpeed.set(0);
+            tasks_.spawn(dropSession(task));
+            break;
+        }
+        case Kind::failed:
+            callbacks_.onFailed(task, state.message);
+            tasks_.spawn(dropSession(task));
+            break;
+    }
+}
+
+void TaskSessions::applyMetadata(TorrentTask& task, const TorrentMetaInfo& metaInfo) {
+    const auto batch = task.batch();
+    task.name.set(metaInfo.name);
+    task.files.set(metaInfo.files);
+    task.totalSize.set(metaInfo.totalSize);
+    task.pieceLength.set(metaInfo.pieceLength);
+    task.pieceCount.set(metaInfo.pieceCount());
+    task.comment.set(metaInfo.comment);
+    task.creationDate.set(metaInfo.creationDate);
+    if (!metaInfo.announceList.empty()) task.trackers.set(metaInfo.announceList);
+}
+
+}  // namespace skein

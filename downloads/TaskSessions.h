@@ -1,0 +1,103 @@
+#pragma once
+
+#include "Core/engine/TorrentSession.h"
+#include "Core/formats/MagnetLink.h"
+#include "downloads/HTTPDownloadSession.h"
+#include "downloads/TorrentTask.h"
+#include "public/common/FileLogger.h"
+#include "public/common/TaskGroup.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace skein {
+
+/// What a torrent can be started from.
+struct TorrentOrigin {
+    std::optional<Bytes> torrentData;
+    std::optional<MagnetLink> magnet;
+};
+
+/// The sessions that run, one a task at most, and what they report, written into their tasks.
+///
+/// A report of a session that was stopped or replaced is not listened to. Owner: the manager, which stops every session
+/// before it awaits `stop()`. Thread: the main executor.
+class TaskSessions {
+public:
+    using Task = std::shared_ptr<TorrentTask>;
+
+    struct Makers {
+        /// `extraTrackers` come beside what the settings say.
+        std::function<std::unique_ptr<TorrentSession>(const SHA1Digest& infoHash,
+                                                      const std::vector<std::string>& extraTrackers)>
+            torrent;
+        /// `fileName` is empty where the server and the URL are to say it.
+        std::function<std::unique_ptr<HTTPDownloadSession>(const std::string& url,
+                                                           const std::optional<std::string>& fileName)>
+            http;
+    };
+
+    struct Callbacks {
+        /// Something of the task changed that is to be saved.
+        std::function<void()> onDurableChange;
+        /// Figures moved, or a session came or went.
+        std::function<void()> onMovement;
+        /// `hasDownloaded`: something was missing when the session started.
+        std::function<void(const Task&, bool hasDownloaded)> onCompleted;
+        /// The session is stopped after that.
+        std::function<void(const Task&, const std::string& message)> onFailed;
+        /// A check of the files, if there was one, is over.
+        std::function<void(const Task&)> onChecked;
+        /// The last word on a torrent's traffic, before its session stops.
+        std::function<asio::awaitable<void>(Task, std::shared_ptr<TorrentSession>)> beforeStop;
+    };
+
+    TaskSessions(const Strand& main, FileLogger& log, Makers makers, Callbacks callbacks);
+
+    bool isRunning(const Task& task) const { return running_.contains(task->id); }
+    std::size_t count() const noexcept { return running_.size(); }
+    std::shared_ptr<TorrentSession> torrentOf(const Task& task) const;
+    std::vector<std::shared_ptr<TorrentSession>> torrents() const;
+
+    void startTorrent(const Task& task, const SHA1Digest& infoHash, TorrentOrigin origin);
+    void startHTTP(const Task& task, const std::optional<std::string>& fileName);
+    /// Deletes what an unfinished download left, which its session alone knows. None runs.
+    asio::awaitable<void> clearHTTPDownload(Task task);
+    /// Returns when nothing of the task's session runs any more.
+    asio::awaitable<void> stopSession(Task task);
+    asio::awaitable<void> stop() { return tasks_.stop(); }
+
+    /// What a torrent says of itself, written into its task.
+    static void applyMetadata(TorrentTask& task, const TorrentMetaInfo& metaInfo);
+
+private:
+    /// Of the two, one.
+    struct Running {
+        std::shared_ptr<TorrentSession> torrent;
+        std::shared_ptr<HTTPDownloadSession> http;
+        bool hasDownloaded = false;
+    };
+
+    /// Hands what a session reports on to `apply(task)` on the main executor, as long as that session is the task's.
+    template <class Apply>
+    void relay(const std::weak_ptr<TorrentTask>& task, const std::weak_ptr<Running>& running, Apply apply);
+    TorrentSession::Callbacks torrentCallbacks(const Task& task, const std::shared_ptr<Running>& running);
+    HTTPDownloadSession::Callbacks httpCallbacks(const Task& task, const std::shared_ptr<Running>& running);
+    asio::awaitable<void> runTorrent(Task task, std::shared_ptr<Running> running, TorrentOrigin origin);
+    asio::awaitable<void> runHTTP(std::shared_ptr<HTTPDownloadSession> session);
+    asio::awaitable<void> dropSession(Task task);
+    void applyState(const Task& task, const TorrentSession::State& state);
+    void applyHTTPState(const Task& task, const HTTPDownloadSession::State& state);
+
+    FileLogger& log_;
+    const Makers makers_;
+    const Callbacks callbacks_;
+    std::map<UUID, std::shared_ptr<Running>> running_;
+    TaskGroup tasks_;
+};
+
+}  // namespace skein
