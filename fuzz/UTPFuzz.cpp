@@ -24,6 +24,7 @@ void checkRoundTrip(ByteView datagram) {
 void converse(ByteView script) {
     Clock::TimePoint now{std::chrono::hours(1)};
     UTPStream stream(7);
+    if (script.size() % 2 == 1) stream.expectStart(toBytes("start"));
     checkRoundTrip(stream.open(now));
     Bytes read(5000);
     while (script.size() >= 2) {
