@@ -129,18 +129,13 @@ std::optional<std::string> extendedName(std::string_view value) {
 
 std::optional<std::string> safe(std::string_view given) {
     const std::string text = isValidUTF8(asBytes(given)) ? std::string(given) : fromLatin1(given);
-    std::string_view name = trimmed(text, "\"; \t\r\n");
-    while (!name.empty() && (name.back() == '/' || name.back() == '\\')) name.remove_suffix(1);
-    if (const std::size_t slash = name.find_last_of("/\\"); slash != std::string_view::npos)
-        name.remove_prefix(slash + 1);
-    name = trimmed(name, blank);
-    while (!name.empty() && (name.back() == '.' || name.back() == ' ')) name.remove_suffix(1);
-    while (!name.empty() && (name.front() == '.' || name.front() == ' ')) name.remove_prefix(1);
+    std::string_view name = trimmed(text, "/\\\"; \t\r\n");
+    name = trimmed(name.substr(name.find_last_of("/\\") + 1), ".\"; \t\r\n");
     if (name.empty()) return std::nullopt;
     const std::size_t dot = extensionOf(name);
     const std::string_view extension = name.substr(dot);
-    std::string result(cut(name.substr(0, dot), maxBytes - std::min(extension.size(), maxBytes / 2)));
-    result += extension.size() > maxBytes / 2 ? std::string_view() : extension;
+    std::string result(cut(name.substr(0, dot), maxBytes - extension.size()));
+    result += extension;
     std::ranges::replace_if(
         result, [](char character) { return !standsInNames(character); }, '_');
     return result;

@@ -98,7 +98,7 @@ void PartFile::sync() {
 fs::path PartFile::finish() {
     for (int i = 0; i <= mostNumbers; ++i) {
         const std::string candidate = HTTPFileName::numbered(name_, i);
-        const fs::path target = folder_ / candidate;
+        fs::path target = folder_ / candidate;
         // An empty file holds the name, and only that one is replaced: renaming by itself would replace any.
         const int holder = ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
         if (holder < 0 && errno == EEXIST) continue;

@@ -14,7 +14,9 @@ class HTTPBodyBuffer {
 public:
     /// Few thread changes a MiB, and what is copied is still in the cache when it is written.
     static constexpr std::size_t chunkBytes = std::size_t{256} << 10U;
-    static constexpr std::size_t maxHeldBytes = std::size_t{2} << 20U;
+    static constexpr std::size_t maxHeldBytes = std::size_t{4} << 20U;
+    /// What a reader is woken for while more comes at once.
+    static constexpr std::size_t portionBytes = std::size_t{512} << 10U;
 
     /// False, and nothing is taken, when it is full: the sender waits.
     bool append(ByteView bytes) {
@@ -39,7 +41,7 @@ public:
         for (Bytes& chunk : chunks)
             if (spare_.size() < maxHeldBytes / chunkBytes) spare_.push_back(std::move(chunk));
     }
-    bool isEmpty() const noexcept { return filled_.empty(); }
+    std::size_t heldBytes() const noexcept { return heldBytes_; }
 
 private:
     Bytes emptyChunk() {

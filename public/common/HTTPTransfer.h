@@ -47,7 +47,8 @@ public:
     /// Of a streamed body: what is there and was not yet taken.
     bool hasHead() const noexcept { return head_.has_value(); }
     HTTPResponse takeHead();
-    bool hasBody() const noexcept { return !buffer_.isEmpty(); }
+    bool hasBody() const noexcept { return heldBytes() > 0; }
+    std::size_t heldBytes() const noexcept { return buffer_.heldBytes(); }
     std::vector<Bytes> takeBody();
     void recycle(std::vector<Bytes> chunks) { buffer_.recycle(std::move(chunks)); }
     /// Nothing more comes.

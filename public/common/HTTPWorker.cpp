@@ -3,6 +3,7 @@
 #include <boost/asio/post.hpp>
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <csignal>
 #include <pthread.h>
 #include <stdexcept>
@@ -75,7 +76,7 @@ void HTTPWorker::read(Id id, std::shared_ptr<HTTPExchange> exchange, Done done) 
         entry->second.exchange = exchange;
         entry->second.done = done;
         readers_.insert(id);
-        answerIfReady(entry);
+        answerIfReady(entry, 1);
     });
 }
 
@@ -97,8 +98,19 @@ void HTTPWorker::stop() {
 void HTTPWorker::run() {
     while (!isStopping_) {
         work();
-        curl_multi_poll(multi_, nullptr, 0, longestWaitMilliseconds, nullptr);
+        // While the network brings more at once, a reader waits for a large portion: waking it costs more than the
+        // wait.
+        const bool isHeldBack =
+            std::ranges::any_of(readers_, [this](Id id) { return running_.at(id).transfer->hasBody(); });
+        int ready = 0;
+        curl_multi_poll(multi_, nullptr, 0, isHeldBack ? 0 : longestWaitMilliseconds, &ready);
+        if (isHeldBack && ready == 0) answerReaders(1);
     }
+}
+
+void HTTPWorker::answerReaders(std::size_t leastBytes) {
+    const std::set<Id> readers = readers_;
+    for (const Id id : readers) answerIfReady(running_.find(id), leastBytes);
 }
 
 /// All that can be done without waiting.
@@ -109,8 +121,7 @@ void HTTPWorker::work() {
     curl_multi_perform(multi_, &count);
     while (const CURLMsg* message = curl_multi_info_read(multi_, &count))
         if (message->msg == CURLMSG_DONE) handleEnd(message->easy_handle, message->data.result);
-    const std::set<Id> readers = readers_;
-    for (const Id id : readers) answerIfReady(running_.find(id));
+    answerReaders(HTTPBodyBuffer::portionBytes);
     while (isStopping_ && !running_.empty()) finish(running_.begin());
 }
 
@@ -136,13 +147,13 @@ void HTTPWorker::handleEnd(void* handle, int curlCode) {
     }
 }
 
-/// Gives a reader what it waits for: the head, then what there is of the body, then the end.
-void HTTPWorker::answerIfReady(RunningMap::iterator entry) {
+/// Gives a reader what it waits for: the head, then what there is of the body if it is enough, then the end.
+void HTTPWorker::answerIfReady(RunningMap::iterator entry, std::size_t leastBytes) {
     HTTPTransfer& transfer = *entry->second.transfer;
     HTTPExchange& exchange = *entry->second.exchange;
     if (transfer.hasHead()) {
         exchange.outcome.response = transfer.takeHead();
-    } else if (transfer.hasBody()) {
+    } else if (transfer.heldBytes() >= leastBytes || (transfer.isEnded() && transfer.hasBody())) {
         exchange.chunks = transfer.takeBody();
     } else if (transfer.isEnded()) {
         exchange.isAborted = false;

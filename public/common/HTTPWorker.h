@@ -65,7 +65,8 @@ private:
     void work();
     void add(Id id, Running running);
     void handleEnd(void* handle, int curlCode);
-    void answerIfReady(RunningMap::iterator entry);
+    void answerReaders(std::size_t leastBytes);
+    void answerIfReady(RunningMap::iterator entry, std::size_t leastBytes);
     void finish(RunningMap::iterator entry);
 
     const HTTPClient::Options options_;
