@@ -16,7 +16,7 @@ public:
     static constexpr std::size_t chunkBytes = std::size_t{256} << 10U;
     static constexpr std::size_t maxHeldBytes = std::size_t{4} << 20U;
     /// What a reader is woken for while more comes at once.
-    static constexpr std::size_t portionBytes = std::size_t{512} << 10U;
+    static constexpr std::size_t portionBytes = std::size_t{1} << 20U;
 
     /// False, and nothing is taken, when it is full: the sender waits.
     bool append(ByteView bytes) {

@@ -76,7 +76,7 @@ void HTTPWorker::read(Id id, std::shared_ptr<HTTPExchange> exchange, Done done) 
         entry->second.exchange = exchange;
         entry->second.done = done;
         readers_.insert(id);
-        answerIfReady(entry, 1);
+        answerIfReady(entry, HTTPBodyBuffer::portionBytes);
     });
 }
 
