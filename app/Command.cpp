@@ -8,17 +8,33 @@
 namespace skein {
 
 using CommandMaker = std::unique_ptr<Command>();
+CommandMaker makeAccelerateCommand;
+CommandMaker makeAddCommand;
 CommandMaker makeConfigCommand;
 CommandMaker makeCreateCommand;
+CommandMaker makeDaemonCommand;
 CommandMaker makeGetCommand;
+CommandMaker makeInfoCommand;
+CommandMaker makeLabelCommand;
+CommandMaker makeListCommand;
+CommandMaker makeNoteCommand;
+CommandMaker makePauseCommand;
+CommandMaker makeRedownloadCommand;
+CommandMaker makeRemoveCommand;
+CommandMaker makeResumeCommand;
 CommandMaker makeSeedCommand;
 CommandMaker makeShowCommand;
+CommandMaker makeStopCommand;
 CommandMaker makeVerifyCommand;
+CommandMaker makeVerifyTaskCommand;
 
 std::vector<std::unique_ptr<Command>> makeCommands() {
     std::vector<std::unique_ptr<Command>> commands;
     for (CommandMaker* const make :
-         {makeGetCommand, makeSeedCommand, makeVerifyCommand, makeShowCommand, makeCreateCommand, makeConfigCommand})
+         {makeGetCommand, makeSeedCommand, makeVerifyCommand, makeShowCommand, makeCreateCommand, makeConfigCommand,
+          makeDaemonCommand, makeAddCommand, makeListCommand, makeInfoCommand, makePauseCommand, makeResumeCommand,
+          makeVerifyTaskCommand, makeRedownloadCommand, makeRemoveCommand, makeAccelerateCommand, makeLabelCommand,
+          makeNoteCommand, makeStopCommand})
         commands.push_back(make());
     return commands;
 }

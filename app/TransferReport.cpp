@@ -3,6 +3,7 @@
 #include "app/Command.h"
 #include "app/Printable.h"
 #include "app/Quantities.h"
+#include "app/RowJSON.h"
 
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
@@ -18,43 +19,6 @@ namespace skein {
 namespace {
 
 namespace json = boost::json;
-
-double secondsSince1970(Clock::WallTime date) { return std::chrono::duration<double>(date.time_since_epoch()).count(); }
-
-json::value dateOrNull(const std::optional<TrackerRuntimeInfo::Date>& date) {
-    return date ? json::value(secondsSince1970(*date)) : json::value(nullptr);
-}
-
-json::object toJSON(const PeerRuntimeInfo& peer) {
-    return {{"address", peer.address.description()},
-            {"source", textOf(peer.source)},
-            {"direction", textOf(peer.direction)},
-            {"transport", textOf(peer.transport)},
-            {"encryption", textOf(peer.encryption)},
-            {"client", peer.clientName},
-            {"downloaded", peer.downloaded},
-            {"uploaded", peer.uploaded},
-            {"downloadRate", peer.downloadRate},
-            {"uploadRate", peer.uploadRate},
-            {"progress", peer.progress},
-            {"connected", peer.isConnected},
-            {"lastError", peer.lastError ? json::value(*peer.lastError) : json::value(nullptr)}};
-}
-
-json::object toJSON(const TrackerRuntimeInfo& tracker) {
-    return {{"id", tracker.id},
-            {"url", tracker.url},
-            {"scheme", tracker.scheme},
-            {"status", textOf(tracker.status)},
-            {"peersFound", tracker.peersFound},
-            {"seeders", tracker.seeders},
-            {"leechers", tracker.leechers},
-            {"interval", tracker.interval ? json::value(*tracker.interval) : json::value(nullptr)},
-            {"failureCount", tracker.failureCount},
-            {"lastAnnounceAt", dateOrNull(tracker.lastAnnounceAt)},
-            {"nextAnnounceAt", dateOrNull(tracker.nextAnnounceAt)},
-            {"lastError", tracker.lastError ? json::value(*tracker.lastError) : json::value(nullptr)}};
-}
 
 std::string formatDuration(double seconds) {
     const auto whole = static_cast<long>(std::ceil(seconds));

@@ -28,6 +28,7 @@ struct HTTPRequest {
     std::size_t maxBodyBytes = std::size_t{32} << 20U;
     bool acceptsCompression = false;  ///< offers gzip and deflate; `maxBodyBytes` counts what comes of it
     std::string localAddress;         ///< the literal address to send from; empty for any
+    bool usesProxy = true;            ///< false goes straight to the host, whatever the environment names
 };
 
 struct HTTPResponse {

@@ -202,6 +202,7 @@ void HTTPTransfer::setUp() {
     set(CURLOPT_HTTPHEADER, headerList_.get());
     set(CURLOPT_USERAGENT, options_.userAgent.c_str());
     if (request_.acceptsCompression) set(CURLOPT_ACCEPT_ENCODING, "gzip, deflate");
+    if (!request_.usesProxy) set(CURLOPT_PROXY, "");
     if (!request_.localAddress.empty()) set(CURLOPT_INTERFACE, ("host!" + request_.localAddress).c_str());
     set(CURLOPT_ERRORBUFFER, errorText_.data());
     set(CURLOPT_NOSIGNAL, 1L);

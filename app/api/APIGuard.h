@@ -1,0 +1,29 @@
+#pragma once
+
+#include "app/api/HTTPServer.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace skein {
+
+/// Lets in only who was told the token, and only under our own name: a page of another site that a browser shows, or a
+/// name that was pointed at this machine, gets nothing. Plain rules; any thread.
+class APIGuard {
+public:
+    /// `address` and `port` are what the server listens on.
+    APIGuard(std::string token, const std::string& address, std::uint16_t port);
+
+    /// Why the request is refused; nothing when it may pass.
+    std::optional<HTTPServerResponse> refusalOf(const HTTPServerRequest& request) const;
+
+private:
+    bool isOurs(std::string_view hostAndPort) const;
+
+    const std::string token_;
+    std::vector<std::string> hosts_;  // "127.0.0.1:7070" and the other names that mean us
+};
+
+}  // namespace skein

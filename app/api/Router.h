@@ -1,0 +1,34 @@
+#pragma once
+
+#include "app/api/HTTPServer.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace skein {
+
+/// Finds what answers a request: a method, and a path of which one component may be a variable ("{task}").
+class Router {
+public:
+    /// `task` is what stood for the variable; empty where there is none.
+    using Handler = std::function<asio::awaitable<HTTPServerResponse>(std::string task, HTTPServerRequest request)>;
+
+    struct Route {
+        std::string method;
+        std::string path;
+        Handler handler;
+    };
+
+    void add(std::string method, std::string path, Handler handler);
+    const std::vector<Route>& routes() const noexcept { return routes_; }
+    /// 404 for a path that there is not, 405 for a method that it has not.
+    asio::awaitable<HTTPServerResponse> answer(HTTPServerRequest request) const;
+
+    static HTTPServerResponse error(int status, std::string_view text);
+
+private:
+    std::vector<Route> routes_;
+};
+
+}  // namespace skein

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "app/api/Router.h"
+#include "downloads/DownloadManager.h"
+
+#include <functional>
+
+namespace skein {
+
+/// What the local API offers of the download manager, under /api/v1/ (docs/api.md).
+///
+/// Owner: the daemon. Thread: the manager's strand.
+class TaskRoutes {
+public:
+    /// `requestStop` has the daemon end after the answer.
+    TaskRoutes(DownloadManager& manager, std::function<void()> requestStop);
+
+    void addTo(Router& router);
+
+private:
+    using Command = asio::awaitable<void> (DownloadManager::*)(DownloadManager::Task);
+
+    DownloadManager::Task find(const std::string& infoHash) const;
+    void addCommand(Router& router, const std::string& name, Command command);
+
+    asio::awaitable<HTTPServerResponse> list(std::string task, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> show(std::string task, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> add(std::string task, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> perform(std::string task, Command command);
+    asio::awaitable<HTTPServerResponse> remove(std::string task, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> change(std::string task, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> status(std::string task, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> stop(std::string task, HTTPServerRequest request);
+
+    DownloadManager& manager_;
+    const std::function<void()> requestStop_;
+};
+
+}  // namespace skein

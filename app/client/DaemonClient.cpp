@@ -1,0 +1,127 @@
+#include "app/client/DaemonClient.h"
+
+#include "app/Command.h"
+#include "public/common/ErrorText.h"
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/use_future.hpp>
+#include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+
+namespace skein {
+
+namespace {
+
+namespace json = boost::json;
+
+constexpr int httpOK = 200;
+constexpr std::size_t maxAnswerBytes = std::size_t{256} << 20U;
+constexpr std::size_t shortestPrefix = 4;
+/// A verification or a clean stop takes as long as it takes.
+constexpr std::chrono::hours patience{24};
+
+DaemonAddress found(const std::filesystem::path& home) {
+    auto daemon = DaemonAddress::find(home);
+    if (!daemon) throw NoDaemon();
+    return std::move(*daemon);
+}
+
+bool isRowNumber(const std::string& name) {
+    return !name.empty() && name.size() < shortestPrefix &&
+           std::all_of(name.begin(), name.end(), [](unsigned char digit) { return std::isdigit(digit) != 0; });
+}
+
+}  // namespace
+
+DaemonClient::DaemonClient(const std::filesystem::path& home) : daemon_(found(home)) {}
+
+DaemonClient::~DaemonClient() { http_.stop(); }
+
+json::value DaemonClient::get(const std::string& path) { return send("GET", path, "application/json", {}); }
+
+json::value DaemonClient::post(const std::string& path, const json::value& body) {
+    return send("POST", path, "application/json", toBytes(body.is_null() ? "{}" : json::serialize(body)));
+}
+
+json::value DaemonClient::patch(const std::string& path, const json::value& body) {
+    return send("PATCH", path, "application/json", toBytes(json::serialize(body)));
+}
+
+json::value DaemonClient::remove(const std::string& path) { return send("DELETE", path, "application/json", {}); }
+
+json::value DaemonClient::addTorrent(Bytes torrentData) {
+    return send("POST", "api/v1/tasks", "application/x-bittorrent", std::move(torrentData));
+}
+
+json::value DaemonClient::send(const std::string& method, const std::string& path, const std::string& contentType,
+                               Bytes body) {
+    HTTPRequest request;
+    request.method = method;
+    request.url = daemon_.url() + path;
+    request.headers = {{"Authorization", "Bearer " + daemon_.token}, {"Content-Type", contentType}};
+    request.body = std::move(body);
+    request.totalTimeout = patience;
+    request.maxBodyBytes = maxAnswerBytes;
+    request.usesProxy = false;
+    HTTPResponse response;
+    try {
+        response = asio::co_spawn(pools_.io(), http_.fetch(std::move(request)), asio::use_future).get();
+    } catch (const HTTPException&) {
+        throw NoDaemon();
+    }
+    boost::system::error_code error;
+    json::value answer = json::parse(asText(response.body), error);
+    if (response.status == httpOK && !error) return answer;
+    const json::object* const object = answer.if_object();
+    const json::value* const text = object == nullptr ? nullptr : object->if_contains("error");
+    throw CommandFailure("the daemon", text != nullptr && text->is_string()
+                                           ? std::string(text->as_string())
+                                           : "HTTP " + std::to_string(response.status));
+}
+
+Bytes DaemonClient::fetch(const std::string& url) {
+    HTTPRequest request;
+    request.url = url;
+    HTTPResponse response;
+    try {
+        response = asio::co_spawn(pools_.io(), http_.fetch(std::move(request)), asio::use_future).get();
+    } catch (const std::exception& error) {
+        throw CommandFailure(url, textOf(error));
+    }
+    if (response.status != httpOK) throw CommandFailure(url, "HTTP " + std::to_string(response.status));
+    return std::move(response.body);
+}
+
+std::vector<std::string> DaemonClient::resolve(const std::vector<std::string>& names) {
+    const json::value list = get("api/v1/tasks");
+    std::vector<std::string> infoHashes;
+    for (const json::value& task : list.as_array())
+        infoHashes.emplace_back(task.as_object().at("infoHash").as_string());
+    std::vector<std::string> resolved;
+    for (const std::string& name : names) resolved.push_back(resolveTask(infoHashes, name));
+    return resolved;
+}
+
+std::string resolveTask(const std::vector<std::string>& infoHashes, const std::string& name) {
+    if (isRowNumber(name)) {
+        const std::size_t row = std::stoul(name);
+        if (row == 0 || row > infoHashes.size()) throw CommandFailure(name, "the list has no such row");
+        return infoHashes[row - 1];
+    }
+    std::vector<std::string> matches;
+    for (const std::string& infoHash : infoHashes) {
+        if (infoHash == name) return infoHash;
+        if (name.size() >= shortestPrefix && infoHash.starts_with(name)) matches.push_back(infoHash);
+    }
+    if (matches.empty()) throw CommandFailure(name, "there is no such task");
+    if (matches.size() > 1) throw CommandFailure(name, "several tasks begin like this");
+    return matches.front();
+}
+
+}  // namespace skein
