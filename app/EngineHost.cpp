@@ -100,8 +100,8 @@ TorrentSession::Options EngineHost::sessionDefaults() {
     TorrentSession::Options options;
     options.servesMetadata = flagSetting("skein.serveMetadata", true);
     options.cacheSites = listSetting("torrentCacheSites").value_or(CacheSites::torrentCacheSites);
-    if (const auto rounds = settings_.number("skein.magnetRounds"); rounds && *rounds > 0)
-        options.maxMagnetRounds = static_cast<int>(std::min<std::int64_t>(*rounds, 1'000'000));
+    if (const std::int64_t rounds = numberSetting("skein.magnetRounds"); rounds > 0)
+        options.maxMagnetRounds = static_cast<int>(std::min<std::int64_t>(rounds, 1'000'000));
     options.archive = archive();
     options.discovery.fallbackTrackers = listSetting("fallbackTrackers").value_or(builtInFallbackTrackers());
     options.discovery.manualLANPeers = addressesSetting(LANPeerSettingsStore::manualPeersKey);
@@ -110,11 +110,14 @@ TorrentSession::Options EngineHost::sessionDefaults() {
     return options;
 }
 
-std::int64_t EngineHost::memoryLimitMB() {
+std::int64_t EngineHost::memoryLimitMB() { return numberSetting("memoryLimitMB"); }
+
+/// 0 when it is not set, or cannot be read.
+std::int64_t EngineHost::numberSetting(std::string_view key) {
     try {
-        return settings_.number("memoryLimitMB").value_or(0);
+        return settings_.number(key).value_or(0);
     } catch (const DatabaseException& error) {
-        log_.warning("[Manager] reading the setting memoryLimitMB failed: ", error.what());
+        log_.warning("[Manager] reading the setting ", key, " failed: ", error.what());
         return 0;
     }
 }

@@ -72,6 +72,7 @@ private:
     /// A comma-separated list; nothing when it is not set.
     std::optional<std::vector<std::string>> listSetting(std::string_view key);
     std::vector<PeerAddress> addressesSetting(std::string_view key);
+    std::int64_t numberSetting(std::string_view key);
     bool flagSetting(std::string_view key, bool unset);
     void startDHT(std::uint16_t port, const DHTOptions& options);
 

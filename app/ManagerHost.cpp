@@ -8,6 +8,7 @@ namespace skein {
 ManagerHost::ManagerHost(EngineHost& host, const TransferOptions& options)
     : host_(host),
       options_(options),
+      defaults_(host.sessionDefaults()),
       notifier_(host.pools().io(), host.pools().disk(), host.clock(), host.log()),
       manager_(std::make_unique<DownloadManager>(environment())) {
     asio::co_spawn(host_.pools().io(), manager_->start(), asio::use_future).get();
@@ -34,7 +35,7 @@ DownloadManager::Environment ManagerHost::environment() {
                                              host_.memoryLimitMB()};
     environment.makers.torrent = [this, folder](const SHA1Digest& infoHash,
                                                 const std::vector<std::string>& extraTrackers) {
-        TorrentSession::Options options = options_.sessionOptions(folder, host_.sessionDefaults());
+        TorrentSession::Options options = options_.sessionOptions(folder, defaults_);
         auto& trackers = options.discovery.extraTrackers;
         trackers.insert(trackers.end(), extraTrackers.begin(), extraTrackers.end());
         return std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()), host_.services(),

@@ -31,6 +31,7 @@ private:
 
     EngineHost& host_;
     const TransferOptions options_;
+    const TorrentSession::Options defaults_;  // what the settings said at the start
     MsgCenter center_;
     NoResourceService service_;
     DesktopNotifier notifier_;

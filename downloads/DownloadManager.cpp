@@ -73,9 +73,11 @@ asio::awaitable<void> DownloadManager::stop() {
 }
 
 asio::awaitable<void> DownloadManager::shutDown() {
+    // First the commands, which would start sessions behind our back.
+    sessions_.close();
+    co_await tasks_.stop();
     co_await stopAll();
     co_await sessions_.stop();
-    co_await tasks_.stop();
     co_await memoryMonitor_.stop();
     co_await store_.stop();
 }
@@ -233,6 +235,11 @@ asio::awaitable<void> DownloadManager::recheckTask(Task task) { return perform(t
 asio::awaitable<void> DownloadManager::redownloadTask(Task task) { return perform(task, redownload(task)); }
 asio::awaitable<void> DownloadManager::removeTask(Task task, bool deleteFiles) {
     // Unlike the others a removal is not forgotten because another command runs.
+    // A check may take long, and is not worth waiting for.
+    if (task->isVerifying()) {
+        co_await sessions_.stopSession(task);
+        commandEnded_.notify();
+    }
     while (busy_.contains(task->id)) co_await commandEnded_.wait();
     co_await perform(task, remove(task, deleteFiles));
 }
@@ -333,6 +340,7 @@ asio::awaitable<void> DownloadManager::redownload(Task task) {
 }
 
 asio::awaitable<void> DownloadManager::remove(Task task, bool deleteFiles) {
+    if (std::find(list_.begin(), list_.end(), task) == list_.end()) co_return;  // removed while this waited
     const bool isTorrent = task->downloadType == DownloadType::torrent;
     const std::string user = environment_.service.signedInUserID();
     // First, so that the service forgets the torrent even if we die now.

@@ -7,7 +7,7 @@
 namespace skein {
 
 TaskSessions::TaskSessions(const Strand& main, FileLogger& log, Makers makers, Callbacks callbacks)
-    : log_(log), makers_(std::move(makers)), callbacks_(std::move(callbacks)), tasks_(main) {}
+    : log_(log), makers_(std::move(makers)), callbacks_(std::move(callbacks)), stopEnded_(main), tasks_(main) {}
 
 std::shared_ptr<TorrentSession> TaskSessions::torrentOf(const Task& task) const {
     const auto found = running_.find(task->id);
@@ -25,6 +25,7 @@ std::vector<std::shared_ptr<TorrentSession>> TaskSessions::torrents() const {
 // --------------------------------------------------------------------------------------------------------
 
 void TaskSessions::startTorrent(const Task& task, const SHA1Digest& infoHash, TorrentOrigin origin) {
+    if (isClosed_) return;
     std::vector<std::string> extraTrackers;
     if (origin.torrentData && origin.magnet) extraTrackers = origin.magnet->trackers;
     const auto running = std::make_shared<Running>();
@@ -51,6 +52,7 @@ asio::awaitable<void> TaskSessions::runTorrent(Task task, std::shared_ptr<Runnin
 }
 
 void TaskSessions::startHTTP(const Task& task, const std::optional<std::string>& fileName) {
+    if (isClosed_) return;
     const auto running = std::make_shared<Running>();
     running->http = makers_.http(*task->downloadURL, fileName);
     running->http->setCallbacks(httpCallbacks(task, running));
@@ -69,19 +71,40 @@ asio::awaitable<void> TaskSessions::clearHTTPDownload(Task task) {
     co_await session->stop();
 }
 
+/// Set while one stops the session, however that ends.
+class TaskSessions::StopMark {
+public:
+    StopMark(TaskSessions& sessions, std::shared_ptr<Running> running)
+        : sessions_(sessions), running_(std::move(running)) {
+        running_->isStopping = true;
+    }
+    StopMark(const StopMark&) = delete;
+    StopMark& operator=(const StopMark&) = delete;
+    ~StopMark() {
+        running_->isStopping = false;
+        sessions_.stopEnded_.notify();
+    }
+
+private:
+    TaskSessions& sessions_;
+    const std::shared_ptr<Running> running_;
+};
+
 asio::awaitable<void> TaskSessions::stopSession(Task task) {
     const auto found = running_.find(task->id);
     if (found == running_.end()) co_return;
     const std::shared_ptr<Running> running = found->second;
+    while (running->isStopping) co_await stopEnded_.wait();
+    const auto mine = running_.find(task->id);
+    if (mine == running_.end() || mine->second != running) co_return;
+    const StopMark mark(*this, running);
     if (running->torrent) {
         co_await callbacks_.beforeStop(task, running->torrent);
         co_await running->torrent->stop();
     } else {
         co_await running->http->stop();
     }
-    // Two may have waited for it, and a new one may run already.
-    const auto now = running_.find(task->id);
-    if (now != running_.end() && now->second == running) running_.erase(now);
+    running_.erase(task->id);
     callbacks_.onMovement();
 }
 

@@ -5,6 +5,7 @@
 #include "downloads/HTTPDownloadSession.h"
 #include "downloads/TorrentTask.h"
 #include "public/common/FileLogger.h"
+#include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
 
 #include <functional>
@@ -67,6 +68,8 @@ public:
     void startHTTP(const Task& task, const std::optional<std::string>& fileName);
     /// Deletes what an unfinished download left, which its session alone knows. None runs.
     asio::awaitable<void> clearHTTPDownload(Task task);
+    /// From here on nothing is started.
+    void close() noexcept { isClosed_ = true; }
     /// Returns when nothing of the task's session runs any more.
     asio::awaitable<void> stopSession(Task task);
     asio::awaitable<void> stop() { return tasks_.stop(); }
@@ -80,7 +83,9 @@ private:
         std::shared_ptr<TorrentSession> torrent;
         std::shared_ptr<HTTPDownloadSession> http;
         bool hasDownloaded = false;
+        bool isStopping = false;
     };
+    class StopMark;
 
     /// Hands what a session reports on to `apply(task)` on the main executor, as long as that session is the task's.
     template <class Apply>
@@ -97,6 +102,8 @@ private:
     const Makers makers_;
     const Callbacks callbacks_;
     std::map<UUID, std::shared_ptr<Running>> running_;
+    bool isClosed_ = false;
+    Notifier stopEnded_;
     TaskGroup tasks_;
 };
 

@@ -58,10 +58,10 @@ void MetadataFetch::abandonSilentPeers(Clock::TimePoint now) {
 std::vector<PeerKey> MetadataFetch::peersToAsk() const {
     int fewest = std::numeric_limits<int>::max();
     for (const auto& [key, peer] : peers_)
-        if (!peer.isAbandoned && peer.rejected.empty()) fewest = std::min(fewest, peer.failures);
+        if (mayAsk(peer) && peer.rejected.empty()) fewest = std::min(fewest, peer.failures);
     std::vector<PeerKey> keys;
     for (const auto& [key, peer] : peers_)
-        if (!peer.isAbandoned && peer.failures <= fewest) keys.push_back(key);
+        if (mayAsk(peer) && peer.failures <= fewest) keys.push_back(key);
     return keys;
 }
 
@@ -77,7 +77,7 @@ MetadataFetch::Buffer* MetadataFetch::bufferFor(const BufferKey& key) {
 bool MetadataFetch::isInUse(const BufferKey& key) const {
     return std::any_of(peers_.begin(), peers_.end(), [&](const auto& entry) {
         const Peer& peer = entry.second;
-        return !peer.isAbandoned && peer.bufferKey(entry.first) == key;
+        return mayAsk(peer) && peer.rejected.empty() && peer.bufferKey(entry.first) == key;
     });
 }
 
@@ -126,9 +126,12 @@ bool MetadataFetch::receive(PeerKey key, std::int64_t piece, ByteView data, Cloc
     if (piece < 0 || piece >= static_cast<std::int64_t>(piecesNeeded(peer.sizeBytes))) return false;
     const std::int64_t expected = std::min(pieceSize, peer.sizeBytes - piece * pieceSize);
     if (static_cast<std::int64_t>(data.size()) != expected) return false;
+    if (peer.failures > forgivenFailures) return false;
     Buffer* const buffer = bufferFor(peer.bufferKey(key));
     if (buffer == nullptr) return false;
     const auto index = static_cast<std::size_t>(piece);
+    // What comes late is welcome while it is missing; what nobody asked for must not spoil what is there.
+    if (!peer.asked.contains(index) && buffer->pieces.contains(index)) return false;
     forgetRequest(key, peer, index);
     peer.isAbandoned = false;
     peer.lastUseful = now;

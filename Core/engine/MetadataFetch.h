@@ -31,6 +31,9 @@ public:
     /// Buffers at once; each holds what has come, 32 MiB at most.
     static constexpr std::size_t maxBuffers = 3;
 
+    /// A peer that helped to fill more buffers with a wrong hash is not asked, nor listened to, any more.
+    static constexpr int forgivenFailures = 2;
+
     struct Request {
         PeerKey peer = 0;
         std::int64_t piece = 0;
@@ -97,6 +100,7 @@ private:
         std::set<PeerKey> contributors;
     };
 
+    static bool mayAsk(const Peer& peer) noexcept { return !peer.isAbandoned && peer.failures <= forgivenFailures; }
     void abandonSilentPeers(Clock::TimePoint now);
     std::vector<PeerKey> peersToAsk() const;
     Buffer* bufferFor(const BufferKey& key);

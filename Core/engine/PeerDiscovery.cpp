@@ -86,6 +86,8 @@ void PeerDiscovery::start() {
         isStarted_ = true;
         startLSD();
         lookEverywhere();
+    } else if (callbacks_.isDownloading()) {
+        rediscoverPublicBTPeers("started again");
     }
     if (loopRuns_) return;
     loopRuns_ = true;

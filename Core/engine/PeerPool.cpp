@@ -20,6 +20,7 @@ PeerPool::PeerPool(const Environment& environment, Callbacks callbacks)
       callbacks_(std::move(callbacks)),
       dialer_({environment.strand, environment.clock, environment.log, environment.dialOptions, environment.dial},
               dialerCallbacks()),
+      retired_(environment.strand),
       tasks_(environment.strand) {}
 
 PeerPool::~PeerPool() = default;
@@ -197,11 +198,17 @@ void PeerPool::forgetRow(const PeerAddress& address) {
 }
 
 /// A connection may be the one that is calling: it ends first and is freed after.
-void PeerPool::retire(std::unique_ptr<Peer> peer) { tasks_.spawn(retireSlowly(std::move(peer))); }
+void PeerPool::retire(std::unique_ptr<Peer> peer) {
+    ++retiring_;
+    tasks_.spawn(retireSlowly(std::move(peer)));
+}
 
 asio::awaitable<void> PeerPool::retireSlowly(std::unique_ptr<Peer> peer) {
     co_await asio::this_coro::throw_if_cancelled(false);
     co_await peer->connection->stop();
+    peer.reset();
+    --retiring_;
+    retired_.notify();
 }
 
 void PeerPool::shedPeers(std::size_t keepAtMost) {
@@ -230,10 +237,12 @@ asio::awaitable<void> PeerPool::disconnectAll() {
     std::vector<std::unique_ptr<Peer>> leaving;
     for (auto& [key, peer] : connected_) leaving.push_back(std::move(peer));
     connected_.clear();
-    for (const auto& peer : leaving) {
+    for (std::unique_ptr<Peer>& peer : leaving) {
         callbacks_.onPeerGone(*peer);
-        co_await peer->connection->stop();
+        retire(std::move(peer));
     }
+    // Whoever gives this wait up lets nothing go: the retiring goes on as tasks of the pool.
+    while (retiring_ > 0) co_await retired_.wait();
 }
 
 void PeerPool::allowPeers() noexcept {
@@ -243,8 +252,8 @@ void PeerPool::allowPeers() noexcept {
 
 asio::awaitable<void> PeerPool::stop() {
     co_await dialer_.stop();
-    co_await tasks_.stop();
     co_await disconnectAll();
+    co_await tasks_.stop();
 }
 
 void PeerPool::setSpeedLimits(std::int64_t download, std::int64_t upload) {

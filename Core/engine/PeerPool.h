@@ -7,6 +7,7 @@
 #include "Core/wire/PeerRuntimeInfo.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
+#include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
 #include "public/common/Throttle.h"
 
@@ -110,6 +111,8 @@ private:
     std::size_t accepting_ = 0;
     bool isOpen_ = true;
     PeerDialer dialer_;
+    std::size_t retiring_ = 0;  // peers that left and whose connections have yet to stop
+    Notifier retired_;
     TaskGroup tasks_;
 };
 

@@ -31,7 +31,7 @@ TorrentSession::TorrentSession(SHA1Digest infoHash, PeerID peerID, const Service
       services_(services),
       options_(std::move(options)),
       tasks_(services.io),
-      searchEnded_(tasks_.strand()),
+      pauseStep_(tasks_.strand()),
       peerPool_(poolEnvironment(), poolCallbacks()),
       resumeKeeper_({tasks_.strand(), services.disk, services.clock, services.log, infoHash, options_.archive}) {
     peerPool_.setSpeedLimits(options_.downloadLimit, options_.uploadLimit);
@@ -231,7 +231,7 @@ asio::awaitable<void> TorrentSession::fetchMetadata(MagnetLink magnet) {
     std::optional<MetadataSearch::Found> found = co_await metadataSearch_->run();
     co_await metadataSearch_->stop();
     metadataSearch_.reset();
-    searchEnded_.notify();
+    pauseStep_.notify();
     if (state_.kind == Kind::paused) co_return;
     if (!found) {
         fail(std::string(metadataFailure));
@@ -537,14 +537,18 @@ asio::awaitable<void> TorrentSession::closeTraffic() {
 
 asio::awaitable<void> TorrentSession::doPause() {
     if (!isRunning()) co_return;
+    isPausing_ = true;
     setState(Kind::paused);
     if (metadataSearch_) metadataSearch_->giveUp();
-    while (metadataSearch_) co_await searchEnded_.wait();
+    while (metadataSearch_) co_await pauseStep_.wait();
     co_await closeTraffic();
     updateProgress();
+    isPausing_ = false;
+    pauseStep_.notify();
 }
 
 asio::awaitable<void> TorrentSession::doResume() {
+    while (isPausing_) co_await pauseStep_.wait();
     if (state_.kind != Kind::paused) co_return;
     if (exchange_) {
         co_await enterRunning();

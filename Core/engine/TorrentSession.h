@@ -195,7 +195,8 @@ private:
     bool isListening_ = false;
     Clock::TimePoint lastProgressAt_{};
     TaskGroup tasks_;
-    Notifier searchEnded_;
+    bool isPausing_ = false;
+    Notifier pauseStep_;  // a search or a pause has ended
     PeerPool peerPool_;
     ResumeKeeper resumeKeeper_;
     std::unique_ptr<PieceExchange> exchange_;

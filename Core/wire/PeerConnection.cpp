@@ -181,9 +181,10 @@ asio::awaitable<void> PeerConnection::waitForUploads() {
 }
 
 void PeerConnection::onChoke(bool isChoked) {
+    const bool isNews = peerChoking_ != isChoked;
     peerChoking_ = isChoked;
     environment_.log.debug("[Peer ", address_.description(), isChoked ? "] choke" : "] unchoke");
-    if (callbacks_.onChokeChanged) callbacks_.onChokeChanged(isChoked);
+    if (isNews && callbacks_.onChokeChanged) callbacks_.onChokeChanged(isChoked);
 }
 
 void PeerConnection::onInterested(bool isInterested) {
