@@ -137,8 +137,7 @@ DownloadManager::Task DownloadManager::addMagnet(const std::string& text) {
     TaskIdentity identity;
     identity.infoHash = magnet.infoHashHex;
     identity.magnetURI = text;
-    const Task task =
-        makeTask(std::move(identity), magnet.displayName.value_or("Fetching..."), TaskStatus::fetchingMetadata);
+    Task task = makeTask(std::move(identity), magnet.displayName.value_or("Fetching..."), TaskStatus::fetchingMetadata);
     for (const std::string& tracker : magnet.trackers) {
         auto tiers = task->trackers();
         tiers.push_back({tracker});
@@ -162,7 +161,7 @@ asio::awaitable<DownloadManager::Task> DownloadManager::addParsed(Bytes torrentD
     if (Task known = find(metaInfo.infoHashHex)) co_return known;
     TaskIdentity identity;
     identity.infoHash = metaInfo.infoHashHex;
-    const Task task = makeTask(std::move(identity), metaInfo.name, TaskStatus::downloading);
+    Task task = makeTask(std::move(identity), metaInfo.name, TaskStatus::downloading);
     TaskSessions::applyMetadata(*task, metaInfo);
     append(task);
     TorrentOrigin origin;
@@ -180,7 +179,7 @@ DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text) 
     identity.downloadType = DownloadType::http;
     if (!isHTTPURL(url)) {
         identity.infoHash = "http_" + UUID::random(environment_.random).text();
-        const Task task = makeTask(std::move(identity), url, TaskStatus::error);
+        Task task = makeTask(std::move(identity), url, TaskStatus::error);
         task->errorMessage.set("Invalid URL");
         append(task);
         return task;
@@ -194,7 +193,7 @@ DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text) 
     identity.infoHash = "http_" + std::to_string(key);
     identity.downloadURL = url;
     std::string name = HTTPDownloadSession::deriveFileName(url, environment_.random);
-    const Task task = makeTask(std::move(identity), std::move(name), TaskStatus::downloading);
+    Task task = makeTask(std::move(identity), std::move(name), TaskStatus::downloading);
     append(task);
     sessions_.startHTTP(task, std::nullopt);
     return task;

@@ -13,6 +13,7 @@ constexpr std::chrono::milliseconds roundCheckInterval{250};
 
 std::vector<std::vector<std::string>> tiersOf(const std::vector<std::string>& trackers) {
     std::vector<std::vector<std::string>> tiers;
+    tiers.reserve(trackers.size());
     for (const std::string& tracker : trackers) tiers.push_back({tracker});
     return tiers;
 }

@@ -264,9 +264,10 @@ bool RequestScheduler::hasEverything(PeerKey peer) const {
 RequestScheduler::Suppliers RequestScheduler::suppliers() const {
     Suppliers suppliers;
     for (const auto& [key, peer] : peers_) {
+        const PieceSet& has = peer.has;
         const bool hasPieceInFlight = std::any_of(pieceToPeer_.begin(), pieceToPeer_.end(),
-                                                  [&](const auto& entry) { return peer.has.contains(entry.first); });
-        if (!hasPieceInFlight && !firstCommon(peer.has, pieces_.missingSet())) continue;
+                                                  [&has](const auto& entry) { return has.contains(entry.first); });
+        if (!hasPieceInFlight && !firstCommon(has, pieces_.missingSet())) continue;
         ++suppliers.withPieces;
         if (!peer.isChoking) ++suppliers.unchoking;
     }

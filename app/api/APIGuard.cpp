@@ -1,14 +1,12 @@
 #include "app/api/APIGuard.h"
 
+#include "app/api/Router.h"
+
 #include <algorithm>
 
 namespace skein {
 
 namespace {
-
-HTTPServerResponse refusal(int status, const std::string& why) {
-    return {status, "application/json", "{\"error\":\"" + why + "\"}", {}};
-}
 
 /// Takes as long for a near miss as for a wild guess.
 bool isSame(std::string_view given, std::string_view expected) {
@@ -36,17 +34,17 @@ bool APIGuard::isOurs(std::string_view hostAndPort) const {
 std::optional<HTTPServerResponse> APIGuard::refusalOf(const HTTPServerRequest& request) const {
     constexpr std::string_view scheme = "Bearer ";
     constexpr std::string_view ourOrigin = "http://";
-    if (!isOurs(request.header("host"))) return refusal(403, "not a name of this daemon");
+    if (!isOurs(request.header("host"))) return Router::error(403, "not a name of this daemon");
     std::string_view origin = request.header("origin");
     if (!origin.empty()) {
         const bool isHTTP = origin.starts_with(ourOrigin);
         origin.remove_prefix(isHTTP ? ourOrigin.size() : 0);
-        if (!isHTTP || !isOurs(origin)) return refusal(403, "not for pages of other sites");
+        if (!isHTTP || !isOurs(origin)) return Router::error(403, "not for pages of other sites");
     }
     std::string_view credentials = request.header("authorization");
-    if (!credentials.starts_with(scheme)) return refusal(401, "the token is missing");
+    if (!credentials.starts_with(scheme)) return Router::error(401, "the token is missing");
     credentials.remove_prefix(scheme.size());
-    if (!isSame(credentials, token_)) return refusal(401, "the token is wrong");
+    if (!isSame(credentials, token_)) return Router::error(401, "the token is wrong");
     return std::nullopt;
 }
 

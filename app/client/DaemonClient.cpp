@@ -104,6 +104,7 @@ std::vector<std::string> DaemonClient::resolve(const std::vector<std::string>& n
     for (const json::value& task : list.as_array())
         infoHashes.emplace_back(task.as_object().at("infoHash").as_string());
     std::vector<std::string> resolved;
+    resolved.reserve(names.size());
     for (const std::string& name : names) resolved.push_back(resolveTask(infoHashes, name));
     return resolved;
 }
