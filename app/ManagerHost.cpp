@@ -44,6 +44,7 @@ DownloadManager::Environment ManagerHost::environment() {
     environment.makers.http = [this, folder](const std::string& url, const std::optional<std::string>& fileName) {
         return host_.makeHTTPSession(url, folder, fileName);
     };
+    environment.makers.httpDownloadLimit = options_.downloadBytesPerSecond();
     return environment;
 }
 

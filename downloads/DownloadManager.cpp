@@ -17,6 +17,8 @@ namespace skein {
 namespace {
 
 constexpr std::chrono::seconds speedInterval{1};
+/// How far the saved list may lag behind what is downloaded, in speed intervals.
+constexpr int saveEvery = 30;
 
 bool isHTTPURL(const std::string& text) {
     const auto url = boost::urls::parse_uri(text);
@@ -255,7 +257,9 @@ asio::awaitable<void> DownloadManager::pause(Task task) {
 }
 
 asio::awaitable<void> DownloadManager::resume(Task task) {
-    if (sessions_.isRunning(task)) co_return;
+    // A web file that is whole has nothing to go on with; a torrent would be served again.
+    const bool isWhole = task->downloadType == DownloadType::http && task->status() == TaskStatus::completed;
+    if (isWhole || sessions_.isRunning(task)) co_return;
     task->isControlOperationInProgress.set(true);
     task->controlOperationMessage.set("正在继续，请稍候…");
     task->errorMessage.set(std::nullopt);
@@ -460,9 +464,10 @@ void DownloadManager::complete(const Task& task, bool hasDownloaded) {
 
 /// A list that nothing happens to wakes nobody up.
 asio::awaitable<void> DownloadManager::speedLoop() {
-    for (;;) {
+    for (int tick = 1;; ++tick) {
         while (!isAnythingMoving()) co_await wake_.wait();
         co_await environment_.clock.sleep(speedInterval);
+        if (tick % saveEvery == 0) store_.saveTasks();
         updateGlobalSpeed();
         co_await updatePieceBitmaps();
     }

@@ -62,7 +62,10 @@ void TaskSessions::startHTTP(const Task& task, const std::optional<std::string>&
     tasks_.spawn(runHTTP(running->http));
 }
 
-asio::awaitable<void> TaskSessions::runHTTP(std::shared_ptr<HTTPDownloadSession> session) { co_await session->start(); }
+asio::awaitable<void> TaskSessions::runHTTP(std::shared_ptr<HTTPDownloadSession> session) {
+    co_await session->setDownloadLimit(makers_.httpDownloadLimit);
+    co_await session->start();
+}
 
 asio::awaitable<void> TaskSessions::clearHTTPDownload(Task task) {
     if (!task->downloadURL) co_return;

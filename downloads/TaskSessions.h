@@ -40,6 +40,7 @@ public:
         std::function<std::unique_ptr<HTTPDownloadSession>(const std::string& url,
                                                            const std::optional<std::string>& fileName)>
             http;
+        std::int64_t httpDownloadLimit = 0;  ///< bytes a second and file; 0: none
     };
 
     struct Callbacks {

@@ -215,6 +215,8 @@ TEST_F(DownloadManagerTest, downloadsFromTheWebAndKeepsWhatIsNoURLAsAnError) {
     EXPECT_THAT(missing->errorMessage().value_or(""), HasSubstr("HTTP 404"));
     EXPECT_EQ(TestTorrent::contentOf(downloads.path() / "paper.pdf"), toBytes("a page"));
     EXPECT_THAT(notifier.names, ElementsAre("paper.pdf"));
+    simulation.finish(manager->resumeTask(task));
+    EXPECT_EQ(task->status(), TaskStatus::completed) << "there is nothing to go on with";
     EXPECT_THAT(manager->tasks(), SizeIs(3));
     simulation.finish(manager->removeTask(task, true));
     EXPECT_FALSE(std::filesystem::exists(downloads.path() / "paper.pdf"));
