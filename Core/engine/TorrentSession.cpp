@@ -86,9 +86,10 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
 /// From the metainfo to a running torrent.
 asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
     if (callbacks_.onMetadataReceived) callbacks_.onMetadataReceived(*metaInfo_);
+    // Beside the check, which may take minutes: whoever starts again meanwhile finds the .torrent.
+    if (options_.savesTorrent && !options_.seedsOnly) tasks_.spawn(saveTorrentFile(std::move(torrentData)));
     co_await openPieces(true);
     if (!pieceManager_) co_return;
-    if (options_.savesTorrent && !options_.seedsOnly) co_await saveTorrentFile(std::move(torrentData));
     if (options_.seedsOnly && pieceManager_->completedPieces() == 0 && metaInfo_->pieceCount() > 0) {
         fail("Nothing to seed: no complete piece in " + options_.savePath.string());
         co_return;
@@ -123,9 +124,9 @@ TorrentSession::ParsedTorrent TorrentSession::parseTorrent(const Bytes& torrentD
 }
 
 asio::awaitable<void> TorrentSession::saveTorrentFile(Bytes torrentData) {
-    auto save = [&] {
-        return options_.archive ? options_.archive->save(infoHash_, options_.savePath, metaInfo_->name, torrentData)
-                                : TorrentFile::save(options_.savePath, metaInfo_->name, torrentData).path;
+    auto save = [this, &torrentData, name = metaInfo_->name] {
+        return options_.archive ? options_.archive->save(infoHash_, options_.savePath, name, torrentData)
+                                : TorrentFile::save(options_.savePath, name, torrentData).path;
     };
     std::string failure;
     try {
