@@ -7,17 +7,11 @@ namespace skein {
 TestSession::TestSession(Simulation& simulation, const SHA1Digest& infoHash, char peerID,
                          TorrentSession::Options options, const asio::any_io_executor& disk,
                          const std::optional<PeerAddress>& bootstrapNode)
-    : simulation_(simulation), listener_(simulation.executor(), simulation, log_, "127.0.0.1") {
-    simulation_.finish(listener_.start(0));
+    : simulation_(simulation) {
+    listen(bootstrapNode);
     const TrackerServices trackerServices{http_, resolver_, datagrams_, simulation, random_, log_};
-    if (bootstrapNode) {
-        const DHTNode::Environment environment{simulation.executor(), simulation, log_, random_, resolver_};
-        DHTNode::Options dhtOptions{"127.0.0.1", listener_.port(), {*bootstrapNode}};
-        dht_ = std::make_unique<DHTNode>(environment, std::move(dhtOptions));
-        simulation_.finish(dht_->startListening());
-    }
-    const TorrentSession::Services services{simulation.executor(), disk,      simulation, log_,
-                                            trackerServices,       listener_, dht_.get()};
+    const TorrentSession::Services services{simulation.executor(), disk,       simulation, log_,
+                                            trackerServices,       *listener_, dht_.get()};
     options.discovery.usesLSD = false;
     session_ = std::make_unique<TorrentSession>(infoHash, peerIDOf(peerID), services, std::move(options));
     TorrentSession::Callbacks callbacks;
@@ -29,6 +23,24 @@ TestSession::TestSession(Simulation& simulation, const SHA1Digest& infoHash, cha
     session_->setCallbacks(std::move(callbacks));
 }
 
+/// The DHT needs the listener's number, which another program may have for UDP: then both take another one.
+void TestSession::listen(const std::optional<PeerAddress>& bootstrapNode) {
+    for (;;) {
+        listener_ = std::make_unique<PeerListener>(simulation_.executor(), simulation_, log_, "127.0.0.1");
+        simulation_.finish(listener_->start(0));
+        if (!bootstrapNode) return;
+        const DHTNode::Environment environment{simulation_.executor(), simulation_, log_, random_, resolver_};
+        DHTNode::Options options{"127.0.0.1", listener_->port(), {*bootstrapNode}};
+        dht_ = std::make_unique<DHTNode>(environment, std::move(options));
+        try {
+            return simulation_.finish(dht_->startListening());
+        } catch (const boost::system::system_error&) {
+            simulation_.finish(dht_->stop());
+            simulation_.finish(listener_->stop());
+        }
+    }
+}
+
 TestSession::~TestSession() { stop(); }
 
 void TestSession::stop() {
@@ -36,7 +48,7 @@ void TestSession::stop() {
     simulation_.finish(session_->stop());
     session_.reset();
     if (dht_) simulation_.finish(dht_->stop());
-    simulation_.finish(listener_.stop());
+    simulation_.finish(listener_->stop());
     http_.stop();
 }
 

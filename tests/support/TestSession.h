@@ -33,7 +33,7 @@ public:
     void startMagnet(const MagnetLink& magnet) { simulation_.start(session().startWithMagnet(magnet)); }
     void stop();
     TorrentSession& session() { return *session_; }
-    PeerAddress address() const { return {"127.0.0.1", listener_.port()}; }
+    PeerAddress address() const { return {"127.0.0.1", listener_->port()}; }
 
     Kind state() const { return states.empty() ? Kind::idle : states.back(); }
     bool hasLogged(std::string_view text) const { return countLogged(text) > 0; }
@@ -49,13 +49,15 @@ public:
     TorrentSession::Progress progress;
 
 private:
+    void listen(const std::optional<PeerAddress>& bootstrapNode);
+
     Simulation& simulation_;
     RecordingLogger log_{LogLevel::debug};
     SecureRandom random_;
     SystemDatagrams datagrams_;
     SystemNameResolver resolver_;
     HTTPClient http_;
-    PeerListener listener_;
+    std::unique_ptr<PeerListener> listener_;
     std::unique_ptr<DHTNode> dht_;
     std::unique_ptr<TorrentSession> session_;
 };
