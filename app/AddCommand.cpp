@@ -1,19 +1,15 @@
-#include "Core/engine/TorrentFile.h"
+#include "app/SourceKind.h"
 #include "app/client/ClientCommand.h"
-#include "public/common/WholeFile.h"
 
 #include <CLI/CLI.hpp>
 #include <boost/json/object.hpp>
-
-#include <system_error>
+#include <boost/json/value.hpp>
 
 namespace skein {
 
 namespace {
 
 namespace json = boost::json;
-
-bool isWebAddress(const std::string& source) { return source.starts_with("http://") || source.starts_with("https://"); }
 
 class AddCommand final : public ClientCommand {
 public:
@@ -26,28 +22,21 @@ public:
 
 protected:
     int talk(DaemonClient& daemon) override {
-        for (const std::string& source : sources_) add(daemon, source);
-        return exitStatus::done;
+        return forEach(sources_, [&](const std::string& source) {
+            const json::value task = add(daemon, source);
+            if (task.at("status") == "error") failIfError(source, task);
+        });
     }
 
 private:
-    static void add(DaemonClient& daemon, const std::string& source) {
-        const bool isTorrent = source.substr(0, source.find_first_of("?#")).ends_with(".torrent");
-        if (isWebAddress(source) && isTorrent) {
-            daemon.addTorrent(daemon.fetch(source));
-        } else if (isWebAddress(source) || source.starts_with("magnet:")) {
-            daemon.post("api/v1/tasks", json::object{{"source", source}});
-        } else {
-            daemon.addTorrent(read(source));
+    static json::value add(DaemonClient& daemon, const std::string& source) {
+        switch (sourceKindOf(source)) {
+            case SourceKind::magnetLink:
+            case SourceKind::webFile: break;
+            case SourceKind::webTorrent: return daemon.addTorrent(daemon.fetch(source));
+            case SourceKind::file: return daemon.addTorrent(readTorrentFile(source));
         }
-    }
-
-    static Bytes read(const std::string& file) {
-        try {
-            return readWholeFile(file, TorrentFile::maxBytes);
-        } catch (const std::system_error& error) {
-            throw CommandFailure(file, error.code().message());
-        }
+        return daemon.post("api/v1/tasks", json::object{{"source", source}});
     }
 
     std::vector<std::string> sources_;

@@ -1,6 +1,6 @@
 #include "app/Command.h"
 
-#include "app/Printable.h"
+#include "public/common/Printable.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -10,6 +10,7 @@ namespace skein {
 using CommandMaker = std::unique_ptr<Command>();
 CommandMaker makeAccelerateCommand;
 CommandMaker makeAddCommand;
+CommandMaker makeChatCommand;
 CommandMaker makeConfigCommand;
 CommandMaker makeCreateCommand;
 CommandMaker makeDaemonCommand;
@@ -17,6 +18,8 @@ CommandMaker makeGetCommand;
 CommandMaker makeInfoCommand;
 CommandMaker makeLabelCommand;
 CommandMaker makeListCommand;
+CommandMaker makeLoginCommand;
+CommandMaker makeLogoutCommand;
 CommandMaker makeNoteCommand;
 CommandMaker makePauseCommand;
 CommandMaker makeRedownloadCommand;
@@ -27,14 +30,17 @@ CommandMaker makeShowCommand;
 CommandMaker makeStopCommand;
 CommandMaker makeVerifyCommand;
 CommandMaker makeVerifyTaskCommand;
+CommandMaker makeWalletCommand;
+CommandMaker makeWatchCommand;
 
 std::vector<std::unique_ptr<Command>> makeCommands() {
     std::vector<std::unique_ptr<Command>> commands;
     for (CommandMaker* const make :
-         {makeGetCommand, makeSeedCommand, makeVerifyCommand, makeShowCommand, makeCreateCommand, makeConfigCommand,
-          makeDaemonCommand, makeAddCommand, makeListCommand, makeInfoCommand, makePauseCommand, makeResumeCommand,
-          makeVerifyTaskCommand, makeRedownloadCommand, makeRemoveCommand, makeAccelerateCommand, makeLabelCommand,
-          makeNoteCommand, makeStopCommand})
+         {makeGetCommand,        makeSeedCommand,   makeVerifyCommand,     makeShowCommand,       makeCreateCommand,
+          makeConfigCommand,     makeDaemonCommand, makeAddCommand,        makeListCommand,       makeInfoCommand,
+          makePauseCommand,      makeResumeCommand, makeVerifyTaskCommand, makeRedownloadCommand, makeRemoveCommand,
+          makeAccelerateCommand, makeLabelCommand,  makeNoteCommand,       makeWatchCommand,      makeStopCommand,
+          makeLoginCommand,      makeLogoutCommand, makeWalletCommand,     makeChatCommand})
         commands.push_back(make());
     return commands;
 }

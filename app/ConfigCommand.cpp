@@ -1,7 +1,9 @@
 #include "app/Command.h"
-#include "app/Printable.h"
+#include "chat/ChatWSClient.h"
 #include "public/common/FileLogger.h"
+#include "public/common/Printable.h"
 #include "public/common/SettingsStore.h"
+#include "service/ServiceAccount.h"
 
 #include <CLI/CLI.hpp>
 
@@ -17,6 +19,12 @@ std::string shortened(std::string text) {
     constexpr std::size_t longest = 200;
     if (text.size() > longest) text = text.substr(0, longest) + "… (" + std::to_string(text.size()) + " bytes)";
     return text;
+}
+
+/// Secrets are between the program and the servers.
+std::string shown(std::string_view key, const SettingValue& value) {
+    const bool isSecret = key == ServiceAccount::credentialKey || key == ChatWSClient::sessionIdKey;
+    return isSecret ? "(hidden)" : printable(describe(value));
 }
 
 class ConfigCommand final : public Command {
@@ -46,7 +54,7 @@ public:
         if (*unset_ && !settings.unset(key_)) throw CommandFailure(key_, "not set");
         if (*list_)
             for (const auto& [key, value] : settings.list())
-                std::cout << printable(key) << " = " << shortened(printable(describe(value))) << '\n';
+                std::cout << printable(key) << " = " << shortened(shown(key, value)) << '\n';
         return exitStatus::done;
     }
 
@@ -54,7 +62,7 @@ private:
     int print(SettingsStore& settings) const {
         const auto value = settings.get(key_);
         if (!value) throw CommandFailure(key_, "not set");
-        std::cout << printable(describe(*value)) << '\n';
+        std::cout << shown(key_, *value) << '\n';
         return exitStatus::done;
     }
 

@@ -3,9 +3,9 @@
 #include "Core/formats/TorrentWriter.h"
 #include "app/Command.h"
 #include "app/Interrupt.h"
-#include "app/Printable.h"
 #include "app/ProgressLine.h"
 #include "app/Quantities.h"
+#include "public/common/Printable.h"
 #include "public/common/ThreadPools.h"
 #include "public/common/WholeFile.h"
 

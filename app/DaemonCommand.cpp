@@ -3,6 +3,9 @@
 #include "app/Interrupt.h"
 #include "app/ManagerHost.h"
 #include "app/TransferOptions.h"
+#include "app/api/AccountRoutes.h"
+#include "app/api/ChatEvents.h"
+#include "app/api/ChatRoutes.h"
 #include "app/api/DaemonFile.h"
 #include "app/api/LocalAPI.h"
 #include "public/common/ErrorText.h"
@@ -31,6 +34,19 @@ std::string checkEndpoint(const std::string& text) {
     return isLiteral ? std::string() : "Not ADDR:PORT: " + text;
 }
 
+/// Stops the API however the command ends: whoever is connected uses the manager.
+class RunningAPI {
+public:
+    RunningAPI(LocalAPI& api, EngineHost& host) : api_(api), host_(host) {}
+    RunningAPI(const RunningAPI&) = delete;
+    RunningAPI& operator=(const RunningAPI&) = delete;
+    ~RunningAPI() { asio::co_spawn(host_.pools().io(), api_.stop(), asio::use_future).get(); }
+
+private:
+    LocalAPI& api_;
+    EngineHost& host_;
+};
+
 class DaemonCommand final : public Command {
 public:
     DaemonCommand()
@@ -51,13 +67,18 @@ public:
         const Interrupt interrupt(host.pools().io());
         ManagerHost managerHost(host, options_);
         std::counting_semaphore<> stop(0);
-        LocalAPI api(managerHost.manager(), host.clock(), host.log(), [&stop] { stop.release(); });
+        LocalAPI api(managerHost.manager(), managerHost.center(), host.clock(), host.log(),
+                     [&stop] { stop.release(); });
+        AccountRoutes account(managerHost.service(), host.account(), &managerHost.manager(),
+                              [&managerHost] { managerHost.chat().accountChanged(); });
+        account.addTo(api.router());
+        ChatRoutes chat(managerHost.chat());
+        chat.addTo(api.router());
+        const ChatEvents chatEvents(managerHost.center(), managerHost.manager().strand());
+        const RunningAPI running(api, host);
         serve(api, host, claim);
-        {
-            const std::stop_callback onInterrupt(interrupt.token(), [&stop] { stop.release(); });
-            stop.acquire();
-        }
-        asio::co_spawn(host.pools().io(), api.stop(), asio::use_future).get();
+        const std::stop_callback onInterrupt(interrupt.token(), [&stop] { stop.release(); });
+        stop.acquire();
         return interrupt.exitStatus();
     }
 
@@ -75,8 +96,10 @@ private:
             throw CommandFailure("listening on " + api_, textOf(error));
         }
         daemon.port = api.port();
+        const std::string url = daemon.url();
+        daemon.address = DaemonAddress::reachable(address);
         claim.publish(daemon);
-        std::cout << "listening on " << daemon.url() << std::endl;
+        std::cout << "listening on " << url << std::endl;
     }
 
     std::string api_ = "127.0.0.1:7070";

@@ -3,6 +3,7 @@
 #include "Core/discovery/LANPeerSettingsStore.h"
 #include "Core/engine/CacheSites.h"
 #include "Core/engine/FallbackTrackers.h"
+#include "Core/engine/ResourceTexts.h"
 #include "app/Command.h"
 #include "app/PortChoice.h"
 #include "public/common/ErrorText.h"
@@ -14,6 +15,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <sstream>
+#include <unistd.h>
 
 namespace skein {
 
@@ -26,6 +28,12 @@ const fs::path& created(const fs::path& home) {
     fs::create_directories(home, error);
     if (error) throw CommandFailure(home.string(), error.message());
     return home;
+}
+
+/// One that is missing may be on a disk that is not mounted: making it would fill the disk below.
+bool isUsableFolder(const fs::path& folder) {
+    std::error_code error;
+    return folder.is_absolute() && fs::is_directory(folder, error) && ::access(folder.c_str(), W_OK | X_OK) == 0;
 }
 
 }  // namespace
@@ -103,6 +111,7 @@ TorrentSession::Options EngineHost::sessionDefaults() {
     if (const std::int64_t rounds = numberSetting("skein.magnetRounds"); rounds > 0)
         options.maxMagnetRounds = static_cast<int>(std::min<std::int64_t>(rounds, 1'000'000));
     options.archive = archive();
+    options.uploadMode = uploadModeFrom(setting("uploadMode").value_or("")).value_or(UploadMode::paid);
     options.discovery.fallbackTrackers = listSetting("fallbackTrackers").value_or(builtInFallbackTrackers());
     options.discovery.manualLANPeers = addressesSetting(LANPeerSettingsStore::manualPeersKey);
     options.discovery.scansLAN = flagSetting(LANPeerSettingsStore::portScanKey, false);
@@ -132,7 +141,10 @@ std::optional<std::string> EngineHost::setting(std::string_view key) {
 }
 
 fs::path EngineHost::downloadFolder() {
-    if (const auto custom = setting("customDownloadDirectory"); custom && !custom->empty()) return *custom;
+    if (const auto custom = setting("customDownloadDirectory"); custom && !custom->empty()) {
+        if (isUsableFolder(*custom)) return *custom;
+        log_.warning("[Manager] the download folder of the settings cannot be used: ", *custom);
+    }
     const char* const user = std::getenv("HOME");
     const fs::path downloads = user == nullptr ? fs::path() : fs::path(user) / "Downloads";
     std::error_code error;

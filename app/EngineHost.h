@@ -13,6 +13,7 @@
 #include "public/common/Random.h"
 #include "public/common/SettingsStore.h"
 #include "public/common/ThreadPools.h"
+#include "service/ServiceAccount.h"
 
 #include <filesystem>
 #include <memory>
@@ -55,16 +56,19 @@ public:
     Clock& clock() noexcept { return clock_; }
     FileLogger& log() noexcept { return log_; }
     HTTPClient& http() noexcept { return http_; }
+    NameResolver& resolver() noexcept { return resolver_; }
     Random& random() noexcept { return random_; }
     PeerListener& listener() noexcept { return listener_; }
     ActorSettings settings() { return {settings_, pools_.disk()}; }
+    ServiceAccount account() { return {settings(), random_}; }
     const std::filesystem::path& home() const noexcept { return home_; }
     /// The setting `memoryLimitMB`; 0: no limit.
     std::int64_t memoryLimitMB();
     /// 0 when the DHT does not run.
     std::uint16_t dhtPort() const noexcept { return dht_ ? dht_->port() : std::uint16_t{0}; }
 
-    /// The user's download folder: the setting `customDownloadDirectory`, else ~/Downloads, else here.
+    /// The user's download folder: the setting `customDownloadDirectory` if it names a folder that can be used,
+    /// else ~/Downloads, else here.
     std::filesystem::path downloadFolder();
 
 private:

@@ -30,13 +30,13 @@ public:
         EngineHost host(global.home(), options_.bindAddress);
         goal_.timeout = std::chrono::seconds(timeoutSeconds_);
         TransferRun transfers(host, options_, goal_);
-        std::vector<TransferSource> sources;
-        for (const std::string& source : sources_) sources.push_back(readTransferSource(source, host));
-        const bool needsPeers = std::any_of(sources.begin(), sources.end(), [](const TransferSource& source) {
+        auto sources = readTransferSources(sources_, host, transfers.interrupt());
+        if (!sources) return transfers.interrupt().exitStatus();
+        const bool needsPeers = std::any_of(sources->begin(), sources->end(), [](const TransferSource& source) {
             return !std::holds_alternative<WebFile>(source);
         });
         if (needsPeers) host.listen(options_.port, options_.dhtOptions());
-        for (std::size_t i = 0; i < sources.size(); ++i) transfers.add(std::move(sources[i]), sources_[i]);
+        for (std::size_t i = 0; i < sources->size(); ++i) transfers.add(std::move((*sources)[i]), sources_[i]);
         return transfers.run();
     }
 

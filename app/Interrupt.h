@@ -2,6 +2,7 @@
 
 #include <boost/asio/any_io_executor.hpp>
 
+#include <functional>
 #include <memory>
 #include <stop_token>
 
@@ -14,7 +15,8 @@ namespace asio = boost::asio;
 /// Owner: the command that runs; one at a time. Thread: any.
 class Interrupt {
 public:
-    explicit Interrupt(const asio::any_io_executor& io);
+    /// `lastWish` is called on a thread of `io` before the program ends at once.
+    explicit Interrupt(const asio::any_io_executor& io, std::function<void()> lastWish = nullptr);
     Interrupt(const Interrupt&) = delete;
     Interrupt& operator=(const Interrupt&) = delete;
     /// From here on the signals end the program again.

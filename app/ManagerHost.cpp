@@ -9,9 +9,13 @@ ManagerHost::ManagerHost(EngineHost& host, const TransferOptions& options)
     : host_(host),
       options_(options),
       defaults_(host.sessionDefaults()),
+      client_(host.http(), host.account(), host.clock(), host.log()),
+      service_(client_),
+      chat_(host, center_),
       notifier_(host.pools().io(), host.pools().disk(), host.clock(), host.log()),
       manager_(std::make_unique<DownloadManager>(environment())) {
     asio::co_spawn(host_.pools().io(), manager_->start(), asio::use_future).get();
+    chat_.accountChanged();
 }
 
 ManagerHost::~ManagerHost() {
@@ -33,16 +37,24 @@ DownloadManager::Environment ManagerHost::environment() {
                                              host_.home(),
                                              folder,
                                              host_.memoryLimitMB()};
-    environment.makers.torrent = [this, folder](const SHA1Digest& infoHash,
-                                                const std::vector<std::string>& extraTrackers) {
-        TorrentSession::Options options = options_.sessionOptions(folder, defaults_);
+    environment.makers.torrent = [this](const SHA1Digest& infoHash, const SessionWishes& wishes) {
+        TorrentSession::Options options = options_.sessionOptions(wishes.folder, defaults_);
         auto& trackers = options.discovery.extraTrackers;
-        trackers.insert(trackers.end(), extraTrackers.begin(), extraTrackers.end());
-        return std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()), host_.services(),
+        trackers.insert(trackers.end(), wishes.extraTrackers.begin(), wishes.extraTrackers.end());
+        options.accelerates = wishes.accelerates;
+        options.seedsOnly = wishes.seedsOnly;
+        TorrentSession::Services services = host_.services();
+        services.resources = &client_;
+        return std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()), services,
                                                 std::move(options));
     };
-    environment.makers.http = [this, folder](const std::string& url, const std::optional<std::string>& fileName) {
-        return host_.makeHTTPSession(url, folder, fileName);
+    environment.makers.http = [this](const std::string& url, const std::filesystem::path& saveTo,
+                                     const std::optional<std::string>& fileName) {
+        return host_.makeHTTPSession(url, saveTo, fileName);
+    };
+    environment.uploadMode = defaults_.uploadMode;
+    environment.onAccelerate = [this](const TorrentTask& task) {
+        chat_.askForAcceleration({task.name(), {}, task.magnetURI.value_or(""), task.totalSize()});
     };
     environment.makers.httpDownloadLimit = options_.downloadBytesPerSecond();
     return environment;

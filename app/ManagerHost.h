@@ -1,11 +1,13 @@
 #pragma once
 
+#include "app/ChatHost.h"
 #include "app/EngineHost.h"
+#include "app/ServiceBridge.h"
 #include "app/TransferOptions.h"
 #include "downloads/DesktopNotifier.h"
 #include "downloads/DownloadManager.h"
-#include "downloads/ResourceService.h"
 #include "public/common/MsgCenter/MsgCenter.h"
+#include "service/SkeinServiceClient.h"
 
 #include <memory>
 
@@ -24,6 +26,8 @@ public:
     ~ManagerHost();
 
     DownloadManager& manager() noexcept { return *manager_; }
+    SkeinServiceClient& service() noexcept { return client_; }
+    ChatHost& chat() noexcept { return chat_; }
     MsgCenter& center() noexcept { return center_; }
 
 private:
@@ -33,7 +37,9 @@ private:
     const TransferOptions options_;
     const TorrentSession::Options defaults_;  // what the settings said at the start
     MsgCenter center_;
-    NoResourceService service_;
+    SkeinServiceClient client_;
+    ServiceBridge service_;
+    ChatHost chat_;
     DesktopNotifier notifier_;
     std::unique_ptr<DownloadManager> manager_;
 };

@@ -26,10 +26,10 @@ public:
         TransferRun::Goal goal;
         goal.seedsOnly = true;
         TransferRun transfers(host, options_, goal);
-        std::vector<TransferSource> sources;
-        for (const std::string& source : sources_) sources.push_back(readTransferSource(source, host));
+        auto sources = readTransferSources(sources_, host, transfers.interrupt());
+        if (!sources) return transfers.interrupt().exitStatus();
         host.listen(options_.port, options_.dhtOptions());
-        for (std::size_t i = 0; i < sources.size(); ++i) transfers.add(std::move(sources[i]), sources_[i]);
+        for (std::size_t i = 0; i < sources->size(); ++i) transfers.add(std::move((*sources)[i]), sources_[i]);
         return transfers.run();
     }
 

@@ -1,8 +1,9 @@
 #include "Core/formats/MagnetParser.h"
 #include "Core/formats/TorrentParser.h"
 #include "app/Command.h"
-#include "app/Printable.h"
 #include "app/Quantities.h"
+#include "app/SourceKind.h"
+#include "public/common/Printable.h"
 #include "public/common/WholeFile.h"
 
 #include <CLI/CLI.hpp>
@@ -156,8 +157,7 @@ public:
 
 private:
     void show(const std::string& source) {
-        const bool isMagnet = CLI::detail::to_lower(source.substr(0, 7)) == "magnet:";
-        if (isMagnet) {
+        if (sourceKindOf(source) == SourceKind::magnetLink) {
             output(readMagnet(source));
         } else {
             output(readTorrent(source));

@@ -1,17 +1,15 @@
 #include "app/client/ClientCommand.h"
 
 #include <CLI/CLI.hpp>
-#include <boost/json/array.hpp>
-#include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
-#include <iostream>
+#include <chrono>
 
 namespace skein {
 
 namespace {
 
-namespace json = boost::json;
+/// A clean stop takes a few seconds at most, while the trackers are told.
+constexpr std::chrono::seconds patience{15};
 
 class StopCommand final : public ClientCommand {
 public:
@@ -22,6 +20,7 @@ public:
 protected:
     int talk(DaemonClient& daemon) override {
         daemon.post("api/v1/stop");
+        if (!daemon.waitForEnd(patience)) throw CommandFailure("stop", "the daemon has not ended yet");
         return exitStatus::done;
     }
 };

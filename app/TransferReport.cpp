@@ -1,9 +1,9 @@
 #include "app/TransferReport.h"
 
 #include "app/Command.h"
-#include "app/Printable.h"
 #include "app/Quantities.h"
 #include "app/RowJSON.h"
+#include "public/common/Printable.h"
 
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>

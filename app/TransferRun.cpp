@@ -37,7 +37,7 @@ void TransferRun::add(TransferSource source, const std::string& name) {
     transfer->source = std::move(source);
     if (std::holds_alternative<WebFile>(transfer->source)) {
         if (goal_.seedsOnly) throw CommandFailure(name, "a .torrent file is needed to seed");
-        addWebFile(std::move(transfer));
+        addWebFile(std::move(transfer), name);
     } else {
         addTorrent(std::move(transfer), name);
     }
@@ -45,6 +45,14 @@ void TransferRun::add(TransferSource source, const std::string& name) {
 
 std::filesystem::path TransferRun::folder() const {
     return options_.folder.empty() ? host_.downloadFolder() : options_.folder;
+}
+
+std::unique_ptr<TargetLock> TransferRun::lock(const SHA1Digest& source, const std::string& name) const {
+    try {
+        return std::make_unique<TargetLock>(folder(), source);
+    } catch (const std::exception& error) {
+        throw CommandFailure(name, error.what());
+    }
 }
 
 bool TransferRun::isKnown(const Transfer& transfer) const {
@@ -64,21 +72,23 @@ void TransferRun::addTorrent(std::unique_ptr<Transfer> transfer, const std::stri
     if (goal_.seedsOnly && std::holds_alternative<MagnetLink>(transfer->source))
         throw CommandFailure(name, "a .torrent file is needed to seed");
     if (isKnown(*transfer)) return;
-    if (!goal_.seedsOnly) transfer->lock = std::make_unique<TargetLock>(folder(), infoHash);
+    if (!goal_.seedsOnly) transfer->lock = lock(infoHash, name);
     TorrentSession::Options options = options_.sessionOptions(folder(), std::move(defaults));
     options.seedsOnly = goal_.seedsOnly;
+    // Who asks to seed means it, whatever holds of downloads.
+    if (goal_.seedsOnly && options.uploadMode == UploadMode::disabled) options.uploadMode = UploadMode::paid;
     transfer->session = std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()),
                                                          host_.services(), std::move(options));
     transfer->session->setCallbacks(callbacksFor(*transfer));
     transfers_.push_back(std::move(transfer));
 }
 
-void TransferRun::addWebFile(std::unique_ptr<Transfer> transfer) {
+void TransferRun::addWebFile(std::unique_ptr<Transfer> transfer, const std::string& name) {
     const std::string& url = std::get<WebFile>(transfer->source).url;
     transfer->status.url = url;
     transfer->status.name = url;
     if (isKnown(*transfer)) return;
-    transfer->lock = std::make_unique<TargetLock>(folder(), sha1(asBytes(url)));
+    transfer->lock = lock(sha1(asBytes(url)), name);
     std::error_code error;
     std::filesystem::create_directories(folder(), error);
     if (error) throw CommandFailure(folder().string(), error.message());

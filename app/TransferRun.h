@@ -3,12 +3,12 @@
 #include "Core/engine/TorrentSession.h"
 #include "app/EngineHost.h"
 #include "app/Interrupt.h"
-#include "app/TargetLock.h"
 #include "app/TransferOptions.h"
 #include "app/TransferReport.h"
 #include "app/TransferSource.h"
 #include "downloads/HTTPDownloadSession.h"
 #include "public/common/Notifier.h"
+#include "public/common/TargetLock.h"
 #include "public/common/TaskGroup.h"
 
 #include <memory>
@@ -36,6 +36,8 @@ public:
     /// Adds a transfer; `name` is what the user called it. Throws CommandFailure when it is no torrent, or another
     /// process writes it.
     void add(TransferSource source, const std::string& name);
+    /// The user's wish to end it, heard from the beginning on.
+    const Interrupt& interrupt() const noexcept { return interrupt_; }
     /// Runs to the end and returns the exit status.
     int run();
 
@@ -53,9 +55,10 @@ private:
     };
 
     void addTorrent(std::unique_ptr<Transfer> transfer, const std::string& name);
-    void addWebFile(std::unique_ptr<Transfer> transfer);
+    void addWebFile(std::unique_ptr<Transfer> transfer, const std::string& name);
     bool isKnown(const Transfer& transfer) const;
     std::filesystem::path folder() const;
+    std::unique_ptr<TargetLock> lock(const SHA1Digest& source, const std::string& name) const;
     SHA1Digest identify(Transfer& transfer, std::vector<std::string>& extraTrackers);
     asio::awaitable<void> runAll();
     asio::awaitable<void> startOne(Transfer& transfer);

@@ -4,15 +4,17 @@
 #include "Core/formats/MagnetParser.h"
 #include "app/Command.h"
 #include "app/EngineHost.h"
-#include "public/common/WholeFile.h"
+#include "app/Interrupt.h"
+#include "app/SourceKind.h"
+#include "public/common/ErrorText.h"
+#include "public/common/TaskGroup.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
 
-#include <algorithm>
-#include <cctype>
-#include <string_view>
-#include <system_error>
+#include <functional>
+#include <future>
+#include <stop_token>
 
 namespace skein {
 
@@ -20,30 +22,51 @@ namespace {
 
 constexpr int httpOK = 200;
 
-bool isHTTP(const std::string& source) { return source.starts_with("http://") || source.starts_with("https://"); }
+/// A response, or why there is none.
+struct Fetched {
+    std::optional<HTTPResponse> response;
+    std::string failure;
+};
 
-bool isMagnet(const std::string& source) {
-    constexpr std::string_view scheme = "magnet:";
-    return source.size() >= scheme.size() &&
-           std::equal(scheme.begin(), scheme.end(), source.begin(), [](char expected, char given) {
-               return expected == std::tolower(static_cast<unsigned char>(given));
-           });
+asio::awaitable<Fetched> tryToFetch(HTTPClient& http, HTTPRequest request) {
+    Fetched fetched;
+    try {
+        fetched.response = co_await http.fetch(std::move(request));
+    } catch (const std::exception& error) {
+        fetched.failure = textOf(error);
+    }
+    co_return fetched;
 }
 
-bool pathEndsInTorrent(const std::string& url) { return url.substr(0, url.find_first_of("?#")).ends_with(".torrent"); }
-
-Bytes fetch(const std::string& url, EngineHost& host) {
+/// Nothing when it was interrupted.
+std::optional<HTTPResponse> fetch(const std::string& url, EngineHost& host, const Interrupt& interrupt) {
     HTTPRequest request;
     request.url = url;
     request.maxBodyBytes = TorrentFile::maxBytes;
-    HTTPResponse response;
+    TaskGroup tasks(host.pools().io());
+    std::future<void> cancelled;
+    std::optional<std::stop_callback<std::function<void()>>> onInterrupt(std::in_place, interrupt.token(), [&] {
+        cancelled = asio::co_spawn(host.pools().io(), tasks.stop(), asio::use_future);
+    });
+    Fetched fetched;
     try {
-        response = asio::co_spawn(host.pools().io(), host.http().fetch(std::move(request)), asio::use_future).get();
-    } catch (const std::exception& error) {
-        throw CommandFailure(url, error.what());
+        auto fetching = tasks.call(tryToFetch(host.http(), std::move(request)));
+        fetched = asio::co_spawn(host.pools().io(), std::move(fetching), asio::use_future).get();
+    } catch (const boost::system::system_error&) {
+        // Interrupted before it began.
     }
-    if (response.status != httpOK) throw CommandFailure(url, "HTTP " + std::to_string(response.status));
-    return std::move(response.body);
+    onInterrupt.reset();
+    if (cancelled.valid()) cancelled.get();
+    asio::co_spawn(host.pools().io(), tasks.stop(), asio::use_future).get();
+    if (!fetched.response && interrupt.exitStatus() == 0) throw CommandFailure(url, fetched.failure);
+    return std::move(fetched.response);
+}
+
+std::optional<Bytes> fetchTorrent(const std::string& url, EngineHost& host, const Interrupt& interrupt) {
+    auto response = fetch(url, host, interrupt);
+    if (!response) return std::nullopt;
+    if (response->status != httpOK) throw CommandFailure(url, "HTTP " + std::to_string(response->status));
+    return std::move(response->body);
 }
 
 MagnetLink parseMagnet(const std::string& source) {
@@ -56,17 +79,22 @@ MagnetLink parseMagnet(const std::string& source) {
 
 }  // namespace
 
-TransferSource readTransferSource(const std::string& source, EngineHost& host) {
-    if (isHTTP(source)) {
-        if (!pathEndsInTorrent(source)) return WebFile{source};
-        return fetch(source, host);
+std::optional<std::vector<TransferSource>> readTransferSources(const std::vector<std::string>& names, EngineHost& host,
+                                                               const Interrupt& interrupt) {
+    std::vector<TransferSource> sources;
+    for (const std::string& name : names) {
+        switch (sourceKindOf(name)) {
+            case SourceKind::magnetLink: sources.emplace_back(parseMagnet(name)); break;
+            case SourceKind::webFile: sources.emplace_back(WebFile{name}); break;
+            case SourceKind::file: sources.emplace_back(readTorrentFile(name)); break;
+            case SourceKind::webTorrent:
+                auto torrent = fetchTorrent(name, host, interrupt);
+                if (!torrent) return std::nullopt;
+                sources.emplace_back(*std::move(torrent));
+                break;
+        }
     }
-    if (isMagnet(source)) return parseMagnet(source);
-    try {
-        return readWholeFile(source, TorrentFile::maxBytes);
-    } catch (const std::system_error& error) {
-        throw CommandFailure(source, error.code().message());
-    }
+    return sources;
 }
 
 }  // namespace skein

@@ -13,7 +13,7 @@ add_library(skein_asio STATIC ${PROJECT_SOURCE_DIR}/cmake/asio.cpp)
 target_compile_features(skein_asio PUBLIC cxx_std_20)
 target_compile_definitions(skein_asio PUBLIC BOOST_ASIO_SEPARATE_COMPILATION BOOST_ASIO_NO_DEPRECATED BOOST_ALL_NO_LIB)
 target_include_directories(skein_asio SYSTEM PUBLIC ${Boost_INCLUDE_DIRS})
-target_link_libraries(skein_asio PUBLIC Threads::Threads PRIVATE skein_flags)
+target_link_libraries(skein_asio PUBLIC Threads::Threads PRIVATE skein_flags OpenSSL::SSL)
 
 # Boost.JSON, likewise.
 add_library(skein_json STATIC ${PROJECT_SOURCE_DIR}/cmake/json.cpp)

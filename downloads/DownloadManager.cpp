@@ -26,13 +26,6 @@ bool isHTTPURL(const std::string& text) {
     return url->scheme_id() == boost::urls::scheme::http || url->scheme_id() == boost::urls::scheme::https;
 }
 
-SHA1Digest digestOf(const std::string& infoHash) {
-    SHA1Digest digest{};
-    const auto bytes = fromHex(infoHash);
-    if (bytes && bytes->size() == digest.size()) std::copy(bytes->begin(), bytes->end(), digest.begin());
-    return digest;
-}
-
 }  // namespace
 
 DownloadManager::DownloadManager(Environment environment)
@@ -44,7 +37,9 @@ DownloadManager::DownloadManager(Environment environment)
       wake_(tasks_.strand()),
       store_(tasks_.strand(), environment_.disk, environment_.clock, environment_.log, environment_.home,
              [this] { return snapshot(); }),
-      sessions_(tasks_.strand(), environment_.log, environment_.makers, sessionCallbacks()),
+      targets_(tasks_.strand(), environment_.disk, environment_.home, environment_.downloadsDirectory),
+      sessions_(tasks_.strand(), environment_.log, targets_, environment_.makers, sessionCallbacks()),
+      heartbeat_(heartbeatEnvironment()),
       memoryMonitor_(tasks_.strand(), environment_.disk, environment_.clock, environment_.memoryLimitMB,
                      [this](const std::string& footprint) { tasks_.spawn(shed(footprint)); }) {}
 
@@ -64,8 +59,9 @@ asio::awaitable<void> DownloadManager::load() {
         std::filesystem::create_directories(environment_.downloadsDirectory, error);
     };
     co_await runOn(environment_.disk, std::move(makeFolder));
+    co_await heartbeat_.load();
     tasks_.spawn(speedLoop());
-    tasks_.spawn(flushPendingDeletes());
+    tasks_.spawn(beginAccountTasks());
 }
 
 asio::awaitable<void> DownloadManager::stop() {
@@ -75,20 +71,30 @@ asio::awaitable<void> DownloadManager::stop() {
 }
 
 asio::awaitable<void> DownloadManager::shutDown() {
-    // First the commands, which would start sessions behind our back.
-    sessions_.close();
-    co_await tasks_.stop();
-    co_await stopAll();
+    sessions_.close();  // or the commands that still run would start some
+    // Side by side: a command may be waiting for its session's last words, as we are for the others'.
+    TaskGroup ending(tasks_.strand());
+    bool haveCommandsEnded = false;
+    ending.spawn(endCommands(haveCommandsEnded));
+    co_await stopAll(list_);
+    while (!haveCommandsEnded) co_await commandEnded_.wait();
+    co_await ending.stop();
+    co_await stopAll(list_);  // what a command gave up to stop
     co_await sessions_.stop();
     co_await memoryMonitor_.stop();
     co_await store_.stop();
 }
 
+asio::awaitable<void> DownloadManager::endCommands(bool& haveEnded) {
+    co_await tasks_.stop();
+    co_await endAccountTasks();
+    haveEnded = true;
+    commandEnded_.notify();
+}
+
 /// Side by side: each session may wait some seconds for its trackers.
-asio::awaitable<void> DownloadManager::stopAll() {
-    std::vector<Task> running;
-    for (const Task& task : list_)
-        if (sessions_.isRunning(task)) running.push_back(task);
+asio::awaitable<void> DownloadManager::stopAll(std::vector<Task> running) {
+    std::erase_if(running, [this](const Task& task) { return !sessions_.isRunning(task); });
     TaskGroup stopping(tasks_.strand());
     std::size_t left = running.size();
     for (const Task& task : running) stopping.spawn(stopCounted(task, left));
@@ -123,7 +129,7 @@ DownloadManager::Task DownloadManager::makeTask(TaskIdentity identity, std::stri
     task->name.set(std::move(name));
     task->status.set(status);
     task->addedDate.set(environment_.clock.wallNow());
-    if (std::string user = environment_.service.signedInUserID(); !user.empty()) task->ownerUserID.set(std::move(user));
+    if (!userID_.empty()) task->ownerUserID.set(userID_);
     return task;
 }
 
@@ -146,7 +152,7 @@ DownloadManager::Task DownloadManager::addMagnet(const std::string& text) {
         task->trackers.set(std::move(tiers));
     }
     append(task);
-    sessions_.startTorrent(task, digestOf(task->infoHash), {std::nullopt, std::move(magnet)});
+    sessions_.startTorrent(task, {std::nullopt, std::move(magnet)});
     return task;
 }
 
@@ -161,6 +167,9 @@ asio::awaitable<DownloadManager::Task> DownloadManager::addParsed(Bytes torrentD
     };
     const TorrentMetaInfo metaInfo = co_await runOn(environment_.disk, std::move(parse));
     if (Task known = find(metaInfo.infoHashHex)) co_return known;
+    // First: a task that is listed can always be resumed.
+    co_await keepCopy(metaInfo.infoHash, torrentData);
+    if (Task known = find(metaInfo.infoHashHex)) co_return known;
     TaskIdentity identity;
     identity.infoHash = metaInfo.infoHashHex;
     Task task = makeTask(std::move(identity), metaInfo.name, TaskStatus::downloading);
@@ -168,8 +177,15 @@ asio::awaitable<DownloadManager::Task> DownloadManager::addParsed(Bytes torrentD
     append(task);
     TorrentOrigin origin;
     origin.torrentData = std::move(torrentData);
-    sessions_.startTorrent(task, digestOf(task->infoHash), std::move(origin));
+    sessions_.startTorrent(task, std::move(origin));
     co_return task;
+}
+
+asio::awaitable<void> DownloadManager::keepCopy(SHA1Digest infoHash, Bytes torrentData) {
+    // What is being removed under this hash must not take the copy along.
+    co_await targets_.whenFree(infoHash);
+    auto keep = [this, &infoHash, &torrentData] { archive_.keep(infoHash, torrentData); };
+    co_await runOn(environment_.disk, std::move(keep));
 }
 
 DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text) {
@@ -201,186 +217,17 @@ DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text) 
     return task;
 }
 
-// --- commands --------------------------------------------------------------------------------------------------------
-
-/// Runs the command to its end, whether or not the caller waits for it. While one runs, others for its task do nothing.
-asio::awaitable<void> DownloadManager::perform(Task task, asio::awaitable<void> command) {
-    if (!busy_.insert(task->id).second) co_return;
-    const auto hasEnded = std::make_shared<bool>(false);
-    tasks_.spawn(performTracked(task, std::move(command), hasEnded));
-    while (!*hasEnded && !tasks_.isStopping()) co_await commandEnded_.wait();
-}
-
-asio::awaitable<void> DownloadManager::performTracked(Task task, asio::awaitable<void> command,
-                                                      std::shared_ptr<bool> hasEnded) {
-    std::string failure;
-    try {
-        co_await std::move(command);
-    } catch (const boost::system::system_error&) {
-        // Cancelled: the manager stops.
-    } catch (const std::exception& error) {
-        failure = error.what();
-    }
-    if (!failure.empty()) fail(task, failure);
-    task->isControlOperationInProgress.set(false);
-    task->controlOperationMessage.set(std::nullopt);
-    task->isVerifying.set(false);
-    busy_.erase(task->id);
-    *hasEnded = true;
-    commandEnded_.notify();
-}
-
-asio::awaitable<void> DownloadManager::pauseTask(Task task) { return perform(task, pause(task)); }
-asio::awaitable<void> DownloadManager::resumeTask(Task task) { return perform(task, resume(task)); }
-asio::awaitable<void> DownloadManager::recheckTask(Task task) { return perform(task, recheck(task)); }
-asio::awaitable<void> DownloadManager::redownloadTask(Task task) { return perform(task, redownload(task)); }
-asio::awaitable<void> DownloadManager::removeTask(Task task, bool deleteFiles) {
-    // Unlike the others a removal is not forgotten because another command runs.
-    // A check may take long, and is not worth waiting for.
-    if (task->isVerifying()) {
-        co_await sessions_.stopSession(task);
-        commandEnded_.notify();
-    }
-    while (busy_.contains(task->id)) co_await commandEnded_.wait();
-    co_await perform(task, remove(task, deleteFiles));
-}
-asio::awaitable<void> DownloadManager::shedAllSessionsPeers(std::string reason) {
-    return tasks_.call(shed(std::move(reason)));
-}
-
-asio::awaitable<void> DownloadManager::pause(Task task) {
-    task->isControlOperationInProgress.set(true);
-    task->controlOperationMessage.set("正在暂停，请稍候…");
-    co_await sessions_.stopSession(task);
-    rest(task, TaskStatus::paused);
-    store_.saveTasks();
-}
-
-asio::awaitable<void> DownloadManager::resume(Task task) {
-    // A web file that is whole has nothing to go on with; a torrent would be served again.
-    const bool isWhole = task->downloadType == DownloadType::http && task->status() == TaskStatus::completed;
-    if (isWhole || sessions_.isRunning(task)) co_return;
-    task->isControlOperationInProgress.set(true);
-    task->controlOperationMessage.set("正在继续，请稍候…");
-    task->errorMessage.set(std::nullopt);
-    co_await rebuild(task, "Cannot resume: ");
-    store_.saveTasks();
-}
-
-/// Starts a fresh session from what is known of the task; `missing` begins the message when that is not enough.
-asio::awaitable<void> DownloadManager::rebuild(Task task, std::string missing) {
-    task->stallReason.set(std::nullopt);
-    if (task->downloadType == DownloadType::http) {
-        if (!task->downloadURL) co_return fail(task, missing + "download URL missing");
-        environment_.log.info("[Manager] Rebuilding HTTP session for ", task->name());
-        task->status.set(TaskStatus::downloading);
-        // A file that was named before keeps its name.
-        co_return sessions_.startHTTP(task, task->files().empty() ? std::nullopt : std::optional(task->name()));
-    }
-    TorrentOrigin origin = co_await originOf(task);
-    if (!origin.torrentData && !task->magnetURI) co_return fail(task, missing + "magnet link missing");
-    if (!origin.torrentData && !origin.magnet) co_return fail(task, "Failed to parse magnet link");
-    environment_.log.info("[Manager] Rebuilding session for ", task->name());
-    task->status.set(origin.torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
-    sessions_.startTorrent(task, digestOf(task->infoHash), std::move(origin));
-}
-
-asio::awaitable<TorrentOrigin> DownloadManager::originOf(Task task) {
-    TorrentOrigin origin;
-    auto read = [this, infoHash = digestOf(task->infoHash), name = task->name()] {
-        return archive_.torrent(infoHash, environment_.downloadsDirectory, name);
-    };
-    origin.torrentData = co_await runOn(environment_.disk, std::move(read));
-    if (!task->magnetURI) co_return origin;
-    try {
-        origin.magnet = MagnetParser::parse(*task->magnetURI);
-    } catch (const MagnetParseException&) {
-        // Without the link, the .torrent alone has to do.
-    }
-    co_return origin;
-}
-
-/// Hashes everything, whatever a resume record says.
-asio::awaitable<void> DownloadManager::recheck(Task task) {
-    if (task->downloadType != DownloadType::torrent) co_return;
-    TorrentOrigin origin = co_await originOf(task);
-    if (!origin.torrentData && !origin.magnet) {
-        task->errorMessage.set("Cannot verify: magnet link missing");
-        co_return;
-    }
-    task->isVerifying.set(true);
-    task->statusMessage.set("Verifying files...");
-    task->errorMessage.set(std::nullopt);
-    co_await sessions_.stopSession(task);
-    auto forget = [this, infoHash = digestOf(task->infoHash)] { archive_.forgetResumeRecord(infoHash); };
-    co_await runOn(environment_.disk, std::move(forget));
-    task->status.set(origin.torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
-    sessions_.startTorrent(task, digestOf(task->infoHash), std::move(origin));
-    // The state that follows the check ends it.
-    while (sessions_.isRunning(task) && task->isVerifying()) co_await commandEnded_.wait();
-}
-
-asio::awaitable<void> DownloadManager::redownload(Task task) {
-    co_await sessions_.stopSession(task);
-    if (task->downloadType == DownloadType::http) co_await sessions_.clearHTTPDownload(task);
-    const TaskFiles files = task->filesIn(environment_.downloadsDirectory);
-    auto clear = [this, files, infoHash = digestOf(task->infoHash)] {
-        archive_.forgetResumeRecord(infoHash);
-        return files.remove();
-    };
-    const TaskFiles::Removal removal = co_await runOn(environment_.disk, std::move(clear));
-    if (removal.failures > 0)
-        environment_.log.warning("[Manager] deleting the files of ", task->name(), " failed: ", removal.firstFailure);
-    {
-        const auto batch = task->batch();
-        task->progress.set(0);
-        task->downloadedBytes.set(0);
-        task->pieceBitmap.set({});
-        task->errorMessage.set(std::nullopt);
-    }
-    co_await rebuild(task, "Cannot redownload: ");
-    store_.saveTasks();
-}
-
-asio::awaitable<void> DownloadManager::remove(Task task, bool deleteFiles) {
-    if (std::find(list_.begin(), list_.end(), task) == list_.end()) co_return;  // removed while this waited
-    const bool isTorrent = task->downloadType == DownloadType::torrent;
-    const std::string user = environment_.service.signedInUserID();
-    // First, so that the service forgets the torrent even if we die now.
-    if (isTorrent) co_await pendingDeletes_.add(user, task->infoHash);
-    co_await sessions_.stopSession(task);
-    std::erase(list_, task);
-    environment_.center.publish(TaskListChanged{TaskListChanged::Kind::removed, task->id, task->infoHash});
-    store_.saveTasks();
-    if (!isTorrent) co_await sessions_.clearHTTPDownload(task);
-    const TaskFiles files = task->filesIn(environment_.downloadsDirectory);
-    auto clear = [this, files, isTorrent, deleteFiles, infoHash = digestOf(task->infoHash)] {
-        if (isTorrent) archive_.forget(infoHash);
-        return deleteFiles ? files.remove() : TaskFiles::Removal();
-    };
-    const TaskFiles::Removal removal = co_await runOn(environment_.disk, std::move(clear));
-    if (removal.failures > 0)
-        environment_.log.warning("[Manager] deleting the files of ", task->name(), " failed: ", removal.firstFailure);
-    if (!isTorrent) co_return;
-    const bool isForgotten = co_await environment_.service.deleteResource(task->infoHash);
-    if (isForgotten) co_await pendingDeletes_.remove(user, task->infoHash);
-}
-
-asio::awaitable<void> DownloadManager::flushPendingDeletes() {
-    const std::string user = environment_.service.signedInUserID();
-    const std::set<std::string> hashes = co_await pendingDeletes_.all(user);
-    if (hashes.empty()) co_return;
-    environment_.log.info("[Manager] flushPendingDeletes: ", hashes.size(), " item(s)");
-    for (const std::string& infoHash : hashes) {
-        const bool isForgotten = co_await environment_.service.deleteResource(infoHash);
-        if (isForgotten) co_await pendingDeletes_.remove(user, infoHash);
-    }
-}
+// --- what users say of a task
+// -----------------------------------------------------------------------------------------
 
 void DownloadManager::setAccelerate(const Task& task, bool isEnabled) {
     environment_.log.info("[Accelerate] task=", task->name(), " accelerate=", isEnabled ? "true" : "false");
     task->accelerateEnabled.set(isEnabled);
     store_.saveTasks();
+    if (std::shared_ptr<TorrentSession> session = sessions_.torrentOf(task))
+        tasks_.spawn(tellAccelerate(std::move(session), isEnabled));
+    if (isEnabled && task->downloadType == DownloadType::torrent && task->magnetURI && environment_.onAccelerate)
+        environment_.onAccelerate(*task);
 }
 
 void DownloadManager::setCategory(const Task& task, ResearchCategory category) {
@@ -416,18 +263,18 @@ TaskSessions::Callbacks DownloadManager::sessionCallbacks() {
     };
     callbacks.onCompleted = [this](const Task& task, bool hasDownloaded) { complete(task, hasDownloaded); };
     callbacks.onFailed = [this](const Task& task, const std::string& message) { fail(task, message); };
+    callbacks.whenSaved = [this] { return store_.whenSaved(); };
     callbacks.onChecked = [this](const Task& task) {
         task->isVerifying.set(false);
         commandEnded_.notify();
     };
-    callbacks.beforeStop = [this](Task task, std::shared_ptr<TorrentSession> session) {
-        return reportLastBytes(std::move(task), std::move(session));
+    callbacks.beforeStop = [this](std::shared_ptr<TorrentSession> session) {
+        return heartbeat_.flushFinalHeartbeat(std::move(session));
+    };
+    callbacks.afterStop = [this](std::shared_ptr<TorrentSession> session) {
+        return heartbeat_.takeOver(std::move(session));
     };
     return callbacks;
-}
-
-asio::awaitable<void> DownloadManager::reportLastBytes(Task task, std::shared_ptr<TorrentSession> session) {
-    co_await environment_.service.flushFinalHeartbeat(*task, *session);
 }
 
 void DownloadManager::fail(const Task& task, const std::string& message) {
@@ -456,7 +303,8 @@ void DownloadManager::complete(const Task& task, bool hasDownloaded) {
     task->stallReason.set(std::nullopt);
     store_.saveTasks();
     if (!hasDownloaded) return;
-    environment_.center.publish(DownloadCompleted{task->id, task->name()});
+    if (!userID_.empty() && task->downloadType == DownloadType::torrent) tasks_.spawn(tellCompleted(task->infoHash));
+    environment_.center.publish(DownloadCompleted{task->id, task->infoHash, task->name()});
     environment_.notifier.sendCompletionNotification(task->name());
 }
 
@@ -469,6 +317,9 @@ asio::awaitable<void> DownloadManager::speedLoop() {
         co_await environment_.clock.sleep(speedInterval);
         if (tick % saveEvery == 0) store_.saveTasks();
         updateGlobalSpeed();
+        if (!userID_.empty())
+            for (const Task& task : list_)
+                if (sessions_.isRunning(task)) heartbeat_.estimate(*task);
         co_await updatePieceBitmaps();
     }
 }

@@ -5,8 +5,10 @@
 #include "downloads/MemoryMonitor.h"
 #include "downloads/PendingDeletes.h"
 #include "downloads/ResourceService.h"
+#include "downloads/ServiceHeartbeat.h"
 #include "downloads/TaskSessions.h"
 #include "downloads/TaskStore.h"
+#include "downloads/TaskTargets.h"
 #include "downloads/TorrentTask.h"
 #include "public/common/ActorSettings.h"
 #include "public/common/MsgCenter/MsgCenter.h"
@@ -15,9 +17,9 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -45,7 +47,10 @@ public:
         std::filesystem::path home;
         std::filesystem::path downloadsDirectory;
         std::int64_t memoryLimitMB = 0;  ///< 0: none
+        UploadMode uploadMode = UploadMode::paid;
         TaskSessions::Makers makers;
+        /// Acceleration was turned on for a torrent that has a magnet link; others may be told.
+        std::function<void(const TorrentTask&)> onAccelerate;
     };
 
     explicit DownloadManager(Environment environment);
@@ -70,31 +75,50 @@ public:
     Task addHTTPDownload(const std::string& text);
 
     // Commands. They return when the command has ended; giving up the wait does not stop it. A command for a task on
-    // which one is running does nothing.
-    asio::awaitable<void> pauseTask(Task task);
-    asio::awaitable<void> resumeTask(Task task);
-    asio::awaitable<void> recheckTask(Task task);
-    asio::awaitable<void> redownloadTask(Task task);
-    asio::awaitable<void> removeTask(Task task, bool deleteFiles = false);
+    // which one is running does nothing, and returns false. A check gives way to a pause; a removal ends a check, and
+    // waits for all else.
+    asio::awaitable<bool> pauseTask(Task task);
+    asio::awaitable<bool> resumeTask(Task task);
+    asio::awaitable<bool> recheckTask(Task task);
+    asio::awaitable<bool> redownloadTask(Task task);
+    asio::awaitable<bool> removeTask(Task task, bool deleteFiles = false);
     void setAccelerate(const Task& task, bool isEnabled);
     void setCategory(const Task& task, ResearchCategory category);
     void setNotes(const Task& task, std::string notes);
     /// Asks every running torrent session to drop peers.
     asio::awaitable<void> shedAllSessionsPeers(std::string reason);
 
+    // The account at the resource service, whose figures are published as CreditChanged.
+    const CreditFigures& credit() const noexcept { return heartbeat_.figures(); }
+    const std::string& signedInUserID() const noexcept { return userID_; }
+    /// Somebody has signed in: their torrents are registered and served, and reported from now on. Returns at once.
+    void syncWithServer();
+    /// Before the user signs out: reports the last bytes, stops every torrent, and has the service forget this device.
+    asio::awaitable<void> prepareForAccountLogout();
+
 private:
+    /// The command that runs on a task.
+    struct Command {
+        bool isCheck = false;
+        bool isToEnd = false;  ///< somebody waits for the check
+    };
+
     Task find(const std::string& infoHash) const;
     Task makeTask(TaskIdentity identity, std::string name, TaskStatus status);
     void append(const Task& task);
 
     asio::awaitable<void> load();
     asio::awaitable<void> shutDown();
-    asio::awaitable<void> stopAll();
+    asio::awaitable<void> endCommands(bool& haveEnded);
+    asio::awaitable<void> stopAll(std::vector<Task> running);
     asio::awaitable<void> stopCounted(Task task, std::size_t& left);
     asio::awaitable<Task> addParsed(Bytes torrentData);
+    asio::awaitable<void> keepCopy(SHA1Digest infoHash, Bytes torrentData);
 
-    asio::awaitable<void> perform(Task task, asio::awaitable<void> command);
-    asio::awaitable<void> performTracked(Task task, asio::awaitable<void> command, std::shared_ptr<bool> hasEnded);
+    asio::awaitable<bool> perform(Task task, asio::awaitable<void> work, bool isCheck = false);
+    asio::awaitable<void> performTracked(Task task, asio::awaitable<void> work, std::shared_ptr<bool> hasEnded);
+    asio::awaitable<void> waitForCommand(Task task);
+    bool isToEnd(const Task& task) const;
     asio::awaitable<void> pause(Task task);
     asio::awaitable<void> resume(Task task);
     asio::awaitable<void> recheck(Task task);
@@ -103,32 +127,52 @@ private:
     asio::awaitable<void> shed(std::string reason);
 
     asio::awaitable<TorrentOrigin> originOf(Task task);
-    asio::awaitable<void> rebuild(Task task, std::string missing);
+    asio::awaitable<std::optional<TorrentOrigin>> originFor(Task task, std::string missing);
+    void rebuild(const Task& task, TorrentOrigin origin);
+    asio::awaitable<std::unique_ptr<TaskTargets::Hold>> takeToDelete(Task task);
+    asio::awaitable<void> deleteTraces(Task task, const TaskTargets::Hold* target, bool deleteFiles);
+    void report(const TaskFiles::Removal& removal, const std::string& name);
     TaskSessions::Callbacks sessionCallbacks();
-    asio::awaitable<void> reportLastBytes(Task task, std::shared_ptr<TorrentSession> session);
     void fail(const Task& task, const std::string& message);
     void rest(const Task& task, TaskStatus status);
     void complete(const Task& task, bool hasDownloaded);
+
+    ServiceHeartbeat::Environment heartbeatEnvironment();
+    asio::awaitable<void> beginAccountTasks();
+    asio::awaitable<void> endAccountTasks();
+    asio::awaitable<void> signIn();
+    asio::awaitable<void> signOut();
+    void claimLocalTorrentTasks();
+    asio::awaitable<void> ensureCompletedTasksRegistered();
+    asio::awaitable<void> rebuildSeedingSession(Task task);
+    asio::awaitable<void> registerOnly(Task task);
+    asio::awaitable<void> tellCompleted(std::string infoHash);
+    asio::awaitable<void> tellAccelerate(std::shared_ptr<TorrentSession> session, bool isEnabled);
+    asio::awaitable<void> flushPendingDeletes(std::string userID);
+    asio::awaitable<void> releaseResources();
 
     asio::awaitable<void> speedLoop();
     bool isAnythingMoving() const;
     void updateGlobalSpeed();
     asio::awaitable<void> updatePieceBitmaps();
-    asio::awaitable<void> flushPendingDeletes();
     std::vector<SavedTask> snapshot() const;
 
     const Environment environment_;
     const TorrentArchive archive_;
     PendingDeletes pendingDeletes_;
     std::vector<Task> list_;
-    std::set<UUID> busy_;  // tasks on which a command runs
+    std::map<UUID, Command> busy_;             // tasks on which one runs
+    std::string userID_;                       // who is signed in; empty: nobody
+    std::shared_ptr<TaskGroup> accountTasks_;  // what runs for that user
     std::int64_t globalDownloadSpeed_ = 0;
     std::int64_t globalUploadSpeed_ = 0;
     TaskGroup tasks_;
     Notifier commandEnded_;
     Notifier wake_;  // something moves that did not
     TaskStore store_;
+    TaskTargets targets_;
     TaskSessions sessions_;
+    ServiceHeartbeat heartbeat_;
     MemoryMonitor memoryMonitor_;
 };
 

@@ -1,9 +1,7 @@
 #include "downloads/HTTPDownloadSession.h"
 
-#include "downloads/BootIdentity.h"
 #include "downloads/HTTPFileName.h"
 #include "downloads/ResponsePlan.h"
-#include "public/common/ByteCountText.h"
 #include "public/common/RunOn.h"
 #include "public/common/Within.h"
 
@@ -22,8 +20,6 @@ namespace skein {
 
 namespace {
 
-/// Calm to look at, and cheap however fast the bytes come.
-constexpr std::chrono::milliseconds reportInterval{200};
 constexpr std::chrono::seconds calmReportInterval{1};
 
 /// What a browser would send for what was typed: blanks and other scripts percent-encoded.
@@ -181,7 +177,9 @@ asio::awaitable<HTTPDownloadSession::State> HTTPDownloadSession::readState() { c
 asio::awaitable<std::filesystem::path> HTTPDownloadSession::readDestination() { co_return destination_; }
 
 asio::awaitable<void> HTTPDownloadSession::run(bool isResumption) {
-    bool goesOn = co_await openPart(isResumption);
+    const Opening opening = co_await openPart(isResumption);
+    if (opening == Opening::finished) co_return co_await handleCompletion();
+    bool goesOn = opening == Opening::usable;
     std::int64_t furthest = part_ ? part_->size() : 0;
     for (int retries = 0; goesOn;) {
         const Ending ending = co_await attempt();
@@ -198,34 +196,6 @@ asio::awaitable<void> HTTPDownloadSession::run(bool isResumption) {
         }
     }
     co_await handleError();
-}
-
-/// Takes up what an earlier run left. False when that cannot be used, nor left aside.
-asio::awaitable<bool> HTTPDownloadSession::openPart(bool isResumption) {
-    auto open = [this] {
-        auto data = ResumeData::load(resumeDataURL_, url_);
-        if (!data) return;
-        part_ = PartFile::reopen(savePath_, data->fileName);
-        resumeData_ = std::move(*data);
-        if (part_) part_->truncate(resumeData_.trustedBytes(part_->size()));
-    };
-    try {
-        co_await runOn(environment_.disk, std::move(open));
-    } catch (const std::system_error& error) {
-        noteFileFailure(error);
-        co_return false;
-    }
-    if (!part_) co_return true;
-    takeOver(resumeData_.totalBytes);
-    if (part_->size() == 0) co_return true;
-    const std::string size = formatByteCount(part_->size());
-    if (isResumption) {
-        setStatus("Resumed from " + size);
-    } else {
-        setStatus("Resuming download...");
-        setStatus("Resuming from " + size);
-    }
-    co_return true;
 }
 
 /// One request, and what comes of it.
@@ -293,54 +263,6 @@ asio::awaitable<void> HTTPDownloadSession::handleResponse(const HTTPResponse& he
     handleProgress();
 }
 
-/// Has an empty part, and the resume data that speaks of it.
-asio::awaitable<void> HTTPDownloadSession::preparePart(ResumeData data) {
-    resumeData_ = std::move(data);
-    auto prepare = [this] {
-        // In this order: killed at any point, no part goes on with data that was written of another.
-        if (part_) part_->truncate(0);
-        if (!part_) part_ = PartFile::create(savePath_, resumeData_.fileName);
-        resumeData_.fileName = part_->name();
-        resumeData_.bootID = bootIdentity();
-        resumeData_.save(resumeDataURL_);
-    };
-    co_await runOn(environment_.disk, std::move(prepare));
-    lastRecordAt_ = environment_.clock.now();
-}
-
-asio::awaitable<void> HTTPDownloadSession::store(std::vector<Bytes>& chunks) {
-    std::size_t size = 0;
-    for (const Bytes& chunk : chunks) size += chunk.size();
-    const std::int64_t total = progress_.expectedContentLength();
-    if (total >= 0 && part_->size() + static_cast<std::int64_t>(size) > total)
-        throw HTTPException(HTTPError::transferFailed, "more came than was announced");
-    if (throttle_.limit() > 0) {
-        for (const Bytes& chunk : chunks) co_await storeSlowly(chunk);
-    } else {
-        auto write = [this, &chunks] {
-            for (const Bytes& chunk : chunks) part_->append(chunk);
-        };
-        co_await runOn(environment_.disk, std::move(write));
-    }
-    const Clock::TimePoint now = environment_.clock.now();
-    progress_.moveTo(part_->size());
-    if (now - lastReportAt_ >= reportInterval) handleProgress();
-    if (now - lastRecordAt_ >= recordInterval) co_await saveResumeData();
-}
-
-/// Slice by slice, so that a limited download flows; the server waits while we do.
-asio::awaitable<void> HTTPDownloadSession::storeSlowly(ByteView bytes) {
-    while (!bytes.empty()) {
-        const auto portion = std::max<std::int64_t>(throttle_.portion(std::ssize(bytes)), 1);
-        const auto slice = bytes.first(static_cast<std::size_t>(portion));
-        bytes = bytes.subspan(slice.size());
-        auto write = [this, slice] { part_->append(slice); };
-        co_await runOn(environment_.disk, std::move(write));
-        progress_.moveTo(part_->size());
-        co_await environment_.clock.sleep(throttle_.book(portion, environment_.clock.now()));
-    }
-}
-
 asio::awaitable<void> HTTPDownloadSession::waitToRetry(int retry) {
     const auto delay = firstRetryDelay * (1 << (retry - 1));
     setState(State::Kind::connecting);
@@ -350,81 +272,11 @@ asio::awaitable<void> HTTPDownloadSession::waitToRetry(int retry) {
     setStatus(part_ && part_->size() > 0 ? "Resuming from breakpoint..." : "Connecting...");
 }
 
-/// Drops what there is of a file that is no longer the server's. False when even that fails.
-asio::awaitable<bool> HTTPDownloadSession::startAgain() {
-    auto empty = [this] { part_->truncate(0); };
-    try {
-        co_await runOn(environment_.disk, std::move(empty));
-    } catch (const std::system_error& error) {
-        noteFileFailure(error);
-        co_return false;
-    }
-    setStatus("The file has changed, starting again...");
-    co_return true;
-}
-
-asio::awaitable<void> HTTPDownloadSession::handleCompletion() {
-    auto finish = [this] {
-        std::filesystem::path path = part_->finish();
-        std::error_code ignored;  // what is left of it speaks of a file that is no more, and is passed over
-        std::filesystem::remove(resumeDataURL_, ignored);
-        return path;
-    };
-    bool isFinished = false;
-    try {
-        destination_ = co_await runOn(environment_.disk, std::move(finish));
-        isFinished = true;
-    } catch (const std::system_error& error) {
-        noteFileFailure(error);
-    }
-    if (!isFinished) {
-        co_await handleError();
-        co_return;
-    }
-    const std::int64_t size = part_->size();
-    progress_.complete(size);
-    if (part_->name() != resumeData_.fileName) reportFileInfo();
-    handleProgress();
-    setState(State::Kind::completed);
-    setStatus("Download complete");
-    environment_.log.info("[HTTP] complete: ", part_->name(), ", ", size, " bytes");
-    // The device may be slower than the network: the owner need not wait for it, only `stop` does.
-    auto settle = [part = std::move(part_)]() mutable { std::exchange(part, nullptr)->sync(); };
-    try {
-        co_await runOn(environment_.disk, std::move(settle));
-    } catch (const std::system_error& error) {
-        environment_.log.error("[HTTP] not safely on the disk: ", error.what());
-    }
-}
-
 asio::awaitable<void> HTTPDownloadSession::handleError() {
     if (part_ && part_->size() > 0) setStatus("Resume data saved");
     co_await closePart();
     setState(State::Kind::failed, failure_.message);
     setStatus(failure_.status);
-}
-
-/// Puts down how far we are. What fails is only noted: what was put down before still holds.
-asio::awaitable<void> HTTPDownloadSession::saveResumeData() {
-    auto save = [this] {
-        part_->sync();
-        resumeData_.syncedBytes = part_->size();
-        resumeData_.bootID = bootIdentity();
-        resumeData_.save(resumeDataURL_);
-    };
-    try {
-        co_await runOn(environment_.disk, std::move(save));
-    } catch (const std::system_error& error) {
-        environment_.log.warning("[HTTP] resume data not saved: ", error.what());
-    }
-    lastRecordAt_ = environment_.clock.now();
-}
-
-asio::awaitable<void> HTTPDownloadSession::closePart() {
-    if (!part_) co_return;
-    co_await saveResumeData();
-    auto close = [part = std::move(part_)]() mutable { part.reset(); };
-    co_await runOn(environment_.disk, std::move(close));
 }
 
 /// So that a download that stands still is seen to.

@@ -89,6 +89,10 @@ public:
     /// Before `start`.
     void setCallbacks(Callbacks callbacks) { callbacks_ = std::move(callbacks); }
 
+    /// Before `start`: the resume data outlives the completion and then says so, until `clearResumeData`. For an owner
+    /// who has yet to put down what it hears; a session that is started meanwhile is completed at once.
+    void keepRecord() noexcept { keepsRecord_ = true; }
+
     /// Begins, from resume data when there is some. Returns at once; nothing happens when it runs already.
     asio::awaitable<void> start();
     /// Returns when nothing is transferred any more and the resume data is saved. Without effect unless it runs.
@@ -119,6 +123,8 @@ public:
 private:
     /// How one request of several ended.
     enum class Ending : std::uint8_t { complete, lost, startAgain, failed };
+    /// What an earlier run has left.
+    enum class Opening : std::uint8_t { usable, finished, unusable };
     /// Why it did not bring the file.
     struct Failure {
         std::string message;
@@ -136,7 +142,7 @@ private:
     asio::awaitable<std::filesystem::path> readDestination();
 
     asio::awaitable<void> run(bool isResumption);
-    asio::awaitable<bool> openPart(bool isResumption);
+    asio::awaitable<Opening> openPart(bool isResumption);
     asio::awaitable<Ending> attempt();
     asio::awaitable<Ending> transfer(HTTPStream& stream);
     asio::awaitable<void> handleResponse(const HTTPResponse& head, bool restarts, std::int64_t totalBytes);
@@ -145,6 +151,7 @@ private:
     asio::awaitable<void> storeSlowly(ByteView bytes);
     asio::awaitable<void> waitToRetry(int retry);
     asio::awaitable<bool> startAgain();
+    void finishPart();
     asio::awaitable<void> handleCompletion();
     asio::awaitable<void> handleError();
     asio::awaitable<void> saveResumeData();
@@ -168,6 +175,7 @@ private:
     const std::optional<std::string> fileName_;
     const std::filesystem::path resumeDataURL_;
     Callbacks callbacks_;
+    bool keepsRecord_ = false;
 
     State state_;
     ResumeData resumeData_;

@@ -31,6 +31,16 @@ bool isTaken(const fs::path& file) {
 /// Fails when another one holds it; the system lets go of it when the process ends, however it ends.
 bool lock(int number) { return ::flock(number, LOCK_EX | LOCK_NB) == 0; }
 
+/// A new name is safe only once its folder is written. Some file systems cannot do that, and need not.
+void syncFolder(const fs::path& folder) {
+    const int number = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (number < 0) return;  // not ours to read
+    const bool isSynced = ::fsync(number) == 0 || errno == EINVAL || errno == ENOTSUP;
+    const int error = errno;
+    ::close(number);
+    if (!isSynced) fail(error, folder);
+}
+
 }  // namespace
 
 PartFile::PartFile(fs::path folder, std::string name, int number, std::int64_t size)
@@ -95,22 +105,25 @@ void PartFile::sync() {
     if (result != 0) fail(errno, path());
 }
 
-fs::path PartFile::finish() {
+void PartFile::discard() noexcept { ::unlink(path().c_str()); }
+
+void PartFile::finish(const std::function<void(const std::string&)>& foretell) {
     for (int i = 0; i <= mostNumbers; ++i) {
         const std::string candidate = HTTPFileName::numbered(name_, i);
-        fs::path target = folder_ / candidate;
+        const fs::path target = folder_ / candidate;
         // An empty file holds the name, and only that one is replaced: renaming by itself would replace any.
         const int holder = ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
         if (holder < 0 && errno == EEXIST) continue;
         if (holder < 0) fail(errno, target);
         ::close(holder);
+        foretell(candidate);
         if (::rename(path().c_str(), target.c_str()) != 0) {
             const int error = errno;
             ::unlink(target.c_str());
             fail(error, target);
         }
         name_ = candidate;
-        return target;
+        return syncFolder(folder_);
     }
     fail(EEXIST, folder_ / name_);
 }

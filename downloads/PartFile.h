@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -37,8 +38,11 @@ public:
     void truncate(std::int64_t size);
     /// Returns once what was written is on the device.
     void sync();
-    /// Gives the file its name, or another one when that was taken meanwhile; nothing is overwritten. Returns the path.
-    std::filesystem::path finish();
+    /// Gives the file its name, or another one when that was taken meanwhile; nothing is overwritten. `foretell` is
+    /// called with the name just before. Returns once the folder is on the device, too.
+    void finish(const std::function<void(const std::string& name)>& foretell);
+    /// Deletes it; nothing but closing it is left to be done.
+    void discard() noexcept;
 
 private:
     PartFile(std::filesystem::path folder, std::string name, int number, std::int64_t size);

@@ -1,18 +1,20 @@
 #pragma once
 
+#include "Core/engine/ResourceBalance.h"
+#include "Core/engine/ResourceRecords.h"
+
 #include <boost/asio/awaitable.hpp>
 
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace skein {
 
 namespace asio = boost::asio;
 
-class TorrentSession;
-class TorrentTask;
-
-/// What the download manager asks of the resource service. Nothing of it throws; what fails is tried again later.
-/// Thread: the main executor.
+/// What the download manager asks of the resource service. Nothing of it throws but the end by cancellation; what fails
+/// is tried again later. Thread: any.
 class ResourceService {
 public:
     ResourceService() = default;
@@ -20,20 +22,29 @@ public:
     ResourceService& operator=(const ResourceService&) = delete;
     virtual ~ResourceService() = default;
 
-    /// Empty when nobody is signed in.
-    virtual std::string signedInUserID() const = 0;
-    /// Reports the bytes of a session that is about to stop. Returns soon, whether or not the service answers.
-    virtual asio::awaitable<void> flushFinalHeartbeat(TorrentTask& task, TorrentSession& session) = 0;
+    virtual asio::awaitable<ServiceAccess> access() = 0;
+    virtual asio::awaitable<bool> registerResource(ResourceRegistration registration) = 0;
+    /// The torrent is whole here now.
+    virtual asio::awaitable<bool> markComplete(std::string infoHash) = 0;
     /// Has the service forget the torrent; false when it did not confirm.
     virtual asio::awaitable<bool> deleteResource(std::string infoHash) = 0;
+    virtual asio::awaitable<bool> releaseResourcesForLogout() = 0;
+    /// Nothing when the service did not answer: what was reported is not confirmed.
+    virtual asio::awaitable<std::optional<HeartbeatBatchResult>> batchHeartbeat(
+        std::vector<HeartbeatPayload> items) = 0;
+    virtual asio::awaitable<std::optional<UserBalanceResponse>> fetchBalance() = 0;
 };
 
-/// For a program that uses no service: there is nothing to report, and nothing to forget.
+/// For a program that uses no service: nobody is signed in.
 class NoResourceService final : public ResourceService {
 public:
-    std::string signedInUserID() const override { return {}; }
-    asio::awaitable<void> flushFinalHeartbeat(TorrentTask& task, TorrentSession& session) override;
+    asio::awaitable<ServiceAccess> access() override;
+    asio::awaitable<bool> registerResource(ResourceRegistration registration) override;
+    asio::awaitable<bool> markComplete(std::string infoHash) override;
     asio::awaitable<bool> deleteResource(std::string infoHash) override;
+    asio::awaitable<bool> releaseResourcesForLogout() override;
+    asio::awaitable<std::optional<HeartbeatBatchResult>> batchHeartbeat(std::vector<HeartbeatPayload> items) override;
+    asio::awaitable<std::optional<UserBalanceResponse>> fetchBalance() override;
 };
 
 }  // namespace skein

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <system_error>
 #include <utility>
 
 namespace skein {
@@ -32,6 +33,10 @@ std::string textIn(const json::object& fields, std::string_view key) {
 std::int64_t sizeIn(const json::object& fields, std::string_view key) {
     const json::value* const value = fields.if_contains(key);
     return value != nullptr && value->is_int64() ? std::max<std::int64_t>(value->get_int64(), -1) : -1;
+}
+
+bool isOneComponent(const std::filesystem::path& name) {
+    return !name.empty() && name == name.filename() && name != "." && name != "..";
 }
 
 std::string_view withoutWeakness(std::string_view tag) { return tag.starts_with("W/") ? tag.substr(2) : tag; }
@@ -56,6 +61,15 @@ bool ResumeData::agreesWith(const HTTPResponse& head) const {
         return withoutWeakness(*tag) == withoutWeakness(entityTag);
     const auto modified = head.header("last-modified");
     return !modified || lastModified.empty() || *modified == lastModified;
+}
+
+bool ResumeData::isFinishedIn(const std::filesystem::path& folder) const {
+    if (finishedName.empty()) return false;
+    std::error_code error;
+    const std::filesystem::path file = folder / finishedName;
+    if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(file, error))) return false;
+    const std::uintmax_t size = std::filesystem::file_size(file, error);
+    return !error && size == static_cast<std::uintmax_t>(syncedBytes);
 }
 
 std::int64_t ResumeData::trustedBytes(std::int64_t size) const {
@@ -83,8 +97,9 @@ std::optional<ResumeData> ResumeData::load(const std::filesystem::path& file, st
     data.totalBytes = sizeIn(fields, "totalBytes");
     data.syncedBytes = std::max<std::int64_t>(sizeIn(fields, "syncedBytes"), 0);
     data.bootID = textIn(fields, "bootID");
-    const std::filesystem::path name(data.fileName);
-    if (data.url != url || name.empty() || name != name.filename() || name == "." || name == "..") return std::nullopt;
+    data.finishedName = textIn(fields, "finishedName");
+    if (data.url != url || !isOneComponent(data.fileName)) return std::nullopt;
+    if (!isOneComponent(data.finishedName)) data.finishedName.clear();
     return data;
 } catch (const std::exception&) {
     return std::nullopt;
@@ -97,6 +112,7 @@ void ResumeData::save(const std::filesystem::path& file) const {
                               {"lastModified", lastModified},
                               {"totalBytes", totalBytes},
                               {"syncedBytes", syncedBytes},
+                              {"finishedName", finishedName},
                               {"bootID", bootID}};
     std::filesystem::create_directories(file.parent_path());
     replaceWholeFile(file, asBytes(json::serialize(fields)), std::filesystem::perms{0600});

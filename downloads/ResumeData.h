@@ -24,6 +24,8 @@ struct ResumeData {
     std::string lastModified;      ///< empty where it does not tell one version from the next
     std::int64_t totalBytes = -1;  ///< -1: not known
     std::int64_t syncedBytes = 0;
+    /// The name that the file has got, or is just getting, as a whole one of `syncedBytes`; empty before.
+    std::string finishedName;
     std::string bootID;  ///< of the machine's run in which this was written
 
     /// With what `head` says.
@@ -35,6 +37,8 @@ struct ResumeData {
     bool isResumable() const { return totalBytes >= 0 || !validator().empty(); }
     /// Whether `head` does not contradict that it is the same file.
     bool agreesWith(const HTTPResponse& head) const;
+    /// Whether the file is whole, and in `folder` under its name. Blocks: disk pool only.
+    bool isFinishedIn(const std::filesystem::path& folder) const;
     /// How much of an unfinished file of `size` bytes is taken for good.
     std::int64_t trustedBytes(std::int64_t size) const;
 

@@ -18,6 +18,7 @@ struct TaskListChanged {
 /// Published when a download has completed, whether or not the desktop is told of it too.
 struct DownloadCompleted {
     UUID id;
+    std::string infoHash;
     std::string name;
 };
 

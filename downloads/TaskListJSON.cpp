@@ -1,6 +1,5 @@
 #include "downloads/TaskListJSON.h"
 
-#include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 
@@ -14,35 +13,36 @@ json::value orNull(const TorrentTask::Text& text) { return text ? json::value(*t
 
 }  // namespace
 
-std::string taskAsJSON(const TorrentTask& task) {
-    const json::object fields{{"infoHash", task.infoHash},
-                              {"name", task.getDisplayName()},
-                              {"status", textOf(task.status())},
-                              {"progress", task.progress()},
-                              {"totalSize", task.totalSize()},
-                              {"downloadedBytes", task.downloadedBytes()},
-                              {"downloadSpeed", task.downloadSpeed()},
-                              {"uploadSpeed", task.uploadSpeed()},
-                              {"peerCount", task.peerCount()},
-                              {"downloadType", textOf(task.downloadType)},
-                              {"magnetURI", orNull(task.magnetURI)},
-                              {"downloadURL", orNull(task.downloadURL)},
-                              {"category", textOf(task.category())},
-                              {"notes", task.notes()},
-                              {"ownerUserID", orNull(task.ownerUserID())},
-                              {"accelerateEnabled", task.accelerateEnabled()},
-                              {"errorMessage", orNull(task.errorMessage())},
-                              {"statusMessage", orNull(task.statusMessage())},
-                              {"stallReason", orNull(task.stallReason())},
-                              {"currencyEarned", task.currencyEarned()},
-                              {"currencySpent", task.currencySpent()},
-                              {"dlBytesFromPlatformPeers", task.dlBytesFromPlatformPeers()},
-                              {"dlBytesFromPublicBT", task.dlBytesFromPublicBT()},
-                              {"dlBytesFromRelay", task.dlBytesFromRelay()},
-                              {"uncommittedDlBytesFromPlatformPeers", task.uncommittedDlBytesFromPlatformPeers()},
-                              {"uncommittedDlBytesFromPublicBT", task.uncommittedDlBytesFromPublicBT()},
-                              {"uncommittedDlBytesFromRelay", task.uncommittedDlBytesFromRelay()}};
-    return json::serialize(fields);
+json::object taskAsObject(const TorrentTask& task) {
+    return {{"infoHash", task.infoHash},
+            {"name", task.getDisplayName()},
+            {"status", textOf(task.status())},
+            {"progress", task.progress()},
+            {"totalSize", task.totalSize()},
+            {"downloadedBytes", task.downloadedBytes()},
+            {"downloadSpeed", task.downloadSpeed()},
+            {"uploadSpeed", task.uploadSpeed()},
+            {"peerCount", task.peerCount()},
+            {"downloadType", textOf(task.downloadType)},
+            {"magnetURI", orNull(task.magnetURI)},
+            {"downloadURL", orNull(task.downloadURL)},
+            {"category", textOf(task.category())},
+            {"notes", task.notes()},
+            {"ownerUserID", orNull(task.ownerUserID())},
+            {"accelerateEnabled", task.accelerateEnabled()},
+            {"errorMessage", orNull(task.errorMessage())},
+            {"statusMessage", orNull(task.statusMessage())},
+            {"stallReason", orNull(task.stallReason())},
+            {"currencyEarned", task.currencyEarned()},
+            {"currencySpent", task.currencySpent()},
+            {"dlBytesFromPlatformPeers", task.dlBytesFromPlatformPeers()},
+            {"dlBytesFromPublicBT", task.dlBytesFromPublicBT()},
+            {"dlBytesFromRelay", task.dlBytesFromRelay()},
+            {"uncommittedDlBytesFromPlatformPeers", task.uncommittedDlBytesFromPlatformPeers()},
+            {"uncommittedDlBytesFromPublicBT", task.uncommittedDlBytesFromPublicBT()},
+            {"uncommittedDlBytesFromRelay", task.uncommittedDlBytesFromRelay()}};
 }
+
+std::string taskAsJSON(const TorrentTask& task) { return json::serialize(taskAsObject(task)); }
 
 }  // namespace skein

@@ -3,11 +3,18 @@
 #include <boost/asio/post.hpp>
 
 #include <algorithm>
+#include <utility>
 
 namespace skein {
 
-TaskSessions::TaskSessions(const Strand& main, FileLogger& log, Makers makers, Callbacks callbacks)
-    : log_(log), makers_(std::move(makers)), callbacks_(std::move(callbacks)), stopEnded_(main), tasks_(main) {}
+TaskSessions::TaskSessions(const Strand& main, FileLogger& log, TaskTargets& targets, Makers makers,
+                           Callbacks callbacks)
+    : log_(log),
+      targets_(targets),
+      makers_(std::move(makers)),
+      callbacks_(std::move(callbacks)),
+      stopEnded_(main),
+      tasks_(main) {}
 
 std::shared_ptr<TorrentSession> TaskSessions::torrentOf(const Task& task) const {
     const auto found = running_.find(task->id);
@@ -21,24 +28,58 @@ std::vector<std::shared_ptr<TorrentSession>> TaskSessions::torrents() const {
     return torrents;
 }
 
-// --- start and stop
-// --------------------------------------------------------------------------------------------------------
+// --- start and stop --------------------------------------------------------------------------------------------------
 
-void TaskSessions::startTorrent(const Task& task, const SHA1Digest& infoHash, TorrentOrigin origin) {
-    if (isClosed_) return;
-    std::vector<std::string> extraTrackers;
-    if (origin.torrentData && origin.magnet) extraTrackers = origin.magnet->trackers;
-    const auto running = std::make_shared<Running>();
-    running->torrent = makers_.torrent(infoHash, extraTrackers);
-    running->torrent->setCallbacks(torrentCallbacks(task, running));
+std::shared_ptr<TaskSessions::Running> TaskSessions::admit(const Task& task) {
+    auto running = std::make_shared<Running>();
     running_[task->id] = running;
     callbacks_.onMovement();
-    tasks_.spawn(runTorrent(task, running, std::move(origin)));
+    return running;
 }
 
-asio::awaitable<void> TaskSessions::runTorrent(Task task, std::shared_ptr<Running> running, TorrentOrigin origin) {
+/// Has the task's target for the session; false when it is not to start after all.
+asio::awaitable<bool> TaskSessions::prepare(Task task, std::shared_ptr<Running> running, bool writes) {
+    const SHA1Digest key = TaskTargets::keyOf(*task);
+    std::string failure;
+    bool isReady = false;
+    try {
+        if (writes) {
+            running->target = co_await targets_.take(key, TaskTargets::Purpose::write);
+            running->folder = running->target->folder;
+        } else {
+            running->folder = co_await targets_.folderOf(key);
+        }
+        isReady = true;
+    } catch (const boost::system::system_error&) {
+        // Cancelled: everything stops.
+    } catch (const std::exception& error) {
+        failure = error.what();
+    }
+    running->isPreparing = false;
+    stopEnded_.notify();
+    if (running->isStopping) co_return false;
+    if (failure.empty()) co_return isReady;
+    running_.erase(task->id);
+    callbacks_.onFailed(task, failure);
+    callbacks_.onChecked(task);
+    co_return false;
+}
+
+void TaskSessions::startTorrent(const Task& task, TorrentOrigin origin, bool seedsOnly) {
+    if (isClosed_) return;
+    tasks_.spawn(runTorrent(task, admit(task), std::move(origin), seedsOnly));
+}
+
+asio::awaitable<void> TaskSessions::runTorrent(Task task, std::shared_ptr<Running> running, TorrentOrigin origin,
+                                               bool seedsOnly) {
+    const bool isReady = co_await prepare(task, running, !seedsOnly);
+    if (!isReady) co_return;
+    SessionWishes wishes{running->folder, {}, task->accelerateEnabled(), seedsOnly};
+    if (origin.torrentData && origin.magnet) wishes.extraTrackers = origin.magnet->trackers;
     // Held here too: a stopped session leaves the table before its start has returned.
-    const std::shared_ptr<TorrentSession> session = running->torrent;
+    const std::shared_ptr<TorrentSession> session = makers_.torrent(TaskTargets::keyOf(*task), wishes);
+    session->setCallbacks(torrentCallbacks(task, running));
+    running->torrent = session;
     try {
         if (origin.torrentData) {
             co_await session->start(std::move(*origin.torrentData));
@@ -53,23 +94,25 @@ asio::awaitable<void> TaskSessions::runTorrent(Task task, std::shared_ptr<Runnin
 
 void TaskSessions::startHTTP(const Task& task, const std::optional<std::string>& fileName) {
     if (isClosed_) return;
-    const auto running = std::make_shared<Running>();
-    running->http = makers_.http(*task->downloadURL, fileName);
-    running->http->setCallbacks(httpCallbacks(task, running));
-    running->hasDownloaded = true;
-    running_[task->id] = running;
-    callbacks_.onMovement();
-    tasks_.spawn(runHTTP(running->http));
+    tasks_.spawn(runHTTP(task, admit(task), fileName));
 }
 
-asio::awaitable<void> TaskSessions::runHTTP(std::shared_ptr<HTTPDownloadSession> session) {
+asio::awaitable<void> TaskSessions::runHTTP(Task task, std::shared_ptr<Running> running,
+                                            std::optional<std::string> fileName) {
+    const bool isReady = co_await prepare(task, running, true);
+    if (!isReady) co_return;
+    const std::shared_ptr<HTTPDownloadSession> session = makers_.http(*task->downloadURL, running->folder, fileName);
+    session->setCallbacks(httpCallbacks(task, running));
+    session->keepRecord();
+    running->http = session;
+    running->hasDownloaded = true;
     co_await session->setDownloadLimit(makers_.httpDownloadLimit);
     co_await session->start();
 }
 
-asio::awaitable<void> TaskSessions::clearHTTPDownload(Task task) {
+asio::awaitable<void> TaskSessions::clearHTTPDownload(Task task, std::filesystem::path folder) {
     if (!task->downloadURL) co_return;
-    const std::shared_ptr<HTTPDownloadSession> session = makers_.http(*task->downloadURL, std::nullopt);
+    const std::shared_ptr<HTTPDownloadSession> session = makers_.http(*task->downloadURL, folder, std::nullopt);
     co_await session->clearResumeData();
     co_await session->stop();
 }
@@ -101,17 +144,27 @@ asio::awaitable<void> TaskSessions::stopSession(Task task) {
     const auto mine = running_.find(task->id);
     if (mine == running_.end() || mine->second != running) co_return;
     const StopMark mark(*this, running);
+    while (running->isPreparing) co_await stopEnded_.wait();
     if (running->torrent) {
-        co_await callbacks_.beforeStop(task, running->torrent);
+        co_await callbacks_.beforeStop(running->torrent);
         co_await running->torrent->stop();
-    } else {
+        co_await callbacks_.afterStop(running->torrent);
+    } else if (running->http) {
         co_await running->http->stop();
+        if (running->isSaved) co_await running->http->clearResumeData();
     }
+    running->target.reset();
     running_.erase(task->id);
     callbacks_.onMovement();
 }
 
 asio::awaitable<void> TaskSessions::dropSession(Task task) { co_await stopSession(std::move(task)); }
+
+/// Its resume data goes once the list says that it is complete: killed in between, a new session finds it finished.
+asio::awaitable<void> TaskSessions::dropCompleted(Task task, std::shared_ptr<Running> running) {
+    running->isSaved = co_await callbacks_.whenSaved();
+    co_await stopSession(std::move(task));
+}
 
 // --- what sessions report --------------------------------------------------------------------------------------------
 
@@ -135,14 +188,7 @@ TorrentSession::Callbacks TaskSessions::torrentCallbacks(const Task& task, const
         relay(weakTask, weak, [this, state](const Task& of) { applyState(of, state); });
     };
     callbacks.onProgressUpdated = [this, weakTask, weak](const TorrentSession::Progress& progress) {
-        relay(weakTask, weak, [this, progress](const Task& of) {
-            const auto batch = of->batch();
-            of->progress.set(progress.fraction);
-            of->downloadedBytes.set(progress.completedBytes);
-            of->downloadSpeed.set(progress.downloadRate);
-            of->uploadSpeed.set(progress.uploadRate);
-            callbacks_.onMovement();
-        });
+        relay(weakTask, weak, [this, progress](const Task& of) { applyProgress(of, progress); });
     };
     callbacks.onMetadataReceived = [this, weakTask, weak](const TorrentMetaInfo& metaInfo) {
         relay(weakTask, weak, [this, metaInfo](const Task& of) {
@@ -171,6 +217,30 @@ TorrentSession::Callbacks TaskSessions::torrentCallbacks(const Task& task, const
         });
     };
     return callbacks;
+}
+
+void TaskSessions::applyProgress(const Task& task, const TorrentSession::Progress& progress) {
+    const auto batch = task->batch();
+    task->progress.set(progress.fraction);
+    task->downloadedBytes.set(progress.completedBytes);
+    task->downloadSpeed.set(progress.downloadRate);
+    task->uploadSpeed.set(progress.uploadRate);
+    Running& running = *running_.at(task->id);
+    const TorrentSession::Progress before = std::exchange(running.reported, progress);
+    // What sessions before this one left unconfirmed stands in the task already.
+    const auto move = [](auto& value, std::int64_t from, std::int64_t to) {
+        if (from != to) value.set(std::max<std::int64_t>(value() + to - from, 0));
+    };
+    const BytesBySource& was = before.receivedBySource;
+    const BytesBySource& is = progress.receivedBySource;
+    move(task->dlBytesFromPlatformPeers, was.platform, is.platform);
+    move(task->dlBytesFromPublicBT, was.publicBT, is.publicBT);
+    move(task->dlBytesFromRelay, was.relay, is.relay);
+    move(task->uncommittedDlBytesFromPlatformPeers, before.uncommitted.platform, progress.uncommitted.platform);
+    move(task->uncommittedDlBytesFromPublicBT, before.uncommitted.publicBT, progress.uncommitted.publicBT);
+    move(task->uncommittedDlBytesFromRelay, before.uncommitted.relay, progress.uncommitted.relay);
+    task->uncommittedUploadedBytes += progress.uncommittedUpload - before.uncommittedUpload;
+    callbacks_.onMovement();
 }
 
 void TaskSessions::applyState(const Task& task, const TorrentSession::State& state) {
@@ -246,7 +316,7 @@ void TaskSessions::applyHTTPState(const Task& task, const HTTPDownloadSession::S
             const auto batch = task->batch();
             callbacks_.onCompleted(task, true);
             task->downloadSpeed.set(0);
-            tasks_.spawn(dropSession(task));
+            tasks_.spawn(dropCompleted(task, running_.at(task->id)));
             break;
         }
         case Kind::failed:

@@ -46,7 +46,8 @@ void saveTo(const fs::path& file, const std::vector<SavedTask>& tasks, bool isDa
     const std::string text = SavedTaskCodec::encode(tasks);
     if (text.size() > TaskStore::maxBytes) throw std::system_error(std::make_error_code(std::errc::file_too_large));
     if (isDamaged && fs::exists(fs::symlink_status(file))) setAside(file);
-    replaceWholeFile(file, asBytes(text));
+    // Web addresses may hold passwords.
+    replaceWholeFile(file, asBytes(text), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 }  // namespace
@@ -74,7 +75,7 @@ asio::awaitable<std::vector<SavedTask>> TaskStore::load() {
 }
 
 void TaskStore::saveTasks() {
-    isUnsaved_ = true;
+    ++changes_;
     isChanged_ = true;
     if (!isLoaded_ || tasks_.isStopping() || std::exchange(isSavePlanned_, true)) return;
     tasks_.spawn(saveSoon());
@@ -96,25 +97,37 @@ asio::awaitable<void> TaskStore::saveSoon() {
         co_await save();
     }
     isSavePlanned_ = false;
+    saved_.notify();  // also of a failure
 }
 
-asio::awaitable<void> TaskStore::saveTheRest() {
+asio::awaitable<bool> TaskStore::saveTheRest() {
+    const std::uint64_t now = changes_;
     if (isLoaded_) co_await save();
+    co_return savedChanges_ >= now;
+}
+
+asio::awaitable<bool> TaskStore::saveNow() { return tasks_.call(saveTheRest()); }
+
+asio::awaitable<bool> TaskStore::whenSaved() {
+    const std::uint64_t now = changes_;
+    while (savedChanges_ < now && isSavePlanned_) co_await saved_.wait();
+    co_return savedChanges_ >= now;
 }
 
 asio::awaitable<void> TaskStore::save() {
     while (isSaving_) co_await saved_.wait();
-    if (!std::exchange(isUnsaved_, false)) co_return;
+    if (savedChanges_ == changes_) co_return;
+    const std::uint64_t saved = changes_;
     isSaving_ = true;
     lastSave_ = clock_.now();
     auto work = [file = file_, tasks = snapshot_(), isDamaged = isDamaged_] { saveTo(file, tasks, isDamaged); };
     auto saving = runOn(disk_, std::move(work));
     try {
         co_await std::move(saving);
+        savedChanges_ = saved;
         isDamaged_ = false;
         hasFailed_ = false;
     } catch (const std::exception& error) {
-        isUnsaved_ = true;
         if (!std::exchange(hasFailed_, true))
             log_.error("[Manager] ❌ saving ", file_.string(), " failed: ", textOf(error));
     }

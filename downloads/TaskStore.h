@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -46,6 +47,10 @@ public:
     /// repeated with the next change. Nothing is written until the first call after `loadSavedTasks` returned: the list
     /// on disk is not replaced by one that was begun without it.
     void saveTasks();
+    /// Returns once everything up to now is on the disk, false when it is not: the write failed, or the store stops.
+    asio::awaitable<bool> whenSaved();
+    /// The same, without waiting for the next write. Throws as `loadSavedTasks`.
+    asio::awaitable<bool> saveNow();
 
     /// Writes what is not yet written, and returns when nothing of the store runs any more. May be called again.
     asio::awaitable<void> stop();
@@ -53,7 +58,7 @@ public:
 private:
     asio::awaitable<std::vector<SavedTask>> load();
     asio::awaitable<void> saveSoon();
-    asio::awaitable<void> saveTheRest();
+    asio::awaitable<bool> saveTheRest();
     asio::awaitable<void> save();
 
     const asio::any_io_executor disk_;
@@ -63,8 +68,9 @@ private:
     const Snapshot snapshot_;
     bool isLoaded_ = false;
     bool isDamaged_ = false;  ///< the file on disk is to be set aside first
-    bool isUnsaved_ = false;  ///< something changed since the last snapshot, or its write failed
-    bool isChanged_ = false;  ///< saveSoon has to go on
+    std::uint64_t changes_ = 0;
+    std::uint64_t savedChanges_ = 0;  ///< those on the disk
+    bool isChanged_ = false;          ///< saveSoon has to go on
     bool isSaving_ = false;
     bool isSavePlanned_ = false;  ///< saveSoon runs
     bool hasFailed_ = false;      ///< the last write did

@@ -80,6 +80,21 @@ double TorrentTask::fileProgress(const TorrentFileInfo& file) const {
     return static_cast<double>(good) / static_cast<double>(last - first + 1);
 }
 
+void TorrentTask::forgetCredit() {
+    const TaskChanges::Batch together = batch();
+    currencyEarned.set(0);
+    currencySpent.set(0);
+    currencyEarnedConfirmed.set(0);
+    currencySpentConfirmed.set(0);
+    dlBytesFromPlatformPeers.set(0);
+    dlBytesFromPublicBT.set(0);
+    dlBytesFromRelay.set(0);
+    uncommittedDlBytesFromPlatformPeers.set(0);
+    uncommittedDlBytesFromPublicBT.set(0);
+    uncommittedDlBytesFromRelay.set(0);
+    uncommittedUploadedBytes = 0;
+}
+
 void TorrentTask::markCompleted() {
     const auto all = batch();
     status.set(TaskStatus::completed);

@@ -89,6 +89,7 @@ public:
     Value<TaskField::uncommittedDlBytesFromPlatformPeers, std::int64_t> uncommittedDlBytesFromPlatformPeers{changes_};
     Value<TaskField::uncommittedDlBytesFromPublicBT, std::int64_t> uncommittedDlBytesFromPublicBT{changes_};
     Value<TaskField::uncommittedDlBytesFromRelay, std::int64_t> uncommittedDlBytesFromRelay{changes_};
+    std::int64_t uncommittedUploadedBytes = 0;  ///< not shown; what is earned by them is
     Value<TaskField::isVerifying, bool> isVerifying{changes_};
     Value<TaskField::isControlOperationInProgress, bool> isControlOperationInProgress{changes_};
     Value<TaskField::controlOperationMessage, Text> controlOperationMessage{changes_};
@@ -113,6 +114,8 @@ public:
     /// The files as they lie under `folder`, the download folder: a value that may go to the disk pool.
     TaskFiles filesIn(std::filesystem::path folder) const { return {std::move(folder), files()}; }
 
+    /// What the service has confirmed, and what it has not, was another user's.
+    void forgetCredit();
     /// Completed, with every piece.
     void markCompleted();
 };

@@ -27,7 +27,7 @@ bool isUsable(const std::string& text) {
     return scope != AddressScope::loopback && scope != AddressScope::unspecified && scope != AddressScope::multicast;
 }
 
-std::optional<std::string> probeRoute(FileLogger& log) {
+std::optional<std::string> probeRoute(FileLogger& log) try {
     asio::io_context context(1);
     udp::socket socket(context);
     boost::system::error_code error;
@@ -46,6 +46,10 @@ std::optional<std::string> probeRoute(FileLogger& log) {
     if (!isUsable(address)) return std::nullopt;
     log.info("[LocalIP] ✓ (socket) ", address);
     return address;
+} catch (const boost::system::system_error& failure) {
+    // Out of descriptors: without a socket of any kind there is still the list of interfaces.
+    log.warning("[LocalIP] socket() failed, errno=", failure.code().message());
+    return std::nullopt;
 }
 
 }  // namespace

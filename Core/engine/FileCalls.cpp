@@ -31,6 +31,17 @@ ssize_t FileCalls::write(int file, const iovec* from, int count, std::int64_t of
     return count == 1 ? ::pwrite(file, from->iov_base, from->iov_len, offset) : ::pwritev(file, from, count, offset);
 }
 
+#ifdef __APPLE__
+void FileCalls::willRead(int file, std::int64_t offset, std::int64_t length) {
+    radvisory range{offset, static_cast<int>(length)};
+    ::fcntl(file, F_RDADVISE, &range);
+}
+#else
+void FileCalls::willRead(int file, std::int64_t offset, std::int64_t length) {
+    ::posix_fadvise(file, offset, length, POSIX_FADV_WILLNEED);
+}
+#endif
+
 #ifdef SEEK_HOLE
 std::int64_t FileCalls::nextData(int file, std::int64_t offset) { return ::lseek(file, offset, SEEK_DATA); }
 std::int64_t FileCalls::nextHole(int file, std::int64_t offset) { return ::lseek(file, offset, SEEK_HOLE); }

@@ -28,6 +28,8 @@ public:
     virtual int resize(int file, std::int64_t size);
     virtual ssize_t read(int file, const iovec* into, int count, std::int64_t offset);
     virtual ssize_t write(int file, const iovec* from, int count, std::int64_t offset);
+    /// Starts to read the range into the page cache; the system may take less of it than asked.
+    virtual void willRead(int file, std::int64_t offset, std::int64_t length);
     /// Where the next data at or after `offset` begins; -1 with ENXIO when there is none, with another errno when the
     /// file system cannot tell.
     virtual std::int64_t nextData(int file, std::int64_t offset);

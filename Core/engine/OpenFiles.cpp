@@ -62,6 +62,8 @@ void OpenFiles::closeAll(std::uint64_t owner) {
 }
 
 bool OpenFiles::shrink() {
+    // One after the other: whoever finds nothing left to close finds that the others have closed theirs.
+    const std::lock_guard turn(shrinking_);
     Entries dropped;
     const std::lock_guard lock(mutex_);
     if (recent_.empty()) return false;

@@ -45,7 +45,8 @@ public:
     File acquire(const Key& key, Access access, const Opener& open);
     void close(const Key& key);
     void closeAll(std::uint64_t owner);
-    /// Closes half of what is open, for when the process has run out of descriptors. False when nothing was open.
+    /// Closes half of what is open, for when the process has run out of descriptors. False when nothing was open any
+    /// more: what other threads closed in their calls is free by then, so opening is worth one last attempt.
     bool shrink();
     std::size_t count() const;
 
@@ -58,6 +59,7 @@ private:
     using Entries = std::list<Entry>;
 
     const std::size_t capacity_;
+    std::mutex shrinking_;  // locked before the other
     mutable std::mutex mutex_;
     std::uint64_t owners_ = 0;
     Entries recent_;  // the latest used first

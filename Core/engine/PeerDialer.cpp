@@ -8,6 +8,14 @@ namespace skein {
 
 namespace {
 
+constexpr std::string_view seederTag = "[Direct][Seeder] ";
+
+std::string_view tagOf(const DialRequest& request, const DialAttempt& how) {
+    if (how.transport == PeerTransport::utp) return "[uTP] ";
+    if (how.isEncrypted()) return "[MSE] ";
+    return request.servicePeer && request.servicePeer->isLeecher ? seederTag : std::string_view("[Direct] ");
+}
+
 DialFailure failureOf(const PeerConnection& connection) {
     if (!connection.hasReachedPeer()) return DialFailure::unreachable;
     if (connection.mayNeedOtherPrime()) return DialFailure::otherPrimeNeeded;
@@ -44,11 +52,18 @@ void PeerDialer::close() {
 void PeerDialer::connectToPeer(const DialRequest& request) {
     if (!isOpen_ || isBusyWith(request.address)) return;
     ++addressesOffered_;
-    if (publicPeerRetryAfter_.isResting(request.address, environment_.clock.now())) {
+    if (isResting(request)) {
         environment_.log.debug("[Direct] skip recently failed public BT peer ", request.address.description());
         return;
     }
     startOrQueue(request);
+}
+
+bool PeerDialer::isResting(const DialRequest& request) {
+    const Clock::TimePoint now = environment_.clock.now();
+    // A peer of the service is there now, whatever it was when others named it.
+    return unwanted_.isResting(request.address, now) ||
+           (!request.servicePeer && publicPeerRetryAfter_.isResting(request.address, now));
 }
 
 bool PeerDialer::isBusyWith(const PeerAddress& address) const {
@@ -60,8 +75,17 @@ bool PeerDialer::isFull() const {
            publicPeerDialInFlight_.size() >= callbacks_.room();
 }
 
+/// The budget is for strangers.
+bool PeerDialer::isFullFor(const DialRequest& request) const {
+    return request.servicePeer ? publicPeerDialInFlight_.size() >= callbacks_.room() : isFull();
+}
+
 void PeerDialer::startOrQueue(const DialRequest& request) {
-    if (isFull()) return enqueuePendingPublicPeerDial(request);
+    if (isFullFor(request)) {
+        // The service lists its peers again before long.
+        if (!request.servicePeer) enqueuePendingPublicPeerDial(request);
+        return;
+    }
     publicPeerDialInFlight_.insert(request.address);
     tasks_.spawn(dial(request));
 }
@@ -92,13 +116,17 @@ void PeerDialer::drainPendingPublicPeerDials() {
 }
 
 void PeerDialer::leaveAlone(const PeerAddress& address, Clock::Duration cooldown) {
-    publicPeerRetryAfter_.rest(address, environment_.clock.now() + cooldown);
+    unwanted_.rest(address, environment_.clock.now() + cooldown);
+}
+
+void PeerDialer::restAfterFailure(const PeerAddress& address) {
+    publicPeerRetryAfter_.rest(address, environment_.clock.now() + publicPeerFailureCooldown);
 }
 
 void PeerDialer::noteDisconnect(const DialRequest& origin, bool wasFruitless) {
-    if (publicPeerRetryAfter_.isResting(origin.address, environment_.clock.now())) return;
+    if (origin.servicePeer || isResting(origin)) return;
     if (origin.isNamedByUser) return retryLater(origin);
-    if (wasFruitless) leaveAlone(origin.address, publicPeerFailureCooldown);
+    if (wasFruitless) restAfterFailure(origin.address);
 }
 
 void PeerDialer::retryLater(const DialRequest& request) {
@@ -127,7 +155,7 @@ asio::awaitable<void> PeerDialer::dial(DialRequest request) {
     for (bool goesOn = true; goesOn;) {
         const DialAttempt how = plan.current();
         connection = callbacks_.makeConnection(request.address, environment_.dial(request.address, how));
-        failure = co_await attempt(*connection, how);
+        failure = co_await attempt(request, *connection, how);
         if (tasks_.isStopping()) break;
         learn(*connection, how);
         if (failure.empty()) break;
@@ -149,38 +177,24 @@ asio::awaitable<void> PeerDialer::dial(DialRequest request) {
 }
 
 /// The error's text, or nothing when the handshake is done.
-asio::awaitable<std::string> PeerDialer::attempt(PeerConnection& connection, const DialAttempt& how) {
-    if (how.transport == PeerTransport::utp) return connectToPeerViaUTP(connection, how);
-    if (how.isEncrypted()) return connectToPeerViaMSE(connection, how);
-    return connectToPeerViaTCP(connection);
-}
-
-asio::awaitable<std::string> PeerDialer::connectToPeerViaTCP(PeerConnection& connection) {
-    return connect("[Direct] ", connection, {});
-}
-
-asio::awaitable<std::string> PeerDialer::connectToPeerViaMSE(PeerConnection& connection, const DialAttempt& how) {
-    return connect("[MSE] ", connection, how);
-}
-
-asio::awaitable<std::string> PeerDialer::connectToPeerViaUTP(PeerConnection& connection, const DialAttempt& how) {
-    return connect("[uTP] ", connection, how);
-}
-
-asio::awaitable<std::string> PeerDialer::connect(std::string_view tag, PeerConnection& connection, DialAttempt how) {
+asio::awaitable<std::string> PeerDialer::attempt(const DialRequest& request, PeerConnection& connection,
+                                                 DialAttempt how) {
+    const std::string_view tag = tagOf(request, how);
     const std::string address = connection.address().description();
     environment_.log.debug(tag, "→ ", address);
+    const std::chrono::seconds plainTimeout = request.servicePeer ? platformConnectTimeout : publicBTConnectTimeout;
     std::string failure;
     try {
-        co_await connection.connect(how.isEncrypted() ? encryptedConnectTimeout : publicBTConnectTimeout,
-                                    how.encryption, how.prime);
+        co_await connection.connect(how.isEncrypted() ? encryptedConnectTimeout : plainTimeout, how.encryption,
+                                    how.prime);
     } catch (const std::exception& error) {
         failure = textOf(error);
     }
     if (failure.empty()) {
         environment_.log.info(tag, "✓ ", address);
     } else if (!tasks_.isStopping()) {
-        environment_.log.info(tag, "✗ ", address, " — ", failure);
+        const bool isUnreachedLeecher = tag == seederTag && !connection.hasReachedPeer();
+        environment_.log.info(tag, "✗ ", address, " — ", isUnreachedLeecher ? "seeder tcp failed" : failure);
     }
     co_return failure;
 }
@@ -204,9 +218,9 @@ DialExperience& PeerDialer::experienceWith(const PeerAddress& address) {
 void PeerDialer::rememberFailedDial(const DialRequest& request, const PeerConnection& last, const std::string& error) {
     if (request.isNamedByUser) {
         retryLater(request);
-    } else {
+    } else if (!request.servicePeer) {
         environment_.log.debug("[Direct] public BT peer failed; no Relay fallback ", request.address.description());
-        leaveAlone(request.address, publicPeerFailureCooldown);
+        restAfterFailure(request.address);
     }
     callbacks_.onFailed(request);
     PeerRuntimeInfo row;
@@ -215,7 +229,7 @@ void PeerDialer::rememberFailedDial(const DialRequest& request, const PeerConnec
     row.direction = PeerDirection::outgoing;
     row.transport = last.transportKind();
     row.encryption = last.encryptionStatus();
-    row.lastError = request.isNamedByUser ? error : "public peer connect failed";
+    row.lastError = request.isNamedByUser || request.servicePeer ? error : "public peer connect failed";
     callbacks_.onRow(std::move(row));
 }
 

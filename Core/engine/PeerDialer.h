@@ -29,6 +29,8 @@ public:
     static constexpr std::size_t maxPublicPeerDialInFlight = 16;
     static constexpr std::size_t maxPendingPublicPeerDials = 256;
     static constexpr std::chrono::seconds publicBTConnectTimeout{15};
+    /// A peer that the resource service listed was there a moment ago, and the relay comes next.
+    static constexpr std::chrono::seconds platformConnectTimeout{5};
     /// A peer that knows nothing of encryption may wait for more of what it takes for a handshake. Shorter, because
     /// other attempts come after this one while the dial keeps its place in the budget.
     static constexpr std::chrono::seconds encryptedConnectTimeout{10};
@@ -90,18 +92,17 @@ public:
 
 private:
     bool isBusyWith(const PeerAddress& address) const;
+    bool isResting(const DialRequest& request);
     bool isFull() const;
+    bool isFullFor(const DialRequest& request) const;
     void startOrQueue(const DialRequest& request);
     void enqueuePendingPublicPeerDial(const DialRequest& request);
     asio::awaitable<void> dial(DialRequest request);
-    asio::awaitable<std::string> attempt(PeerConnection& connection, const DialAttempt& how);
-    asio::awaitable<std::string> connectToPeerViaTCP(PeerConnection& connection);
-    asio::awaitable<std::string> connectToPeerViaMSE(PeerConnection& connection, const DialAttempt& how);
-    asio::awaitable<std::string> connectToPeerViaUTP(PeerConnection& connection, const DialAttempt& how);
-    asio::awaitable<std::string> connect(std::string_view tag, PeerConnection& connection, DialAttempt how);
+    asio::awaitable<std::string> attempt(const DialRequest& request, PeerConnection& connection, DialAttempt how);
     void learn(const PeerConnection& connection, const DialAttempt& how);
     DialExperience& experienceWith(const PeerAddress& address);
     void rememberFailedDial(const DialRequest& request, const PeerConnection& last, const std::string& error);
+    void restAfterFailure(const PeerAddress& address);
     void retryLater(const DialRequest& request);
     asio::awaitable<void> retryNamedPeer(DialRequest request);
     void handleUTPAnswer(const DialRequest& request);
@@ -111,7 +112,8 @@ private:
     std::unordered_set<PeerAddress> publicPeerDialInFlight_;
     std::deque<DialRequest> pendingPublicPeerDials_;
     std::unordered_set<PeerAddress> pendingPublicPeerDialAddresses_;
-    AddressCooldowns publicPeerRetryAfter_;
+    AddressCooldowns publicPeerRetryAfter_;  // after a failed dial
+    AddressCooldowns unwanted_;              // whoever names them
     std::unordered_set<PeerAddress> namedPeersToRetry_;
     std::unordered_map<PeerAddress, DialExperience> experiences_;  // of peers that differ from what is usual
     std::size_t addressesOffered_ = 0;

@@ -32,8 +32,8 @@ PeerDialer::Callbacks PeerPool::dialerCallbacks() {
     callbacks.makeConnection = [this](const PeerAddress& address, std::unique_ptr<PeerWireTransport> transport) {
         return makeConnection(address, std::move(transport), PeerDirection::outgoing);
     };
-    callbacks.isConnectedTo = [this](const PeerAddress& address) { return isConnectedTo(address); };
-    callbacks.room = [this] { return roomForDials(); };
+    callbacks.isConnectedTo = [this](const PeerAddress& address) { return findDirect(address) != nullptr; };
+    callbacks.room = [this] { return room(); };
     callbacks.onConnected = [this](const DialRequest& request, std::unique_ptr<PeerConnection> connection) {
         admit(makePeer(request, std::move(connection)));
     };
@@ -42,23 +42,42 @@ PeerDialer::Callbacks PeerPool::dialerCallbacks() {
     return callbacks;
 }
 
-bool PeerPool::isConnectedTo(const PeerAddress& address) const {
-    return std::any_of(connected_.begin(), connected_.end(),
-                       [&](const auto& entry) { return entry.second->connection->address() == address; });
+PeerPool::Peer* PeerPool::findDirect(const PeerAddress& address) {
+    for (const auto& [key, peer] : connected_)
+        if (!peer->isRelayed() && peer->connection->address() == address) return peer.get();
+    return nullptr;
 }
 
-std::size_t PeerPool::roomForDials() const noexcept {
+std::size_t PeerPool::room() const noexcept {
     const std::size_t taken = connected_.size() + accepting_;
     return taken < environment_.maxConnections ? environment_.maxConnections - taken : 0;
+}
+
+asio::awaitable<std::string> PeerPool::connectOver(std::unique_ptr<PeerWireTransport> transport, DialRequest origin,
+                                                   std::chrono::seconds timeout) {
+    co_await asio::this_coro::throw_if_cancelled(false);  // a cancelled dial still stops its connection
+    auto connection = makeConnection(origin.address, std::move(transport), PeerDirection::outgoing);
+    std::string failure;
+    try {
+        co_await connection->connect(timeout);
+    } catch (const std::exception& error) {
+        failure = textOf(error);
+    }
+    if (failure.empty()) {
+        admit(makePeer(origin, std::move(connection)));
+    } else {
+        co_await connection->stop();
+    }
+    co_return failure;
 }
 
 // --- incoming --------------------------------------------------------------------------------------------------------
 
 void PeerPool::handleIncomingConnection(std::unique_ptr<PeerWireTransport> transport, PeerAddress address) {
     environment_.log.debug("[Session] Incoming peer connecting: ", address.description());
-    if (!isOpen_ || tasks_.isStopping() || roomForDials() <= dialer_.dialsInFlight()) return transport->cancel();
+    if (!isOpen_ || tasks_.isStopping() || room() <= dialer_.dialsInFlight()) return transport->cancel();
     auto connection = makeConnection(address, std::move(transport), PeerDirection::incoming);
-    const DialRequest origin{std::move(address), PeerSource::incoming, false};
+    const DialRequest origin{std::move(address), PeerSource::incoming};
     ++accepting_;
     tasks_.spawn(acceptPeer(makePeer(origin, std::move(connection))));
 }
@@ -104,7 +123,13 @@ std::unique_ptr<PeerPool::Peer> PeerPool::makePeer(const DialRequest& origin,
     peer->source = origin.source;
     peer->isNamedByUser = origin.isNamedByUser;
     peer->connection = std::move(connection);
+    if (origin.servicePeer) setServicePeer(*peer, *origin.servicePeer);
     return peer;
+}
+
+void PeerPool::setServicePeer(Peer& peer, const ServicePeer& servicePeer) {
+    peer.servicePeer = servicePeer;
+    peer.connection->setSpeedLimit(servicePeer.speedLimit);
 }
 
 /// Takes the peer in, unless it is ourselves or someone we are connected to already.
@@ -145,9 +170,12 @@ bool PeerPool::isOurselves(const Peer& peer) const {
     return peer.connection->remotePeerID() == environment_.identity.peerID;
 }
 
+/// A relayed connection and a direct one to the same peer stand beside each other until the direct one proves itself.
 PeerPool::Peer* PeerPool::otherConnectionTo(const Peer& peer) {
     for (const auto& [key, other] : connected_)
-        if (other->connection->remotePeerID() == peer.connection->remotePeerID()) return other.get();
+        if (other->isRelayed() == peer.isRelayed() &&
+            other->connection->remotePeerID() == peer.connection->remotePeerID())
+            return other.get();
     return nullptr;
 }
 
@@ -182,7 +210,7 @@ void PeerPool::rememberDisconnectedPeer(const Peer& peer, const std::string& err
     info.lastError = error;
     const bool isShort = environment_.clock.now() - *peer.connection->connectedAt() < shortConversation;
     if (peer.connection->direction() == PeerDirection::outgoing)
-        dialer_.noteDisconnect({info.address, peer.source, peer.isNamedByUser},
+        dialer_.noteDisconnect({info.address, peer.source, peer.isNamedByUser, peer.servicePeer},
                                isShort && info.downloaded + info.uploaded == 0);
     remember(std::move(info));
 }

@@ -14,6 +14,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -43,7 +44,10 @@ public:
         PeerSource source = PeerSource::incoming;
         bool isNamedByUser = false;
         int badPieces = 0;
+        std::optional<ServicePeer> servicePeer;  ///< who it is to the resource service, if that is known
         std::unique_ptr<PeerConnection> connection;
+
+        bool isRelayed() const { return connection->transportKind() == PeerTransport::relay; }
     };
 
     struct Callbacks {
@@ -61,6 +65,10 @@ public:
     ~PeerPool();
 
     void connectToPeer(const DialRequest& request) { dialer_.connectToPeer(request); }
+    /// Shakes hands over `transport`, which with its start takes at most `timeout`, and takes the peer in. Returns why
+    /// that failed, or nothing. The caller is cancelled before the pool stops.
+    asio::awaitable<std::string> connectOver(std::unique_ptr<PeerWireTransport> transport, DialRequest origin,
+                                             std::chrono::seconds timeout);
     void handleIncomingConnection(std::unique_ptr<PeerWireTransport> transport, PeerAddress address);
     /// Asks anew what the connected peers report to.
     void renewCallbacks();
@@ -76,14 +84,17 @@ public:
     void setSpeedLimits(std::int64_t download, std::int64_t upload);
     const std::unordered_map<PeerKey, std::unique_ptr<Peer>>& connected() const noexcept { return connected_; }
     Peer* find(PeerKey key);
+    /// Whom we are connected to at that address, other than over the relay.
+    Peer* findDirect(const PeerAddress& address);
+    /// How many connections more there may be.
+    std::size_t room() const noexcept;
+    static void setServicePeer(Peer& peer, const ServicePeer& servicePeer);
     const PeerDialer& dialer() const noexcept { return dialer_; }
     /// The connected peers and those that left or failed lately.
     std::vector<PeerRuntimeInfo> makePeerRuntimeInfos(const std::function<double(PeerKey)>& progressOf) const;
 
 private:
     PeerDialer::Callbacks dialerCallbacks();
-    bool isConnectedTo(const PeerAddress& address) const;
-    std::size_t roomForDials() const noexcept;
     asio::awaitable<void> acceptPeer(std::unique_ptr<Peer> peer);
     std::unique_ptr<PeerConnection> makeConnection(const PeerAddress& address,
                                                    std::unique_ptr<PeerWireTransport> transport,

@@ -47,7 +47,7 @@ PeerConnection::Callbacks PieceExchange::connectionCallbacks(PeerKey key) {
     };
     callbacks.onBlocksReceived = [this, key] { return afterBlocks(key); };
     callbacks.onPieceRequested = [this](std::vector<BlockRead>& reads) { return readForUpload(reads); };
-    callbacks.onBytesUploaded = [this](std::int64_t count) { callbacks_.onBytesUploaded(count); };
+    callbacks.onBytesUploaded = [this, key](std::int64_t count) { callbacks_.onBytesUploaded(key, count); };
     return callbacks;
 }
 
@@ -121,7 +121,7 @@ void PieceExchange::relieveSlowPeers() {
 }
 
 void PieceExchange::handleReceivedBlock(PeerKey key, std::uint32_t piece, std::uint32_t begin, ByteView block) {
-    callbacks_.onBytesDownloaded(static_cast<std::int64_t>(block.size()));
+    callbacks_.onBytesDownloaded(key, static_cast<std::int64_t>(block.size()));
     if (scheduler_.receiveBlock(key, piece, begin, block) == RequestScheduler::BlockOutcome::whole)
         tasks_.spawn(finishPiece(static_cast<int>(piece), key));
 }
@@ -133,6 +133,7 @@ asio::awaitable<void> PieceExchange::afterBlocks(PeerKey key) {
 
 asio::awaitable<void> PieceExchange::finishPiece(int piece, PeerKey supplier) {
     const ReceiveBlockResult result = co_await pieces_->completePiece(piece);
+    if (result == ReceiveBlockResult::completed) callbacks_.onPieceVerified(piece, supplier);
     if (tasks_.isStopping()) co_return;
     scheduler_.pieceEnded(piece);
     if (result == ReceiveBlockResult::completed) {

@@ -18,10 +18,13 @@ namespace skein {
 class PieceExchange {
 public:
     struct Callbacks {
+        /// It is whole and good, and on the disk. Comes also while the exchange stops.
+        std::function<void(int piece, PeerKey supplier)> onPieceVerified;
         std::function<void(int piece, PeerKey supplier)> onPieceCompleted;
         std::function<void()> onAllPiecesCompleted;
-        std::function<void(std::int64_t bytes)> onBytesDownloaded;
-        std::function<void(std::int64_t bytes)> onBytesUploaded;
+        /// In blocks, wanted or not.
+        std::function<void(PeerKey from, std::int64_t bytes)> onBytesDownloaded;
+        std::function<void(PeerKey to, std::int64_t bytes)> onBytesUploaded;
     };
 
     struct Environment {

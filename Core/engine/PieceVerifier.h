@@ -31,7 +31,8 @@ enum class PieceCondition : std::uint8_t {
 
 /// Checks the pieces on disk against their hashes, on several threads of the disk pool at once.
 ///
-/// Pieces that lie wholly in holes of sparse files are compared with the hash of zeros instead of being read.
+/// Each thread hashes as many pieces side by side as the processor does best. Pieces that lie wholly in holes of sparse
+/// files are compared with the hash of zeros instead of being read.
 /// Owner: PieceManager. One run at a time.
 class PieceVerifier {
 public:
@@ -63,8 +64,12 @@ private:
 
     asio::awaitable<void> work(Worker& worker);
     void checkSome(Worker& worker);
+    bool gather(Worker& worker, std::int64_t& budget);
     bool claim(Worker& worker);
-    std::optional<PieceCondition> checkOrGoOn(Worker& worker, std::int64_t& budget);
+    std::optional<PieceCondition> judgeUnread(Worker& worker, int piece);
+    void hash(Worker& worker, std::int64_t& budget);
+    void readParts(Worker& worker, std::size_t length);
+    std::size_t batchLimit(std::int64_t pieceSize) const;
     const SHA1Digest& hashOfZeros(std::int64_t size);
     bool matches(const SHA1Digest& digest, int piece) const;
 

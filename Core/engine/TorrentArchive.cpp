@@ -49,11 +49,15 @@ fs::path TorrentArchive::resumeRecordOf(const SHA1Digest& infoHash) const {
 
 fs::path TorrentArchive::save(const SHA1Digest& infoHash, const fs::path& folder, std::string_view name,
                               ByteView data) const {
-    fs::create_directories(home_ / "torrents");
-    replaceWholeFile(copyOf(infoHash), data);
+    keep(infoHash, data);
     const TorrentFile::Saved saved = TorrentFile::save(folder, name, data);
     if (saved.isNew) replaceWholeFile(markOf(infoHash), asBytes(fs::absolute(saved.path).string()));
     return saved.path;
+}
+
+void TorrentArchive::keep(const SHA1Digest& infoHash, ByteView data) const {
+    fs::create_directories(home_ / "torrents");
+    replaceWholeFile(copyOf(infoHash), data);
 }
 
 std::optional<Bytes> TorrentArchive::torrent(const SHA1Digest& infoHash) const {

@@ -21,6 +21,8 @@ public:
     /// when it cannot be written, or another file bears that name.
     std::filesystem::path save(const SHA1Digest& infoHash, const std::filesystem::path& folder, std::string_view name,
                                ByteView data) const;
+    /// Keeps a copy, no more. Throws std::system_error.
+    void keep(const SHA1Digest& infoHash, ByteView data) const;
     /// The copy kept, if it is this torrent's; nothing when there is none.
     std::optional<Bytes> torrent(const SHA1Digest& infoHash) const;
     /// The same, or else NAME.torrent beside the download.

@@ -1,11 +1,7 @@
 #include "Core/engine/TorrentSession.h"
 
-#include "Core/discovery/DHTNode.h"
 #include "Core/engine/TorrentFile.h"
-#include "Core/formats/BEncoder.h"
 #include "Core/formats/TorrentParser.h"
-#include "Core/wire/NWPeerWireTransport.h"
-#include "Core/wire/UTPPeerWireTransport.h"
 #include "public/common/RunOn.h"
 
 #include <algorithm>
@@ -16,12 +12,10 @@ using Kind = TorrentSession::State::Kind;
 
 namespace {
 
-constexpr std::chrono::seconds progressInterval{1};
 /// Between two reports while pieces come in by the hundred a second.
 constexpr std::chrono::milliseconds progressPause{100};
 /// What is said to be left to trackers while the size is not known yet: not nothing, which would make us a seeder.
 constexpr std::int64_t leftOfUnknown = MetadataFetch::pieceSize;
-constexpr std::string_view metadataFailure = "Unable to fetch torrent info. Please check your network and try again.";
 
 }  // namespace
 
@@ -32,9 +26,12 @@ TorrentSession::TorrentSession(SHA1Digest infoHash, PeerID peerID, const Service
       options_(std::move(options)),
       tasks_(services.io),
       pauseStep_(tasks_.strand()),
+      transports_({tasks_.strand(), services_.io, services_.clock, services_.log, services_.trackers.resolver,
+                   options_.discovery.bindAddress}),
       peerPool_(poolEnvironment(), poolCallbacks()),
       resumeKeeper_({tasks_.strand(), services.disk, services.clock, services.log, infoHash, options_.archive}) {
     peerPool_.setSpeedLimits(options_.downloadLimit, options_.uploadLimit);
+    if (services_.resources != nullptr) service_ = std::make_unique<SessionService>(serviceEnvironment());
 }
 
 TorrentSession::~TorrentSession() = default;
@@ -68,7 +65,7 @@ asio::awaitable<void> TorrentSession::stop() {
 // --- start -----------------------------------------------------------------------------------------------------------
 
 asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData) {
-    auto parse = [&] { return parseTorrent(torrentData); };
+    auto parse = [&] { return ParsedTorrent::read(torrentData, infoHash_); };
     ParsedTorrent parsed = co_await runOn(services_.disk, std::move(parse));
     if (!parsed.metaInfo) {
         services_.log.warning("[Session] ", parsed.failure);
@@ -100,27 +97,6 @@ asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
         setState(Kind::completed);
     }
     co_await enterRunning();
-}
-
-/// Without a metainfo when the data is not the torrent that this session is for.
-TorrentSession::ParsedTorrent TorrentSession::parseTorrent(const Bytes& torrentData) const {
-    ParsedTorrent parsed;
-    try {
-        if (const auto fault = TorrentFile::faultOf(torrentData)) {
-            parsed.failure = *fault;
-            return parsed;
-        }
-        auto metaInfo = std::make_shared<TorrentMetaInfo>(TorrentParser::parse(torrentData));
-        if (metaInfo->infoHash != infoHash_) {
-            parsed.failure = "Info hash mismatch: expected " + toHex(infoHash_) + ", got " + metaInfo->infoHashHex;
-            return parsed;
-        }
-        parsed.infoData = TorrentFile::infoDataOf(torrentData);
-        parsed.metaInfo = std::move(metaInfo);
-    } catch (const std::exception& error) {
-        parsed.failure = std::string("Failed to parse torrent: ") + error.what();
-    }
-    return parsed;
 }
 
 asio::awaitable<void> TorrentSession::saveTorrentFile(Bytes torrentData) {
@@ -171,6 +147,9 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
     }
     pieceManager_ = pieces;
     PieceExchange::Callbacks callbacks;
+    callbacks.onPieceVerified = [this](int piece, PeerKey supplier) {
+        if (service_) service_->onVerified(supplier, metaInfo_->pieceSize(piece));
+    };
     callbacks.onPieceCompleted = [this](int, PeerKey supplier) {
         if (const PeerPool::Peer* const peer = peerPool_.find(supplier))
             if (discovery_ && peer->connection->direction() == PeerDirection::outgoing)
@@ -178,12 +157,17 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
         if (services_.clock.now() - lastProgressAt_ >= progressPause) updateProgress();
     };
     callbacks.onAllPiecesCompleted = [this] { markCompleted(); };
-    callbacks.onBytesDownloaded = [this](std::int64_t bytes) {
+    callbacks.onBytesDownloaded = [this](PeerKey from, std::int64_t bytes) {
         downloadSpeedTracker_.add(bytes, services_.clock.now());
+        if (service_) service_->onReceived(from, bytes);
     };
-    callbacks.onBytesUploaded = [this](std::int64_t bytes) { uploadSpeedTracker_.add(bytes, services_.clock.now()); };
-    const PieceExchange::Environment exchangeEnvironment{tasks_.strand(), services_.clock,      services_.log,
-                                                         peerPool_,       options_.servesPeers, !options_.seedsOnly};
+    callbacks.onBytesUploaded = [this](PeerKey to, std::int64_t bytes) {
+        uploadSpeedTracker_.add(bytes, services_.clock.now());
+        if (service_) service_->onSent(to, bytes);
+    };
+    const PieceExchange::Environment exchangeEnvironment{
+        tasks_.strand(),    services_.clock, services_.log, peerPool_, options_.uploadMode != UploadMode::disabled,
+        !options_.seedsOnly};
     exchange_ = std::make_unique<PieceExchange>(exchangeEnvironment, pieces, std::move(callbacks));
 }
 
@@ -200,6 +184,7 @@ asio::awaitable<void> TorrentSession::enterRunning() {
     co_await startListening();
     adoptConnectedPeers();
     startPeerDiscoveryForDownload();
+    startService();
     updateProgress();
     lastProgressAt_ = {};                                                // the first piece is told at once
     if (!options_.seedsOnly) resumeKeeper_.noteProgress(pieceManager_);  // what was just hashed need not be again
@@ -219,73 +204,6 @@ asio::awaitable<void> TorrentSession::startListening() {
     };
     co_await services_.listener.add(infoHash_, std::move(handler));
     services_.log.info("[Session] TCP listener started on port ", services_.listener.port());
-}
-
-// --- magnet links ----------------------------------------------------------------------------------------------------
-
-asio::awaitable<void> TorrentSession::fetchMetadata(MagnetLink magnet) {
-    magnetLink_ = std::move(magnet);
-    setState(Kind::fetchingMetadata);
-    peerPool_.allowPeers();
-    makeDiscovery();
-    makeMetadataSearch();
-    std::optional<MetadataSearch::Found> found = co_await metadataSearch_->run();
-    co_await metadataSearch_->stop();
-    metadataSearch_.reset();
-    pauseStep_.notify();
-    if (state_.kind == Kind::paused) co_return;
-    if (!found) {
-        fail(std::string(metadataFailure));
-        co_await closeTraffic();
-        co_return;
-    }
-    auto readInfo = [&] { return TorrentFile::infoDataOf(found->torrentData); };
-    infoData_ = co_await runOn(services_.disk, std::move(readInfo));
-    metaInfo_ = std::move(found->metaInfo);
-    setStatus("Torrent acquired: " + TorrentMetaInfo::cleanDisplayName(metaInfo_->name));
-    services_.log.info("[Session] Metadata parsed, transitioning to downloading...");
-    co_await beginTransfer(std::move(found->torrentData));
-}
-
-void TorrentSession::makeMetadataSearch() {
-    const MetadataSearch::Environment environment{tasks_.strand(),
-                                                  services_.disk,
-                                                  services_.clock,
-                                                  services_.log,
-                                                  services_.trackers.http,
-                                                  peerPool_,
-                                                  options_.discovery.bindAddress};
-    MetadataSearch::Callbacks callbacks;
-    callbacks.onStatusMessage = [this](const std::string& text) { setStatus(text); };
-    callbacks.startDiscovery = [this] { startPeerStrategy(); };
-    callbacks.lookEverywhere = [this] { discovery_->lookEverywhere(); };
-    callbacks.isLooking = [this] { return discovery_->isLooking(); };
-    metadataSearch_ = std::make_unique<MetadataSearch>(environment, *magnetLink_, options_.cacheSites,
-                                                       options_.maxMagnetRounds, std::move(callbacks));
-    discovery_->dialNamedPeers();  // they may have the metadata before any cache site answers
-}
-
-/// The cache sites had nothing, or let us wait: the peers are asked.
-void TorrentSession::startPeerStrategy() {
-    tasks_.spawn(startListening());
-    if (magnetLink_->trackers.empty())
-        services_.log.info("[Session] No trackers in magnet, using fallback public trackers");
-    services_.log.info("[Session] [策略2] Trackers: ", discovery_->trackerCount(), " total");
-    setStatus("Fetching torrent via peer network...");
-    if (services_.dht != nullptr && options_.discovery.usesDHT)
-        services_.log.info("[Session] DHT started on port ", services_.dht->port());
-    discovery_->start();
-    startProgressLoop();
-}
-
-/// Peers that gave us the metadata go on as they are, over the same connections.
-void TorrentSession::adoptConnectedPeers() {
-    if (peerPool_.connected().empty()) return;
-    peerPool_.renewCallbacks();
-    for (const auto& [key, peer] : peerPool_.connected()) {
-        exchange_->adoptPeer(*peer);
-        sendExtendedHandshake(*peer);
-    }
 }
 
 // --- discovery -------------------------------------------------------------------------------------------------------
@@ -328,20 +246,7 @@ PeerPool::Environment TorrentSession::poolEnvironment() {
             identity,
             options_.maxConnections,
             options_.dial,
-            [this](const PeerAddress& address, const DialAttempt& how) { return makeTransport(address, how); }};
-}
-
-std::unique_ptr<PeerWireTransport> TorrentSession::makeTransport(const PeerAddress& address, const DialAttempt& how) {
-    const std::string& bindAddress = options_.discovery.bindAddress;
-    if (how.transport == PeerTransport::utp) {
-        Bytes expectedStart;
-        if (!how.isEncrypted()) expectedStart = PeerHandshake::opening();
-        return std::make_unique<UTPPeerWireTransport>(services_.clock, services_.log, address,
-                                                      PeerDialer::publicBTConnectTimeout, bindAddress,
-                                                      std::move(expectedStart));
-    }
-    return std::make_unique<NWPeerWireTransport>(services_.io, services_.clock, address,
-                                                 PeerDialer::publicBTConnectTimeout, bindAddress);
+            [this](const PeerAddress& address, const DialAttempt& how) { return transports_.make(address, how); }};
 }
 
 PeerPool::Callbacks TorrentSession::poolCallbacks() {
@@ -350,6 +255,7 @@ PeerPool::Callbacks TorrentSession::poolCallbacks() {
     callbacks.onPeerReady = [this](PeerPool::Peer& peer) { onPeerReady(peer); };
     callbacks.onDialFailed = [this](const DialRequest& request) {
         if (discovery_ && !request.isNamedByUser) discovery_->recordFailure(request.address, request.source);
+        if (service_ && request.servicePeer) service_->onDialFailed(request);
     };
     callbacks.onPeerGone = [this](const PeerPool::Peer& peer) { onPeerGone(peer); };
     return callbacks;
@@ -392,6 +298,7 @@ void TorrentSession::sendExtendedHandshake(const PeerPool::Peer& peer) {
 }
 
 void TorrentSession::onPeerReady(PeerPool::Peer& peer) {
+    if (service_) service_->onPeerReady(peer);
     if (exchange_) {
         exchange_->addPeer(peer);
     } else {
@@ -404,13 +311,14 @@ void TorrentSession::onPeerReady(PeerPool::Peer& peer) {
 void TorrentSession::onPeerGone(const PeerPool::Peer& peer) {
     if (exchange_) exchange_->removePeer(peer.key);
     if (metadataSearch_) metadataSearch_->removePeer(peer.key);
+    if (service_) service_->onPeerGone(peer);
     const std::size_t left = peerPool_.connected().size();
     if (state_.kind != Kind::downloading || left >= fewPeers || tasks_.isStopping()) return;
     services_.log.info("[Session] Low peer count (", left, "), re-announcing to trackers...");
     if (discovery_) discovery_->findPeersFromTrackers();
 }
 
-// --- progress --------------------------------------------------------------------------------------------------------
+// --- state -----------------------------------------------------------------------------------------------------------
 
 void TorrentSession::markCompleted() {
     services_.log.info("[Session] ✅ Download completed!");
@@ -418,85 +326,7 @@ void TorrentSession::markCompleted() {
     updateProgress();
     if (discovery_) discovery_->noteCompleted();
     setState(Kind::seeding);
-}
-
-void TorrentSession::startProgressLoop() {
-    if (progressLoopRuns_ || !needsProgressLoop()) return;
-    progressLoopRuns_ = true;
-    tasks_.spawn(progressLoop());
-}
-
-/// A seeding torrent that nobody talks to wakes nobody up.
-bool TorrentSession::needsProgressLoop() const {
-    return isDownloading() || (isRunning() && !peerPool_.connected().empty());
-}
-
-asio::awaitable<void> TorrentSession::progressLoop() {
-    while (needsProgressLoop()) {
-        co_await services_.clock.sleep(progressInterval);
-        if (exchange_ && state_.kind == Kind::downloading) {
-            exchange_->relieveSlowPeers();
-            exchange_->driveActivePeerRequests();
-            resumeKeeper_.noteProgress(pieceManager_);
-        }
-        updateProgress();
-        reportPeers();
-        reportStall();
-    }
-    progressLoopRuns_ = false;
-    updateProgress();
-    reportPeers();
-    reportStall();
-}
-
-void TorrentSession::updateProgress() {
-    if (!callbacks_.onProgressUpdated || !pieceManager_) return;
-    const Clock::TimePoint now = services_.clock.now();
-    lastProgressAt_ = now;
-    Progress progress;
-    progress.fraction = pieceManager_->progress();
-    progress.downloadRate = static_cast<std::int64_t>(downloadSpeedTracker_.bytesPerSecond(now));
-    progress.uploadRate = static_cast<std::int64_t>(uploadSpeedTracker_.bytesPerSecond(now));
-    progress.completedBytes = pieceManager_->completedBytes();
-    progress.uploadedBytes = uploadSpeedTracker_.total();
-    callbacks_.onProgressUpdated(progress);
-}
-
-void TorrentSession::reportPeers() {
-    if (!callbacks_.onPeerDetailsUpdated) return;
-    const auto progressOf = [this](PeerKey key) { return exchange_ ? exchange_->scheduler().progressOf(key) : 0.0; };
-    callbacks_.onPeerDetailsUpdated(peerPool_.makePeerRuntimeInfos(progressOf));
-}
-
-/// Bytes that came in the last seconds say that nothing is wrong, whatever the facts look like.
-void TorrentSession::reportStall() {
-    const bool mayStall = isDownloading() && downloadSpeedTracker_.bytesPerSecond(services_.clock.now()) < 1;
-    std::optional<StallReason> reason;
-    if (mayStall) reason = stallReasonOf(stallFacts());
-    if (reason == stallReason_) return;
-    stallReason_ = std::move(reason);
-    if (callbacks_.onStallChanged) callbacks_.onStallChanged(stallReason_);
-}
-
-StallFacts TorrentSession::stallFacts() const {
-    StallFacts facts;
-    facts.isFetchingMetadata = state_.kind == Kind::fetchingMetadata;
-    if (pieceManager_) {
-        facts.storageProblem = pieceManager_->storageProblem();
-        facts.storageErrno = pieceManager_->storageErrno();
-    }
-    facts.peersFound = peerPool_.dialer().addressesOffered();
-    facts.dialsInFlight = peerPool_.dialer().attemptsInFlight();
-    facts.connected = peerPool_.connected().size();
-    for (const auto& [key, peer] : peerPool_.connected())
-        if (peer->connection->extensions().metadataSize() > 0) ++facts.connectedWithMetadata;
-    if (exchange_) {
-        const RequestScheduler::Suppliers suppliers = exchange_->scheduler().suppliers();
-        facts.connectedWithPieces = suppliers.withPieces;
-        facts.unchoking = suppliers.unchoking;
-    }
-    if (discovery_) facts.trackerRefusal = discovery_->trackerRefusal();
-    return facts;
+    if (service_) service_->svcStartSeeding();
 }
 
 TrackerAnnouncer::Totals TorrentSession::totals() const {
@@ -611,6 +441,7 @@ asio::awaitable<void> TorrentSession::shutDown() {
         services_.log.info("[Session] TCP listener stopped");
     }
     co_await tasks_.stop();
+    if (service_) co_await service_->stop();
     co_await peerPool_.stop();
     if (metadataSearch_) co_await metadataSearch_->stop();
     if (discovery_) co_await discovery_->stop();

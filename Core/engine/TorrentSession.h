@@ -3,11 +3,14 @@
 #include "Core/discovery/TrackerClient.h"
 #include "Core/discovery/TrackerRuntimeInfo.h"
 #include "Core/engine/MetadataSearch.h"
+#include "Core/engine/ParsedTorrent.h"
 #include "Core/engine/PeerDiscovery.h"
 #include "Core/engine/PeerPool.h"
 #include "Core/engine/PieceExchange.h"
 #include "Core/engine/PieceManager.h"
 #include "Core/engine/ResumeKeeper.h"
+#include "Core/engine/SessionService.h"
+#include "Core/engine/SessionTransports.h"
 #include "Core/engine/StallReason.h"
 #include "Core/engine/TorrentArchive.h"
 #include "Core/formats/MagnetLink.h"
@@ -51,6 +54,10 @@ public:
         std::int64_t uploadRate = 0;      ///< bytes a second
         std::int64_t completedBytes = 0;  ///< verified
         std::int64_t uploadedBytes = 0;   ///< in this run
+        // All zero where the service is not used.
+        BytesBySource receivedBySource;      ///< in this run
+        BytesBySource uncommitted;           ///< of it, what the service has yet to confirm
+        std::int64_t uncommittedUpload = 0;  ///< of `uploadedBytes`, likewise
     };
 
     struct Callbacks {
@@ -74,8 +81,9 @@ public:
         FileLogger& log;
         TrackerServices trackers;
         PeerListener& listener;
-        DHTNode* dht = nullptr;               ///< none: the DHT is not used
-        PeerHistoryStore* history = nullptr;  ///< none: no peers are remembered
+        DHTNode* dht = nullptr;                ///< none: the DHT is not used
+        PeerHistoryStore* history = nullptr;   ///< none: no peers are remembered
+        ResourceGateway* resources = nullptr;  ///< none: the resource service is not used
     };
 
     struct Options {
@@ -83,9 +91,10 @@ public:
         std::size_t maxConnections = defaultMaxConnections;
         std::int64_t downloadLimit = 0;  ///< bytes a second, 0 = unlimited
         std::int64_t uploadLimit = 0;
-        bool servesPeers = true;   ///< false never unchokes
-        bool seedsOnly = false;    ///< serves what is there; never writes, never downloads
-        bool savesTorrent = true;  ///< beside the download
+        UploadMode uploadMode = UploadMode::paid;  ///< `disabled` never unchokes
+        bool accelerates = false;                  ///< the task asked for acceleration
+        bool seedsOnly = false;                    ///< serves what is there; never writes, never downloads
+        bool savesTorrent = true;                  ///< beside the download
         bool servesMetadata = true;
         DialOptions dial;
         DiscoveryOptions discovery;
@@ -119,18 +128,22 @@ public:
     /// Tells the trackers (for at most 3 s), closes everything; after it nothing of the session runs.
     asio::awaitable<void> stop();
 
+    // The resource service. What the next heartbeat is to say (nothing while the service does not know the torrent, or
+    // is not used), and that it has been confirmed: false when it was before.
+    asio::awaitable<std::optional<HeartbeatPayload>> svcDrainDeltas();
+    asio::awaitable<bool> svcCommitDeltas(HeartbeatPayload payload);
+    /// The next report is the last of this session.
+    asio::awaitable<void> svcGoOffline();
+    /// Another user, or one at last.
+    asio::awaitable<void> svcSignIn();
+    asio::awaitable<void> setAccelerate(bool isEnabled);
+    /// After `stop`: the reports that were never confirmed.
+    std::vector<HeartbeatPayload> takeUnconfirmedReports();
+
     const SHA1Digest& infoHash() const noexcept { return infoHash_; }
 
 private:
-    /// A torrent as it is read off the disk pool.
-    struct ParsedTorrent {
-        std::shared_ptr<const TorrentMetaInfo> metaInfo;
-        Bytes infoData;
-        std::string failure;  ///< why there is no `metaInfo`
-    };
-
     asio::awaitable<void> parseTorrentFileAndStart(Bytes torrentData);
-    ParsedTorrent parseTorrent(const Bytes& torrentData) const;
     asio::awaitable<void> saveTorrentFile(Bytes torrentData);
     /// `mayResume`: what a resume record says may be believed.
     asio::awaitable<void> openPieces(bool mayResume);
@@ -155,8 +168,16 @@ private:
     asio::awaitable<std::vector<bool>> bitmap();
     asio::awaitable<void> shutDown();
 
+    SessionService::Environment serviceEnvironment();
+    SessionService::Facts serviceFacts() const;
+    void startService();
+    asio::awaitable<std::optional<HeartbeatPayload>> drainDeltas();
+    asio::awaitable<bool> commitDeltas(HeartbeatPayload payload);
+    asio::awaitable<void> goOffline();
+    asio::awaitable<void> signIn();
+    asio::awaitable<void> accelerate(bool isEnabled);
+
     PeerPool::Environment poolEnvironment();
-    std::unique_ptr<PeerWireTransport> makeTransport(const PeerAddress& address, const DialAttempt& how);
     PeerPool::Callbacks poolCallbacks();
     PeerConnection::Callbacks connectionCallbacks(PeerKey key);
     PeerExtensions::Callbacks extensionCallbacks(PeerKey key);
@@ -197,7 +218,9 @@ private:
     TaskGroup tasks_;
     bool isPausing_ = false;
     Notifier pauseStep_;  // a search or a pause has ended
+    const SessionTransports transports_;
     PeerPool peerPool_;
+    std::unique_ptr<SessionService> service_;  // none where the resource service is not used
     ResumeKeeper resumeKeeper_;
     std::unique_ptr<PieceExchange> exchange_;
     std::unique_ptr<MetadataSearch> metadataSearch_;

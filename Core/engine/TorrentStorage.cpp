@@ -3,6 +3,7 @@
 #include "Core/engine/StorageError.h"
 #include "Core/engine/VectorCursor.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
@@ -17,6 +18,8 @@ namespace {
 
 /// One call takes so many buffers at most; systems take 1024 (IOV_MAX), a piece seldom has more than 64.
 constexpr std::size_t buffersPerCall = 64;
+/// Linux takes about a megabyte at most of one request to read ahead.
+constexpr std::int64_t readAheadStep = std::int64_t{512} << 10U;
 
 template <class Call>
 auto retried(Call call) {
@@ -110,6 +113,19 @@ void TorrentStorage::read(std::int64_t offset, std::span<const iovec> into) {
             left.advance(static_cast<std::size_t>(got));
             slice.offset += got;
             slice.length -= got;
+        }
+    });
+}
+
+void TorrentStorage::willRead(std::int64_t offset, std::int64_t length) {
+    layout_.forEachSlice(offset, length, [&](TorrentLayout::Slice slice) {
+        if (slice.length <= readAheadStep) return;  // the system reads that much ahead by itself
+        try {
+            const OpenFiles::File handle = file(slice.file, OpenFiles::Access::read);
+            for (; slice.length > 0; slice.offset += readAheadStep, slice.length -= readAheadStep)
+                calls_.willRead(handle->number(), slice.offset, std::min(slice.length, readAheadStep));
+        } catch (const StorageException&) {
+            // Whoever reads it will see.
         }
     });
 }
@@ -232,9 +248,8 @@ FileDescriptor TorrentStorage::openFolderBelow(const FileDescriptor& folder, con
 int TorrentStorage::tryOpen(int folder, const char* name, int flags) {
     const auto attempt = [&] { return retried([&] { return calls_.open(folder, name, flags, 0666); }); };
     int file = attempt();
-    while (file < 0 && (errno == EMFILE || errno == ENFILE)) {
-        const int code = errno;
-        if (!openFiles_->shrink()) return errno = code, -1;
+    for (bool mayHelp = true; mayHelp && file < 0 && (errno == EMFILE || errno == ENFILE);) {
+        mayHelp = openFiles_->shrink();
         file = attempt();
     }
     return file;

@@ -59,6 +59,8 @@ public:
     void write(std::int64_t offset, std::span<const iovec> from);
     /// Fills `into`, one after another, from `offset` of the torrent on. Throws StorageException.
     void read(std::int64_t offset, std::span<const iovec> into);
+    /// Has the system read this range ahead, for a reader who is about to read it from several places at once.
+    void willRead(std::int64_t offset, std::int64_t length);
     Presence presenceOf(std::int64_t offset, std::int64_t length, PresenceNotes& notes);
     /// What file `index` looks like now.
     FileStamp stampOf(std::size_t index) const;

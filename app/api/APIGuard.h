@@ -16,13 +16,18 @@ public:
     /// `address` and `port` are what the server listens on.
     APIGuard(std::string token, const std::string& address, std::uint16_t port);
 
-    /// Why the request is refused; nothing when it may pass.
+    /// Why the request is refused; nothing when it may pass. The token is its header's, or that of an upgrade's query:
+    /// a page cannot set headers on a websocket.
     std::optional<HTTPServerResponse> refusalOf(const HTTPServerRequest& request) const;
 
 private:
     bool isOurs(std::string_view hostAndPort) const;
+    bool isSameSite(std::string_view origin, std::string_view host) const;
+    bool knowsToken(const HTTPServerRequest& request) const;
 
     const std::string token_;
+    const std::string suffix_;        // ":7070"
+    const bool isEverywhere_;         // every address of this machine is ours
     std::vector<std::string> hosts_;  // "127.0.0.1:7070" and the other names that mean us
 };
 

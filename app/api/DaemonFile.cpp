@@ -3,14 +3,17 @@
 #include "app/Command.h"
 #include "public/common/WholeFile.h"
 
+#include <boost/asio/ip/address.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace skein {
@@ -25,13 +28,15 @@ constexpr std::size_t maxBytes = 4096;
 fs::path fileIn(const fs::path& home) { return home / "daemon.json"; }
 fs::path lockIn(const fs::path& home) { return home / "daemon.lock"; }
 
-/// Whether some process holds the claim.
-bool isClaimed(const fs::path& home) {
-    const int file = ::open(lockIn(home).c_str(), O_RDWR | O_CLOEXEC);
-    if (file < 0) return false;
-    const bool isHeld = ::flock(file, LOCK_EX | LOCK_NB) != 0;
-    ::close(file);
-    return isHeld;
+/// Those who only ask whether there is a daemon hold the lock for a moment, and must not keep one from starting.
+bool claim(int file) {
+    constexpr int attempts = 20;
+    constexpr std::chrono::milliseconds pause{50};
+    for (int i = 0; i < attempts; ++i) {
+        if (::flock(file, LOCK_EX | LOCK_NB) == 0) return true;
+        std::this_thread::sleep_for(pause);
+    }
+    return false;
 }
 
 std::optional<DaemonAddress> read(const fs::path& home) {
@@ -56,6 +61,21 @@ std::string DaemonAddress::url() const {
     return "http://" + (isIPv6 ? "[" + address + "]" : address) + ":" + std::to_string(port) + "/";
 }
 
+bool DaemonAddress::isClaimed(const fs::path& home) {
+    const int file = ::open(lockIn(home).c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) return false;
+    // Shared, so that two who ask do not take each other for a daemon.
+    const bool isHeld = ::flock(file, LOCK_SH | LOCK_NB) != 0;
+    ::close(file);
+    return isHeld;
+}
+
+std::string DaemonAddress::reachable(const std::string& address) {
+    const auto literal = boost::asio::ip::make_address(address);
+    if (!literal.is_unspecified()) return address;
+    return literal.is_v6() ? "::1" : "127.0.0.1";
+}
+
 std::optional<DaemonAddress> DaemonAddress::find(const fs::path& home) {
     return isClaimed(home) ? read(home) : std::nullopt;
 }
@@ -63,7 +83,12 @@ std::optional<DaemonAddress> DaemonAddress::find(const fs::path& home) {
 DaemonFile::DaemonFile(fs::path home) : home_(std::move(home)) {
     lock_ = ::open(lockIn(home_).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
     if (lock_ < 0) throw CommandFailure(lockIn(home_).string(), std::generic_category().message(errno));
-    if (::flock(lock_, LOCK_EX | LOCK_NB) == 0) return;
+    if (claim(lock_)) {
+        // One that was killed has left its address behind, where nobody serves any more.
+        std::error_code ignored;
+        fs::remove(fileIn(home_), ignored);
+        return;
+    }
     ::close(lock_);
     const auto other = read(home_);
     throw CommandFailure("daemon", other ? "process " + std::to_string(other->processID) + " serves this home already"

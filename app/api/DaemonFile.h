@@ -16,6 +16,10 @@ struct DaemonAddress {
 
     /// "http://127.0.0.1:7070/"
     std::string url() const;
+    /// Where a server that listens on `address` is found on its own machine: itself, or loopback for all addresses.
+    static std::string reachable(const std::string& address);
+    /// Whether a daemon runs for `home`, or starts or stops.
+    static bool isClaimed(const std::filesystem::path& home);
     /// Nothing when no daemon runs for `home`.
     static std::optional<DaemonAddress> find(const std::filesystem::path& home);
 };

@@ -4,21 +4,27 @@
 #include "public/common/Within.h"
 
 #include <boost/asio/redirect_error.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
 #include <boost/url/parse.hpp>
 
-#include <algorithm>
+#include <array>
 #include <cctype>
+#include <sstream>
 
 namespace skein {
 
 namespace {
 
 namespace http = boost::beast::http;
+using Head = http::request_parser<http::empty_body>;
+using Parser = http::request_parser<http::string_body>;
 
 std::string lowerCase(std::string text) {
     for (char& character : text) character = static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
@@ -26,7 +32,8 @@ std::string lowerCase(std::string text) {
 }
 
 /// Nothing when the target is no path.
-std::optional<HTTPServerRequest> translated(http::request<http::string_body>& from) {
+std::optional<HTTPServerRequest> translated(const Head& head) {
+    const auto& from = head.get();
     const auto target = boost::urls::parse_origin_form(std::string_view(from.target().data(), from.target().size()));
     if (!target) return std::nullopt;
     HTTPServerRequest request;
@@ -34,8 +41,27 @@ std::optional<HTTPServerRequest> translated(http::request<http::string_body>& fr
     request.path = std::string(target->encoded_path());
     for (const auto& parameter : target->params()) request.query[parameter.key] = parameter.value;
     for (const auto& field : from) request.headers[lowerCase(std::string(field.name_string()))] = field.value();
-    request.body = std::move(from.body());
+    request.isUpgrade = head.is_done() && boost::beast::websocket::is_upgrade(from);
     return request;
+}
+
+/// As it came, for whoever reads it again.
+std::string asText(const Head& head) {
+    std::ostringstream text;
+    text << head.get().base();
+    return text.str();
+}
+
+HTTPServerResponse failure(int status, const std::string& text) { return {status, "text/plain", text + "\n"}; }
+
+/// What an error in a request means for its sender; throws it when nobody is left to be told.
+HTTPServerResponse refusalFor(const boost::system::error_code& error) {
+    if (error == http::error::header_limit) return failure(431, "The head is too large");
+    if (error == http::error::body_limit) return failure(413, "The body is too large");
+    if (error == http::error::end_of_stream || error == http::error::partial_message ||
+        error.category() != http::make_error_code(http::error::end_of_stream).category())
+        throw boost::system::system_error(error);
+    return failure(400, "Bad request");
 }
 
 }  // namespace
@@ -45,7 +71,7 @@ std::string_view HTTPServerRequest::header(const std::string& name) const {
     return found == headers.end() ? std::string_view() : std::string_view(found->second);
 }
 
-/// One client's connection: requests one after another.
+/// One client's connection: requests one after another, or a websocket after some.
 class HTTPServer::Connection {
 public:
     Connection(HTTPServer& server, asio::ip::tcp::socket socket) : server_(server), socket_(std::move(socket)) {
@@ -56,59 +82,114 @@ public:
     ~Connection() { --server_.connections_; }
 
     asio::awaitable<void> serve() {
-        for (bool goesOn = true; goesOn;) {
-            Parser parser;
-            parser.header_limit(maxHeaderBytes);
-            parser.body_limit(maxBodyBytes);
-            co_await within(server_.clock_, patience, read(parser));
-            http::request<http::string_body> received = parser.release();
-            http::response<http::string_body> response;
-            response.version(received.version());
-            response.keep_alive(received.keep_alive());
-            std::optional<HTTPServerRequest> request = translated(received);
-            HTTPServerResponse answer{400, "text/plain", "Bad request\n", {}};
-            if (request) {
-                asio::awaitable<HTTPServerResponse> work = server_.handler_(std::move(*request));
-                answer = co_await std::move(work);
+        while (!isOver_) {
+            Head head;
+            head.header_limit(maxHeaderBytes);
+            head.body_limit(boost::none);  // judged once the head has told what it is
+            co_await within(server_.clock_, headPatience, readHead(head));
+            const unsigned version = head.get().version();
+            HTTPServerResponse answer = co_await respond(head);
+            if (answer.socket) {
+                co_await converse(asText(head), std::move(answer.socket));
+                co_return;
             }
-            response.result(static_cast<unsigned>(answer.status));
-            response.set(http::field::content_type, answer.contentType);
-            response.set(http::field::cache_control, "no-store");
-            response.set("X-Content-Type-Options", "nosniff");
-            response.body() = std::move(answer.body);
-            response.prepare_payload();
-            goesOn = response.keep_alive();
+            http::response<http::string_body> response = encoded(answer, version);
             co_await within(server_.clock_, patience, write(response));
             if (answer.afterwards) answer.afterwards();
         }
+        co_await within(server_.clock_, lingerTime, linger());
     }
 
 private:
-    using Parser = http::request_parser<http::string_body>;
-
-    asio::awaitable<void> read(Parser& parser) {
-        co_await http::async_read(socket_, buffer_, parser, asio::use_awaitable);
+    asio::awaitable<void> readHead(Head& head) {
+        boost::system::error_code error;
+        co_await http::async_read_header(socket_, buffer_, head, asio::redirect_error(asio::use_awaitable, error));
+        if (error) refusal_ = refusalFor(error);
     }
+
+    /// Reads the rest of the request, if it is to be read, and has it answered.
+    asio::awaitable<HTTPServerResponse> respond(Head& head) {
+        std::optional<HTTPServerRequest> request;
+        if (!refusal_) request = translated(head);
+        if (!refusal_ && !request) refusal_ = failure(400, "Bad request");
+        if (!refusal_) refusal_ = server_.callbacks_.refusalOf(*request);
+        isOver_ = refusal_.has_value() || !head.get().keep_alive();
+        if (!refusal_ && !head.is_done()) co_await within(server_.clock_, patience, readBody(head, *request));
+        if (refusal_) {
+            isOver_ = true;
+            co_return std::move(*refusal_);
+        }
+        asio::awaitable<HTTPServerResponse> work = server_.callbacks_.answer(std::move(*request));
+        co_return co_await std::move(work);
+    }
+
+    asio::awaitable<void> readBody(Head& head, HTTPServerRequest& request) {
+        const bool isTorrent = request.header("content-type") == "application/x-bittorrent";
+        const std::uint64_t limit = isTorrent ? maxTorrentBytes : maxBodyBytes;
+        if (head.content_length().value_or(0) > limit) {
+            refusal_ = refusalFor(http::error::body_limit);
+            co_return;
+        }
+        if (lowerCase(std::string(request.header("expect"))) == "100-continue")
+            co_await asio::async_write(socket_, asio::buffer(goOn), asio::use_awaitable);
+        Parser parser(std::move(head));
+        parser.body_limit(limit);
+        boost::system::error_code error;
+        co_await http::async_read(socket_, buffer_, parser, asio::redirect_error(asio::use_awaitable, error));
+        if (error) refusal_ = refusalFor(error);
+        request.body = std::move(parser.get().body());
+    }
+
+    http::response<http::string_body> encoded(HTTPServerResponse& answer, unsigned version) const {
+        http::response<http::string_body> response;
+        response.version(version);
+        response.keep_alive(!isOver_);
+        response.result(static_cast<unsigned>(answer.status));
+        response.set(http::field::content_type, answer.contentType);
+        response.set(http::field::cache_control, "no-store");
+        response.set("X-Content-Type-Options", "nosniff");
+        response.body() = std::move(answer.body);
+        response.prepare_payload();
+        return response;
+    }
+
     asio::awaitable<void> write(http::response<http::string_body>& response) {
         co_await http::async_write(socket_, response, asio::use_awaitable);
     }
 
+    /// Closed with something unread, a connection is reset, and the answer is lost with it.
+    asio::awaitable<void> linger() {
+        socket_.shutdown(asio::ip::tcp::socket::shutdown_send);
+        std::array<char, 16'384> ignored{};
+        for (;;) co_await socket_.async_read_some(asio::buffer(ignored), asio::use_awaitable);
+    }
+
+    asio::awaitable<void> converse(std::string head, ServerSocket::Conversation conversation) {
+        ServerSocket socket(std::move(socket_), server_.clock_);
+        co_await socket.serve(std::move(head), std::move(conversation));
+    }
+
+    static constexpr std::string_view goOn = "HTTP/1.1 100 Continue\r\n\r\n";
+
     HTTPServer& server_;
     asio::ip::tcp::socket socket_;
     boost::beast::flat_buffer buffer_;
+    std::optional<HTTPServerResponse> refusal_;  // says why the request at hand is not answered otherwise
+    bool isOver_ = false;                        // nothing is read after it
 };
 
-HTTPServer::HTTPServer(const Strand& strand, Clock& clock, FileLogger& log, Handler handler)
-    : clock_(clock), log_(log), handler_(std::move(handler)), tasks_(strand) {}
+HTTPServer::HTTPServer(const Strand& strand, Clock& clock, FileLogger& log, Callbacks callbacks)
+    : clock_(clock), log_(log), callbacks_(std::move(callbacks)), tasks_(strand) {}
 
 HTTPServer::~HTTPServer() = default;
 
-void HTTPServer::listen(const std::string& address, std::uint16_t port) {
+void HTTPServer::bind(const std::string& address, std::uint16_t port) {
     const asio::ip::tcp::endpoint endpoint(asio::ip::make_address(address), port);
     acceptor_.emplace(tasks_.strand(), endpoint);
     port_ = acceptor_->local_endpoint().port();
-    tasks_.spawn(acceptAll());
 }
+
+void HTTPServer::accept() { tasks_.spawn(acceptAll()); }
 
 asio::awaitable<void> HTTPServer::acceptAll() {
     for (;;) {
@@ -130,11 +211,6 @@ asio::awaitable<void> HTTPServer::serve(asio::ip::tcp::socket socket) {
     } catch (const std::exception& error) {
         log_.debug("[API] connection ended: ", textOf(error));
     }
-}
-
-asio::awaitable<void> HTTPServer::stop() {
-    co_await tasks_.stop();
-    acceptor_.reset();
 }
 
 }  // namespace skein

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/api/APIGuard.h"
+#include "app/api/EventStreams.h"
 #include "app/api/HTTPServer.h"
 #include "app/api/Router.h"
 #include "app/api/TaskRoutes.h"
@@ -16,18 +17,20 @@ namespace skein {
 /// Owner: the daemon, which awaits `stop()` before the manager goes. Thread: the manager's strand.
 class LocalAPI {
 public:
-    LocalAPI(DownloadManager& manager, Clock& clock, FileLogger& log, std::function<void()> requestStop);
+    /// `center` is the manager's; what is published there as APIEvent goes to the event streams.
+    LocalAPI(DownloadManager& manager, MsgCenter& center, Clock& clock, FileLogger& log,
+             std::function<void()> requestStop);
 
-    /// Listens; whoever has `token` may ask. Throws boost::system::system_error.
+    /// Listens; whoever has `token` may ask. Throws boost::system::system_error. Once.
     void listen(const std::string& address, std::uint16_t port, const std::string& token);
     std::uint16_t port() const noexcept { return server_.port(); }
-    const Router& router() const noexcept { return router_; }
-    asio::awaitable<void> stop() { return server_.stop(); }
+    /// Before `listen`, for whatever else is to be asked here.
+    Router& router() noexcept { return router_; }
+    asio::awaitable<void> stop();
 
 private:
-    asio::awaitable<HTTPServerResponse> answer(HTTPServerRequest request);
-
     TaskRoutes tasks_;
+    EventStreams events_;
     Router router_;
     std::optional<APIGuard> guard_;
     HTTPServer server_;

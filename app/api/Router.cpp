@@ -45,7 +45,7 @@ asio::awaitable<HTTPServerResponse> Router::answer(HTTPServerRequest request) co
 }
 
 HTTPServerResponse Router::error(int status, std::string_view text) {
-    return {status, "application/json", boost::json::serialize(boost::json::object{{"error", text}}), {}};
+    return {status, "application/json", boost::json::serialize(boost::json::object{{"error", text}})};
 }
 
 }  // namespace skein

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace skein {
@@ -21,6 +22,14 @@ public:
     };
 
     void add(std::string method, std::string path, Handler handler);
+    /// Answered by a member of `owner`, who outlives the router's use.
+    template <class Owner>
+    void add(std::string method, std::string path, Owner* owner,
+             asio::awaitable<HTTPServerResponse> (Owner::*handler)(std::string task, HTTPServerRequest request)) {
+        add(std::move(method), std::move(path), [owner, handler](std::string task, HTTPServerRequest request) {
+            return (owner->*handler)(std::move(task), std::move(request));
+        });
+    }
     const std::vector<Route>& routes() const noexcept { return routes_; }
     /// 404 for a path that there is not, 405 for a method that it has not.
     asio::awaitable<HTTPServerResponse> answer(HTTPServerRequest request) const;

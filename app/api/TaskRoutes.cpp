@@ -1,6 +1,8 @@
 #include "app/api/TaskRoutes.h"
 
 #include "app/RowJSON.h"
+#include "app/SourceKind.h"
+#include "app/api/JSONBody.h"
 #include "downloads/TaskListJSON.h"
 #include "public/common/ErrorText.h"
 
@@ -19,19 +21,6 @@ namespace {
 namespace json = boost::json;
 
 constexpr std::string_view torrentType = "application/x-bittorrent";
-constexpr std::string_view magnetScheme = "magnet:";
-
-HTTPServerResponse reply(const json::value& value) { return {200, "application/json", json::serialize(value), {}}; }
-
-HTTPServerResponse done() { return reply(json::object{{"ok", true}}); }
-
-/// The object that a body is. Throws std::exception with a text for the caller.
-json::object objectIn(const HTTPServerRequest& request) {
-    boost::system::error_code error;
-    const json::value value = json::parse(request.body, error);
-    if (error || !value.is_object()) throw std::runtime_error("the body is no JSON object");
-    return value.as_object();
-}
 
 /// One character a piece: "1" for what is verified.
 std::string bitmapText(const std::vector<bool>& bitmap) {
@@ -42,7 +31,7 @@ std::string bitmapText(const std::vector<bool>& bitmap) {
 }
 
 json::object detailsOf(const TorrentTask& task) {
-    json::object details = json::parse(taskAsJSON(task)).as_object();
+    json::object details = taskAsObject(task);
     json::array files;
     for (const TorrentFileInfo& file : task.files())
         files.push_back(json::object{{"path", file.path}, {"size", file.size}, {"progress", task.fileProgress(file)}});
@@ -68,18 +57,13 @@ TaskRoutes::TaskRoutes(DownloadManager& manager, std::function<void()> requestSt
     : manager_(manager), requestStop_(std::move(requestStop)) {}
 
 void TaskRoutes::addTo(Router& router) {
-    const auto route = [&](std::string method, std::string path, auto handler) {
-        router.add(std::move(method), std::move(path), [this, handler](std::string task, HTTPServerRequest request) {
-            return (this->*handler)(std::move(task), std::move(request));
-        });
-    };
-    route("GET", "/api/v1/tasks", &TaskRoutes::list);
-    route("POST", "/api/v1/tasks", &TaskRoutes::add);
-    route("GET", "/api/v1/tasks/{task}", &TaskRoutes::show);
-    route("PATCH", "/api/v1/tasks/{task}", &TaskRoutes::change);
-    route("DELETE", "/api/v1/tasks/{task}", &TaskRoutes::remove);
-    route("GET", "/api/v1/status", &TaskRoutes::status);
-    route("POST", "/api/v1/stop", &TaskRoutes::stop);
+    router.add("GET", "/api/v1/tasks", this, &TaskRoutes::list);
+    router.add("POST", "/api/v1/tasks", this, &TaskRoutes::add);
+    router.add("GET", "/api/v1/tasks/{task}", this, &TaskRoutes::show);
+    router.add("PATCH", "/api/v1/tasks/{task}", this, &TaskRoutes::change);
+    router.add("DELETE", "/api/v1/tasks/{task}", this, &TaskRoutes::remove);
+    router.add("GET", "/api/v1/status", this, &TaskRoutes::status);
+    router.add("POST", "/api/v1/stop", this, &TaskRoutes::stop);
     addCommand(router, "pause", &DownloadManager::pauseTask);
     addCommand(router, "resume", &DownloadManager::resumeTask);
     addCommand(router, "verify", &DownloadManager::recheckTask);
@@ -106,12 +90,12 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::list(std::string, HTTPServerRequ
         text += taskAsJSON(*task);
     }
     text += ']';
-    co_return HTTPServerResponse{200, "application/json", std::move(text), {}};
+    co_return HTTPServerResponse{200, "application/json", std::move(text)};
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::show(std::string infoHash, HTTPServerRequest) {
     const DownloadManager::Task task = find(infoHash);
-    co_return task ? reply(detailsOf(*task)) : Router::error(404, "there is no such task");
+    co_return task ? jsonReply(detailsOf(*task)) : Router::error(404, "there is no such task");
 }
 
 /// The bytes of a `.torrent`, or an object with a `source`: a magnet link or a web address.
@@ -124,26 +108,28 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::add(std::string, HTTPServerReque
             task = co_await manager_.addTorrentFile(std::move(data));
         } else {
             const std::string source(objectIn(request).at("source").as_string());
-            task = source.starts_with(magnetScheme) ? manager_.addMagnet(source) : manager_.addHTTPDownload(source);
+            const bool isMagnet = sourceKindOf(source) == SourceKind::magnetLink;
+            task = isMagnet ? manager_.addMagnet(source) : manager_.addHTTPDownload(source);
         }
     } catch (const std::exception& error) {
         failure = textOf(error);
     }
-    co_return task ? reply(detailsOf(*task)) : Router::error(400, failure);
+    co_return task ? jsonReply(detailsOf(*task)) : Router::error(400, failure);
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::perform(std::string infoHash, Command command) {
     const DownloadManager::Task task = find(infoHash);
     if (!task) co_return Router::error(404, "there is no such task");
-    co_await (manager_.*command)(task);
-    co_return reply(detailsOf(*task));
+    const bool isDone = co_await (manager_.*command)(task);
+    if (!isDone) co_return Router::error(409, "another command runs for this task");
+    co_return jsonReply(detailsOf(*task));
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::remove(std::string infoHash, HTTPServerRequest request) {
     const DownloadManager::Task task = find(infoHash);
     if (!task) co_return Router::error(404, "there is no such task");
     co_await manager_.removeTask(task, request.query["deleteFiles"] == "true");
-    co_return done();
+    co_return jsonDone();
 }
 
 /// An object with any of `category`, `notes`, `accelerateEnabled`.
@@ -164,17 +150,17 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::change(std::string infoHash, HTT
     } catch (const std::exception& error) {
         co_return Router::error(400, textOf(error));
     }
-    co_return reply(detailsOf(*task));
+    co_return jsonReply(detailsOf(*task));
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::status(std::string, HTTPServerRequest) {
-    co_return reply(json::object{{"downloadSpeed", manager_.globalDownloadSpeed()},
-                                 {"uploadSpeed", manager_.globalUploadSpeed()},
-                                 {"tasks", manager_.tasks().size()}});
+    co_return jsonReply(json::object{{"downloadSpeed", manager_.globalDownloadSpeed()},
+                                     {"uploadSpeed", manager_.globalUploadSpeed()},
+                                     {"tasks", manager_.tasks().size()}});
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::stop(std::string, HTTPServerRequest) {
-    HTTPServerResponse answer = done();
+    HTTPServerResponse answer = jsonDone();
     answer.afterwards = requestStop_;
     co_return answer;
 }

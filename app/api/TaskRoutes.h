@@ -18,7 +18,7 @@ public:
     void addTo(Router& router);
 
 private:
-    using Command = asio::awaitable<void> (DownloadManager::*)(DownloadManager::Task);
+    using Command = asio::awaitable<bool> (DownloadManager::*)(DownloadManager::Task);
 
     DownloadManager::Task find(const std::string& infoHash) const;
     void addCommand(Router& router, const std::string& name, Command command);

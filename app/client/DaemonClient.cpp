@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <thread>
 
 namespace skein {
 
@@ -25,11 +26,29 @@ constexpr std::size_t maxAnswerBytes = std::size_t{256} << 20U;
 constexpr std::size_t shortestPrefix = 4;
 /// A verification or a clean stop takes as long as it takes.
 constexpr std::chrono::hours patience{24};
+constexpr std::chrono::milliseconds pollInterval{50};
 
 DaemonAddress found(const std::filesystem::path& home) {
     auto daemon = DaemonAddress::find(home);
     if (!daemon) throw NoDaemon();
     return std::move(*daemon);
+}
+
+/// Nobody listens where a daemon was; whatever else goes wrong, it is there.
+[[noreturn]] void tell(const HTTPException& error) {
+    if (error.error == HTTPError::cannotConnect) throw NoDaemon();
+    throw CommandFailure("the daemon", error.what());
+}
+
+json::value answerIn(const HTTPResponse& response) {
+    boost::system::error_code error;
+    json::value answer = json::parse(asText(response.body), error);
+    if (response.status == httpOK && !error) return answer;
+    const json::object* const object = answer.if_object();
+    const json::value* const text = object == nullptr ? nullptr : object->if_contains("error");
+    throw CommandFailure("the daemon", text != nullptr && text->is_string()
+                                           ? std::string(text->as_string())
+                                           : "HTTP " + std::to_string(response.status));
 }
 
 bool isRowNumber(const std::string& name) {
@@ -39,28 +58,28 @@ bool isRowNumber(const std::string& name) {
 
 }  // namespace
 
-DaemonClient::DaemonClient(const std::filesystem::path& home) : daemon_(found(home)) {}
+DaemonClient::DaemonClient(const std::filesystem::path& home) : home_(home), daemon_(found(home)) {}
 
 DaemonClient::~DaemonClient() { http_.stop(); }
 
-json::value DaemonClient::get(const std::string& path) { return send("GET", path, "application/json", {}); }
-
-json::value DaemonClient::post(const std::string& path, const json::value& body) {
-    return send("POST", path, "application/json", toBytes(body.is_null() ? "{}" : json::serialize(body)));
+bool DaemonClient::waitForEnd(std::chrono::seconds limit) const {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (DaemonAddress::isClaimed(home_)) {
+        // Another one may have come in its place already.
+        const auto now = DaemonAddress::find(home_);
+        if (now && now->processID != daemon_.processID) break;
+        if (std::chrono::steady_clock::now() >= end) return false;
+        std::this_thread::sleep_for(pollInterval);
+    }
+    return true;
 }
-
-json::value DaemonClient::patch(const std::string& path, const json::value& body) {
-    return send("PATCH", path, "application/json", toBytes(json::serialize(body)));
-}
-
-json::value DaemonClient::remove(const std::string& path) { return send("DELETE", path, "application/json", {}); }
 
 json::value DaemonClient::addTorrent(Bytes torrentData) {
     return send("POST", "api/v1/tasks", "application/x-bittorrent", std::move(torrentData));
 }
 
-json::value DaemonClient::send(const std::string& method, const std::string& path, const std::string& contentType,
-                               Bytes body) {
+HTTPRequest DaemonClient::request(const std::string& method, const std::string& path, const std::string& contentType,
+                                  Bytes body) const {
     HTTPRequest request;
     request.method = method;
     request.url = daemon_.url() + path;
@@ -69,20 +88,37 @@ json::value DaemonClient::send(const std::string& method, const std::string& pat
     request.totalTimeout = patience;
     request.maxBodyBytes = maxAnswerBytes;
     request.usesProxy = false;
+    return request;
+}
+
+json::value DaemonClient::send(const std::string& method, const std::string& path, const std::string& contentType,
+                               Bytes body) {
+    HTTPRequest question = request(method, path, contentType, std::move(body));
     HTTPResponse response;
     try {
-        response = asio::co_spawn(pools_.io(), http_.fetch(std::move(request)), asio::use_future).get();
-    } catch (const HTTPException&) {
-        throw NoDaemon();
+        response = asio::co_spawn(pools_.io(), http_.fetch(std::move(question)), asio::use_future).get();
+    } catch (const HTTPException& error) {
+        tell(error);
     }
-    boost::system::error_code error;
-    json::value answer = json::parse(asText(response.body), error);
-    if (response.status == httpOK && !error) return answer;
-    const json::object* const object = answer.if_object();
-    const json::value* const text = object == nullptr ? nullptr : object->if_contains("error");
-    throw CommandFailure("the daemon", text != nullptr && text->is_string()
-                                           ? std::string(text->as_string())
-                                           : "HTTP " + std::to_string(response.status));
+    return answerIn(response);
+}
+
+asio::awaitable<json::value> DaemonClient::ask(std::string method, std::string path) {
+    HTTPResponse response;
+    try {
+        HTTPRequest question = request(method, path, "application/json", {});
+        response = co_await http_.fetch(std::move(question));
+    } catch (const HTTPException& error) {
+        tell(error);
+    }
+    co_return answerIn(response);
+}
+
+WebSocketRequest DaemonClient::eventStream() const {
+    const std::string url = daemon_.url();
+    return {.url = "ws" + url.substr(url.find(':')) + "api/v1/events",
+            .headers = {{"Authorization", "Bearer " + daemon_.token}},
+            .maxMessageBytes = maxAnswerBytes};
 }
 
 Bytes DaemonClient::fetch(const std::string& url) {

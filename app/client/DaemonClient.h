@@ -1,11 +1,14 @@
 #pragma once
 
 #include "app/api/DaemonFile.h"
+#include "app/client/APIPort.h"
 #include "public/common/HTTPClient.h"
 #include "public/common/ThreadPools.h"
+#include "public/common/WebSocketClient.h"
 
 #include <boost/json/value.hpp>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -18,30 +21,39 @@ public:
     NoDaemon() : std::runtime_error("no daemon is running") {}
 };
 
-/// Speaks to the running daemon of a home. Owner and thread: a command, on the main thread.
-class DaemonClient {
+/// Speaks to the running daemon of a home. Owner and thread: a command, on the main thread, unless it is said
+/// otherwise.
+class DaemonClient final : public APIPort {
 public:
     /// Throws NoDaemon.
     explicit DaemonClient(const std::filesystem::path& home);
-    ~DaemonClient();
+    ~DaemonClient() override;
 
-    // What the daemon answers. Throw CommandFailure with its text when it refuses, and NoDaemon when it is gone.
-    boost::json::value get(const std::string& path);
-    boost::json::value post(const std::string& path, const boost::json::value& body = nullptr);
-    boost::json::value patch(const std::string& path, const boost::json::value& body);
-    boost::json::value remove(const std::string& path);
+    // All that asks the daemon throws NoDaemon when it is gone.
     boost::json::value addTorrent(Bytes torrentData);
+    /// Waits until the daemon has let go of its home; false when it still has it after `limit`.
+    bool waitForEnd(std::chrono::seconds limit) const;
     /// The body of an HTTP(S) address that ends in ".torrent". Throws CommandFailure.
     Bytes fetch(const std::string& url);
+
+    /// As the others, without waiting. Any thread.
+    asio::awaitable<boost::json::value> ask(std::string method, std::string path);
+    /// Opens the daemon's event stream.
+    WebSocketRequest eventStream() const;
+    /// What runs there is stopped before the client goes.
+    ThreadPools& pools() noexcept { return pools_; }
 
     /// The info-hashes that `names` stand for: a whole one, a prefix of four digits or more, or a row number of the
     /// list. Throws CommandFailure for what names none or several.
     std::vector<std::string> resolve(const std::vector<std::string>& names);
 
 private:
+    HTTPRequest request(const std::string& method, const std::string& path, const std::string& contentType,
+                        Bytes body) const;
     boost::json::value send(const std::string& method, const std::string& path, const std::string& contentType,
-                            Bytes body);
+                            Bytes body) override;
 
+    const std::filesystem::path home_;
     const DaemonAddress daemon_;
     ThreadPools pools_;
     HTTPClient http_;

@@ -1,11 +1,11 @@
 #include "app/client/TaskTable.h"
 
-#include "app/Printable.h"
 #include "app/Quantities.h"
+#include "app/TextWidth.h"
+#include "public/common/Printable.h"
 
 #include <boost/json/value.hpp>
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <sys/ioctl.h>
@@ -19,8 +19,24 @@ namespace json = boost::json;
 
 constexpr std::size_t usualWidth = 100;
 constexpr std::size_t leastName = 12;
-/// What the columns beside the name take.
-constexpr std::size_t otherColumns = 4 + 11 + 8 + 18 + 13 + 13 + 6;
+
+enum class Column : std::uint8_t { number, name, size, done, status, down, up, peers };
+
+struct Layout {
+    Column column;
+    std::string_view title;
+    std::size_t width;  // 0: what is left
+};
+
+constexpr Layout layouts[] = {
+    {Column::number, "#", 3},       {Column::name, "NAME", 0},  {Column::size, "SIZE", 11}, {Column::done, "DONE", 8},
+    {Column::status, "STATUS", 18}, {Column::down, "DOWN", 13}, {Column::up, "UP", 13},     {Column::peers, "PEERS", 6},
+};
+
+constexpr Column firstToGo[] = {Column::peers, Column::up,     Column::size,  Column::down,
+                                Column::done,  Column::status, Column::number};
+
+constexpr unsigned bitOf(Column column) { return 1U << static_cast<unsigned>(column); }
 
 std::string text(const json::object& task, std::string_view key) {
     const json::value& value = task.at(key);
@@ -28,51 +44,83 @@ std::string text(const json::object& task, std::string_view key) {
 }
 std::int64_t number(const json::object& task, std::string_view key) { return task.at(key).to_number<std::int64_t>(); }
 
-/// UTF-8 characters, which a terminal shows in one column mostly.
-std::size_t columnsOf(const std::string& shown) {
-    return static_cast<std::size_t>(std::count_if(
-        shown.begin(), shown.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U; }));
-}
-
-std::string fitted(std::string shown, std::size_t width) {
-    if (columnsOf(shown) <= width) return shown + std::string(width - columnsOf(shown), ' ');
-    while (columnsOf(shown) >= width) {
-        while (!shown.empty() && (static_cast<unsigned char>(shown.back()) & 0xC0U) == 0x80U) shown.pop_back();
-        shown.pop_back();
-    }
-    return shown + "…";
-}
-
-std::string right(const std::string& shown, std::size_t width) {
-    return std::string(width - std::min(width, columnsOf(shown)), ' ') + shown;
-}
-
 std::string percent(const json::object& task) {
     char shown[16];
     std::snprintf(shown, sizeof shown, "%.1f%%", std::floor(task.at("progress").to_number<double>() * 1000) / 10);
     return shown;
 }
 
-std::string rate(const json::object& task, std::string_view key) {
-    const std::int64_t bytes = number(task, key);
-    return bytes == 0 ? "-" : formatByteCount(bytes) + "/s";
-}
+std::string rate(std::int64_t bytes) { return bytes == 0 ? "-" : formatByteCount(bytes) + "/s"; }
 
 }  // namespace
 
-std::string taskTable(const json::array& tasks, std::size_t width) {
-    const std::size_t name = std::max(leastName, width > otherColumns ? width - otherColumns : 0);
-    std::string table = right("#", 3) + " " + fitted("NAME", name) + right("SIZE", 11) + right("DONE", 8) + "  " +
-                        fitted("STATUS", 16) + right("DOWN", 13) + right("UP", 13) + right("PEERS", 6) + "\n";
-    std::size_t row = 0;
-    for (const json::value& value : tasks) {
-        const json::object& task = value.as_object();
-        table += right(std::to_string(++row), 3) + " " + fitted(printable(text(task, "name")), name) +
-                 right(formatByteCount(number(task, "totalSize")), 11) + right(percent(task), 8) + "  " +
-                 fitted(text(task, "status"), 16) + right(rate(task, "downloadSpeed"), 13) +
-                 right(rate(task, "uploadSpeed"), 13) + right(std::to_string(number(task, "peerCount")), 6) + "\n";
+TaskTable::TaskTable(std::size_t width) {
+    std::size_t others = 1;  // the blank before the name
+    for (const Layout& layout : layouts) {
+        shown_ |= bitOf(layout.column);
+        others += layout.width;
     }
+    for (const Column column : firstToGo) {
+        if (others + leastName <= width) break;
+        shown_ &= ~bitOf(column);
+        others -= layouts[static_cast<std::size_t>(column)].width;
+    }
+    nameWidth_ = width > others ? width - others : 0;
+}
+
+/// Of what `cell` says of each column.
+template <class Cell>
+std::string TaskTable::line(Cell cell) const {
+    std::string line;
+    for (const Layout& layout : layouts) {
+        if ((shown_ & bitOf(layout.column)) == 0) continue;
+        const std::string content = cell(layout);
+        switch (layout.column) {
+            case Column::name: line += " " + fitted(content, nameWidth_); break;
+            case Column::status: line += "  " + fitted(content, layout.width - 2); break;
+            default: line += rightAligned(content, layout.width);
+        }
+    }
+    return line;
+}
+
+std::string TaskTable::header() const {
+    return line([](const Layout& layout) { return std::string(layout.title); });
+}
+
+std::string TaskTable::row(std::size_t position, const json::object& task) const {
+    return line([&](const Layout& layout) {
+        switch (layout.column) {
+            case Column::number: return std::to_string(position);
+            case Column::name: return printable(text(task, "name"));
+            case Column::size: return formatByteCount(number(task, "totalSize"));
+            case Column::done: return percent(task);
+            case Column::status: return text(task, "status");
+            case Column::down: return rate(number(task, "downloadSpeed"));
+            case Column::up: return rate(number(task, "uploadSpeed"));
+            case Column::peers: return std::to_string(number(task, "peerCount"));
+        }
+        return std::string();
+    });
+}
+
+std::string taskTable(const json::array& tasks, std::size_t width) {
+    const TaskTable layout(width);
+    std::string table = layout.header() + "\n";
+    std::size_t row = 0;
+    for (const json::value& task : tasks) table += layout.row(++row, task.as_object()) + "\n";
     return table;
+}
+
+std::string taskTotals(const json::array& tasks) {
+    std::int64_t down = 0;
+    std::int64_t up = 0;
+    for (const json::value& task : tasks) {
+        down += number(task.as_object(), "downloadSpeed");
+        up += number(task.as_object(), "uploadSpeed");
+    }
+    return std::to_string(tasks.size()) + (tasks.size() == 1 ? " task, " : " tasks, ") + formatByteCount(down) +
+           "/s down, " + formatByteCount(up) + "/s up";
 }
 
 std::string taskDetails(const json::object& task) {
@@ -92,8 +140,8 @@ std::string taskDetails(const json::object& task) {
     for (const json::value& tracker : task.at("trackers").as_array())
         line("tracker", text(tracker.as_object(), "url") + " " + text(tracker.as_object(), "status"));
     for (const json::value& file : task.at("files").as_array())
-        shown += right(formatByteCount(number(file.as_object(), "size")), 12) + right(percent(file.as_object()), 8) +
-                 "  " + printable(text(file.as_object(), "path")) + "\n";
+        shown += rightAligned(formatByteCount(number(file.as_object(), "size")), 12) +
+                 rightAligned(percent(file.as_object()), 8) + "  " + printable(text(file.as_object(), "path")) + "\n";
     return shown;
 }
 

@@ -8,8 +8,30 @@
 
 namespace skein {
 
-/// The list of tasks as a table of lines no wider than `width`: the name gives way.
+/// The list of tasks as lines that fill `width` columns: the name gives way, and on a narrow terminal whole columns.
+/// Plain logic; immutable.
+class TaskTable {
+public:
+    explicit TaskTable(std::size_t width);
+
+    // Without a line end.
+    std::string header() const;
+    /// `number` counts from 1.
+    std::string row(std::size_t number, const boost::json::object& task) const;
+
+private:
+    template <class Cell>
+    std::string line(Cell cell) const;
+
+    unsigned shown_ = 0;  // a bit a column
+    std::size_t nameWidth_ = 0;
+};
+
+/// All of it, for reading.
 std::string taskTable(const boost::json::array& tasks, std::size_t width);
+
+/// "3 tasks, 1.2 MiB/s down, 30.0 KiB/s up"
+std::string taskTotals(const boost::json::array& tasks);
 
 /// One task with its files and trackers, for reading.
 std::string taskDetails(const boost::json::object& task);

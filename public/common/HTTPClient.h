@@ -19,7 +19,8 @@ enum class HTTPBody : std::uint8_t {
     streamed,   ///< to a reader, as it comes
 };
 
-/// Fetches over HTTP and HTTPS; connections are kept and used again.
+/// Fetches over HTTP and HTTPS; the connections of GET and HEAD are kept and used again, other requests are never sent
+/// twice.
 ///
 /// Redirects are followed at most `maxRedirects` times, and never from a public host to an address that is not public:
 /// what counts is the address connected to, not the name. (Behind an HTTP proxy that is the proxy's; what lies behind

@@ -29,6 +29,7 @@ struct HTTPRequest {
     bool acceptsCompression = false;  ///< offers gzip and deflate; `maxBodyBytes` counts what comes of it
     std::string localAddress;         ///< the literal address to send from; empty for any
     bool usesProxy = true;            ///< false goes straight to the host, whatever the environment names
+    bool followsRedirects = true;     ///< false takes a redirect for the response
 };
 
 struct HTTPResponse {

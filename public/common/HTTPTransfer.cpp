@@ -239,6 +239,11 @@ void HTTPTransfer::setMethod() {
                          request_.body.empty() ? "" : reinterpret_cast<const char*>(request_.body.data()));
     }
     curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, request_.method.c_str());
+    if (request_.method == "GET") return;
+    // Where a kept connection is closed before an answer came, curl sends the request again: for all that it knows the
+    // server had closed it before. What changes something must not be done twice, and has a connection of its own.
+    curl_easy_setopt(handle_, CURLOPT_FRESH_CONNECT, 1L);
+    curl_easy_setopt(handle_, CURLOPT_FORBID_REUSE, 1L);
 }
 
 bool HTTPTransfer::proceed(int curlCode) {
@@ -251,7 +256,7 @@ bool HTTPTransfer::proceed(int curlCode) {
     char* location = nullptr;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(handle_, CURLINFO_REDIRECT_URL, &location);
-    if (!hasStarted_ && isRedirect(status) && location != nullptr) return follow(location);
+    if (!hasStarted_ && request_.followsRedirects && isRedirect(status) && location != nullptr) return follow(location);
     isEnded_ = true;
     if (hasStarted_) return false;
     describeResponse();
@@ -325,7 +330,8 @@ bool HTTPTransfer::acceptHeader(std::string_view line) {
 void HTTPTransfer::noteHead() {
     long status = 0;
     curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
-    if (hasStarted_ || status < 200 || (isRedirect(status) && response_.header("location"))) return;
+    const bool isOnTheWay = request_.followsRedirects && isRedirect(status) && response_.header("location");
+    if (hasStarted_ || status < 200 || isOnTheWay) return;
     describeResponse();
     head_ = std::move(response_);
     hasStarted_ = true;

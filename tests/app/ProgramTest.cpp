@@ -1,16 +1,10 @@
+#include "tests/app/ProgramTest.h"
+
 #include "Core/formats/TorrentParser.h"
-#include "public/common/WholeFile.h"
-#include "tests/support/ProgramRun.h"
-#include "tests/support/TemporaryFolder.h"
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <csignal>
-#include <thread>
 
 namespace skein {
 namespace {
@@ -20,23 +14,9 @@ namespace json = boost::json;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class ProgramTest : public testing::Test {
-protected:
-    ProgramRun::Result skein(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), SKEIN_PROGRAM);
-        return runProgram(arguments);
-    }
-    std::string path(const std::string& name) const { return (folder.path() / name).string(); }
-    void write(const std::string& name, std::string_view content) const {
-        fs::create_directories(fs::path(path(name)).parent_path());
-        replaceWholeFile(path(name), asBytes(content));
-    }
-    std::size_t fileCount() const {
-        return static_cast<std::size_t>(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()));
-    }
-
-    TemporaryFolder folder;
-};
+std::ptrdiff_t filesIn(const TemporaryFolder& folder) {
+    return std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator());
+}
 
 TEST_F(ProgramTest, tellsItsVersionAndExplainsEachCommand) {
     EXPECT_EQ(skein({"--version"}).out, "skein " SKEIN_VERSION "\n");
@@ -48,16 +28,14 @@ TEST_F(ProgramTest, tellsItsVersionAndExplainsEachCommand) {
 }
 
 TEST_F(ProgramTest, aWrongCommandLineEndsWith2AndOneLine) {
-    const std::vector<std::vector<std::string>> wrong{
-        {},
-        {"nonsense"},
-        {"show"},
-        {"show", "--nonsense", "x"},
-        {"create", "x"},
-        {"create", "x", "-o", "y", "--piece-length", "20000"},
-        {"create", "x", "-o", "y", "--tracker", "ftp://x"},
-    };
-    for (const auto& arguments : wrong) {
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{},
+                                               {"nonsense"},
+                                               {"show"},
+                                               {"show", "--nonsense", "x"},
+                                               {"create", "x"},
+                                               {"create", "x", "-o", "y", "--piece-length", "20000"},
+                                               {"create", "x", "-o", "y", "--tracker", "ftp://x"}}) {
         const auto result = skein(arguments);
         EXPECT_EQ(result.status, 2);
         EXPECT_EQ(result.out, "");
@@ -75,7 +53,7 @@ TEST_F(ProgramTest, createMakesATorrentThatShowPrints) {
     ASSERT_EQ(created.status, 0) << created.err;
     const TorrentMetaInfo torrent = TorrentParser::parse(readWholeFile(out, 100'000));
     EXPECT_THAT(created.out, HasSubstr(torrent.infoHashHex));
-    EXPECT_EQ(fileCount(), 2U);
+    EXPECT_EQ(filesIn(folder), 2);
 
     const json::value shown = json::parse(skein({"show", "--json", out}).out);
     const auto date = torrent.creationDate->time_since_epoch().count();
@@ -110,8 +88,7 @@ TEST_F(ProgramTest, showPrintsSeveralSourcesAndFailsForThoseItCannotRead) {
 }
 
 TEST_F(ProgramTest, createRefusesWhatWouldFailOrDestroySomething) {
-    write("film", "precious");
-    write("other", "precious");
+    for (const char* file : {"film", "other"}) write(file, "precious");
     fs::create_directories(path("folder"));
     for (const char* out : {"film", "other", "folder", "none/x.torrent"}) {
         const auto result = skein({"create", path("film"), "-o", path(out)});
@@ -120,20 +97,19 @@ TEST_F(ProgramTest, createRefusesWhatWouldFailOrDestroySomething) {
     }
     EXPECT_EQ(skein({"create", path("folder"), "-o", path("x.torrent")}).err,
               "skein: create: Nothing in it to share\n");
-    EXPECT_EQ(asText(readWholeFile(path("film"), 100)), "precious");
-    EXPECT_EQ(asText(readWholeFile(path("other"), 100)), "precious");
+    for (const char* file : {"film", "other"}) EXPECT_EQ(asText(readWholeFile(path(file), 100)), "precious");
 }
 
 TEST_F(ProgramTest, aSignalStopsCreateWithoutATrace) {
     write("huge", "");
     fs::resize_file(path("huge"), std::uintmax_t{1} << 43U);
     for (const auto& [signal, status] : {std::pair(SIGINT, 130), std::pair(SIGTERM, 143)}) {
-        ProgramRun run({SKEIN_PROGRAM, "create", path("huge"), "-o", path("huge.torrent"), "--piece-length", "64M"});
+        ProgramRun run(line({"create", path("huge"), "-o", path("huge.torrent"), "--piece-length", "64M"}));
         // The first progress line shows that the hashing goes on.
-        while (run.err().empty()) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        waitUntil([&] { return !run.err().empty(); });
         run.signal(signal);
         EXPECT_EQ(run.finish().status, status);
-        EXPECT_EQ(fileCount(), 1U);
+        EXPECT_EQ(filesIn(folder), 1);
     }
 }
 

@@ -8,23 +8,22 @@ namespace skein {
 namespace {
 
 TEST(Quantities, readsBytesWithAndWithoutAUnit) {
-    EXPECT_EQ(parseByteCount("0"), 0);
-    EXPECT_EQ(parseByteCount("16384"), 16'384);
-    EXPECT_EQ(parseByteCount("500K"), 512'000);
-    EXPECT_EQ(parseByteCount("2m"), 2 << 20U);
-    EXPECT_EQ(parseByteCount("1G"), 1 << 30U);
+    for (const auto& [text, bytes] :
+         {std::pair("0", 0), {"16384", 16'384}, {"500K", 512'000}, {"2m", 2 << 20}, {"1G", 1 << 30}})
+        EXPECT_EQ(parseByteCount(text), bytes);
     for (const char* text : {"", "K", "-1", "+1", "1.5M", "1KB", " 1", "9223372036854775808", "9007199254740992K"})
         EXPECT_FALSE(parseByteCount(text)) << text;
 }
 
 TEST(Quantities, showsBytesInTheUnitThatFits) {
-    EXPECT_EQ(formatByteCount(0), "0 B");
-    EXPECT_EQ(formatByteCount(1023), "1023 B");
-    EXPECT_EQ(formatByteCount(1024), "1.0 KiB");
-    EXPECT_EQ(formatByteCount((1 << 20U) - 1), "1.0 MiB");
-    EXPECT_EQ(formatByteCount(1'610'612'736), "1.5 GiB");
+    for (const auto& [bytes, text] : {std::pair(0, "0 B"),
+                                      {1023, "1023 B"},
+                                      {1024, "1.0 KiB"},
+                                      {(1 << 20) - 1, "1.0 MiB"},
+                                      {1'610'612'736, "1.5 GiB"},
+                                      {-5, "-5 B"}})
+        EXPECT_EQ(formatByteCount(bytes), text);
     EXPECT_EQ(formatByteCount(std::numeric_limits<std::int64_t>::max()), "8.0 EiB");
-    EXPECT_EQ(formatByteCount(-5), "-5 B");
 }
 
 TEST(Quantities, showsDatesOfFourDigitYears) {

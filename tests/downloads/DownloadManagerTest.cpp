@@ -1,21 +1,16 @@
-#include "Core/discovery/DatagramConnection.h"
 #include "Core/formats/MagnetParseError.h"
 #include "Core/formats/TorrentParser.h"
 #include "Core/formats/TorrentWriter.h"
-#include "downloads/DownloadManager.h"
-#include "public/common/HTTPClient.h"
-#include "public/common/NameResolver.h"
+#include "downloads/TaskListChanged.h"
 #include "public/common/WholeFile.h"
 #include "tests/Core/engine/TestTorrent.h"
-#include "tests/support/RecordingLogger.h"
+#include "tests/support/ManagerHost.h"
 #include "tests/support/ScriptedHTTPServer.h"
-#include "tests/support/ScriptedPeer.h"
-#include "tests/support/Simulation.h"
-#include "tests/support/TemporaryFolder.h"
-#include "tests/support/TestSession.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 namespace skein {
 namespace {
@@ -25,28 +20,28 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
 
+/// For a command that is not waited for.
+asio::awaitable<void> wait(asio::awaitable<bool> command) { co_await std::move(command); }
+
 /// A service that can be out of reach.
 class FakeService final : public ResourceService {
 public:
-    std::string signedInUserID() const override { return "u1"; }
-    asio::awaitable<void> flushFinalHeartbeat(TorrentTask& task, TorrentSession&) override {
-        reported.push_back(task.infoHash);
-        co_return;
-    }
+    asio::awaitable<ServiceAccess> access() override { co_return ServiceAccess{"http://service", user, "token", "d"}; }
+    asio::awaitable<bool> registerResource(ResourceRegistration) override { co_return isReachable; }
+    asio::awaitable<bool> markComplete(std::string) override { co_return isReachable; }
+    asio::awaitable<bool> releaseResourcesForLogout() override { co_return isReachable; }
     asio::awaitable<bool> deleteResource(std::string infoHash) override {
         if (isReachable) deleted.push_back(std::move(infoHash));
         co_return isReachable;
     }
+    asio::awaitable<std::optional<HeartbeatBatchResult>> batchHeartbeat(std::vector<HeartbeatPayload>) override {
+        co_return std::nullopt;
+    }
+    asio::awaitable<std::optional<UserBalanceResponse>> fetchBalance() override { co_return std::nullopt; }
 
+    std::string user = "u1";
     bool isReachable = true;
-    std::vector<std::string> reported;
     std::vector<std::string> deleted;
-};
-
-class FakeNotifier final : public CompletionNotifier {
-public:
-    void sendCompletionNotification(std::string name) override { names.push_back(std::move(name)); }
-    std::vector<std::string> names;
 };
 
 class DownloadManagerTest : public testing::Test {
@@ -58,100 +53,71 @@ protected:
         torrentData = TorrentWriter::write(*torrent.metaInfo);
         infoHash = TorrentParser::parse(torrentData).infoHash;
         magnet = "magnet:?xt=urn:btih:" + toHex(infoHash);
-        simulation.finish(listener.start(0));
-        open();
+        host.service = &service;
+        host.open();
     }
     ~DownloadManagerTest() override {
-        simulation.finish(manager->stop());
-        simulation.finish(listener.stop());
+        host.close();
+        simulation.finish(web.stop());
     }
 
-    void open() {
-        DownloadManager::Environment environment{simulation.executor(),
-                                                 simulation.executor(),
-                                                 simulation,
-                                                 log,
-                                                 random,
-                                                 center,
-                                                 ActorSettings(settings, simulation.executor()),
-                                                 service,
-                                                 notifier,
-                                                 home.path(),
-                                                 downloads.path()};
-        environment.makers.torrent = [this](const SHA1Digest& hash, const std::vector<std::string>&) {
-            const TrackerServices trackers{http, resolver, datagrams, simulation, random, log};
-            const TorrentSession::Services services{
-                simulation.executor(), simulation.executor(), simulation, log, trackers, listener};
-            TorrentSession::Options options;
-            options.savePath = downloads.path();
-            options.discovery.usesLSD = false;
-            options.discovery.namedPeers = peers;
-            options.archive.emplace(home.path());
-            return std::make_unique<TorrentSession>(hash, peerIDOf('m'), services, std::move(options));
-        };
-        environment.makers.http = [this](const std::string& url, const std::optional<std::string>& fileName) {
-            const HTTPDownloadSession::Environment shared{
-                simulation.executor(), simulation.executor(), simulation, random, log, http, home.path() / "resume"};
-            return std::make_unique<HTTPDownloadSession>(shared, url, downloads.path(), fileName);
-        };
-        manager = std::make_unique<DownloadManager>(std::move(environment));
-        simulation.finish(manager->start());
-    }
     void restart() {
-        simulation.finish(manager->stop());
-        open();
+        host.close();
+        host.open();
     }
-    std::unique_ptr<TestSession> startSeeder() {
-        torrent.writeTo(seederFolder.path());
-        TorrentSession::Options options;
-        options.savePath = seederFolder.path();
-        options.seedsOnly = true;
-        auto seeder =
-            std::make_unique<TestSession>(simulation, infoHash, 's', std::move(options), simulation.executor());
-        seeder->start(torrentData);
-        peers = {seeder->address()};
-        return seeder;
+    /// Gives the sessions to come a peer that has it all.
+    void startSeeder() {
+        torrent.writeTo(seeder.downloads.path());
+        simulation.finish(seeder.open().addTorrentFile(torrentData));
+        host.sessionOptions.discovery.namedPeers = {{"127.0.0.1", seeder.listener.port()}};
     }
     void waitFor(const Task& task, TaskStatus status) {
         simulation.runUntil([&] { return task->status() == status; });
     }
+    void waitUntilWhole(const Task& task) {
+        waitFor(task, TaskStatus::seeding);
+        EXPECT_TRUE(torrent.isWholeIn(downloads.path()));
+    }
     Task add() { return simulation.finish(manager->addTorrentFile(torrentData)); }
+    Task addWhole() {
+        const Task task = add();
+        waitUntilWhole(task);
+        return task;
+    }
+    /// What a file of the download folder holds.
+    std::string contentOf(const std::string& name) const {
+        return std::string(asText(TestTorrent::contentOf(downloads.path() / name)));
+    }
 
     Simulation simulation;
-    RecordingLogger log{LogLevel::info};
-    SecureRandom random;
-    SystemDatagrams datagrams;
-    SystemNameResolver resolver;
-    HTTPClient http;
-    MsgCenter center;
-    TemporaryFolder home;
-    TemporaryFolder downloads;
-    TemporaryFolder seederFolder;
-    SettingsStore settings{home.path() / "settings.db", log};
     FakeService service;
-    FakeNotifier notifier;
-    PeerListener listener{simulation.executor(), simulation, log, "127.0.0.1"};
+    ManagerHost host{simulation};
+    std::unique_ptr<DownloadManager>& manager = host.manager;
+    const TemporaryFolder& downloads = host.downloads;
+    ManagerHost seeder{simulation, 's'};
     TestTorrent torrent{50'000, {{"t/a", 399'990}, {"t/sub/b", 500'000}}};
+    ScriptedHTTPServer::Script page = [](const SeenHTTPRequest&) { return HTTPReply::text("a page"); };
+    ScriptedHTTPServer web{simulation.executor(), [this](const SeenHTTPRequest& request) { return page(request); }};
+    const std::string paper = web.url("/paper.pdf");
     Bytes torrentData;
     SHA1Digest infoHash{};
     std::string magnet;
-    std::vector<PeerAddress> peers;
-    std::unique_ptr<DownloadManager> manager;
 };
 
 TEST_F(DownloadManagerTest, downloadsFromAMagnetAndComesBackCompletedAfterARestart) {
-    const auto seeder = startSeeder();
+    startSeeder();
     const Task task = manager->addMagnet(magnet);
     EXPECT_EQ(task->name(), "Fetching...");
     EXPECT_EQ(task->ownerUserID(), "u1");
     EXPECT_EQ(manager->addMagnet(magnet + "&dn=other&tr=udp://x.example:1"), task);
     EXPECT_THROW(manager->addMagnet("magnet:?dn=nothing"), MagnetParseException);
-    waitFor(task, TaskStatus::seeding);
-    EXPECT_TRUE(torrent.isWholeIn(downloads.path()));
+    waitUntilWhole(task);
     EXPECT_EQ(task->name(), "t");
     EXPECT_EQ(task->progress(), 1);
     EXPECT_THAT(task->files(), SizeIs(2));
-    EXPECT_THAT(notifier.names, ElementsAre("t"));
+    EXPECT_THAT(host.notifier.names, ElementsAre("t"));
+    seeder.close();
+    service.user.clear();
     restart();
     ASSERT_THAT(manager->tasks(), SizeIs(1));
     EXPECT_EQ(manager->tasks()[0]->status(), TaskStatus::completed);
@@ -159,7 +125,7 @@ TEST_F(DownloadManagerTest, downloadsFromAMagnetAndComesBackCompletedAfterAResta
     EXPECT_EQ(simulation.sleepers(), 0U) << "a list that nothing happens to wakes nobody up";
 }
 
-TEST_F(DownloadManagerTest, pausesWithALastReportAndResumesFromTheSavedTorrent) {
+TEST_F(DownloadManagerTest, pausesAndResumesFromTheSavedTorrent) {
     const Task task = add();
     EXPECT_EQ(add(), task);
     waitFor(task, TaskStatus::downloading);
@@ -168,30 +134,25 @@ TEST_F(DownloadManagerTest, pausesWithALastReportAndResumesFromTheSavedTorrent) 
     EXPECT_EQ(task->status(), TaskStatus::paused);
     EXPECT_EQ(task->stallReason(), "Paused. Resume it.");
     EXPECT_FALSE(task->isControlOperationInProgress());
-    EXPECT_THAT(service.reported, ElementsAre(task->infoHash));
     restart();
     const Task again = manager->tasks()[0];
     EXPECT_EQ(again->status(), TaskStatus::paused);
-    const auto seeder = startSeeder();
+    startSeeder();
     simulation.finish(manager->resumeTask(again));
-    waitFor(again, TaskStatus::seeding);
-    EXPECT_TRUE(torrent.isWholeIn(downloads.path()));
+    waitUntilWhole(again);
 }
 
 TEST_F(DownloadManagerTest, verifiesDownloadsAgainAndSaysWhatItIsMissing) {
-    const auto seeder = startSeeder();
-    const Task task = add();
-    waitFor(task, TaskStatus::seeding);
+    startSeeder();
+    const Task task = addWhole();
     std::filesystem::resize_file(downloads.path() / "t/a", 0);
     simulation.finish(manager->recheckTask(task));
     EXPECT_FALSE(task->isVerifying());
-    waitFor(task, TaskStatus::seeding);
-    EXPECT_TRUE(torrent.isWholeIn(downloads.path()));
+    waitUntilWhole(task);
     simulation.finish(manager->redownloadTask(task));
-    waitFor(task, TaskStatus::seeding);
-    EXPECT_TRUE(torrent.isWholeIn(downloads.path()));
+    waitUntilWhole(task);
     simulation.finish(manager->pauseTask(task));
-    TorrentArchive(home.path()).forget(infoHash);
+    TorrentArchive(host.home.path()).forget(infoHash);
     simulation.finish(manager->resumeTask(task));
     EXPECT_EQ(task->status(), TaskStatus::error);
     EXPECT_EQ(task->errorMessage(), "Cannot resume: magnet link missing");
@@ -199,34 +160,33 @@ TEST_F(DownloadManagerTest, verifiesDownloadsAgainAndSaysWhatItIsMissing) {
     EXPECT_EQ(task->errorMessage(), "Cannot verify: magnet link missing");
     simulation.finish(manager->redownloadTask(task));
     EXPECT_EQ(task->errorMessage(), "Cannot redownload: magnet link missing");
+    EXPECT_TRUE(torrent.isWholeIn(downloads.path())) << "what cannot come back is not deleted";
 }
 
 TEST_F(DownloadManagerTest, downloadsFromTheWebAndKeepsWhatIsNoURLAsAnError) {
-    ScriptedHTTPServer server(simulation.executor(), [](const SeenHTTPRequest& request) {
+    page = [](const SeenHTTPRequest& request) {
         return HTTPReply::text("a page", request.target == "/paper.pdf" ? 200 : 404);
-    });
-    const Task task = manager->addHTTPDownload(" " + server.url("/paper.pdf") + "\n");
-    EXPECT_EQ(manager->addHTTPDownload(server.url("/paper.pdf")), task);
-    const Task missing = manager->addHTTPDownload(server.url("/none"));
+    };
+    const Task task = manager->addHTTPDownload(" " + paper + "\n");
+    EXPECT_EQ(manager->addHTTPDownload(paper), task);
+    const Task missing = manager->addHTTPDownload(web.url("/none"));
     const Task wrong = manager->addHTTPDownload("not a link");
     EXPECT_EQ(wrong->errorMessage(), "Invalid URL");
     waitFor(task, TaskStatus::completed);
     waitFor(missing, TaskStatus::error);
     EXPECT_THAT(missing->errorMessage().value_or(""), HasSubstr("HTTP 404"));
-    EXPECT_EQ(TestTorrent::contentOf(downloads.path() / "paper.pdf"), toBytes("a page"));
-    EXPECT_THAT(notifier.names, ElementsAre("paper.pdf"));
+    EXPECT_EQ(contentOf("paper.pdf"), "a page");
+    EXPECT_THAT(host.notifier.names, ElementsAre("paper.pdf"));
     simulation.finish(manager->resumeTask(task));
     EXPECT_EQ(task->status(), TaskStatus::completed) << "there is nothing to go on with";
     EXPECT_THAT(manager->tasks(), SizeIs(3));
     simulation.finish(manager->removeTask(task, true));
     EXPECT_FALSE(std::filesystem::exists(downloads.path() / "paper.pdf"));
-    simulation.finish(server.stop());
 }
 
 TEST_F(DownloadManagerTest, removesFilesAndHasTheServiceForgetThemEvenLater) {
-    const auto seeder = startSeeder();
-    const Task task = add();
-    waitFor(task, TaskStatus::seeding);
+    startSeeder();
+    const Task task = addWhole();
     replaceWholeFile(downloads.path() / "t/mine", toBytes("not of the torrent"));
     service.isReachable = false;
     simulation.finish(manager->removeTask(task, true));
@@ -234,12 +194,154 @@ TEST_F(DownloadManagerTest, removesFilesAndHasTheServiceForgetThemEvenLater) {
     EXPECT_TRUE(std::filesystem::exists(downloads.path() / "t/mine"));
     EXPECT_FALSE(std::filesystem::exists(downloads.path() / "t/sub"));
     EXPECT_FALSE(std::filesystem::exists(downloads.path() / "t.torrent"));
-    EXPECT_EQ(settings.text("svc.pendingDeletes.u1"), task->infoHash);
+    EXPECT_EQ(host.settings.text("svc.pendingDeletes.u1"), task->infoHash);
     service.isReachable = true;
     restart();
     simulation.settle();
     EXPECT_THAT(service.deleted, ElementsAre(task->infoHash));
-    EXPECT_EQ(settings.text("svc.pendingDeletes.u1"), std::nullopt);
+    EXPECT_EQ(host.settings.text("svc.pendingDeletes.u1"), std::nullopt);
+}
+
+TEST_F(DownloadManagerTest, aTaskStaysInTheFolderInWhichItWasBegun) {
+    startSeeder();
+    addWhole();
+    host.sessionOptions.discovery.namedPeers.clear();
+    const TemporaryFolder elsewhere;
+    std::filesystem::create_directory(elsewhere.path() / "t");
+    replaceWholeFile(elsewhere.path() / "t/a", toBytes("of somebody"));
+    host.downloadFolder = elsewhere.path();
+    restart();
+    const Task task = manager->tasks()[0];
+    simulation.finish(manager->recheckTask(task));
+    waitFor(task, TaskStatus::seeding);
+    simulation.finish(manager->removeTask(task, true));
+    EXPECT_FALSE(std::filesystem::exists(downloads.path() / "t"));
+    EXPECT_EQ(TestTorrent::contentOf(elsewhere.path() / "t/a"), toBytes("of somebody"));
+}
+
+TEST_F(DownloadManagerTest, whatAnotherProcessDownloadsIsNeitherWrittenNorDeleted) {
+    std::filesystem::create_directory(downloads.path() / "t");
+    replaceWholeFile(downloads.path() / "t/a", toBytes("of the other"));
+    std::optional<TargetLock> other(std::in_place, downloads.path(), infoHash);
+    const Task refused = add();
+    waitFor(refused, TaskStatus::error);
+    EXPECT_THAT(refused->errorMessage().value_or(""), HasSubstr("process " + std::to_string(::getpid())));
+    simulation.finish(manager->removeTask(refused, true));
+    EXPECT_EQ(contentOf("t/a"), "of the other");
+    const Task again = add();
+    waitFor(again, TaskStatus::error);
+    other.reset();
+    simulation.finish(manager->removeTask(again, true));
+    EXPECT_TRUE(std::filesystem::exists(downloads.path() / "t/a")) << "it has never run";
+    const Task task = add();
+    waitFor(task, TaskStatus::downloading);
+    simulation.runUntil([&] { return task->statusMessage() == "Downloading t"; });
+    EXPECT_THROW(TargetLock(downloads.path(), infoHash), TargetTaken);
+    simulation.finish(manager->removeTask(task, true));
+    EXPECT_FALSE(std::filesystem::exists(downloads.path() / "t/a"));
+}
+
+TEST_F(DownloadManagerTest, aWebFileIsDeletedByItsNameOnceItHasIt) {
+    const auto whole = std::exchange(
+        page, [](const SeenHTTPRequest&) { return HTTPReply{.body = toBytes("a page"), .stallAfter = 3}; });
+    const Task task = manager->addHTTPDownload(paper);
+    simulation.runUntil([&] { return !task->files().empty(); });
+    replaceWholeFile(downloads.path() / "paper.pdf", toBytes("mine"));
+    simulation.finish(manager->removeTask(task, true));
+    EXPECT_EQ(contentOf("paper.pdf"), "mine");
+    EXPECT_FALSE(std::filesystem::exists(downloads.path() / "paper.pdf.part"));
+    page = whole;
+    const Task again = manager->addHTTPDownload(paper);
+    waitFor(again, TaskStatus::completed);
+    simulation.finish(manager->redownloadTask(again));
+    waitFor(again, TaskStatus::completed);
+    EXPECT_EQ(again->name(), "paper (1).pdf");
+}
+
+TEST_F(DownloadManagerTest, aWholeWebFileIsNotFetchedAgain) {
+    const auto whole = std::exchange(page, [](const SeenHTTPRequest&) { return HTTPReply::text("none", 404); });
+    const Task task = manager->addHTTPDownload(paper);
+    waitFor(task, TaskStatus::error);
+    page = whole;
+    simulation.finish(manager->resumeTask(task));  // at once, while the session that failed still stops
+    waitFor(task, TaskStatus::completed);
+    const TemporaryFolder asKilled;
+    std::filesystem::copy(host.home.path(), asKilled.path(), std::filesystem::copy_options::recursive);
+    simulation.finish(manager->pauseTask(task));
+    EXPECT_EQ(task->status(), TaskStatus::completed);
+    simulation.finish(manager->stop());
+
+    host.homeFolder = asKilled.path();
+    host.open();
+    const Task again = manager->tasks()[0];
+    ASSERT_EQ(again->status(), TaskStatus::paused) << "killed before the list was saved";
+    simulation.finish(manager->resumeTask(again));
+    waitFor(again, TaskStatus::completed);
+    EXPECT_THAT(web.requests(), SizeIs(2));
+    EXPECT_FALSE(std::filesystem::exists(downloads.path() / "paper (1).pdf"));
+    simulation.advance(1s);
+    EXPECT_FALSE(std::filesystem::exists(
+        ResumeData::fileFor(asKilled.path() / "resume", *again->downloadURL, downloads.path())));
+}
+
+TEST_F(DownloadManagerTest, aPauseEndsACheckAndACommandSaysWhenItIsNotCarriedOut) {
+    startSeeder();
+    const Task task = addWhole();
+    simulation.start(wait(manager->recheckTask(task)));
+    simulation.runUntil([&] { return task->isVerifying(); });
+    EXPECT_FALSE(simulation.finish(manager->resumeTask(task)));
+    EXPECT_TRUE(simulation.finish(manager->pauseTask(task)));
+    simulation.settle();
+    EXPECT_EQ(task->status(), TaskStatus::paused);
+    EXPECT_FALSE(task->isVerifying());
+    simulation.start(wait(manager->recheckTask(task)));
+    simulation.runUntil([&] { return task->isVerifying(); });
+    EXPECT_TRUE(simulation.finish(manager->removeTask(task)));
+}
+
+TEST_F(DownloadManagerTest, aRemovalIsDoneToItsEndAndSparesWhatIsAddedInItsPlace) {
+    startSeeder();
+    addWhole();
+    simulation.start(wait(manager->removeTask(manager->tasks()[0], true)));
+    simulation.runUntil([&] { return manager->tasks().empty(); });
+    const Task next = addWhole();
+    EXPECT_TRUE(TorrentArchive(host.home.path()).torrent(infoHash));
+    const auto subscription =
+        host.center.subscribe<TaskListChanged>(simulation.executor(), [&](const TaskListChanged&) {
+            simulation.start(manager->stop());  // in the midst of it
+        });
+    simulation.start(wait(manager->removeTask(next, true)));
+    simulation.runUntil([&] { return manager->tasks().empty(); });
+    simulation.finish(manager->stop());
+    EXPECT_FALSE(std::filesystem::exists(downloads.path() / "t"));
+}
+
+TEST_F(DownloadManagerTest, commandsAndSessionsStopSideBySide) {
+    page = [](const SeenHTTPRequest& request) {
+        HTTPReply reply = HTTPReply::text("d8:intervali1800e5:peers0:e");
+        if (request.target.find("event=stopped") != std::string::npos) reply.stallAfter = 0;
+        return reply;
+    };
+    const std::string tail = "&tr=" + web.url("/announce");
+    const Task first = manager->addMagnet(magnet + tail);
+    const Task second = manager->addMagnet("magnet:?xt=urn:btih:" + std::string(40, 'a') + tail);
+    const auto isAnnounced = [](const Task& task) {
+        return !task->trackerDetails().empty() && task->trackerDetails()[0].lastAnnounceAt;
+    };
+    simulation.runUntil([&] { return isAnnounced(first) && isAnnounced(second); });
+    simulation.start(wait(manager->pauseTask(first)));
+    simulation.runUntil([&] { return web.requests().size() == 3; });
+    const auto begun = simulation.now();
+    auto stopped = asio::co_spawn(simulation.executor(), manager->stop(), asio::use_future);
+    simulation.advanceUntil([&] { return stopped.wait_for(0s) == std::future_status::ready; });
+    EXPECT_GE(simulation.now() - begun, 3s) << "the trackers are told";
+    EXPECT_LT(simulation.now() - begun, 4s);
+}
+
+TEST_F(DownloadManagerTest, aTorrentThatCannotBeKeptIsNotAdded) {
+    replaceWholeFile(host.home.path() / "torrents", {});
+    EXPECT_THROW(add(), std::system_error);
+    EXPECT_THAT(manager->tasks(), SizeIs(0));
 }
 
 }  // namespace

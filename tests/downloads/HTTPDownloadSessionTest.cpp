@@ -4,10 +4,6 @@
 #include "tests/support/Simulation.h"
 #include "tests/support/TemporaryFolder.h"
 
-#include <boost/asio/buffer.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/use_awaitable.hpp>
-#include <boost/asio/write.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -23,18 +19,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-/// What a server that knows no TLS says to it.
-asio::awaitable<void> answerInPlain(asio::ip::tcp::acceptor& acceptor) {
-    asio::ip::tcp::socket socket = co_await acceptor.async_accept(asio::use_awaitable);
-    std::string text = "HTTP/1.1 400 Bad Request\r\n\r\n" + std::string(4096, '\0');
-    const auto all = asio::buffer(text);
-    const auto answer = asio::buffer(text, 28);
-    const auto question = asio::buffer(all + 28);
-    co_await socket.async_read_some(question, asio::use_awaitable);  // unread, it would reset the connection on closing
-    co_await asio::async_write(socket, answer, asio::use_awaitable);
-    co_await socket.async_read_some(question, asio::use_awaitable);
-}
 
 class HTTPDownloadSessionTest : public testing::Test {
 protected:
@@ -53,19 +37,11 @@ protected:
             HTTPDownloadSession::Environment{simulation.executor(), simulation.executor(), simulation, random, log,
                                              client, resumeFolder},
             url, folder);
-        made->setCallbacks({.onStateChanged =
-                                [this](const auto& state) {
-                                    states.push_back(state.kind);
-                                    message = state.message;
-                                },
-                            .onProgressUpdated =
-                                [this](double newFraction, std::int64_t bytes, std::int64_t, double newRate) {
-                                    fraction = newFraction;
-                                    downloaded = bytes;
-                                    rate = newRate;
-                                },
-                            .onFileInfoReceived = [this](const std::string& newName, std::int64_t) { name = newName; },
-                            .onStatusMessage = [this](const std::string& text) { statuses.push_back(text); }});
+        made->setCallbacks(
+            {.onStateChanged = [this](const auto& state) { states.push_back(state.kind), message = state.message; },
+             .onProgressUpdated = [this](auto... figures) { progress = {figures...}; },
+             .onFileInfoReceived = [this](const std::string& newName, std::int64_t) { name = newName; },
+             .onStatusMessage = [this](const std::string& text) { statuses.push_back(text); }});
         return made;
     }
     /// A new session goes as far as `kind`, from whatever the one before left.
@@ -74,8 +50,18 @@ protected:
         states.clear();
         statuses.clear();
         session = make(target.starts_with("http") ? target : server.url(target));
+        if (keepsRecord) session->keepRecord();
         simulation.finish(session->start());
         waitFor(kind);
+    }
+    void waitUntilWhole(const std::string& fileName = "file.bin") {
+        waitFor(Kind::completed);
+        EXPECT_EQ(read(fileName), content);
+    }
+    /// A new session brings the whole file, from whatever the one before left.
+    void complete(const std::string& fileName = "file.bin") {
+        start(Kind::completed);
+        waitUntilWhole(fileName);
     }
     void waitFor(Kind kind) {
         simulation.runUntil(
@@ -86,14 +72,11 @@ protected:
     void startUpTo(std::int64_t bytes) {
         stallAfter = static_cast<std::size_t>(bytes);
         start(Kind::downloading);
-        settleAt(bytes);
-        stallAfter = SIZE_MAX;
-    }
-    void settleAt(std::int64_t bytes) {
         const auto part = folder / "file.bin.part";
         simulation.runUntil([&] { return std::filesystem::file_size(part) == static_cast<std::uintmax_t>(bytes); });
         simulation.advance(1s);  // the next report
-        EXPECT_EQ(downloaded, bytes);
+        EXPECT_EQ(progress.downloaded, bytes);
+        stallAfter = SIZE_MAX;
     }
     void expectRetry(std::chrono::seconds delay) {
         const std::string text = "retrying in " + std::to_string(delay.count()) + " s";
@@ -105,11 +88,7 @@ protected:
         simulation.runUntil([&] { return server.requests().size() == requests + 1; });
     }
     Bytes read(const std::string& fileName) const { return readWholeFile(folder / fileName, 1U << 30U); }
-    std::string lastHeader(const std::string& header) const {
-        const auto& headers = server.requests().back().headers;
-        const auto entry = headers.find(header);
-        return entry == headers.end() ? "none" : entry->second;
-    }
+    std::string lastHeader(const std::string& header) const { return server.requests().back().header(header); }
     std::filesystem::path record() const {
         return ResumeData::fileFor(resumeFolder, server.url("/dir/file.bin"), folder);
     }
@@ -127,6 +106,7 @@ protected:
     std::string entityTag = "\"one\"";
     std::size_t stallAfter = SIZE_MAX;
     bool cutsOff = false;
+    bool keepsRecord = false;
     ScriptedHTTPServer::Script script = [this](const SeenHTTPRequest& seen) {
         HTTPReply reply = HTTPReply::file(seen, content, entityTag);
         reply.stallAfter = stallAfter;
@@ -139,24 +119,43 @@ protected:
     std::vector<Kind> states;
     std::vector<std::string> statuses;
     std::string message, name;
-    double fraction = -1, rate = -1;
-    std::int64_t downloaded = -1;
+    struct {
+        double fraction;
+        std::int64_t downloaded, total;
+        double rate;
+    } progress{};
 };
 
 TEST_F(HTTPDownloadSessionTest, downloadsAFileAndTellsOfIt) {
-    start(Kind::completed);
-    EXPECT_EQ(read("file.bin"), content);
+    complete();
     EXPECT_THAT(states, ElementsAre(Kind::connecting, Kind::downloading, Kind::completed));
     EXPECT_THAT(statuses, ElementsAre("Connecting...", "Downloading...", "Downloading file.bin", "Download complete"));
-    EXPECT_EQ(fraction, 1);
-    EXPECT_EQ(downloaded, 100'000);
+    EXPECT_EQ(progress.fraction, 1);
+    EXPECT_EQ(progress.downloaded, 100'000);
     EXPECT_THAT(lastHeader("user-agent"), StartsWith("Mozilla/5.0 (Macintosh;"));
-    EXPECT_EQ(lastHeader("range"), "none");
+    EXPECT_EQ(lastHeader("range"), "");
     EXPECT_EQ(filesIn(folder), 1U);
     EXPECT_EQ(filesIn(resumeFolder), 0U);
     EXPECT_EQ(simulation.finish(session->destinationURL()), folder / "file.bin");
     simulation.finish(session->start());
     EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(HTTPDownloadSessionTest, aKeptRecordFindsAFinishedFileAgainHoweverItEnded) {
+    keepsRecord = true;
+    start(Kind::completed);
+    for (const bool isRenamed : {true, false}) {
+        if (!isRenamed) std::filesystem::rename(folder / "file.bin", folder / "file.bin.part");
+        complete();
+        EXPECT_EQ(server.requests().size(), 1U);
+        EXPECT_EQ(name, "file.bin");
+        EXPECT_EQ(filesIn(folder), 1U);
+    }
+    replaceWholeFile(folder / "file.bin", toBytes("another"));
+    complete("file (1).bin");
+    simulation.finish(session->clearResumeData());
+    EXPECT_EQ(filesIn(folder), 2U);
+    EXPECT_EQ(filesIn(resumeFolder), 0U);
 }
 
 TEST_F(HTTPDownloadSessionTest, aLostConnectionIsMadeAnewWithGrowingDelaysAndThenGivenUp) {
@@ -182,23 +181,21 @@ TEST_F(HTTPDownloadSessionTest, aLostConnectionIsMadeAnewWithGrowingDelaysAndThe
     stallAfter = SIZE_MAX;
     simulation.finish(session->resume());
     waitFor(Kind::connecting);
-    waitFor(Kind::completed);
+    waitUntilWhole();
     EXPECT_EQ(lastHeader("range"), "bytes=40000-");
     EXPECT_EQ(lastHeader("if-range"), "\"one\"");
     EXPECT_THAT(statuses, Contains("Resumed from 39.1 KiB"));
     EXPECT_THAT(statuses, Contains("Server supports resume, downloading..."));
-    EXPECT_EQ(read("file.bin"), content);
 }
 
 TEST_F(HTTPDownloadSessionTest, silenceIsALostConnection) {
     startUpTo(1000);
     simulation.advance(HTTPDownloadSession::stallLimit - 2s);
     EXPECT_EQ(states.back(), Kind::downloading);
-    EXPECT_EQ(rate, 0);
+    EXPECT_EQ(progress.rate, 0);
     simulation.advance(1s);
     expectRetry(1s);
-    waitFor(Kind::completed);
-    EXPECT_EQ(read("file.bin"), content);
+    waitUntilWhole();
 }
 
 TEST_F(HTTPDownloadSessionTest, aSessionGoesOnWhereTheLastOneWasStoppedOrKilled) {
@@ -206,10 +203,9 @@ TEST_F(HTTPDownloadSessionTest, aSessionGoesOnWhereTheLastOneWasStoppedOrKilled)
     const Bytes first = readWholeFile(record(), 10'000);  // as a kill would leave it, written with the head
     simulation.finish(session->stop());
     const Bytes stopped = readWholeFile(record(), 10'000);
-    start(Kind::completed);
+    complete();
     EXPECT_EQ(lastHeader("range"), "bytes=30000-");
     EXPECT_THAT(statuses, Contains("Resuming from 29.3 KiB"));
-    EXPECT_EQ(read("file.bin"), content);
 
     // After a restart of the machine only what was certainly on the disk counts.
     const auto fromAnotherBoot = [](const Bytes& data) {
@@ -220,8 +216,8 @@ TEST_F(HTTPDownloadSessionTest, aSessionGoesOnWhereTheLastOneWasStoppedOrKilled)
     const std::tuple<Bytes, std::string> records[] = {{first, "bytes=50000-"},
                                                       {stopped, "bytes=50000-"},
                                                       {fromAnotherBoot(stopped), "bytes=30000-"},
-                                                      {fromAnotherBoot(first), "none"},
-                                                      {toBytes("{\"damaged\":"), "none"}};
+                                                      {fromAnotherBoot(first), ""},
+                                                      {toBytes("{\"damaged\":"), ""}};
     for (const auto& [data, range] : records) {
         std::filesystem::remove_all(folder);
         std::filesystem::create_directory(folder);
@@ -257,13 +253,11 @@ TEST_F(HTTPDownloadSessionTest, pausesAndResumes) {
 
 TEST_F(HTTPDownloadSessionTest, aFileThatChangedOrComesOnlyAsAWholeIsStartedAgain) {
     const auto honest = script;
-    const auto withoutCondition = [&](SeenHTTPRequest seen) {
-        seen.headers.erase("if-range");
-        return honest(seen);
-    };
-    const auto withoutRange = [&](SeenHTTPRequest seen) {
-        seen.headers.erase("range");
-        return honest(seen);
+    const auto without = [&](const char* header) {
+        return [&, header](SeenHTTPRequest seen) {
+            seen.headers.erase(header);
+            return honest(seen);
+        };
     };
     const auto unsatisfied = [&](const SeenHTTPRequest& seen) {
         return seen.headers.contains("range") ? HTTPReply::text("", 416) : honest(seen);
@@ -273,8 +267,8 @@ TEST_F(HTTPDownloadSessionTest, aFileThatChangedOrComesOnlyAsAWholeIsStartedAgai
         return honest(seen);
     };
     const std::pair<ScriptedHTTPServer::Script, std::string> servers[] = {{honest, "\"two\""},
-                                                                          {withoutCondition, "\"two\""},
-                                                                          {withoutRange, "\"one\""},
+                                                                          {without("if-range"), "\"two\""},
+                                                                          {without("range"), "\"one\""},
                                                                           {unsatisfied, "\"one\""},
                                                                           {wrongRange, "\"one\""}};
     for (const auto& [next, tag] : servers) {
@@ -286,8 +280,7 @@ TEST_F(HTTPDownloadSessionTest, aFileThatChangedOrComesOnlyAsAWholeIsStartedAgai
         entityTag = tag;
         content.front() ^= 1U;
         content.push_back(0);
-        start(Kind::completed);
-        EXPECT_EQ(read("file.bin"), content);
+        complete();
     }
 }
 
@@ -296,8 +289,7 @@ TEST_F(HTTPDownloadSessionTest, nothingIsOverwrittenAndNoNameLeadsElsewhere) {
     replaceWholeFile(folder / "file (1).bin.part", toBytes("another's"));
     start(Kind::downloading);
     EXPECT_EQ(name, "file (2).bin");
-    waitFor(Kind::completed);
-    EXPECT_EQ(read("file (2).bin"), content);
+    waitUntilWhole("file (2).bin");
     EXPECT_EQ(asText(read("file.bin")), "mine");
     EXPECT_EQ(asText(read("file (1).bin.part")), "another's");
 
@@ -316,8 +308,7 @@ TEST_F(HTTPDownloadSessionTest, nothingIsOverwrittenAndNoNameLeadsElsewhere) {
         reply.headers.push_back({"Content-Disposition", "attachment; filename=\"../../evil.txt\""});
         return seen.target == "/there" ? reply : HTTPReply::redirect("/there");
     };
-    start(Kind::completed);
-    EXPECT_EQ(read("evil.txt"), content);
+    complete("evil.txt");
 }
 
 TEST_F(HTTPDownloadSessionTest, twoSessionsNeverWriteOneFile) {
@@ -345,12 +336,9 @@ TEST_F(HTTPDownloadSessionTest, whatIsWrongForGoodFailsAtOnceWithAClearText) {
         EXPECT_EQ(statuses.back(), "HTTP " + status);
     }
     EXPECT_THAT(failureOf(server.url("/loop")), StartsWith("Too many redirects"));
-    asio::ip::tcp::acceptor plain(simulation.executor(), {asio::ip::make_address("127.0.0.1"), 0});
-    simulation.start(answerInPlain(plain));
-    const std::string port = std::to_string(plain.local_endpoint().port());
-    EXPECT_THAT(failureOf("https://127.0.0.1:" + port + "/a.bin"), StartsWith("No secure connection"));
-    plain.close();
-    EXPECT_THAT(failureOf("http://127.0.0.1:" + port + "/a.bin"), StartsWith("The host cannot be reached"));
+    EXPECT_THAT(failureOf("https" + server.url("/a.bin").substr(4)), StartsWith("No secure connection"));
+    simulation.finish(server.stop());
+    EXPECT_THAT(failureOf(server.url("/a.bin")), StartsWith("The host cannot be reached"));
     EXPECT_THAT(failureOf("http://" + std::string(64, 'a') + ".invalid/"), StartsWith("The host was not found"));
     EXPECT_THAT(failureOf("/ nonsense\n"), StartsWith("Not a valid HTTP request"));
 }
@@ -370,13 +358,20 @@ TEST_F(HTTPDownloadSessionTest, aFullDiskOrAMissingFolderFailsAndThePartIsKept) 
     EXPECT_EQ(statuses.back(), message);
     EXPECT_EQ(read("file.bin.part").size(), 60'000U);
     simulation.finish(session->resume());
-    simulation.runUntil([&] { return states.back() == Kind::completed; });
+    waitFor(Kind::connecting);
+    waitUntilWhole();
     EXPECT_EQ(lastHeader("range"), "bytes=60000-");
-    EXPECT_EQ(read("file.bin"), content);
 
     std::filesystem::remove_all(folder);
     start(Kind::failed);
     EXPECT_THAT(message, HasSubstr("No such file or directory"));
+
+    std::filesystem::create_directory(folder);
+    std::filesystem::remove_all(resumeFolder);
+    replaceWholeFile(resumeFolder, {});
+    start(Kind::failed);
+    EXPECT_EQ(filesIn(folder), 0U) << "a part without a record is nobody's";
+    std::filesystem::remove(resumeFolder);
 }
 
 TEST_F(HTTPDownloadSessionTest, aLimitPacesTheDownloadAndAnUnknownSizeHasNoFraction) {
@@ -392,15 +387,15 @@ TEST_F(HTTPDownloadSessionTest, aLimitPacesTheDownloadAndAnUnknownSizeHasNoFract
     const auto begun = simulation.now();
     simulation.finish(session->start());
     waitFor(Kind::downloading);
-    EXPECT_EQ(fraction, 0);
+    EXPECT_EQ(progress.fraction, 0);
     for (int step = 0; step < 200 && states.back() == Kind::downloading; ++step) {
         simulation.advance(250ms);
         simulation.runUntil([turns = 0]() mutable { return ++turns > 1; });  // what the client's thread brings
     }
     EXPECT_EQ(read("file.bin"), content);
     EXPECT_GE(simulation.now() - begun, 9750ms);
-    EXPECT_GT(rate, 1'000);
-    EXPECT_LT(rate, 12'600);
+    EXPECT_GT(progress.rate, 1'000);
+    EXPECT_LT(progress.rate, 12'600);
 }
 
 }  // namespace

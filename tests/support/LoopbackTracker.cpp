@@ -3,9 +3,10 @@
 #include "Core/formats/BEncoder.h"
 #include "public/common/IPAddress.h"
 
-#include <algorithm>
+#include <boost/url/parse.hpp>
+
 #include <array>
-#include <charconv>
+#include <cstdlib>
 #include <string_view>
 #include <utility>
 
@@ -16,40 +17,13 @@ namespace {
 // What is remembered of a machine that announces without end; the oldest go.
 constexpr std::size_t mostRemembered = 10'000;
 
-std::string percentDecode(std::string_view text) {
-    std::string decoded;
-    while (!text.empty()) {
-        const auto byte = text.front() == '%' && text.size() >= 3 ? fromHex(text.substr(1, 2)) : std::nullopt;
-        decoded += byte ? static_cast<char>(byte->front()) : text.front();
-        text.remove_prefix(byte ? 3 : 1);
-    }
-    return decoded;
-}
+using Query = std::map<std::string, std::string>;
 
-/// Takes what stands before `delimiter` off the front of `text`, and the delimiter with it.
-std::string_view take(std::string_view& text, char delimiter) {
-    const std::string_view front = text.substr(0, text.find(delimiter));
-    text.remove_prefix(std::min(text.size(), front.size() + 1));
-    return front;
-}
-
-std::map<std::string, std::string> parseQuery(std::string_view target) {
-    std::map<std::string, std::string> query;
-    take(target, '?');
-    while (!target.empty()) {
-        std::string_view value = take(target, '&');
-        const std::string key(take(value, '='));
-        query[key] = percentDecode(value);
-    }
+Query queryOf(const std::string& target) {
+    Query query;
+    if (const auto url = boost::urls::parse_origin_form(target))
+        for (const auto& item : url->params()) query[item.key] = item.value;
     return query;
-}
-
-std::int64_t numberIn(const std::map<std::string, std::string>& query, const std::string& key) {
-    std::int64_t number = 0;
-    const auto found = query.find(key);
-    if (found != query.end())
-        std::from_chars(found->second.data(), found->second.data() + found->second.size(), number);
-    return number;
 }
 
 Bytes compact(const std::vector<PeerAddress>& peers, bool wantsIPv6) {
@@ -120,24 +94,18 @@ LoopbackTracker::Answer LoopbackTracker::track(const Seen& announce) {
 
 HTTPReply LoopbackTracker::answerHTTP(const SeenHTTPRequest& request) {
     if (!request.target.starts_with("/announce")) return HTTPReply::text("no such page", 404);
-    const auto query = parseQuery(request.target);
-    const auto infoHash = query.find("info_hash");
-    const std::int64_t port = numberIn(query, "port");
+    Query query = queryOf(request.target);
+    const auto number = [&query](const char* key) { return std::strtoll(query[key].c_str(), nullptr, 10); };
+    const std::int64_t port = number("port");
     BEncodeValue::Dictionary reply;
     if (!options_.failureReason.empty()) {
         reply = {{"failure reason", options_.failureReason}};
-    } else if (infoHash == query.end() || infoHash->second.size() != 20 || port < 1 || port > 65'535 ||
-               !request.remote) {
+    } else if (query["info_hash"].size() != 20 || port < 1 || port > 65'535 || !request.remote) {
         reply = {{"failure reason", "not a valid announce"}};
     } else {
-        Seen seen;
-        seen.infoHash = infoHash->second;
-        seen.peer = PeerAddress::from(*request.remote, static_cast<std::uint16_t>(port));
-        seen.downloaded = numberIn(query, "downloaded");
-        seen.uploaded = numberIn(query, "uploaded");
-        seen.left = numberIn(query, "left");
-        const auto event = query.find("event");
-        if (event != query.end()) seen.event = event->second;
+        const Seen seen{query["info_hash"],   PeerAddress::from(*request.remote, static_cast<std::uint16_t>(port)),
+                        number("downloaded"), number("uploaded"),
+                        number("left"),       query["event"]};
         const Answer answer = track(seen);
         reply = {{"interval", options_.interval}, {"complete", answer.seeders}, {"incomplete", answer.leechers}};
         if (options_.listsDictionaries) {
@@ -176,13 +144,16 @@ Bytes LoopbackTracker::answerAnnounce(const ScriptedUDPServer::Seen& seen) {
         return udpError(transaction, "unknown connection");
     constexpr std::array<const char*, 4> events{"", "completed", "started", "stopped"};
     const auto event = readBigEndian<std::uint32_t>(datagram.subspan(80));
-    Seen announce;
-    announce.infoHash = asText(datagram.subspan(16, 20));
-    announce.downloaded = static_cast<std::int64_t>(readBigEndian<std::uint64_t>(datagram.subspan(56)));
-    announce.left = static_cast<std::int64_t>(readBigEndian<std::uint64_t>(datagram.subspan(64)));
-    announce.uploaded = static_cast<std::int64_t>(readBigEndian<std::uint64_t>(datagram.subspan(72)));
-    announce.event = event < events.size() ? events[event] : "";
-    announce.peer = PeerAddress::from(seen.remote, readBigEndian<std::uint16_t>(datagram.subspan(96)));
+    const auto number = [&](std::size_t at) {
+        return static_cast<std::int64_t>(readBigEndian<std::uint64_t>(datagram.subspan(at)));
+    };
+    const auto port = readBigEndian<std::uint16_t>(datagram.subspan(96));
+    const Seen announce{std::string(asText(datagram.subspan(16, 20))),
+                        PeerAddress::from(seen.remote, port),
+                        number(56),
+                        number(72),
+                        number(64),
+                        event < events.size() ? events[event] : ""};
     const Answer answer = track(announce);
 
     Bytes reply;

@@ -23,17 +23,18 @@ std::string contentOf(const std::filesystem::path& file) {
 
 }  // namespace
 
-ProgramRun::ProgramRun(const std::vector<std::string>& arguments) {
+ProgramRun::ProgramRun(const std::vector<std::string>& arguments, const std::string& terminal) {
     std::vector<char*> pointers;
     pointers.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) pointers.push_back(const_cast<char*>(argument.c_str()));
     pointers.push_back(nullptr);
 
-    const std::string outFile = folder_.path() / "out";
+    const std::string inFile = terminal.empty() ? "/dev/null" : terminal;
+    const std::string outFile = terminal.empty() ? (folder_.path() / "out").string() : terminal;
     const std::string errFile = folder_.path() / "err";
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, inFile.c_str(), O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outFile.c_str(), O_WRONLY | O_CREAT, 0600);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errFile.c_str(), O_WRONLY | O_CREAT, 0600);
     const int error = ::posix_spawn(&process_, pointers[0], &actions, nullptr, pointers.data(), environ);
@@ -61,7 +62,5 @@ ProgramRun::Result ProgramRun::finish(std::chrono::seconds patience) {
     process_ = -1;
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out(), err()};
 }
-
-ProgramRun::Result runProgram(const std::vector<std::string>& arguments) { return ProgramRun(arguments).finish(); }
 
 }  // namespace skein

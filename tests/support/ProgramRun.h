@@ -18,15 +18,16 @@ public:
         std::string err;
     };
 
-    /// Starts `arguments`, the program's path first. Throws std::system_error.
-    explicit ProgramRun(const std::vector<std::string>& arguments);
+    /// Starts `arguments`, the program's path first; on the terminal of that name, if one is given. Throws
+    /// std::system_error.
+    explicit ProgramRun(const std::vector<std::string>& arguments, const std::string& terminal = {});
     ProgramRun(const ProgramRun&) = delete;
     ProgramRun& operator=(const ProgramRun&) = delete;
     /// Kills it, if it still runs.
     ~ProgramRun();
 
     void signal(int number) const;
-    /// What it has written so far.
+    /// What it has written so far, other than to a terminal.
     std::string out() const;
     std::string err() const;
     /// Waits for its end. After `patience` it is killed, and the status shows that.
@@ -36,8 +37,5 @@ private:
     TemporaryFolder folder_;
     pid_t process_ = -1;
 };
-
-/// Runs to the end.
-ProgramRun::Result runProgram(const std::vector<std::string>& arguments);
 
 }  // namespace skein

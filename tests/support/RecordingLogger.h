@@ -2,6 +2,7 @@
 
 #include "public/common/FileLogger.h"
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -17,6 +18,12 @@ public:
     std::vector<std::string> lines() const {
         const std::lock_guard lock(mutex_);
         return lines_;
+    }
+    /// How many lines have `text` in them.
+    std::ptrdiff_t count(std::string_view text) const {
+        const std::lock_guard lock(mutex_);
+        return std::count_if(lines_.begin(), lines_.end(),
+                             [&](const std::string& line) { return line.find(text) != std::string::npos; });
     }
 
 protected:

@@ -1,51 +1,33 @@
 #include "tests/support/ScriptedHTTPServer.h"
 
 #include <boost/asio/buffer.hpp>
-#include <boost/asio/read_until.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
 
 #include <algorithm>
-#include <charconv>
-#include <memory>
 #include <utility>
 
 namespace skein {
 
 namespace {
 
+namespace http = boost::beast::http;
+
 constexpr std::size_t mostRequestBytes = std::size_t{64} << 20U;
 
-std::string lowerCase(std::string text) {
-    for (char& character : text)
-        if (character >= 'A' && character <= 'Z') character = static_cast<char>(character - 'A' + 'a');
-    return text;
-}
-
-/// 0 for what is no number.
-std::size_t parseNumber(std::string_view text) {
-    std::size_t number = 0;
-    std::from_chars(text.data(), text.data() + text.size(), number);
-    return number;
-}
-
-SeenHTTPRequest parseHead(std::string_view head) {
-    SeenHTTPRequest request;
-    const std::size_t firstLine = head.find("\r\n");
-    const std::size_t space = head.find(' ');
-    request.method = head.substr(0, space);
-    request.target = head.substr(space + 1, head.find(' ', space + 1) - space - 1);
-    for (std::size_t at = firstLine + 2; at < head.size();) {
-        const std::size_t end = head.find("\r\n", at);
-        const std::string_view header = head.substr(at, end - at);
-        const std::size_t colon = header.find(':');
-        if (colon == std::string_view::npos) break;
-        const std::size_t value = header.find_first_not_of(' ', colon + 1);
-        request.headers[lowerCase(std::string(header.substr(0, colon)))] =
-            value == std::string_view::npos ? "" : header.substr(value);
-        at = end + 2;
-    }
-    return request;
+SeenHTTPRequest seenIn(const http::request<http::string_body>& request, const asio::ip::tcp::socket& socket) {
+    SeenHTTPRequest seen{std::string(request.method_string()),
+                         std::string(request.target()),
+                         {},
+                         toBytes(request.body()),
+                         IPAddress::parse(socket.remote_endpoint().address().to_string())};
+    for (const auto& field : request) seen.headers[std::string(field.name_string())] = std::string(field.value());
+    return seen;
 }
 
 std::string headOf(const HTTPReply& reply) {
@@ -59,27 +41,19 @@ std::string headOf(const HTTPReply& reply) {
 }  // namespace
 
 HTTPReply HTTPReply::text(std::string_view body, int status) {
-    HTTPReply reply;
-    reply.status = status;
-    reply.body = toBytes(body);
-    return reply;
+    return {.status = status, .headers = {}, .body = toBytes(body)};
 }
 
 HTTPReply HTTPReply::file(const SeenHTTPRequest& request, ByteView content, const std::string& entityTag) {
-    HTTPReply reply;
+    const std::string range = request.header("Range");
+    const bool isSame = !request.headers.contains("If-Range") || request.header("If-Range") == entityTag;
+    const std::size_t first = range.empty() || !isSame ? 0 : std::stoul(range.substr(6));  // after "bytes="
+    HTTPReply reply = text(asText(content.subspan(first)), first > 0 ? 206 : 200);
     reply.headers = {{"ETag", entityTag}};
-    const auto range = request.headers.find("range");
-    const auto condition = request.headers.find("if-range");
-    const bool isSame = condition == request.headers.end() || condition->second == entityTag;
-    const std::size_t first =
-        range == request.headers.end() || !isSame ? 0 : parseNumber(std::string_view(range->second).substr(6));
-    if (first > 0) {
-        reply.status = 206;
+    if (first > 0)
         reply.headers.push_back({"Content-Range", "bytes " + std::to_string(first) + "-" +
                                                       std::to_string(content.size() - 1) + "/" +
                                                       std::to_string(content.size())});
-    }
-    reply.body.assign(content.begin() + static_cast<std::ptrdiff_t>(first), content.end());
     return reply;
 }
 
@@ -91,14 +65,11 @@ HTTPReply HTTPReply::redirect(std::string location, int status) {
 
 ScriptedHTTPServer::ScriptedHTTPServer(const asio::any_io_executor& pool, Script script, std::string_view address,
                                        std::uint16_t port)
-    : script_(std::move(script)), tasks_(pool), acceptor_(tasks_.strand()) {
-    const asio::ip::tcp::endpoint endpoint(asio::ip::make_address(address), port);
-    acceptor_.open(endpoint.protocol());
-    acceptor_.set_option(asio::socket_base::reuse_address(true));
-    acceptor_.bind(endpoint);
-    acceptor_.listen();
-    port_ = acceptor_.local_endpoint().port();
-    host_ = endpoint.address().is_v6() ? "[" + std::string(address) + "]" : std::string(address);
+    : script_(std::move(script)),
+      host_(address.find(':') == std::string_view::npos ? address : "[" + std::string(address) + "]"),
+      tasks_(pool),
+      acceptor_(tasks_.strand(), {asio::ip::make_address(address), port}),
+      port_(acceptor_.local_endpoint().port()) {
     tasks_.spawn(acceptAll());
 }
 
@@ -132,38 +103,35 @@ asio::awaitable<void> ScriptedHTTPServer::serve(asio::ip::tcp::socket socket) {
 }
 
 asio::awaitable<void> ScriptedHTTPServer::serveAll(asio::ip::tcp::socket& socket) {
-    std::string buffer;
-    for (;;) {
-        const auto request = co_await readRequest(socket, buffer);
-        if (!request) co_return;
-        requests_.push_back(*request);
-        const bool isHead = request->method == "HEAD";
-        HTTPReply reply = script_(*request);
-        const bool goesOn = co_await answer(socket, isHead, std::move(reply));
-        if (!goesOn) co_return;
+    boost::beast::flat_buffer buffer;
+    for (bool goesOn = true; goesOn;) {
+        http::request_parser<http::string_body> parser;
+        parser.body_limit(mostRequestBytes);
+        co_await http::async_read(socket, buffer, parser, asio::use_awaitable);
+        const SeenHTTPRequest request = seenIn(parser.get(), socket);
+        requests_.push_back(request);
+        if (conversation_ && boost::beast::websocket::is_upgrade(parser.get())) {
+            auto conversation = converse(std::move(socket), request);
+            co_await std::move(conversation);
+            co_return;
+        }
+        HTTPReply reply = script_(request);
+        goesOn = co_await answer(socket, request.method == "HEAD", std::move(reply));
     }
 }
 
-asio::awaitable<std::optional<SeenHTTPRequest>> ScriptedHTTPServer::readRequest(asio::ip::tcp::socket& socket,
-                                                                                std::string& buffer) {
-    auto bytes = asio::dynamic_buffer(buffer, mostRequestBytes);
-    const std::size_t headSize = co_await asio::async_read_until(socket, bytes, "\r\n\r\n", asio::use_awaitable);
-    SeenHTTPRequest request = parseHead(std::string_view(buffer).substr(0, headSize));
-    buffer.erase(0, headSize);
-    request.remote = IPAddress::parse(socket.remote_endpoint().address().to_string());
-    const auto length = request.headers.find("content-length");
-    const std::size_t bodySize = length == request.headers.end() ? 0 : parseNumber(length->second);
-    if (bodySize > mostRequestBytes) co_return std::nullopt;
-    while (buffer.size() < bodySize) {
-        const std::size_t before = buffer.size();
-        buffer.resize(bodySize);
-        auto rest = asio::buffer(buffer.data() + before, bodySize - before);
-        const std::size_t count = co_await socket.async_read_some(rest, asio::use_awaitable);
-        buffer.resize(before + count);
+asio::awaitable<void> ScriptedHTTPServer::converse(asio::ip::tcp::socket socket, SeenHTTPRequest upgrade) {
+    const auto place = webSockets_.emplace(webSockets_.end(), std::move(socket), std::move(upgrade));
+    try {
+        co_await conversation_(*place);
+    } catch (const std::exception&) {
+        // The client has left, or the test has.
     }
-    request.body = toBytes(std::string_view(buffer).substr(0, bodySize));
-    buffer.erase(0, bodySize);
-    co_return request;
+    webSockets_.erase(place);
+}
+
+void ScriptedHTTPServer::cutAll() {
+    for (ServerWebSocket& socket : webSockets_) socket.cut();
 }
 
 asio::awaitable<bool> ScriptedHTTPServer::answer(asio::ip::tcp::socket& socket, bool isHead, HTTPReply reply) {

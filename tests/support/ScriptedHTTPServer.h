@@ -2,8 +2,9 @@
 
 #include "public/common/Bytes.h"
 #include "public/common/HTTPMessage.h"
-#include "public/common/IPAddress.h"
 #include "public/common/TaskGroup.h"
+#include "tests/support/SeenHTTPRequest.h"
+#include "tests/support/ServerWebSocket.h"
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
@@ -11,22 +12,13 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
+#include <list>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace skein {
-
-/// A request as the server read it.
-struct SeenHTTPRequest {
-    std::string method;
-    std::string target;                          ///< path and query, as sent
-    std::map<std::string, std::string> headers;  ///< names in lower case
-    Bytes body;
-    std::optional<IPAddress> remote;
-};
 
 /// What the server answers, well or badly.
 struct HTTPReply {
@@ -52,11 +44,17 @@ struct HTTPReply {
 class ScriptedHTTPServer {
 public:
     using Script = std::function<HTTPReply(const SeenHTTPRequest&)>;
+    /// Serves one websocket, whose upgrade was read and not answered; it is closed when this ends, however it ends.
+    using Conversation = std::function<asio::awaitable<void>(ServerWebSocket&)>;
 
     /// Listens at once, on a port of the system's choice unless one is given.
     ScriptedHTTPServer(const asio::any_io_executor& pool, Script script, std::string_view address = "127.0.0.1",
                        std::uint16_t port = 0);
     asio::awaitable<void> stop();
+    /// Who asks for a websocket gets one. Conversations run on the server's strand, and `stop` ends them.
+    void onUpgrade(Conversation conversation) { conversation_ = std::move(conversation); }
+    /// Breaks all websockets off, as a server does that dies.
+    void cutAll();
 
     std::uint16_t port() const { return port_; }
     /// "http://127.0.0.1:PORT" and `target`.
@@ -71,20 +69,22 @@ private:
     asio::awaitable<void> acceptAll();
     asio::awaitable<void> serve(asio::ip::tcp::socket socket);
     asio::awaitable<void> serveAll(asio::ip::tcp::socket& socket);
-    asio::awaitable<std::optional<SeenHTTPRequest>> readRequest(asio::ip::tcp::socket& socket, std::string& buffer);
+    asio::awaitable<void> converse(asio::ip::tcp::socket socket, SeenHTTPRequest upgrade);
     asio::awaitable<bool> answer(asio::ip::tcp::socket& socket, bool isHead, HTTPReply reply);
     asio::awaitable<void> send(asio::ip::tcp::socket& socket, ByteView bytes);
     asio::awaitable<void> waitForEnd(asio::ip::tcp::socket& socket);
 
     Script script_;
-    std::string host_;
-    std::uint16_t port_ = 0;
+    Conversation conversation_;
+    std::list<ServerWebSocket> webSockets_;
+    const std::string host_;
     std::vector<SeenHTTPRequest> requests_;
     int accepted_ = 0;
     int open_ = 0;
     std::uint64_t sent_ = 0;
     TaskGroup tasks_;
     asio::ip::tcp::acceptor acceptor_;
+    const std::uint16_t port_;
 };
 
 }  // namespace skein

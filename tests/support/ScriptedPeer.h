@@ -39,7 +39,6 @@ public:
     /// Returns when the other side has closed the connection; what it sends meanwhile is dropped.
     asio::awaitable<void> waitForClose();
     void close();
-    bool isOpen() const { return socket_.is_open(); }
     /// Bytes that have arrived and were not read.
     std::size_t available() { return socket_.available(); }
 

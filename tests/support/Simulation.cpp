@@ -64,8 +64,17 @@ void Simulation::advanceUntil(const std::function<bool()>& condition) {
     for (const TimePoint giveUpAt = now_ + std::chrono::minutes(10); !condition(); advance(milliseconds(20))) {
         if (now_ > giveUpAt) throw std::runtime_error("the simulation waits in vain");
         const auto quietAt = std::chrono::steady_clock::now() + milliseconds(1);
-        runUntil([&] { return condition() || std::chrono::steady_clock::now() > quietAt; });
+        while (!condition() && std::chrono::steady_clock::now() < quietAt) settle();
     }
+}
+
+void Simulation::runUntilStill(const std::function<std::uint64_t()>& amount) {
+    std::uint64_t before = 0;
+    do {
+        before = amount();
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+        runUntil([&] { return std::chrono::steady_clock::now() > end; });
+    } while (amount() != before);
 }
 
 void Simulation::settle() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "public/common/Clock.h"
+#include "tests/support/FailureIn.h"
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/co_spawn.hpp>
@@ -39,14 +40,33 @@ public:
     void runUntil(const std::function<bool()>& condition);
     /// The same, and lets time pass while the sockets are quiet: what waits for either comes about.
     void advanceUntil(const std::function<bool()>& condition);
+    /// Runs until `amount` stands still in real time: full buffers let the sockets bring no more.
+    void runUntilStill(const std::function<std::uint64_t()>& amount);
     /// Runs what is ready now, without waiting for anything.
     void settle();
-    /// Runs until `task` has ended and returns its result or throws what it threw. Time does not move.
+    /// Starts `task`; the future has its result or what it threw.
+    template <class T>
+    std::future<T> begin(asio::awaitable<T> task) {
+        return asio::co_spawn(context_, std::move(task), asio::use_future);
+    }
+    template <class T>
+    static bool hasEnded(const std::future<T>& begun) {
+        return begun.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }
+    /// Runs until `begun` has ended and returns its result or throws what it threw. Time does not move.
+    template <class T>
+    T finish(std::future<T> begun) {
+        runUntil([&] { return hasEnded(begun); });
+        return begun.get();
+    }
     template <class T>
     T finish(asio::awaitable<T> task) {
-        auto ended = asio::co_spawn(context_, std::move(task), asio::use_future);
-        runUntil([&] { return ended.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
-        return ended.get();
+        return finish(begin(std::move(task)));
+    }
+    /// The text of what `task`, begun or not, throws; "none" when it throws nothing.
+    template <class Task>
+    std::string failureOf(Task task) {
+        return failureIn<std::exception>([&] { finish(std::move(task)); });
     }
     /// How many wait for a time to come.
     std::size_t sleepers() const noexcept { return sleepers_.size(); }

@@ -52,10 +52,4 @@ void TestSession::stop() {
     http_.stop();
 }
 
-std::ptrdiff_t TestSession::countLogged(std::string_view text) const {
-    const auto lines = log_.lines();
-    return std::count_if(lines.begin(), lines.end(),
-                         [&](const std::string& line) { return line.find(text) != std::string::npos; });
-}
-
 }  // namespace skein

@@ -37,7 +37,7 @@ public:
 
     Kind state() const { return states.empty() ? Kind::idle : states.back(); }
     bool hasLogged(std::string_view text) const { return countLogged(text) > 0; }
-    std::ptrdiff_t countLogged(std::string_view text) const;
+    std::ptrdiff_t countLogged(std::string_view text) const { return log_.count(text); }
     bool hasStatus(std::string_view text) const {
         return std::find(statuses.begin(), statuses.end(), text) != statuses.end();
     }

@@ -11,10 +11,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsSupersetOf;
+using testing::Contains, testing::ElementsAre, testing::HasSubstr, testing::IsSupersetOf;
 
 /// Real time, in which sleepers sleep a hundred times as fast.
 struct QuickClock final : Clock {
@@ -133,7 +130,6 @@ TEST_P(DHTNodeTest, servesSessionsOnManyThreads) {
     QuickClock clock;
     DHTNode busy({pools.io(), clock, log, random, resolver}, {"", 0, {dht.bootstrapNode()}});
     auto started = asio::co_spawn(pools.io(), busy.start(), asio::use_future);
-    const auto isReady = [](const auto& future) { return future.wait_for(0s) == std::future_status::ready; };
     // Again while the bootstrap node's answer is on its way for longer than the quick two seconds.
     for (bool areServed = false; !areServed;) {
         std::vector<std::unique_ptr<PeerStream>> streams;
@@ -142,8 +138,8 @@ TEST_P(DHTNodeTest, servesSessionsOnManyThreads) {
             streams.push_back(busy.findPeers(infoHash));
             first.push_back(asio::co_spawn(pools.io(), streams.back()->next(), asio::use_future));
         }
-        simulation.runUntil([&] { return std::all_of(first.begin(), first.end(), isReady); });
-        areServed = std::all_of(first.begin(), first.end(), [](auto& peer) { return peer.get().has_value(); });
+        areServed = true;
+        for (auto& peer : first) areServed = simulation.finish(std::move(peer)).has_value() && areServed;
     }
     started.get();
     asio::co_spawn(pools.io(), busy.stop(), asio::use_future).get();

@@ -9,9 +9,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
+using testing::ElementsAre, testing::IsEmpty, testing::SizeIs;
 using Dictionary = BEncodeValue::Dictionary;
 using Nodes = std::vector<DHTNodeInfo>;
 

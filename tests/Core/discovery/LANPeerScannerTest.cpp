@@ -13,8 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using asio::ip::tcp;
-using testing::ElementsAre;
-using testing::SizeIs;
+using testing::ElementsAre, testing::SizeIs;
 
 TEST(LANScanTargetsTest, areTheOtherHostsOfLocalNetworksUpToASlash24) {
     const std::vector<IPv4Interface> all{{"en0", "10.1.2.3", 1, 8},      {"en1", "10.1.2.4", 2, 24},

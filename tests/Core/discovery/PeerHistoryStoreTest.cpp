@@ -16,8 +16,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::SizeIs;
+using testing::ElementsAre, testing::SizeIs;
 
 constexpr auto day = std::chrono::hours(24);
 const std::string torrent(40, 'a');

@@ -16,13 +16,8 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::IsEmpty;
-using testing::SizeIs;
-using testing::StartsWith;
-using testing::UnorderedElementsAre;
+using testing::Contains, testing::ElementsAre, testing::EndsWith, testing::IsEmpty, testing::SizeIs,
+    testing::StartsWith, testing::UnorderedElementsAre;
 
 /// Knows "tracker.example", which has an address that no socket may connect to and one that it may.
 class FakeResolver final : public NameResolver {
@@ -63,10 +58,10 @@ protected:
     SecureRandom random;
     LoopbackTracker tracker{simulation.executor()};
     std::vector<Bytes> udpAnswers;
-    ScriptedUDPServer udp{simulation.executor(), [this](const auto& seen) {
+    ScriptedUDPServer udp{simulation.executor(), [this](const auto& seen) -> std::vector<Bytes> {
                               const std::size_t index = seen.datagram.size() == 16 ? 0 : 1;
-                              return index < udpAnswers.size() ? std::vector<Bytes>{udpAnswers[index]}
-                                                               : std::vector<Bytes>{};
+                              if (index < udpAnswers.size()) return {udpAnswers[index]};
+                              return {};
                           }};
     HTTPReply webAnswer = HTTPReply::text("de");
     ScriptedHTTPServer web{simulation.executor(), [this](const SeenHTTPRequest&) { return webAnswer; }};
@@ -125,27 +120,24 @@ TEST_F(TrackerClientTest, announceAllMergesWhatEachTrackerOfEachTierFound) {
     const auto peers = simulation.finish(
         client.announceAll({{tracker.httpURL(), unsupported}, {tracker.udpURL()}, {udp.url()}}, what));
     EXPECT_THAT(peers, UnorderedElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"5.6.7.8", 80}));
-    EXPECT_THAT(log.lines(), Contains("[Tracker] Will announce to 4 trackers: " + tracker.httpURL() + ", " +
-                                      unsupported + ", " + tracker.udpURL() + ", " + udp.url()));
-    EXPECT_THAT(log.lines(), Contains("[Tracker] " + unsupported + " → FAILED: Invalid tracker URL"));
-    EXPECT_THAT(log.lines(), Contains("[Tracker] " + udp.url() + " → 2 peers (seeders=0, leechers=0)"));
-    EXPECT_THAT(log.lines(), Contains("[Tracker] Total unique peers: 2"));
+    EXPECT_THAT(log.lines(), testing::IsSupersetOf({"[Tracker] Will announce to 4 trackers: " + tracker.httpURL() +
+                                                        ", " + unsupported + ", " + tracker.udpURL() + ", " + udp.url(),
+                                                    "[Tracker] " + unsupported + " → FAILED: Invalid tracker URL",
+                                                    "[Tracker] " + udp.url() + " → 2 peers (seeders=0, leechers=0)",
+                                                    std::string("[Tracker] Total unique peers: 2")}));
     EXPECT_THAT(simulation.finish(client.announceAll({}, what)), IsEmpty());
 }
 
 TEST_F(TrackerClientTest, aUDPTrackerThatIsSilentAtEitherStepTimesOutAfterFifteenSeconds) {
     for (const std::size_t answered : {0U, 1U}) {
         udpAnswers.assign(answered, Bytes(16));
-        std::optional<TrackerAnnounceOutcome> outcome;
         const std::size_t before = udp.seen().size();
-        asio::co_spawn(simulation.executor(), client.announceOneDetailed(udp.url(), what),
-                       [&](const std::exception_ptr&, TrackerAnnounceOutcome result) { outcome = std::move(result); });
+        auto outcome = simulation.begin(client.announceOneDetailed(udp.url(), what));
         simulation.runUntil([&] { return udp.seen().size() == before + answered + 1; });
         simulation.advance(14s);
-        EXPECT_FALSE(outcome);
+        EXPECT_FALSE(simulation.hasEnded(outcome));
         simulation.advance(1s);
-        ASSERT_TRUE(outcome);
-        EXPECT_EQ(outcome->error, "Tracker request timed out");
+        EXPECT_EQ(simulation.finish(std::move(outcome)).error, "Tracker request timed out");
     }
     udpAnswers = {Bytes(15)};
     EXPECT_EQ(announce(udp.url()).error, "Invalid tracker response");
@@ -160,11 +152,9 @@ TEST_F(TrackerClientTest, aUDPHostIsLookedUpAndItsAddressesTriedInTurn) {
     EXPECT_EQ(announce("udp://nobody.example:1/").error, "Host not found (authoritative)");
     for (const char* url : {"udp://127.0.0.1/announce", "udp://:80/", "udp:/", "UDP://127.0.0.1:1/", "http://", ""})
         EXPECT_EQ(announce(url).error, "Invalid tracker URL") << url;
-    std::optional<std::string> error;
-    asio::co_spawn(simulation.executor(), client.announceOneDetailed("udp://silent.example:80/", what),
-                   [&](const std::exception_ptr&, const TrackerAnnounceOutcome& result) { error = result.error; });
+    auto silent = simulation.begin(client.announceOneDetailed("udp://silent.example:80/", what));
     simulation.advance(15s);
-    EXPECT_EQ(error, "Tracker request timed out");
+    EXPECT_EQ(simulation.finish(std::move(silent)).error, "Tracker request timed out");
 }
 
 TEST_F(TrackerClientTest, announcesFromTheAddressItIsTold) {
@@ -185,9 +175,7 @@ TEST_F(TrackerClientTest, aHostileHTTPTrackerCostsItsOwnAnnounceAndNoMore) {
     EXPECT_THAT(*announce(web.url()).error, StartsWith("The response is too large"));
     webAnswer = HTTPReply::redirect("/again");
     EXPECT_THAT(*announce(web.url()).error, StartsWith("Too many redirects"));
-    webAnswer = {};
-    webAnswer.raw = Bytes();
-    webAnswer.closes = true;
+    webAnswer = {.raw = Bytes(), .closes = true};
     EXPECT_THAT(*announce(web.url()).error, StartsWith("The transfer failed"));
     EXPECT_EQ(announce("http://ho<st>/").error, "Invalid tracker URL");
     EXPECT_THAT(web.requests()[0].target, EndsWith("&compact=1&ipv6=1"));
@@ -195,13 +183,10 @@ TEST_F(TrackerClientTest, aHostileHTTPTrackerCostsItsOwnAnnounceAndNoMore) {
 
 TEST_F(TrackerClientTest, stoppingEndsAnnouncesThatStillWait) {
     webAnswer.stallAfter = 0;
-    bool wasAborted = false;
-    asio::co_spawn(simulation.executor(), client.announceAll({{web.url(), udp.url(), "udp://silent.example:80"}}, what),
-                   [&](const std::exception_ptr& failure, auto&&) { wasAborted = failure != nullptr; });
+    auto waiting = simulation.begin(client.announceAll({{web.url(), udp.url(), "udp://silent.example:80"}}, what));
     simulation.runUntil([&] { return !web.requests().empty() && !udp.seen().empty(); });
     simulation.finish(client.stop());
-    simulation.settle();
-    EXPECT_TRUE(wasAborted);
+    EXPECT_NE(simulation.failureOf(std::move(waiting)), "none");
     EXPECT_THROW(announce(web.url()), boost::system::system_error);
 }
 
@@ -213,8 +198,7 @@ TEST_F(TrackerClientTest, manyAnnouncesRunAtOnceOnManyThreads) {
     for (int i = 0; i < 40; ++i) tiers[0].push_back(i % 2 == 0 ? tracker.httpURL() : tracker.udpURL());
     for (std::uint8_t i = 1; i <= 50; ++i) tracker.addPeer(what.infoHash, {"1.2.3." + std::to_string(i), 80});
     auto pending = asio::co_spawn(pools.io(), busy.announceAll(tiers, what), asio::use_future);
-    simulation.runUntil([&] { return pending.wait_for(0s) == std::future_status::ready; });
-    EXPECT_EQ(pending.get().size(), 50U);
+    EXPECT_EQ(simulation.finish(std::move(pending)).size(), 50U);
     asio::co_spawn(pools.io(), busy.stop(), asio::use_future).get();
     http.stop();
 }

@@ -10,9 +10,7 @@ namespace skein {
 namespace {
 
 using namespace std::string_view_literals;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::SizeIs;
+using testing::ElementsAre, testing::IsEmpty, testing::SizeIs;
 
 std::string failureOf(std::string_view body) {
     return failureIn<TrackerException>([&] { TrackerReply::parseHTTPAnnounceReply(toBytes(body)); });
@@ -20,6 +18,11 @@ std::string failureOf(std::string_view body) {
 
 TrackerAnnounceResult parse(std::string_view body) {
     return TrackerReply::parseHTTPAnnounceReply(toBytes(body)).result;
+}
+
+/// The interval, the seeders and the leechers.
+std::array<std::int64_t, 3> figuresOf(const TrackerAnnounceResult& result) {
+    return {result.interval, result.complete, result.incomplete};
 }
 
 TEST(TrackerReply, compactListsDropAPartialEntryAtTheEnd) {
@@ -40,15 +43,11 @@ TEST(TrackerReply, peersComeCompactListedAndFromBothFamilies) {
                                                      "e"sv));
     EXPECT_THAT(both.result.peers, ElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"2001::1", 81}));
     EXPECT_EQ(both.peers6, 1U);
-    EXPECT_EQ(both.result.interval, 60);
-    EXPECT_EQ(both.result.complete, 3);
-    EXPECT_EQ(both.result.incomplete, 4);
+    EXPECT_THAT(figuresOf(both.result), ElementsAre(60, 3, 4));
 
     const auto listed = parse(
         "d5:peersl"
-        "d2:ip7:1.2.3.44:porti80ee"
-        "d2:ip11:2001:DB8::14:porti81ee"
-        "d2:ip12:peer.example4:porti82ee"
+        "d2:ip7:1.2.3.44:porti80eed2:ip11:2001:DB8::14:porti81eed2:ip12:peer.example4:porti82ee"
         "d2:ip7:1.2.3.5e"               // no port
         "d4:porti80ee"                  // no host
         "d2:ip7:1.2.3.64:porti65536ee"  // no such port
@@ -62,8 +61,7 @@ TEST(TrackerReply, peersComeCompactListedAndFromBothFamilies) {
 TEST(TrackerReply, figuresThatAreMissingOrNegativeGetSensibleValues) {
     for (const char* body : {"de", "d8:completei-3e10:incompletei-1e8:intervali-5ee"}) {
         const auto result = parse(body);
-        EXPECT_EQ(result.interval, 1800);
-        EXPECT_EQ(result.complete + result.incomplete, 0);
+        EXPECT_THAT(figuresOf(result), ElementsAre(1800, 0, 0));
         EXPECT_THAT(result.peers, IsEmpty());
     }
     EXPECT_EQ(parse("d8:intervali0ee").interval, 0);
@@ -93,16 +91,13 @@ TEST(TrackerReply, udpEntriesHaveTheSizeOfTheSocketsFamily) {
     reply[19] = 7;
     const auto bare = TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv4);
     EXPECT_THAT(bare.peers, IsEmpty());
-    EXPECT_EQ(bare.interval, 60);
-    EXPECT_EQ(bare.incomplete, 2);
-    EXPECT_EQ(bare.complete, 7);
+    EXPECT_THAT(figuresOf(bare), ElementsAre(60, 7, 2));
     reply.resize(20 + 18, 1);
     EXPECT_THAT(TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv4).peers, SizeIs(3));
     EXPECT_THAT(TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv6).peers, SizeIs(1));
     std::fill_n(reply.begin() + 8, 12, std::uint8_t{0xFF});
     const auto negative = TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv6);
-    EXPECT_EQ(negative.interval, 1800);
-    EXPECT_EQ(negative.complete + negative.incomplete, 0);
+    EXPECT_THAT(figuresOf(negative), ElementsAre(1800, 0, 0));
     EXPECT_THROW(TrackerReply::parseUDPAnnounceReply(Bytes(19), PeerAddressFamily::ipv4), TrackerException);
     EXPECT_THROW(TrackerReply::parseUDPConnectReply(Bytes(15)), TrackerException);
 }

@@ -55,19 +55,12 @@ TEST(TrackerRequest, theUDPPacketsHaveTheirFixedLayout) {
     const Bytes packet =
         TrackerRequest::udpAnnounce({0x1112131415161718, 0x21222324, 0x31323334}, announce, peerID, 6881);
     EXPECT_EQ(toHex(packet),
-              "1112131415161718"
-              "00000001"
-              "21222324"
+              "1112131415161718"  // connection, action, transaction
+              "0000000121222324"
               "202b36414c57626d78838e99a4afbac5d0dbe6f1"
               "2d534b303030312d6162636465666768696a7e2f"
-              "0000000000000001"
-              "0000010000000000"
-              "0000000000000203"
-              "00000002"
-              "00000000"
-              "31323334"
-              "ffffffff"
-              "1ae1");
+              "000000000000000100000100000000000000000000000203"  // downloaded, left, uploaded
+              "000000020000000031323334ffffffff1ae1");            // event, address, key, peers, port
 }
 
 }  // namespace

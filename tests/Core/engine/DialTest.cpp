@@ -1,13 +1,6 @@
-#include "Core/formats/TorrentParser.h"
-#include "Core/formats/TorrentWriter.h"
-#include "tests/Core/engine/TestTorrent.h"
+#include "tests/Core/engine/SwarmFixture.h"
 #include "tests/support/MSEResponder.h"
-#include "tests/support/SeedTo.h"
-#include "tests/support/TestSession.h"
 #include "tests/support/UTPAcceptor.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace skein {
 namespace {
@@ -51,37 +44,21 @@ TEST(DialPlanTest, triesWhatTheOptionsAndThePastLetIt) {
     EXPECT_EQ(attempts({mse, any}, {unreachable, unreachable}, {true}), " Ud Td") << "uTP was just tried";
 }
 
-/// A session that gets a torrent of 1 MB from a peer that speaks as the test says.
-class DialTest : public testing::Test {
+/// A session that gets the torrent from a peer that speaks as the test says.
+class DialTest : public SwarmFixture {
 protected:
-    DialTest() {
-        torrent.metaInfo->name = "t";
-        torrentData = TorrentWriter::write(*torrent.metaInfo);
-        infoHash = TorrentParser::parse(torrentData).infoHash;
-    }
     ~DialTest() override {
         getter.reset();
         for (const auto& acceptor : acceptors) simulation.finish(acceptor->stop());
     }
 
-    std::unique_ptr<TestSession> start(char id, TorrentSession::Options options) {
-        options.savePath = options.seedsOnly ? seederFolder.path() : folder.path();
-        auto one = std::make_unique<TestSession>(simulation, infoHash, id, std::move(options), simulation.executor());
-        one->start(torrentData);
-        return one;
-    }
-    void startGetter(const PeerAddress& from, DialOptions dial) {
-        TorrentSession::Options options{.dial = dial};
-        options.discovery.namedPeers = {from};
-        getter = start('g', std::move(options));
-    }
     UTPAcceptor& listenOverUTP(UTPAcceptor::Path path) {
         acceptors.push_back(std::make_unique<UTPAcceptor>(simulation.executor(), simulation, path));
         return *acceptors.back();
     }
     void waitForAll() {
-        simulation.advanceUntil([&] { return getter->state() == TestSession::Kind::seeding; });
-        EXPECT_TRUE(torrent.isWholeIn(folder.path()));
+        simulation.advanceUntil([&] { return getter->state() == Kind::seeding; });
+        EXPECT_TRUE(hasAllFiles());
     }
     const PeerRuntimeInfo& nextRow() {
         getter->peers.clear();
@@ -92,11 +69,6 @@ protected:
         return getter->hasLogged(line + of.description());
     }
 
-    template <class Peer>
-    asio::awaitable<void> seed(Peer& to, int maxBlocks = 1000) {
-        const auto blockOf = [this](const BlockRequest& asked) { return torrent.block(asked); };
-        return seedTo(to, 3, blockOf, maxBlocks);
-    }
     asio::awaitable<void> seedAndEnd(UTPAcceptor& to, UTPAcceptor::Type end) {
         co_await seed(to, 10);
         Bytes half(wire::pieceHeaderSize + 1000);
@@ -116,12 +88,6 @@ protected:
             }
     }
 
-    Simulation simulation;
-    TemporaryFolder folder;
-    TemporaryFolder seederFolder;
-    TestTorrent torrent{50'000, {{"t/a", 1'000'000}}};
-    Bytes torrentData;
-    SHA1Digest infoHash{};
     ScriptedPeer peer{simulation.executor()};
     std::vector<std::unique_ptr<UTPAcceptor>> acceptors;
     std::unique_ptr<TestSession> getter;
@@ -129,7 +95,7 @@ protected:
 
 TEST_F(DialTest, downloadsEncryptedWithEitherPrimeAndRemembersWhich) {
     simulation.start(seedEncrypted(3));
-    startGetter(peer.address(), {EncryptionChoice::mse});
+    getter = startGetter(peer.address(), {.dial = {EncryptionChoice::mse}});
     waitForAll();
     EXPECT_EQ(nextRow().encryption, PeerEncryptionStatus::encrypted);
     for (const char* const line : {"[MSE] ✗ ", "[MSE] → ", "[MSE] ✓ "}) EXPECT_TRUE(hasLogged(line, peer.address()));
@@ -139,14 +105,13 @@ TEST_F(DialTest, downloadsEncryptedWithEitherPrimeAndRemembersWhich) {
 }
 
 TEST_F(DialTest, fallsBackToPlaintextOnANewConnectionOnlyWhereThatIsAllowed) {
-    torrent.writeTo(seederFolder.path());
-    const auto seeder = start('s', {.seedsOnly = true});  // which accepts plaintext alone
-    startGetter(seeder->address(), {EncryptionChoice::mse});
+    const auto seeder = startSeeder();  // which accepts plaintext alone
+    getter = startGetter(seeder->address(), {.dial = {EncryptionChoice::mse}});
     simulation.advanceUntil([&] { return getter->countLogged("[MSE] ✗ ") == 2; });
     EXPECT_EQ(nextRow().encryption, PeerEncryptionStatus::handshakeFailed);
     EXPECT_EQ(getter->peers.front().lastError, "MSE/PE encrypted handshake failed");
     EXPECT_FALSE(getter->hasLogged("[Direct] "));
-    startGetter(seeder->address(), {EncryptionChoice::preferMSE});
+    getter = startGetter(seeder->address(), {.dial = {EncryptionChoice::preferMSE}});
     waitForAll();
     EXPECT_TRUE(hasLogged("[MSE] ✗ ", seeder->address()));
     EXPECT_TRUE(hasLogged("[Direct] ✓ ", seeder->address()));
@@ -157,7 +122,7 @@ TEST_F(DialTest, findsOutWhoAnswersOverUTPAndOutlivesOneThatEndsInMidPiece) {
     for (const auto how : {UTPAcceptor::fin, UTPAcceptor::reset}) {
         UTPAcceptor& leaver = listenOverUTP({});
         simulation.start(seedAndEnd(leaver, how));
-        startGetter(leaver.address(), {});
+        getter = startGetter(leaver.address());
         simulation.advanceUntil([&] { return hasLogged("[Session] Peer disconnected: ", leaver.address()); });
         for (const char* const line : {"[Direct] ✗ ", "[uTP][Probe] ✓ ", "[uTP] → ", "[uTP] ✓ "})
             EXPECT_TRUE(hasLogged(line, leaver.address())) << line;
@@ -168,7 +133,7 @@ TEST_F(DialTest, findsOutWhoAnswersOverUTPAndOutlivesOneThatEndsInMidPiece) {
         EXPECT_EQ(nextRow().transport, PeerTransport::utp);
         EXPECT_EQ(getter->peers.front().lastError, "uTP peer detected after TCP failure");
         getter.reset();
-        std::filesystem::remove_all(folder.path() / "t");
+        std::filesystem::remove_all(getterFolder.path() / "t");
     }
 }
 

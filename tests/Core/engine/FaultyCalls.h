@@ -5,12 +5,19 @@
 #include <atomic>
 #include <cerrno>
 #include <limits>
+#include <unistd.h>
 
 namespace skein {
 
 /// The real file calls, made as unkind as the system may be, or failing.
 class FaultyCalls final : public FileCalls {
 public:
+    int open(int folder, const char* name, int flags, mode_t mode) override {
+        const int file = FileCalls::open(folder, name, flags, mode);
+        if (file < descriptorLimit) return file;
+        ::close(file);
+        return errno = EMFILE, -1;
+    }
     ssize_t write(int file, const iovec* from, int count, std::int64_t offset) override {
         if (isInterrupted()) return -1;
         if (writesLeft-- <= 0) return errno = writeError, -1;
@@ -29,6 +36,8 @@ public:
         return knowsHoles ? FileCalls::nextData(file, offset) : (errno = EINVAL, -1);
     }
 
+    /// As RLIMIT_NOFILE, but for these calls only: the sanitizers' own checks need descriptors now and then.
+    int descriptorLimit = std::numeric_limits<int>::max();
     std::atomic<int> writesLeft = std::numeric_limits<int>::max();
     int writeError = ENOSPC;
     std::size_t longestTransfer = 0;  // 0: as long as asked

@@ -1,77 +1,27 @@
-#include "Core/engine/TorrentFile.h"
-#include "Core/engine/TorrentSession.h"
 #include "Core/formats/MagnetParser.h"
-#include "Core/formats/TorrentParser.h"
-#include "Core/formats/TorrentWriter.h"
 #include "Core/wire/ExtendedMessage.h"
-#include "tests/Core/engine/TestTorrent.h"
+#include "tests/Core/engine/SwarmFixture.h"
 #include "tests/support/LoopbackDHT.h"
 #include "tests/support/LoopbackTracker.h"
 #include "tests/support/ScriptedHTTPServer.h"
-#include "tests/support/ScriptedPeer.h"
-#include "tests/support/TestSession.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
-using testing::SizeIs;
-using Kind = TorrentSession::State::Kind;
+using testing::Contains, testing::ElementsAre, testing::HasSubstr;
 
 /// A peer without files that knows something of metadata.
 enum class MetadataPeer : std::uint8_t { lies, staysSilent, rejects };
 
-class MagnetTest : public testing::Test {
+class MagnetTest : public SwarmFixture {
 protected:
-    MagnetTest() {
-        torrent.metaInfo->name = "t";
-        torrent.writeTo(seederFolder.path());
-        useTorrent(TorrentWriter::write(*torrent.metaInfo));
-    }
-
-    void useTorrent(Bytes data) {
-        torrentData = std::move(data);
-        infoData = TorrentFile::infoDataOf(torrentData);
-        infoHash = sha1(infoData);
+    std::unique_ptr<TestSession> startMagnet(Options options, const std::optional<PeerAddress>& bootstrapNode = {}) {
         magnet.infoHash = infoHash;
         magnet.infoHashHex = toHex(infoHash);
-    }
-    TorrentSession::Options options() const {
-        TorrentSession::Options made;
-        made.savePath = getterFolder.path();
-        return made;
-    }
-    std::unique_ptr<TestSession> makeSession(char id, TorrentSession::Options made,
-                                             const std::optional<PeerAddress>& bootstrapNode = {}) {
-        return std::make_unique<TestSession>(simulation, infoHash, id, std::move(made), simulation.executor(),
-                                             bootstrapNode);
-    }
-    std::unique_ptr<TestSession> startSeeder(const std::optional<PeerAddress>& bootstrapNode = {}) {
-        TorrentSession::Options made;
-        made.savePath = seederFolder.path();
-        made.seedsOnly = true;
-        auto seeder = makeSession('s', std::move(made), bootstrapNode);
-        seeder->start(torrentData);
-        return seeder;
-    }
-    std::unique_ptr<TestSession> startGetter(TorrentSession::Options made,
-                                             const std::optional<PeerAddress>& bootstrapNode = {}) {
-        auto getter = makeSession('g', std::move(made), bootstrapNode);
+        auto getter = make('g', std::move(options), bootstrapNode);
         getter->startMagnet(magnet);
         return getter;
-    }
-    void waitFor(TestSession& session, Kind kind, Clock::Duration step = Clock::Duration::zero()) {
-        simulation.runUntil([&] {
-            if (step > Clock::Duration::zero()) simulation.advance(step);
-            return session.state() == kind;
-        });
     }
 
     asio::awaitable<void> play(ScriptedPeer& peer, MetadataPeer role) {
@@ -96,13 +46,6 @@ protected:
         }
     }
 
-    Simulation simulation;
-    TemporaryFolder seederFolder;
-    TemporaryFolder getterFolder;
-    TestTorrent torrent{50'000, {{"t/a", 399'990}, {"t/sub/b", 500'000}}};
-    Bytes torrentData;
-    Bytes infoData;
-    SHA1Digest infoHash{};
     MagnetLink magnet;
     int metadataRequests = 0;
 };
@@ -114,16 +57,16 @@ TEST_F(MagnetTest, becomesATorrentOverTheConnectionsThatItHas) {
     append(unsorted, toBytes("1:ai1ee"));
     useTorrent(TorrentWriter::wrap(unsorted, {}));
     const auto seeder = startSeeder();
-    TorrentSession::Options made = options();
-    made.discovery.namedPeers = {seeder->address()};
+    Options options;
+    options.discovery.namedPeers = {seeder->address()};
     TemporaryFolder home;
     const TorrentArchive archive(home.path());
-    made.archive = archive;
+    options.archive = archive;
     magnet.trackers = {"udp://127.0.0.1:1/announce"};
-    const auto getter = startGetter(std::move(made));
+    const auto getter = startMagnet(std::move(options));
     waitFor(*getter, Kind::seeding);
     EXPECT_THAT(getter->states, ElementsAre(Kind::fetchingMetadata, Kind::downloading, Kind::completed, Kind::seeding));
-    EXPECT_TRUE(torrent.isWholeIn(getterFolder.path()));
+    EXPECT_TRUE(hasAllFiles());
     EXPECT_EQ(seeder->countLogged("✓ Accepted peer"), 1);
     EXPECT_THAT(getter->statuses, Contains("Fetching torrent info 1/1..."));
     EXPECT_THAT(getter->statuses, Contains("Torrent info acquired"));
@@ -140,18 +83,17 @@ TEST_F(MagnetTest, becomesATorrentOverTheConnectionsThatItHas) {
 
 TEST_F(MagnetTest, getsTheMetadataInSpiteOfALiarASilentPeerAndOneThatRefuses) {
     std::vector<std::unique_ptr<ScriptedPeer>> peers;
-    TorrentSession::Options made = options();
+    Options options;
     for (const auto role : {MetadataPeer::lies, MetadataPeer::staysSilent, MetadataPeer::rejects}) {
         peers.push_back(std::make_unique<ScriptedPeer>(simulation.executor()));
-        made.discovery.namedPeers.push_back(peers.back()->address());
+        options.discovery.namedPeers.push_back(peers.back()->address());
         simulation.start(play(*peers.back(), role));
     }
-    const auto getter = startGetter(std::move(made));
+    const auto getter = startMagnet(std::move(options));
     simulation.runUntil([&] { return getter->hasLogged("Failed to parse metadata: ") && metadataRequests >= 3; });
-    const auto seeder = startSeeder();
-    simulation.finish(getter->session().connectToPeer(seeder->address()));
+    const auto seeder = addSeederTo(*getter);
     waitFor(*getter, Kind::seeding, 1s);
-    EXPECT_TRUE(torrent.isWholeIn(getterFolder.path()));
+    EXPECT_TRUE(hasAllFiles());
 }
 
 TEST_F(MagnetTest, takesTheTorrentFromTheCacheSiteThatHasIt) {
@@ -163,10 +105,10 @@ TEST_F(MagnetTest, takesTheTorrentFromTheCacheSiteThatHasIt) {
         if (request.target.starts_with("/good")) reply.body = torrentData;
         return reply;
     });
-    TorrentSession::Options made = options();
+    Options options;
     for (const char* const name : {"/short/{HASH}", "/wrong/{HASH}", "/hangs/{HASH}"})
-        made.cacheSites.push_back(sites.url(name));
-    auto failing = startGetter(made);
+        options.cacheSites.push_back(sites.url(name));
+    auto failing = startMagnet(options);
     simulation.runUntil([&] { return failing->hasLogged("51 bytes") && failing->hasLogged("50 bytes (invalid)"); });
     EXPECT_EQ(sites.requests()[0].headers.at("user-agent"), "Mozilla/5.0");
     EXPECT_THAT(sites.requests()[0].target, HasSubstr(toUpperHex(infoHash)));
@@ -174,8 +116,8 @@ TEST_F(MagnetTest, takesTheTorrentFromTheCacheSiteThatHasIt) {
     simulation.advance(2s);
     EXPECT_TRUE(failing->hasStatus("Searching for peers (round 1)...")) << "a site that hangs holds nothing up";
     failing->stop();
-    made.cacheSites.push_back(sites.url("/good/{HASH}.torrent"));
-    const auto getter = startGetter(made);
+    options.cacheSites.push_back(sites.url("/good/{HASH}.torrent"));
+    const auto getter = startMagnet(options);
     waitFor(*getter, Kind::downloading);
     EXPECT_TRUE(getter->hasStatus("Cache site succeeded, parsing..."));
     EXPECT_FALSE(getter->hasStatus("Fetching torrent via peer network..."));
@@ -183,9 +125,9 @@ TEST_F(MagnetTest, takesTheTorrentFromTheCacheSiteThatHasIt) {
 }
 
 TEST_F(MagnetTest, givesUpAfterItsRoundsAndCanBePausedBefore) {
-    TorrentSession::Options made = options();
-    made.maxMagnetRounds = 2;
-    const auto getter = startGetter(made);
+    Options options;
+    options.maxMagnetRounds = 2;
+    const auto getter = startMagnet(options);
     simulation.runUntil([&] { return getter->hasStatus("Searching for peers (round 1)..."); });
     simulation.finish(getter->session().pause());
     simulation.settle();
@@ -202,12 +144,11 @@ TEST_F(MagnetTest, leavesPublicSourcesWhenTheTorrentTurnsOutToBePrivate) {
     torrent.metaInfo->isPrivate = true;
     useTorrent(TorrentWriter::write(*torrent.metaInfo));
     LoopbackTracker fallback(simulation.executor());
-    TorrentSession::Options made = options();
-    made.discovery.fallbackTrackers = {fallback.httpURL()};
-    const auto getter = startGetter(std::move(made));
+    Options options;
+    options.discovery.fallbackTrackers = {fallback.httpURL()};
+    const auto getter = startMagnet(std::move(options));
     simulation.runUntil([&] { return fallback.announces().size() == 1; });
-    const auto seeder = startSeeder();
-    simulation.finish(getter->session().connectToPeer(seeder->address()));
+    const auto seeder = addSeederTo(*getter);
     waitFor(*getter, Kind::seeding);
     simulation.runUntil([&] { return fallback.announces().back().event == "stopped"; });
     EXPECT_EQ(fallback.announces().front().left, 16384) << "the size was not known, but something was missing";
@@ -222,11 +163,11 @@ TEST_F(MagnetTest, findsItsPeersThroughTheDHTAlone) {
         simulation.advance(100ms);
         return dht.queries().contains("announce_peer");
     });
-    TorrentSession::Options made = options();
-    made.discovery.allowsLocalPeers = true;
-    const auto getter = startGetter(std::move(made), dht.bootstrapNode());
+    Options options;
+    options.discovery.allowsLocalPeers = true;
+    const auto getter = startMagnet(std::move(options), dht.bootstrapNode());
     waitFor(*getter, Kind::seeding, 100ms);
-    EXPECT_TRUE(torrent.isWholeIn(getterFolder.path()));
+    EXPECT_TRUE(hasAllFiles());
     EXPECT_TRUE(getter->hasLogged("[Session] DHT found peer #1: " + seeder->address().description()));
     getter->stop();
     seeder->stop();

@@ -7,9 +7,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
+using testing::ElementsAre, testing::IsEmpty, testing::UnorderedElementsAre;
 
 constexpr PeerKey good = 1;
 constexpr PeerKey liar = 2;
@@ -45,9 +43,7 @@ TEST_F(MetadataFetchTest, countsPiecesAndTakesOnlyWhatFits) {
     EXPECT_FALSE(fetch.takeCandidate());
     EXPECT_TRUE(receive(good, 0, 16384, 'a'));
     const auto candidate = fetch.takeCandidate().value();
-    Bytes expected(16384, 'a');
-    expected.push_back('b');
-    EXPECT_EQ(candidate.infoData, expected);
+    EXPECT_EQ(candidate.infoData, toBytes(std::string(16384, 'a') + 'b'));
     EXPECT_THAT(candidate.contributors, ElementsAre(good));
 }
 

@@ -1,70 +1,15 @@
-#include "Core/engine/PeerPool.h"
-#include "tests/support/RecordingLogger.h"
-#include "tests/support/ScriptedPeer.h"
-#include "tests/support/Simulation.h"
-
-#include <boost/asio/strand.hpp>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include "tests/Core/engine/PeerPoolFixture.h"
 
 namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::IsSupersetOf;
-using testing::SizeIs;
+using testing::Contains, testing::ElementsAre, testing::IsEmpty, testing::IsSupersetOf, testing::SizeIs;
 
-/// A transport whose connection is made, or refused, when the test says so.
-class HeldTransport final : public PeerWireTransport {
-public:
-    enum class Fate : std::uint8_t { open, fails, hangs };
-    HeldTransport(Clock& clock, PeerTransport kind, Fate& fate) : clock_(clock), kind_(kind), fate_(fate) {}
-    PeerTransport kind() const noexcept override { return kind_; }
-    asio::awaitable<void> start() override {
-        while (fate_ == Fate::hangs) co_await clock_.sleep(1s);
-        if (fate_ == Fate::fails) throw PeerException(PeerError::connectionClosed);
-    }
-    asio::awaitable<void> send(ByteView) override { co_return; }
-    asio::awaitable<std::size_t> receiveSome(std::span<std::uint8_t>) override {
-        throw PeerException(PeerError::connectionClosed);
-        co_return 0;
-    }
-    void cancel() noexcept override {}
-
-private:
-    Clock& clock_;
-    const PeerTransport kind_;
-    Fate& fate_;
-};
-
-using Fate = HeldTransport::Fate;
-
-class PeerPoolTest : public testing::Test {
+class PeerPoolTest : public PeerPoolFixture {
 protected:
-    explicit PeerPoolTest(TransportChoice transport = TransportChoice::tcp)
-        : pool{PeerPool::Environment{asio::make_strand(simulation.executor()), simulation, log,
-                                     PeerConnection::Identity{SHA1Digest{}, peerIDOf('m')}, 50,
-                                     DialOptions{.transport = transport},
-                                     [this](const PeerAddress& to, const DialAttempt& how) { return dial(to, how); }},
-               callbacks()} {}
-    ~PeerPoolTest() override { simulation.finish(pool.stop()); }
+    using PeerPoolFixture::PeerPoolFixture;
 
-    std::unique_ptr<PeerWireTransport> dial(const PeerAddress& address, const DialAttempt& how) {
-        const bool isTCP = how.transport == PeerTransport::tcp;
-        (isTCP ? dialled : dialledOverUTP).push_back(address.port);
-        return std::make_unique<HeldTransport>(simulation, how.transport, isTCP ? fate : utpFate);
-    }
-    static PeerPool::Callbacks callbacks() {
-        PeerPool::Callbacks callbacks;
-        callbacks.connectionCallbacks = [](PeerKey) { return PeerConnection::Callbacks(); };
-        callbacks.onDialFailed = [](const DialRequest&) {};
-        callbacks.onPeerReady = [](const PeerPool::Peer&) { ADD_FAILURE() << "nobody answers here"; };
-        callbacks.onPeerGone = [](const PeerPool::Peer&) {};
-        return callbacks;
-    }
     void offer(int port, bool isNamed = false) {
         pool.connectToPeer({{"10.0.0.1", static_cast<std::uint16_t>(port)}, PeerSource::publicTracker, isNamed});
         simulation.settle();
@@ -72,13 +17,6 @@ protected:
     PeerRuntimeInfo lastRow() {
         return pool.makePeerRuntimeInfos([](PeerKey) { return 0.0; }).back();
     }
-    Simulation simulation;
-    RecordingLogger log{LogLevel::debug};
-    Fate fate = Fate::hangs;
-    Fate utpFate = Fate::hangs;
-    std::vector<int> dialled;
-    std::vector<int> dialledOverUTP;
-    PeerPool pool;
 };
 
 TEST_F(PeerPoolTest, dialsSixteenAtOnceAndQueuesTheRestInOrderDroppingTheOldest) {

@@ -1,17 +1,13 @@
+#include "public/common/Within.h"
 #include "tests/Core/engine/PieceManagerFixture.h"
 
 #include <gmock/gmock.h>
-
-#include <csignal>
-#include <sys/resource.h>
 
 namespace skein {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using testing::Contains, testing::ElementsAre, testing::IsEmpty;
 using enum ReceiveBlockResult;
 using State = PieceManager::State;
 using StoreResult = PieceManager::StoreResult;
@@ -32,9 +28,8 @@ TEST_F(PieceManagerTest, downloadsPiecesThatSpanFilesByteForByte) {
     while (const std::optional<int> piece = nextPiece()) EXPECT_EQ(receive(torrent, *piece), completed);
     EXPECT_TRUE(manager->isComplete());
     EXPECT_EQ(manager->progress(), 1.0);
-    EXPECT_EQ(manager->downloadedBytes(), 89991);
-    EXPECT_EQ(manager->completedBytes(), 89991);
-    EXPECT_EQ(manager->bufferedBytes() + manager->unwrittenBytes(), 0);
+    EXPECT_THAT((std::array{manager->downloadedBytes(), manager->completedBytes(), manager->unwrittenBytes()}),
+                ElementsAre(89991, 89991, 0));
     EXPECT_EQ(manager->bitfield(), Bytes{0xe0});
     EXPECT_TRUE(torrent.isWholeIn(folder.path()));
 }
@@ -48,9 +43,7 @@ TEST_F(PieceManagerTest, splitsAMissingPieceIntoBlocksOnce) {
     EXPECT_EQ(manager->bufferedBytes(), 40000);
     EXPECT_THAT(manager->blocksForPiece(0), IsEmpty());
     EXPECT_EQ(receive(torrent, 1), completed);
-    EXPECT_THAT(manager->blocksForPiece(1), IsEmpty());
-    EXPECT_THAT(manager->blocksForPiece(-1), IsEmpty());
-    EXPECT_THAT(manager->blocksForPiece(2), IsEmpty());
+    for (const int piece : {1, -1, 2}) EXPECT_THAT(manager->blocksForPiece(piece), IsEmpty());
     EXPECT_THAT(manager->completionBitmap(), ElementsAre(false, true));
     EXPECT_FALSE(nextPiece());
 }
@@ -68,22 +61,14 @@ TEST_F(PieceManagerTest, ignoresBlocksThatAreNotOutstandingAndSurvivesThoseOfThe
     EXPECT_EQ(manager->downloadedBytes(), 0);
 }
 
-TEST_F(PieceManagerTest, rollsBackAPieceWhoseHashIsWrong) {
-    const TestTorrent torrent(40000, {{"t", 80000}});
-    setUp(torrent);
-    EXPECT_EQ(receive(torrent, 1), completed);
-    EXPECT_EQ(receive(torrent, 0, 1), failed);
-    EXPECT_THAT(log.lines(), Contains("[PieceManager] Piece 0 hash mismatch, re-downloading"));
-    EXPECT_EQ(manager->pieceState(0), State::missing);
-    EXPECT_EQ(manager->downloadedBytes(), 40000);
-    EXPECT_EQ(nextPiece(), 0);
-    EXPECT_EQ(receive(torrent, 0), completed);
-}
-
-TEST_F(PieceManagerTest, countsAGivenUpPieceDownInFullButNeverBelowNothing) {
+TEST_F(PieceManagerTest, countsABadOrGivenUpPieceDownInFullButNeverBelowNothing) {
     const TestTorrent torrent(40000, {{"t", 120000}});
     setUp(torrent);
     EXPECT_EQ(receive(torrent, 2), completed);
+    EXPECT_EQ(receive(torrent, 0, 1), failed) << "its hash is wrong";
+    EXPECT_EQ(manager->pieceState(0), State::missing);
+    EXPECT_EQ(manager->downloadedBytes(), 40000);
+    EXPECT_EQ(nextPiece(), 0);
     manager->blocksForPiece(0);
     manager->storeBlock(0, 0, Bytes(16384));
     manager->resetPiece(0);
@@ -212,24 +197,6 @@ TEST_F(PieceManagerTest, waitsLongerAfterEachFailedWriteAndReportsTheTroubleOnce
     EXPECT_TRUE(torrent.isWholeIn(folder.path()));
 }
 
-TEST_F(PieceManagerTest, survivesAWriteThatTheSystemCutsShort) {
-    const TestTorrent torrent(65536, {{"t", 2 * 65536}});
-    setUp(torrent);
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit little{100'000, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
-    EXPECT_EQ(receive(torrent, 0), completed);
-    EXPECT_EQ(receive(torrent, 1), failed);
-    ::setrlimit(RLIMIT_FSIZE, &before);
-    std::signal(SIGXFSZ, handler);
-    EXPECT_EQ(manager->storageProblem(), "t: File too large");
-    simulation.advance(1s);
-    EXPECT_EQ(receive(torrent, 1), completed);
-    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
-}
-
 TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
     const TestTorrent torrent(8 << 20U, {{"t", 24 << 20U}}, 7);
     setUp(torrent);
@@ -243,31 +210,24 @@ TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
     simulation.finish(manager->roomToReceive());
     fill(1);
     EXPECT_EQ(manager->unwrittenBytes(), 16 << 20U);
-    bool hasRoom = false;
-    asio::cancellation_signal cancel;
-    std::exception_ptr cancelled;
-    asio::co_spawn(simulation.executor(), manager->roomToReceive(), [&](const std::exception_ptr&) { hasRoom = true; });
-    asio::co_spawn(simulation.executor(), manager->roomToReceive(),
-                   asio::bind_cancellation_slot(cancel.slot(), [&](const std::exception_ptr& e) { cancelled = e; }));
+    auto patient = simulation.begin(manager->roomToReceive());
+    auto impatient = simulation.begin(within(simulation, 1s, manager->roomToReceive()));
     simulation.settle();
-    EXPECT_FALSE(hasRoom);
-    cancel.emit(asio::cancellation_type::terminal);
-    simulation.settle();
-    EXPECT_TRUE(cancelled);
+    simulation.advance(1s);
+    EXPECT_EQ(simulation.failureOf(std::move(impatient)), "Timed out");
+    EXPECT_FALSE(simulation.hasEnded(patient));
     EXPECT_EQ(simulation.finish(manager->completePiece(0)), completed);
     simulation.settle();
-    EXPECT_TRUE(hasRoom);
+    EXPECT_TRUE(simulation.hasEnded(patient));
     EXPECT_EQ(simulation.finish(manager->completePiece(1)), completed);
 }
 
 TEST_F(PieceManagerTest, refusesAHostileTorrentAtSetupAndDoesNothingWithIt) {
     TestTorrent torrent(16384, {{"t", 16384}});
     torrent.metaInfo->files[0].path = "../t";
-    make(torrent);
-    EXPECT_THROW(simulation.finish(manager->setup()), StorageException);
+    EXPECT_THROW(setUp(torrent), StorageException);
     torrent.metaInfo->pieceLength = 0;
-    make(torrent);
-    EXPECT_THROW(simulation.finish(manager->setup()), StorageException);
+    EXPECT_THROW(setUp(torrent), StorageException);
     EXPECT_THAT(manager->blocksForPiece(0), IsEmpty());
     EXPECT_FALSE(nextPiece());
     EXPECT_FALSE(simulation.finish(manager->readBlock(0, 0, 1)));

@@ -9,11 +9,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::AllOf;
-using testing::Ge;
-using testing::IsEmpty;
-using testing::Le;
-using testing::SizeIs;
+using testing::AllOf, testing::Ge, testing::IsEmpty, testing::Le, testing::SizeIs;
 
 constexpr int blocksPerPiece = 4;
 constexpr int pieceCount = 1600;
@@ -87,7 +83,7 @@ TEST_F(RequestSchedulerTest, keepsThirtyTwoPiecesInFlightAndNotOneMore) {
     EXPECT_THAT(scheduler.nextRequests(scheduler.idlePeers().front()), SizeIs(Ge(1)));
 }
 
-TEST_F(RequestSchedulerTest, takesOnlyWhatItAskedOfThatPeer) {
+TEST_F(RequestSchedulerTest, takesOnlyWhatItAskedOfThatPeerAndGivesPiecesBackOnChokeAndDisconnect) {
     add(1);
     add(2);
     const BlockRequest asked = scheduler.nextRequests(1).front();
@@ -104,19 +100,14 @@ TEST_F(RequestSchedulerTest, takesOnlyWhatItAskedOfThatPeer) {
     EXPECT_EQ(receive(1, asked), Outcome::accepted);
     EXPECT_EQ(receive(1, asked), Outcome::ignored) << "twice";
     EXPECT_EQ(pieces.downloadedBytes(), blockSize);
-}
 
-TEST_F(RequestSchedulerTest, givesPiecesBackOnChokeAndDisconnect) {
-    add(1);
-    add(2);
-    const BlockRequest asked = scheduler.nextRequests(1).front();
     scheduler.setChoking(1, true);
     EXPECT_EQ(scheduler.piecesInFlight(), 0);
     EXPECT_EQ(pieces.pieceState(asked.pieceIndex), PieceManager::State::missing);
     EXPECT_EQ(scheduler.nextRequests(2).front(), asked);
     scheduler.removePeer(2);
     EXPECT_EQ(scheduler.piecesInFlight(), 0);
-    EXPECT_EQ(receive(1, asked), RequestScheduler::BlockOutcome::ignored) << "late, after the choke";
+    EXPECT_EQ(receive(1, asked), Outcome::ignored) << "late, after the choke";
 }
 
 TEST_F(RequestSchedulerTest, sharesTheSlotsByMeasuredRate) {

@@ -57,7 +57,8 @@ struct TestTorrent {
     }
     static Bytes contentOf(const std::filesystem::path& file) {
         std::ifstream stream(file, std::ios::binary);
-        return Bytes(std::istreambuf_iterator<char>(stream), {});
+        Bytes content(std::istreambuf_iterator<char>(stream), {});
+        return content;
     }
 
     std::shared_ptr<TorrentMetaInfo> metaInfo = std::make_shared<TorrentMetaInfo>();

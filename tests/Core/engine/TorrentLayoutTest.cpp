@@ -51,23 +51,22 @@ TEST(TorrentLayoutTest, refusesSizesThatCannotBe) {
     };
     constexpr std::int64_t huge = std::numeric_limits<std::int64_t>::max();
     EXPECT_EQ(refusalOf(*good.metaInfo), std::nullopt);
-    EXPECT_EQ(changed([](auto& it) { it.pieceLength = 0; }), StorageError::invalidPieceLength);
-    EXPECT_EQ(changed([](auto& it) { it.pieceLength = -4; }), StorageError::invalidPieceLength);
+    for (const int length : {0, -4})
+        EXPECT_EQ(changed([=](auto& it) { it.pieceLength = length; }), StorageError::invalidPieceLength);
     EXPECT_EQ(changed([](auto& it) { it.files[0].size = -1; }), StorageError::invalidFileSize);
     EXPECT_EQ(changed([](auto& it) { it.files.push_back({"u", huge - 9, 10}); }), StorageError::invalidFileSize);
-    EXPECT_EQ(changed([](auto& it) { it.pieces.resize(40); }), StorageError::pieceCountMismatch);
-    EXPECT_EQ(changed([](auto& it) { it.pieces.resize(80); }), StorageError::pieceCountMismatch);
+    for (const std::size_t size : {40U, 80U})
+        EXPECT_EQ(changed([=](auto& it) { it.pieces.resize(size); }), StorageError::pieceCountMismatch);
     EXPECT_EQ(changed([](auto& it) { it.totalSize = 11; }), StorageError::pieceCountMismatch);
-    const auto makeOnePiece = [](TorrentMetaInfo& it) {
-        it.pieceLength = huge;
-        it.pieces.resize(33);  // a stray part of a hash is not counted
+    const auto ofOnePiece = [&](std::int64_t size) {
+        return changed([=](auto& it) {
+            it.pieceLength = huge;
+            it.pieces.resize(33);  // a stray part of a hash is not counted
+            it.files[0].size = it.totalSize = size;
+        });
     };
-    EXPECT_EQ(changed(makeOnePiece), std::nullopt);
-    EXPECT_EQ(changed([&](auto& it) {
-                  makeOnePiece(it);
-                  it.files[0].size = it.totalSize = huge;
-              }),
-              StorageError::pieceTooLarge);
+    EXPECT_EQ(ofOnePiece(10), std::nullopt);
+    EXPECT_EQ(ofOnePiece(huge), StorageError::pieceTooLarge);
 }
 
 TEST(TorrentLayoutTest, slicesARangeByFileAndSkipsEmptyOnes) {

@@ -7,8 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <latch>
-#include <sys/resource.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -28,6 +27,9 @@ protected:
         return std::make_unique<TorrentStorage>(TorrentLayout(*torrent.metaInfo), save, mode, openFiles, calls);
     }
     static void prepare(TorrentStorage& storage) { storage.prepare(0, storage.layout().files().size()); }
+    static std::string failureToPrepare(TorrentStorage& storage) {
+        return failureIn<StorageException>([&] { prepare(storage); });
+    }
     static void write(TorrentStorage& storage, std::int64_t offset, ByteView bytes) {
         const iovec from{const_cast<std::uint8_t*>(bytes.data()), bytes.size()};
         storage.write(offset, {&from, 1});
@@ -100,11 +102,10 @@ TEST_F(TorrentStorageTest, neverFollowsALinkOutOfTheDownloadFolder) {
     const auto storage = storageOf(torrent);
     fs::create_directory(save / "t");
     fs::create_directory_symlink(outside.path(), save / "t/sub");
-    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }),
-              "Symbolic link inside the download folder: t/sub/a");
+    EXPECT_EQ(failureToPrepare(*storage), "Symbolic link inside the download folder: t/sub/a");
     fs::remove(save / "t/sub");
     fs::create_symlink(outside.path() / "b", save / "t/b");
-    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }), "Symbolic link inside the download folder: t/b");
+    EXPECT_EQ(failureToPrepare(*storage), "Symbolic link inside the download folder: t/b");
     fs::remove(save / "t/b");
     prepare(*storage);
     // One that is put there later is met when the file is next opened.
@@ -119,10 +120,10 @@ TEST_F(TorrentStorageTest, saysWhatStandsInTheWay) {
     const TestTorrent torrent(4, {{"t/a", 9}});
     const auto storage = storageOf(torrent);
     fs::create_directories(save / "t/a");
-    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }), "t/a: Is a directory");
+    EXPECT_EQ(failureToPrepare(*storage), "t/a: Is a directory");
     fs::remove(save / "t/a");
     ASSERT_EQ(::mkfifo((save / "t/a").c_str(), 0600), 0);
-    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }), "Not a regular file: t/a");
+    EXPECT_EQ(failureToPrepare(*storage), "Not a regular file: t/a");
     fs::remove(save / "t/a");
     prepare(*storage);
     write(*storage, 0, torrent.bytes(0, 4));
@@ -133,7 +134,7 @@ TEST_F(TorrentStorageTest, saysWhatStandsInTheWay) {
               "t/a: No such file or directory");
     fs::remove(save / "t");
     std::ofstream(save / "t") << "a file";
-    EXPECT_EQ(failureIn<StorageException>([&] { prepare(*storage); }), "t/a: Not a directory");
+    EXPECT_EQ(failureToPrepare(*storage), "t/a: Not a directory");
 }
 
 TEST_F(TorrentStorageTest, tellsDataFromHolesAndFromNothing) {
@@ -160,27 +161,25 @@ TEST_F(TorrentStorageTest, keepsFewFilesOpenWhateverTheirNumber) {
     openFiles = std::make_shared<OpenFiles>();
     const auto storage = storageOf(torrent);
     prepare(*storage);
-    // The threads begin before descriptors are short: a sanitizer's own checks need some now and then.
-    std::latch begin(5);
-    std::vector<std::thread> threads;
-    for (int part = 0; part < 4; ++part)
-        threads.emplace_back([&, part] {
-            begin.arrive_and_wait();
-            for (int piece = part; piece < 14; piece += 4) write(*storage, piece * 1000, torrent.piece(piece));
-        });
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     // So few that the 64 of the cache do not fit either.
-    const rlimit few{40, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    begin.arrive_and_wait();
-    for (std::thread& thread : threads) thread.join();
+    calls.descriptorLimit = FileDescriptor(calls.open(AT_FDCWD, "/", O_RDONLY, 0)).number() + 20;
+    const auto inFourThreads = [](auto handle) {
+        std::vector<std::thread> threads;
+        for (int part = 0; part < 4; ++part)
+            threads.emplace_back([&handle, part] {
+                for (int piece = part; piece < 14; piece += 4) handle(piece);
+            });
+        for (std::thread& thread : threads) thread.join();
+    };
+    inFourThreads([&](int piece) { write(*storage, piece * 1000, torrent.piece(piece)); });
     Bytes got(torrent.content.size());
-    const iovec into{got.data(), got.size()};
-    storage->read(0, {&into, 1});
-    storage->close();
-    ::setrlimit(RLIMIT_NOFILE, &before);
+    inFourThreads([&](int piece) {
+        const iovec into{&got[static_cast<std::size_t>(piece) * 1000], 1000};
+        storage->read(piece * 1000, {&into, 1});
+    });
     EXPECT_EQ(got, torrent.content);
+    EXPECT_LE(openFiles->count(), 20U);
+    storage->close();
     EXPECT_EQ(openFiles->count(), 0U);
 }
 

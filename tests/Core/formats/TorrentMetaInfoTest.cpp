@@ -7,19 +7,6 @@
 namespace skein {
 namespace {
 
-TEST(TorrentMetaInfo, theLastPieceIsWhatRemains) {
-    TorrentMetaInfo torrent{.pieceLength = 4, .pieces = Bytes(3 * 20 + 7), .totalSize = 10};
-    torrent.pieces[20] = 9;
-    EXPECT_EQ(torrent.pieceCount(), 3);
-    EXPECT_EQ(torrent.pieceHash(1)[0], 9);
-    EXPECT_EQ(torrent.pieceHash(2).size(), 20U);
-    EXPECT_EQ(torrent.pieceSize(0), 4);
-    EXPECT_EQ(torrent.pieceSize(2), 2);
-    EXPECT_EQ(torrent.pieceSize(99), 2);
-    torrent.totalSize = 8;
-    EXPECT_EQ(torrent.pieceSize(2), 4);
-}
-
 TEST(TorrentMetaInfo, aPieceLengthThatCannotBeHasPiecesOfNothing) {
     TorrentMetaInfo torrent{.totalSize = std::numeric_limits<std::int64_t>::min()};
     for (const std::int64_t length : {std::int64_t{0}, std::int64_t{-1}, torrent.totalSize}) {

@@ -1,35 +1,13 @@
 #include "Core/wire/BigUInt.h"
-#include "Core/wire/NWPeerWireTransport.h"
-#include "Core/wire/PeerConnection.h"
-#include "Core/wire/RC4.h"
+#include "tests/Core/wire/ConnectionFixture.h"
 #include "tests/support/MSEResponder.h"
-#include "tests/support/RecordingLogger.h"
-#include "tests/support/Simulation.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
 
 BigUInt number(std::string_view hex) { return BigUInt::fromBigEndian(fromHex(hex).value()); }
-
-TEST(RC4Test, makesTheKeystreamsOfRFC6229) {
-    const std::pair<const char*, std::pair<const char*, const char*>> streams[] = {
-        {"0102030405", {"b2396305f03dc027ccc3524a0a1118a8", "30abbcc7c20b01609f23ee2d5f6bb7df"}},
-        {"0102030405060708090a0b0c0d0e0f10", {"9ac7cc9a609d1ef7b2932899cde41b97", "bdf0324e6083dcc6d3cedd3ca8c53c16"}}};
-    for (const auto& [key, stream] : streams) {
-        Bytes start(16);
-        RC4(fromHex(key).value()).apply(start);
-        EXPECT_EQ(toHex(start), stream.first);
-        Bytes later(16);
-        RC4(fromHex(key).value(), 1024).apply(later);
-        EXPECT_EQ(toHex(later), stream.second);
-    }
-}
 
 TEST(BigUIntTest, computesWhatPythonDoes) {
     const std::string oakley =
@@ -54,36 +32,16 @@ TEST(BigUIntTest, computesWhatPythonDoes) {
     EXPECT_EQ(rfc.adding(number("090564")), deployed);
 }
 
-class MSEHandshakeTest : public testing::Test {
+class MSEHandshakeTest : public ConnectionFixture {
 protected:
-    ~MSEHandshakeTest() override { simulation.finish(connection->stop()); }
-    void startDial(MSEPrime prime = MSEPrime::deployed) {
-        if (connection) simulation.finish(connection->stop());
-        connection = std::make_unique<PeerConnection>(
-            PeerConnection::Environment{strand, simulation, log, unlimited, unlimited}, peer.address(),
-            PeerConnection::Identity{infoHash, peerIDOf('o')},
-            std::make_unique<NWPeerWireTransport>(simulation.executor(), simulation, peer.address(), 5s, ""),
-            PeerDirection::outgoing);
-        outcome.clear();
-        simulation.start(connect(prime));
-        simulation.finish(peer.accept());
+    void startEncryptedDial(MSEPrime prime = MSEPrime::deployed) {
+        startDial(PeerConnection::EncryptionPreference::mseRC4, prime);
     }
-    /// What a dial to a peer that follows `script` ends with.
-    std::string dial(const MSEResponder::Script& script, MSEPrime prime = MSEPrime::deployed) {
-        startDial(prime);
-        try {
-            simulation.finish(respond(script));
-        } catch (const std::runtime_error&) {
-            peer.close();
-        }
-        simulation.runUntil([&] { return !outcome.empty(); });
-        return outcome;
-    }
-    asio::awaitable<void> connect(MSEPrime prime) try {
-        co_await connection->connect(5s, PeerConnection::EncryptionPreference::mseRC4, prime);
-        outcome = "connected";
-    } catch (const std::exception& error) {
-        outcome = error.what();
+    /// What the dial to a peer that follows `script` throws.
+    std::string failureToDial(const MSEResponder::Script& script, MSEPrime prime = MSEPrime::deployed) {
+        startEncryptedDial(prime);
+        if (simulation.failureOf(respond(script)) != "none") peer.close();
+        return ConnectionFixture::failureToDial();
     }
     asio::awaitable<void> respond(MSEResponder::Script script) {
         MSEResponder responder(peer, infoHash);
@@ -91,20 +49,11 @@ protected:
         Bytes handshake = co_await responder.read(PeerHandshake::size);
         co_await responder.send(std::move(handshake));
     }
-
-    Simulation simulation;
-    RecordingLogger log{LogLevel::debug};
-    Throttle unlimited;
-    const SHA1Digest infoHash = sha1(toBytes("a torrent"));
-    Strand strand = asio::make_strand(simulation.executor());
-    ScriptedPeer peer{simulation.executor()};
-    std::unique_ptr<PeerConnection> connection;
-    std::string outcome;
 };
 
 TEST_F(MSEHandshakeTest, connectsWhateverThePadding) {
     for (const std::size_t pad : {0, 1, 512}) {
-        EXPECT_EQ(dial({.padB = pad, .padD = pad * 3}), "connected");
+        EXPECT_EQ(failureToDial({.padB = pad, .padD = pad * 3}), "none");
         EXPECT_EQ(connection->encryptionStatus(), PeerEncryptionStatus::encrypted);
     }
     const std::string peerName = peer.address().description();
@@ -114,31 +63,21 @@ TEST_F(MSEHandshakeTest, connectsWhateverThePadding) {
 
 TEST_F(MSEHandshakeTest, readsWhatComesInOneWriteWithTheHandshake) {
     const auto handshake = PeerHandshake{infoHash, peerIDOf('p'), true}.encode();
-    EXPECT_EQ(dial({.padD = 3, .early = Bytes(handshake.begin(), handshake.end())}), "connected");
+    EXPECT_EQ(failureToDial({.padD = 3, .early = Bytes(handshake.begin(), handshake.end())}), "none");
     EXPECT_EQ(connection->remotePeerID(), peerIDOf('p'));
 }
 
-TEST_F(MSEHandshakeTest, refusesAPeerThatBreaksTheRules) {
+TEST_F(MSEHandshakeTest, refusesAPeerThatBreaksTheRulesAndGivesUpOnASilentOneInTime) {
     using Script = MSEResponder::Script;
     for (const Script& script : {Script{.padB = 513}, Script{.select = 1}, Script{.hasZeroKey = true}}) {
-        EXPECT_EQ(dial(script), "MSE/PE encrypted handshake failed");
+        EXPECT_EQ(failureToDial(script), "MSE/PE encrypted handshake failed");
         EXPECT_EQ(connection->encryptionStatus(), PeerEncryptionStatus::handshakeFailed);
         EXPECT_EQ(connection->mayNeedOtherPrime(), script.padB == 513);
     }
-}
-
-TEST_F(MSEHandshakeTest, reachesAPeerThatHasTheOtherPrimeWithTheNextAttempt) {
-    EXPECT_EQ(dial({.hasPrimeOfRFC2409 = true}), "MSE/PE encrypted handshake failed");
-    EXPECT_TRUE(connection->mayNeedOtherPrime());
-    EXPECT_EQ(dial({.hasPrimeOfRFC2409 = true}, MSEPrime::rfc2409), "connected");
-}
-
-TEST_F(MSEHandshakeTest, givesUpOnASilentPeerInTime) {
-    startDial();
+    startEncryptedDial();
     simulation.finish(peer.read(96));
     simulation.advance(6s);
-    simulation.runUntil([&] { return !outcome.empty(); });
-    EXPECT_EQ(outcome, "MSE/PE encrypted handshake failed");
+    EXPECT_EQ(ConnectionFixture::failureToDial(), "MSE/PE encrypted handshake failed");
     EXPECT_EQ(connection->encryptionStatus(), PeerEncryptionStatus::handshakeFailed);
 }
 

@@ -9,9 +9,7 @@
 namespace skein {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using testing::ElementsAre, testing::HasSubstr, testing::IsEmpty;
 
 /// Writes down what it is told.
 class Notes final : public MessageSink {
@@ -35,7 +33,7 @@ private:
     void onExtended(ByteView body) override { note("extended " + toHex(body)); }
 };
 
-Bytes everyMessage() {
+TEST(MessageDecoder, handsOverEveryMessageHoweverTheStreamIsCut) {
     Bytes stream;
     wire::appendMessage(stream, MessageID::choke);
     wire::appendMessage(stream, MessageID::unchoke);
@@ -48,11 +46,6 @@ Bytes everyMessage() {
     wire::appendBlockMessage(stream, MessageID::cancel, {1, 16384, 16384});
     wire::appendMessage(stream, MessageID::piece, Bytes{0, 0, 0, 2, 0, 0, 64, 0, 0xEE});
     wire::appendMessage(stream, MessageID::extended, Bytes{0, 'd', 'e'});
-    return stream;
-}
-
-TEST(MessageDecoder, handsOverEveryMessageHoweverTheStreamIsCut) {
-    const Bytes stream = everyMessage();
     for (std::size_t portion = 1; portion <= stream.size(); ++portion) {
         Notes notes;
         Bytes held;
@@ -71,12 +64,10 @@ TEST(MessageDecoder, handsOverEveryMessageHoweverTheStreamIsCut) {
 TEST(MessageDecoder, skipsShortBodiesAndUnknownIds) {
     Bytes stream;
     wire::appendMessage(stream, MessageID::have, Bytes(3));
-    wire::appendMessage(stream, MessageID::request, Bytes(11));
-    wire::appendMessage(stream, MessageID::cancel, Bytes(11));
+    for (const auto id : {MessageID::request, MessageID::cancel}) wire::appendMessage(stream, id, Bytes(11));
     wire::appendMessage(stream, MessageID::piece, Bytes(8));
     wire::appendMessage(stream, MessageID::extended);
-    wire::appendMessage(stream, static_cast<MessageID>(9), Bytes(2));
-    wire::appendMessage(stream, static_cast<MessageID>(255), Bytes(2));
+    for (const int id : {9, 255}) wire::appendMessage(stream, static_cast<MessageID>(id), Bytes(2));
     wire::appendMessage(stream, MessageID::interested);
     Notes notes;
     EXPECT_EQ(wire::decodeMessages(stream, notes), stream.size());
@@ -97,21 +88,17 @@ TEST(MessageDecoder, acceptsTwoMebibytesAndNotAByteMore) {
     EXPECT_THROW(wire::decodeMessages(tooLong, notes), PeerException);
 }
 
-TEST(PeerHandshake, hasItsFieldsWhereTheyBelong) {
+TEST(PeerHandshake, hasItsFieldsWhereTheyBelongAndSaysWhatIsWrong) {
     PeerHandshake handshake;
     handshake.infoHash.fill(0xAA);
     handshake.peerID.fill(0xBB);
-    const auto bytes = handshake.encode();
+    auto bytes = handshake.encode();
     EXPECT_EQ(toHex(bytes),
               "13426974546f7272656e742070726f746f636f6c"
               "0000000000100000" +
                   std::string(20 * 2, 'a') + std::string(20 * 2, 'b'));
     EXPECT_FALSE(PeerHandshake::faultOf(bytes));
     EXPECT_EQ(PeerHandshake::decode(bytes).peerID, handshake.peerID);
-}
-
-TEST(PeerHandshake, saysWhatIsWrong) {
-    auto bytes = PeerHandshake().encode();
     bytes[1] = 'b';
     EXPECT_THAT(*PeerHandshake::faultOf(bytes), HasSubstr(" bad pstr=\"bitTorrent protocol\" head=1362"));
     bytes[0] = 'G';

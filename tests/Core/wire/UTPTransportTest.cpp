@@ -1,14 +1,8 @@
-#include "Core/wire/PeerConnection.h"
 #include "Core/wire/UTPPeerWireTransport.h"
 #include "Core/wire/UTPStream.h"
-#include "tests/support/RecordingLogger.h"
-#include "tests/support/ScriptedPeer.h"
+#include "tests/Core/wire/ConnectionFixture.h"
 #include "tests/support/ScriptedUDPServer.h"
-#include "tests/support/Simulation.h"
 #include "tests/support/UTPAcceptor.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace skein {
 namespace {
@@ -128,27 +122,21 @@ TEST_F(UTPStreamTest, takesNoMoreThanItHasRoomForAndTellsWhenThereIsRoomAgain) {
     EXPECT_EQ(give(Type::data, sequence, 1, payload)->acknowledgementNumber, sequence);
 }
 
-class UTPTransportTest : public testing::Test {
+class UTPTransportTest : public ConnectionFixture {
 protected:
     ~UTPTransportTest() override { finish(); }
     void finish() {
-        if (connection) simulation.finish(connection->stop());
-        if (peer) simulation.finish(peer->stop());
+        hangUp();
+        if (acceptor) simulation.finish(acceptor->stop());
+    }
+    void listen(UTPAcceptor::Path path) {
+        finish();
+        acceptor = std::make_unique<UTPAcceptor>(simulation.executor(), simulation, path);
     }
     /// Connects to a peer behind `path`, which says our own handshake back.
     void connect(UTPAcceptor::Path path) {
-        finish();
-        peer = std::make_unique<UTPAcceptor>(simulation.executor(), simulation, path);
-        connection = std::make_unique<PeerConnection>(
-            PeerConnection::Environment{strand, simulation, log, unlimited, unlimited}, peer->address(),
-            PeerConnection::Identity{sha1(toBytes("a torrent")), peerIDOf('o')}, makeTransport(peer->address()),
-            PeerDirection::outgoing);
-        PeerConnection::Callbacks callbacks;
-        callbacks.onPieceReceived = [this](std::uint32_t, std::uint32_t, ByteView block) { append(received, block); };
-        callbacks.onDisconnected = [this](const std::string& reason) { endReason = reason; };
-        connection->setCallbacks(std::move(callbacks));
-        received.clear();
-        endReason.clear();
+        listen(path);
+        makeConnection(makeTransport(acceptor->address()), acceptor->address());
         simulation.start(echoHandshake());
         simulation.start(connection->connect(60s));
         simulation.advanceUntil([&] { return connection->isConnected(); });
@@ -158,15 +146,8 @@ protected:
         return std::make_unique<UTPPeerWireTransport>(simulation, log, address, 5s, "");
     }
     asio::awaitable<void> echoHandshake() {
-        Bytes handshake = co_await peer->read(PeerHandshake::size);
-        co_await peer->send(std::move(handshake));
-    }
-    asio::awaitable<void> readFromUs(std::size_t count, Bytes& into) { into = co_await peer->read(count); }
-    asio::awaitable<void> open(UTPPeerWireTransport& transport) try {
-        co_await transport.start();
-        endReason = "open";
-    } catch (const std::exception& error) {
-        endReason = error.what();
+        Bytes handshake = co_await acceptor->read(PeerHandshake::size);
+        co_await acceptor->send(std::move(handshake));
     }
     static Bytes pieceMessage(const Bytes& block) {
         Bytes message(wire::pieceHeaderSize);
@@ -175,30 +156,21 @@ protected:
         return message;
     }
 
-    Simulation simulation;
-    RecordingLogger log{LogLevel::debug};
-    Throttle unlimited;
-    Strand strand = asio::make_strand(simulation.executor());
-    std::unique_ptr<UTPAcceptor> peer;
-    std::unique_ptr<PeerConnection> connection;
-    Bytes received;
-    std::string endReason;
+    std::unique_ptr<UTPAcceptor> acceptor;
 };
 
 TEST_F(UTPTransportTest, carriesAConversationOverABadPathByEitherConvention) {
     const Bytes content = madeUp(400'000);
     for (const bool hasStateNumber : {true, false}) {
         connect({0.05, 0.05, 0.05, 2ms, hasStateNumber, 65'500});
-        simulation.start(peer->send(pieceMessage(content)));
+        simulation.start(acceptor->send(pieceMessage(content)));
         simulation.advanceUntil([&] { return received.size() >= content.size(); });
         EXPECT_EQ(received, content);
-        std::vector<BlockRequest> requests(500, BlockRequest{1, 2, 3});
-        connection->sendRequests(requests);
-        Bytes asked;
-        simulation.start(readFromUs(500 * 17, asked));
-        simulation.advanceUntil([&] { return !asked.empty(); });
-        EXPECT_EQ(readBigEndian<std::uint32_t>(ByteView(asked).last(4)), 3U);
-        const std::string name = peer->address().description();
+        connection->sendRequests(std::vector<BlockRequest>(500, BlockRequest{1, 2, 3}));
+        auto asked = simulation.begin(acceptor->read(500 * 17));
+        simulation.advanceUntil([&] { return simulation.hasEnded(asked); });
+        EXPECT_EQ(asked.get().back(), 3);
+        const std::string name = acceptor->address().description();
         EXPECT_THAT(log.lines(), testing::IsSupersetOf({"[uTP][PeerWire] send BT handshake " + name,
                                                         "[uTP][PeerWire] BT handshake ✓ " + name}));
     }
@@ -207,12 +179,12 @@ TEST_F(UTPTransportTest, carriesAConversationOverABadPathByEitherConvention) {
 TEST_F(UTPTransportTest, endsWithThePeerAndKeepsWhatCameBefore) {
     for (const auto how : {UTPAcceptor::fin, UTPAcceptor::reset}) {
         connect({});
-        simulation.finish(peer->send(pieceMessage(madeUp(5000))));
+        simulation.finish(acceptor->send(pieceMessage(madeUp(5000))));
         simulation.advanceUntil([&] { return received.size() == 5000; });
         Bytes broken = pieceMessage(madeUp(9000));
         broken.resize(7000);
-        simulation.finish(peer->send(std::move(broken)));
-        peer->sendPacket(how);
+        simulation.finish(acceptor->send(std::move(broken)));
+        acceptor->sendPacket(how);
         simulation.advanceUntil([&] { return !endReason.empty(); });
         EXPECT_EQ(endReason, "Peer connection closed");
         EXPECT_EQ(received.size(), 5000U);
@@ -220,14 +192,14 @@ TEST_F(UTPTransportTest, endsWithThePeerAndKeepsWhatCameBefore) {
 }
 
 TEST_F(UTPTransportTest, cutsWhatItSendsAndTakesItsLeave) {
-    peer = std::make_unique<UTPAcceptor>(simulation.executor(), simulation, UTPAcceptor::Path{});
-    const auto transport = makeTransport(peer->address());
+    listen({});
+    const auto transport = makeTransport(acceptor->address());
     simulation.finish(transport->start());
     simulation.finish(transport->send(madeUp(3000)));
     transport->cancel();
-    simulation.advanceUntil([&] { return peer->seen.back().type == UTPAcceptor::fin; });
+    simulation.advanceUntil([&] { return acceptor->seen.back().type == UTPAcceptor::fin; });
     std::vector<std::size_t> sizes;
-    for (const UTPAcceptor::Packet& packet : peer->seen) sizes.push_back(packet.size);
+    for (const UTPAcceptor::Packet& packet : acceptor->seen) sizes.push_back(packet.size);
     EXPECT_THAT(sizes, ElementsAre(0, 0, 1180, 1180, 640, 0)) << "opened, acknowledged, sent, ended";
 }
 
@@ -239,11 +211,11 @@ TEST_F(UTPTransportTest, failsToOpenWithAPeerThatRefusesOrIsSilent) {
             return refuses ? std::vector<Bytes>{reset} : std::vector<Bytes>{};
         });
         const auto transport = makeTransport({"127.0.0.1", server.port()});
-        endReason.clear();
-        simulation.start(open(*transport));
-        simulation.advanceUntil([&] { return !endReason.empty(); });
-        EXPECT_THAT(endReason, testing::StartsWith(refuses ? "unexpected uTP open response: ST_RESET cid="
-                                                           : "Peer connection timed out"));
+        auto open = simulation.begin(transport->start());
+        simulation.advanceUntil([&] { return simulation.hasEnded(open); });
+        EXPECT_THAT(
+            simulation.failureOf(std::move(open)),
+            testing::StartsWith(refuses ? "unexpected uTP open response: ST_RESET cid=" : "Peer connection timed out"));
         EXPECT_EQ(server.seen().size(), refuses ? 1U : 3U) << "the SYN is sent at 0, 1 and 3 of 5 s";
         simulation.finish(server.stop());
     }

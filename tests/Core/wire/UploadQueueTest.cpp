@@ -22,10 +22,9 @@ TEST(UploadQueue, answersMoreAtOnceWhileThePeerIsQuick) {
 
 TEST(UploadQueue, refusesWhatNoPeerAsks) {
     UploadQueue queue;
-    EXPECT_FALSE(queue.push({-1, 0, 16384}));
-    EXPECT_FALSE(queue.push({0, -1, 16384}));
-    EXPECT_FALSE(queue.push({0, 0, 0}));
-    EXPECT_FALSE(queue.push({0, 0, UploadQueue::maxBlockLength + 1}));
+    for (const BlockRequest& odd :
+         {BlockRequest{-1, 0, 16384}, {0, -1, 16384}, {0, 0, 0}, {0, 0, UploadQueue::maxBlockLength + 1}})
+        EXPECT_FALSE(queue.push(odd));
     EXPECT_TRUE(queue.isEmpty());
 }
 

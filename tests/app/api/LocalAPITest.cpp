@@ -1,13 +1,10 @@
+#include "tests/app/api/LocalAPITest.h"
+
 #include "app/Command.h"
+#include "app/api/ChatRoutes.h"
 #include "app/api/DaemonFile.h"
-#include "app/api/LocalAPI.h"
 #include "app/client/DaemonClient.h"
-#include "app/client/TaskTable.h"
-#include "public/common/HTTPClient.h"
 #include "public/common/WholeFile.h"
-#include "tests/support/RecordingLogger.h"
-#include "tests/support/Simulation.h"
-#include "tests/support/TemporaryFolder.h"
 
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
@@ -20,57 +17,9 @@
 namespace skein {
 namespace {
 
-using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 namespace json = boost::json;
 using testing::HasSubstr;
-
-class SilentNotifier final : public CompletionNotifier {
-public:
-    void sendCompletionNotification(std::string) override {}
-};
-
-class LocalAPITest : public testing::Test {
-protected:
-    LocalAPITest() {
-        simulation.finish(manager.start());
-        api.listen("127.0.0.1", 0, "secret");
-    }
-    ~LocalAPITest() override {
-        simulation.finish(api.stop());
-        simulation.finish(manager.stop());
-        client.stop();
-    }
-
-    HTTPResponse ask(const std::string& method, const std::string& path, const std::string& body = {},
-                     std::vector<HTTPHeader> headers = {{"Authorization", "Bearer secret"}}) {
-        HTTPRequest request;
-        request.method = method;
-        request.url = "http://127.0.0.1:" + std::to_string(api.port()) + path;
-        request.headers = std::move(headers);
-        request.body = toBytes(body);
-        request.usesProxy = false;
-        return simulation.finish(client.fetch(std::move(request)));
-    }
-    static json::object objectIn(const HTTPResponse& response) {
-        return json::parse(asText(response.body)).as_object();
-    }
-
-    Simulation simulation;
-    RecordingLogger log;
-    SecureRandom random;
-    MsgCenter center;
-    TemporaryFolder home;
-    SettingsStore settings{home.path() / "settings.db", log};
-    NoResourceService service;
-    SilentNotifier notifier;
-    HTTPClient client;
-    DownloadManager manager{{simulation.executor(), simulation.executor(), simulation, log, random, center,
-                             ActorSettings(settings, simulation.executor()), service, notifier, home.path(),
-                             home.path() / "downloads"}};
-    int stopsAsked = 0;
-    LocalAPI api{manager, simulation, log, [this] { ++stopsAsked; }};
-};
 
 TEST_F(LocalAPITest, letsInOnlyWhoHasTheTokenAndAsksForUs) {
     const auto statusWith = [&](std::vector<HTTPHeader> headers) {
@@ -113,6 +62,10 @@ TEST_F(LocalAPITest, offersTheListAndTheCommands) {
 }
 
 TEST_F(LocalAPITest, isDescribedRouteByRoute) {
+    EngineHost engine(host.home.path() / "chatting", "127.0.0.1");
+    ChatHost chat(engine, center);
+    ChatRoutes chatRoutes(chat);
+    chatRoutes.addTo(api.router());
     std::set<std::string> offered;
     for (const Router::Route& route : api.router().routes()) offered.insert(route.method + " " + route.path);
     std::set<std::string> described;
@@ -126,6 +79,27 @@ TEST_F(LocalAPITest, isDescribedRouteByRoute) {
             described.insert(name + " " + std::string(path.key()));
         }
     EXPECT_EQ(offered, described);
+}
+
+TEST(APIGuard, boundToEveryAddressTakesLiteralsButNoNames) {
+    const APIGuard guard("t", "0.0.0.0", 7070);
+    const auto statusFor = [&](const std::string& host, const std::string& origin = {}) {
+        const auto refusal =
+            guard.refusalOf({.headers = {{"authorization", "Bearer t"}, {"host", host}, {"origin", origin}}});
+        return refusal ? refusal->status : 200;
+    };
+    for (const char* const ours : {"192.168.1.5:7070", "[2001:db8::1]:7070", "localhost:7070", "0.0.0.0:7070"})
+        EXPECT_EQ(statusFor(ours), 200) << ours;
+    for (const char* const wrong : {"evil.example:7070", "192.168.1.5:7071", "192.168.1.5", "2001:db8::1:7070",
+                                    "[192.168.1.5]:7070", "[]:7070", ":7070", ""})
+        EXPECT_EQ(statusFor(wrong), 403) << wrong;
+    EXPECT_EQ(statusFor("192.168.1.5:7070", "http://192.168.1.5:7070"), 200);
+    EXPECT_EQ(statusFor("192.168.1.5:7070", "http://192.168.1.6:7070"), 403);
+    const APIGuard loopback("t", "127.0.0.1", 7070);
+    EXPECT_TRUE(loopback.refusalOf({.headers = {{"authorization", "Bearer t"}, {"host", "192.168.1.5:7070"}}}));
+    EXPECT_EQ(DaemonAddress::reachable("0.0.0.0"), "127.0.0.1");
+    EXPECT_EQ(DaemonAddress::reachable("::"), "::1");
+    EXPECT_EQ(DaemonAddress::reachable("192.168.1.5"), "192.168.1.5");
 }
 
 TEST(DaemonFile, isForOneDaemonAHomeAndGoesWithIt) {
@@ -151,21 +125,6 @@ TEST(ResolveTask, takesHashesPrefixesAndRows) {
     EXPECT_EQ(resolveTask(list, "1234"), "1234bbbb");
     for (const char* const wrong : {"aaaa", "aaa", "0", "4", "", "bbbb"})
         EXPECT_THROW(resolveTask(list, wrong), CommandFailure) << wrong;
-}
-
-TEST(TaskTable, fitsTheTerminalWhateverTheName) {
-    const json::object task{{"name", "論文 " + std::string(200, 'x')},
-                            {"totalSize", 5},
-                            {"progress", 0.9999},
-                            {"status", "fetchingMetadata"},
-                            {"downloadSpeed", 0},
-                            {"uploadSpeed", 2048},
-                            {"peerCount", 3}};
-    const std::string table = taskTable(json::array{task}, 100);
-    EXPECT_THAT(table, HasSubstr("99.9%  fetchingMetadata"));
-    EXPECT_THAT(table, HasSubstr("…"));
-    EXPECT_THAT(table, HasSubstr("2.0 KiB/s     3\n"));
-    EXPECT_LE(table.find('\n'), 100U);
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include "public/common/Bytes.h"
-#include "public/common/SHA1.h"
 
 #include <gtest/gtest.h>
 
@@ -18,14 +17,6 @@ TEST(Bytes, utf8IsAcceptedOnlyInItsShortestForm) {
     EXPECT_TRUE(isValidUTF8(toBytes("plain, \xC3\xA9, \xE7\x8C\xAB, \xF0\x9F\x90\x88")));
     for (const char* broken : {"\x80", "\xC0\xAF", "\xC3", "\xE0\x80\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF"})
         EXPECT_FALSE(isValidUTF8(toBytes(broken))) << toHex(toBytes(broken));
-}
-
-TEST(SHA1, aHasherStartsAfreshAfterEachDigest) {
-    SHA1Hasher hasher;
-    hasher.update(toBytes("ab"));
-    hasher.update(toBytes("c"));
-    EXPECT_EQ(toHex(hasher.finish()), "a9993e364706816aba3e25717850c26c9cd0d89d");
-    EXPECT_EQ(toHex(hasher.finish()), "da39a3ee5e6b4b0d3255bfef95601890afd80709");
 }
 
 }  // namespace

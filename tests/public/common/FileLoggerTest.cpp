@@ -12,8 +12,7 @@
 namespace skein {
 namespace {
 
-using testing::EndsWith;
-using testing::HasSubstr;
+using testing::EndsWith, testing::HasSubstr;
 
 class FileLoggerTest : public testing::Test {
 protected:

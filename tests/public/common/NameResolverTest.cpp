@@ -13,8 +13,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains;
-using testing::ElementsAre;
+using testing::Contains, testing::ElementsAre;
 
 const IPAddress loopback = *IPAddress::parse("127.0.0.1");
 /// Longer than a name may be: refused by the system itself, without asking anybody.

@@ -160,8 +160,6 @@ TEST_F(SettingsStoreTest, actorsUseItOnTheDiskPool) {
     const ActorSettings settings(store, pools.disk());
     simulation.finish(settings.set("name", "skein"));
     EXPECT_EQ(simulation.finish(settings.text("name")), "skein");
-    EXPECT_EQ(simulation.finish(settings.flag("name")), std::nullopt);
-    EXPECT_TRUE(simulation.finish(settings.unset("name")));
     const auto thread = simulation.finish(settings.with([](SettingsStore&) { return std::this_thread::get_id(); }));
     EXPECT_NE(thread, std::this_thread::get_id());
 }

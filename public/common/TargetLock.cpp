@@ -1,6 +1,5 @@
-#include "app/TargetLock.h"
+#include "public/common/TargetLock.h"
 
-#include "app/Command.h"
 #include "public/common/Bytes.h"
 
 #include <cerrno>
@@ -18,7 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 
 [[noreturn]] void throwSystem(const fs::path& path, int error) {
-    throw CommandFailure(path.string(), std::error_code(error, std::generic_category()).message());
+    throw std::system_error(error, std::generic_category(), path.string());
 }
 
 /// A folder for the locks of this user alone, the same for every home.
@@ -40,15 +39,15 @@ std::string holderOf(int file) {
 
 }  // namespace
 
-TargetLock::TargetLock(const fs::path& folder, const SHA1Digest& infoHash) {
-    const std::string target = fs::weakly_canonical(fs::absolute(folder)).string() + '\n' + toHex(infoHash);
+TargetLock::TargetLock(const fs::path& folder, const SHA1Digest& source) {
+    const std::string target = fs::weakly_canonical(fs::absolute(folder)).string() + '\n' + toHex(source);
     const fs::path path = lockFolder() / (toHex(sha1(toBytes(target))) + ".lock");
     file_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     if (file_ < 0) throwSystem(path, errno);
     if (::flock(file_, LOCK_EX | LOCK_NB) != 0) {
         const std::string holder = holderOf(file_);
         ::close(file_);
-        throw CommandFailure(folder.string(), "process " + holder + " is downloading this torrent here");
+        throw TargetTaken("process " + holder + " is downloading the same to " + folder.string());
     }
     const std::string ours = std::to_string(::getpid());
     if (::ftruncate(file_, 0) != 0 || ::pwrite(file_, ours.data(), ours.size(), 0) < 0) {

@@ -1,4 +1,4 @@
-#include "app/Printable.h"
+#include "public/common/Printable.h"
 
 #include <gtest/gtest.h>
 

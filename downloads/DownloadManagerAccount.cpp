@@ -1,0 +1,177 @@
+// The manager's dealings with the account at the resource service.
+
+#include "Core/engine/ResourceTexts.h"
+#include "downloads/CreditChanged.h"
+#include "downloads/DownloadManager.h"
+#include "public/common/Within.h"
+
+#include <boost/asio/co_spawn.hpp>
+
+#include <algorithm>
+
+namespace skein {
+
+namespace {
+
+/// A user who signs out does not wait longer for a service that is silent.
+constexpr std::chrono::seconds releaseLimit{3};
+
+}  // namespace
+
+void DownloadManager::syncWithServer() { tasks_.spawn(beginAccountTasks()); }
+
+asio::awaitable<void> DownloadManager::prepareForAccountLogout() {
+    // Not given up half way, with sessions of the user that go on.
+    return asio::co_spawn(tasks_.strand(), signOut(),
+                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+}
+
+asio::awaitable<void> DownloadManager::beginAccountTasks() {
+    co_await endAccountTasks();
+    accountTasks_ = std::make_shared<TaskGroup>(tasks_.strand());
+    accountTasks_->spawn(signIn());
+}
+
+asio::awaitable<void> DownloadManager::endAccountTasks() {
+    while (accountTasks_) {
+        const std::shared_ptr<TaskGroup> ending = accountTasks_;
+        co_await ending->stop();
+        if (accountTasks_ == ending) accountTasks_.reset();
+    }
+}
+
+ServiceHeartbeat::Environment DownloadManager::heartbeatEnvironment() {
+    ServiceHeartbeat::Environment environment{tasks_.strand(), environment_.clock, environment_.log,
+                                              environment_.settings, environment_.service};
+    environment.running = [this] {
+        std::vector<ServiceHeartbeat::Running> running;
+        for (const Task& task : list_)
+            if (auto session = sessions_.torrentOf(task)) running.push_back({task, std::move(session)});
+        return running;
+    };
+    environment.find = [this](const std::string& infoHash) { return find(infoHash); };
+    environment.onFigures = [this] { environment_.center.publish(CreditChanged()); };
+    return environment;
+}
+
+// --- signing in ------------------------------------------------------------------------------------------------------
+
+/// The life of an account here, cancelled by the sign-out.
+asio::awaitable<void> DownloadManager::signIn() {
+    ServiceAccess access = co_await environment_.service.access();
+    // Somebody who has just signed in may still have to say where the service is.
+    while (!access.userID.empty() && access.serverURL.empty()) {
+        co_await environment_.clock.sleep(ServiceHeartbeat::interval);
+        access = co_await environment_.service.access();
+    }
+    if (!access.isUsable()) co_return;
+    userID_ = access.userID;
+    heartbeat_.beginUser(userID_);
+    claimLocalTorrentTasks();
+    co_await flushPendingDeletes(userID_);
+    co_await heartbeat_.updateCurrencyEstimates();
+    for (const auto& session : sessions_.torrents()) {
+        try {
+            co_await session->svcSignIn();
+        } catch (const boost::system::system_error&) {
+            // It stops already.
+        }
+    }
+    co_await ensureCompletedTasksRegistered();
+    co_await heartbeat_.sendBatchHeartbeat();
+    co_await heartbeat_.svcHeartbeatLoop();
+}
+
+void DownloadManager::claimLocalTorrentTasks() {
+    for (const Task& task : list_) {
+        if (task->downloadType != DownloadType::torrent || task->ownerUserID()) continue;
+        task->ownerUserID.set(userID_);
+        store_.saveTasks();
+    }
+}
+
+asio::awaitable<void> DownloadManager::flushPendingDeletes(std::string userID) {
+    const std::set<std::string> hashes = co_await pendingDeletes_.all(userID);
+    if (hashes.empty()) co_return;
+    environment_.log.info("[Manager] flushPendingDeletes: ", hashes.size(), " item(s)");
+    for (const std::string& infoHash : hashes) {
+        const bool isForgotten = co_await environment_.service.deleteResource(infoHash);
+        if (isForgotten) co_await pendingDeletes_.remove(userID, infoHash);
+    }
+}
+
+// --- serving what is whole -------------------------------------------------------------------------------------------
+
+asio::awaitable<void> DownloadManager::ensureCompletedTasksRegistered() {
+    const std::vector<Task> tasks = list_;
+    for (const Task& task : tasks) {
+        const bool isWhole = task->downloadType == DownloadType::torrent && task->status() == TaskStatus::completed;
+        if (isWhole && task->ownerUserID() == userID_ && !sessions_.isRunning(task) && !busy_.contains(task->id))
+            co_await rebuildSeedingSession(task);
+    }
+}
+
+/// Serves what is there; whatever is missing by now is not downloaded again behind the user's back.
+asio::awaitable<void> DownloadManager::rebuildSeedingSession(Task task) {
+    const std::string& name = task->name();
+    environment_.log.info("[Manager] Rebuilding seeding session for ", name);
+    const auto digest = fromHex(task->infoHash);
+    if (!digest || digest->size() != SHA1Digest().size()) {
+        environment_.log.info("[Manager] ensureRegistered: cannot derive infoHash Data for ", name, ", register-only");
+        co_return co_await registerOnly(task);
+    }
+    TorrentOrigin origin = co_await originOf(task);
+    if (!origin.torrentData && !origin.magnet) {
+        environment_.log.info("[Manager] ensureRegistered: no .torrent and no magnet for ", name, ", register-only");
+        co_return co_await registerOnly(task);
+    }
+    if (!origin.torrentData)
+        environment_.log.info("[Manager] ensureRegistered: .torrent missing, rebuilding via magnet for ", name);
+    if (!sessions_.isRunning(task)) sessions_.startTorrent(task, std::move(origin), true);
+}
+
+asio::awaitable<void> DownloadManager::registerOnly(Task task) {
+    ResourceRegistration registration;
+    registration.infoHash = task->infoHash;
+    registration.status = ResourceStatus::seeding;
+    registration.uploadMode = environment_.uploadMode;
+    registration.totalBytes = task->totalSize();
+    co_await environment_.service.registerResource(std::move(registration));
+}
+
+asio::awaitable<void> DownloadManager::tellCompleted(std::string infoHash) {
+    co_await environment_.service.markComplete(std::move(infoHash));
+}
+
+asio::awaitable<void> DownloadManager::tellAccelerate(std::shared_ptr<TorrentSession> session, bool isEnabled) {
+    try {
+        co_await session->setAccelerate(isEnabled);
+    } catch (const boost::system::system_error&) {
+        // It stops already; the next one is told when it is made.
+    }
+}
+
+// --- signing out -----------------------------------------------------------------------------------------------------
+
+asio::awaitable<void> DownloadManager::signOut() {
+    co_await endAccountTasks();
+    std::vector<Task> torrents = list_;
+    std::erase_if(torrents, [this](const Task& task) {
+        return task->downloadType != DownloadType::torrent || !sessions_.isRunning(task);
+    });
+    co_await stopAll(torrents);
+    for (const Task& task : torrents) rest(task, task->isFinished() ? TaskStatus::completed : TaskStatus::paused);
+    try {
+        co_await within(environment_.clock, releaseLimit, releaseResources());
+    } catch (const TimeLimitExceeded&) {
+        environment_.log.warning("[Manager] the service did not confirm the release of this device's torrents");
+    }
+    userID_.clear();
+    for (const Task& task : list_) task->forgetCredit();
+    co_await heartbeat_.forgetUser();
+    store_.saveTasks();
+}
+
+asio::awaitable<void> DownloadManager::releaseResources() { co_await environment_.service.releaseResourcesForLogout(); }
+
+}  // namespace skein

@@ -1,0 +1,273 @@
+// What the manager is told to do with a task.
+
+#include "Core/formats/MagnetParser.h"
+#include "downloads/DownloadManager.h"
+#include "downloads/TaskListChanged.h"
+#include "public/common/ErrorText.h"
+#include "public/common/RunOn.h"
+
+#include <algorithm>
+
+namespace skein {
+
+namespace {
+
+/// What of its list a task has written, and may delete. `isRecorded`: it had a target.
+FileList writtenFiles(const TorrentTask& task, bool isRecorded) {
+    // Until it is whole, a web file does not bear its name: another one may.
+    const bool isWeb = task.downloadType == DownloadType::http;
+    const bool hasWritten = task.isFinished() || (!isWeb && (isRecorded || task.progress() > 0));
+    return hasWritten ? task.files() : FileList();
+}
+
+}  // namespace
+
+// --- one command a task ----------------------------------------------------------------------------------------------
+
+/// Runs the command to its end, whether or not the caller waits for it. While one runs, others for its task do nothing.
+asio::awaitable<bool> DownloadManager::perform(Task task, asio::awaitable<void> work, bool isCheck) {
+    if (!busy_.emplace(task->id, Command{isCheck}).second) co_return false;
+    const auto hasEnded = std::make_shared<bool>(false);
+    tasks_.spawn(performTracked(task, std::move(work), hasEnded));
+    while (!*hasEnded && !tasks_.isStopping()) co_await commandEnded_.wait();
+    co_return true;
+}
+
+asio::awaitable<void> DownloadManager::performTracked(Task task, asio::awaitable<void> work,
+                                                      std::shared_ptr<bool> hasEnded) {
+    std::string failure;
+    try {
+        co_await std::move(work);
+    } catch (const boost::system::system_error&) {
+        // Cancelled: the manager stops.
+    } catch (const std::exception& error) {
+        failure = error.what();
+    }
+    if (!failure.empty()) fail(task, failure);
+    task->isControlOperationInProgress.set(false);
+    task->controlOperationMessage.set(std::nullopt);
+    task->isVerifying.set(false);
+    busy_.erase(task->id);
+    *hasEnded = true;
+    commandEnded_.notify();
+}
+
+/// A check may take long, and is not worth waiting for.
+asio::awaitable<void> DownloadManager::waitForCommand(Task task) {
+    for (auto found = busy_.find(task->id); found != busy_.end(); found = busy_.find(task->id)) {
+        if (!std::exchange(found->second.isToEnd, true)) commandEnded_.notify();
+        co_await commandEnded_.wait();
+    }
+}
+
+bool DownloadManager::isToEnd(const Task& task) const {
+    const auto found = busy_.find(task->id);
+    return found != busy_.end() && found->second.isToEnd;
+}
+
+asio::awaitable<bool> DownloadManager::pauseTask(Task task) {
+    const auto running = busy_.find(task->id);
+    if (running != busy_.end() && running->second.isCheck) co_await waitForCommand(task);
+    asio::awaitable<void> work = pause(task);
+    co_return co_await perform(task, std::move(work));
+}
+
+asio::awaitable<bool> DownloadManager::resumeTask(Task task) { return perform(task, resume(task)); }
+
+asio::awaitable<bool> DownloadManager::recheckTask(Task task) { return perform(task, recheck(task), true); }
+
+asio::awaitable<bool> DownloadManager::redownloadTask(Task task) { return perform(task, redownload(task)); }
+
+asio::awaitable<bool> DownloadManager::removeTask(Task task, bool deleteFiles) {
+    // Unlike the others a removal is not forgotten because another command runs.
+    co_await waitForCommand(task);
+    asio::awaitable<void> work = remove(task, deleteFiles);
+    co_return co_await perform(task, std::move(work));
+}
+
+// --- pause and resume ------------------------------------------------------------------------------------------------
+
+asio::awaitable<void> DownloadManager::pause(Task task) {
+    // A web file that is whole would lose what is known of it, and be fetched again.
+    if (task->downloadType == DownloadType::http && task->status() == TaskStatus::completed) co_return;
+    task->isControlOperationInProgress.set(true);
+    task->controlOperationMessage.set("正在暂停，请稍候…");
+    co_await sessions_.stopSession(task);
+    rest(task, TaskStatus::paused);
+    store_.saveTasks();
+}
+
+asio::awaitable<void> DownloadManager::resume(Task task) {
+    // A web file that is whole has nothing to go on with; a torrent would be served again.
+    const bool isWhole = task->downloadType == DownloadType::http && task->status() == TaskStatus::completed;
+    if (isWhole) co_return;
+    task->isControlOperationInProgress.set(true);
+    task->controlOperationMessage.set("正在继续，请稍候…");
+    // The session that failed may still be stopping.
+    if (task->status() == TaskStatus::error) co_await sessions_.stopSession(task);
+    if (sessions_.isRunning(task)) co_return;
+    task->errorMessage.set(std::nullopt);
+    auto origin = co_await originFor(task, "Cannot resume: ");
+    if (!origin) co_return;
+    rebuild(task, *std::move(origin));
+    store_.saveTasks();
+}
+
+asio::awaitable<TorrentOrigin> DownloadManager::originOf(Task task) {
+    TorrentOrigin origin;
+    const SHA1Digest key = TaskTargets::keyOf(*task);
+    const std::filesystem::path folder = co_await targets_.folderOf(key);
+    auto read = [this, key, folder, name = task->name()] { return archive_.torrent(key, folder, name); };
+    origin.torrentData = co_await runOn(environment_.disk, std::move(read));
+    if (!task->magnetURI) co_return origin;
+    try {
+        origin.magnet = MagnetParser::parse(*task->magnetURI);
+    } catch (const MagnetParseException&) {
+        // Without the link, the .torrent alone has to do.
+    }
+    co_return origin;
+}
+
+/// What a fresh session starts from. When that is not enough the task fails, with a message that `missing` begins, and
+/// there is nothing.
+asio::awaitable<std::optional<TorrentOrigin>> DownloadManager::originFor(Task task, std::string missing) {
+    TorrentOrigin origin;
+    std::string fault;
+    if (task->downloadType == DownloadType::http) {
+        if (!task->downloadURL) fault = missing + "download URL missing";
+    } else {
+        origin = co_await originOf(task);
+        if (!origin.torrentData && !origin.magnet)
+            fault = task->magnetURI ? "Failed to parse magnet link" : missing + "magnet link missing";
+    }
+    if (fault.empty()) co_return origin;
+    fail(task, fault);
+    co_return std::nullopt;
+}
+
+void DownloadManager::rebuild(const Task& task, TorrentOrigin origin) {
+    task->stallReason.set(std::nullopt);
+    if (task->downloadType == DownloadType::http) {
+        environment_.log.info("[Manager] Rebuilding HTTP session for ", task->name());
+        task->status.set(TaskStatus::downloading);
+        // A file that was named before keeps its name.
+        return sessions_.startHTTP(task, task->files().empty() ? std::nullopt : std::optional(task->name()));
+    }
+    environment_.log.info("[Manager] Rebuilding session for ", task->name());
+    task->status.set(origin.torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
+    sessions_.startTorrent(task, std::move(origin));
+}
+
+// --- check -----------------------------------------------------------------------------------------------------------
+
+/// Hashes everything, whatever a resume record says. Who ends the check does with the session what he wants.
+asio::awaitable<void> DownloadManager::recheck(Task task) {
+    if (task->downloadType != DownloadType::torrent) co_return;
+    TorrentOrigin origin = co_await originOf(task);
+    if (!origin.torrentData && !origin.magnet) {
+        task->errorMessage.set("Cannot verify: magnet link missing");
+        co_return;
+    }
+    task->isVerifying.set(true);
+    task->statusMessage.set("Verifying files...");
+    task->errorMessage.set(std::nullopt);
+    co_await sessions_.stopSession(task);
+    auto forget = [this, key = TaskTargets::keyOf(*task)] { archive_.forgetResumeRecord(key); };
+    co_await runOn(environment_.disk, std::move(forget));
+    if (isToEnd(task)) co_return;
+    task->isVerifying.set(true);  // also if the session that has stopped took it for its own
+    task->status.set(origin.torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
+    sessions_.startTorrent(task, std::move(origin));
+    // The state that follows the check ends it.
+    while (sessions_.isRunning(task) && task->isVerifying() && !isToEnd(task)) co_await commandEnded_.wait();
+}
+
+// --- download again, and remove --------------------------------------------------------------------------------------
+
+asio::awaitable<void> DownloadManager::redownload(Task task) {
+    co_await sessions_.stopSession(task);
+    auto origin = co_await originFor(task, "Cannot redownload: ");
+    if (!origin) co_return;
+    const SHA1Digest key = TaskTargets::keyOf(*task);
+    auto target = co_await targets_.take(key, TaskTargets::Purpose::remove);
+    const TaskFiles files(target->folder, writtenFiles(*task, target->isRecorded));
+    {
+        const auto batch = task->batch();
+        task->status.set(origin->torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
+        task->progress.set(0);
+        task->downloadedBytes.set(0);
+        task->pieceBitmap.set({});
+        task->errorMessage.set(std::nullopt);
+    }
+    // First the list: killed in between, no task is completed whose files are gone.
+    store_.saveTasks();
+    co_await store_.saveNow();
+    if (task->downloadType == DownloadType::http) co_await sessions_.clearHTTPDownload(task, target->folder);
+    auto clear = [this, key, files] {
+        archive_.forgetResumeRecord(key);
+        return files.remove();
+    };
+    const TaskFiles::Removal removal = co_await runOn(environment_.disk, std::move(clear));
+    report(removal, task->name());
+    target.reset();
+    rebuild(task, *std::move(origin));
+    store_.saveTasks();
+}
+
+asio::awaitable<void> DownloadManager::remove(Task task, bool deleteFiles) {
+    if (std::find(list_.begin(), list_.end(), task) == list_.end()) co_return;  // removed while this waited
+    const bool isTorrent = task->downloadType == DownloadType::torrent;
+    const std::string user = userID_;
+    // First, so that the service forgets the torrent even if we die now.
+    if (isTorrent) co_await pendingDeletes_.add(user, task->infoHash);
+    co_await sessions_.stopSession(task);
+    // Held before the task leaves the list: one that is added in its place does not write what is deleted here.
+    std::unique_ptr<TaskTargets::Hold> target = co_await takeToDelete(task);
+    // From here on all of it is done, also when the manager stops meanwhile.
+    co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    std::erase(list_, task);
+    environment_.center.publish(TaskListChanged{TaskListChanged::Kind::removed, task->id, task->infoHash});
+    store_.saveTasks();
+    co_await store_.saveNow();
+    co_await deleteTraces(task, target.get(), deleteFiles);
+    target.reset();
+    co_await asio::this_coro::reset_cancellation_state(asio::enable_terminal_cancellation());
+    if (!isTorrent || user.empty() || user != userID_ || tasks_.isStopping()) co_return;
+    const bool isForgotten = co_await environment_.service.deleteResource(task->infoHash);
+    if (isForgotten) co_await pendingDeletes_.remove(user, task->infoHash);
+}
+
+/// Null when another process writes there: then nothing of it is ours to delete.
+asio::awaitable<std::unique_ptr<TaskTargets::Hold>> DownloadManager::takeToDelete(Task task) {
+    std::unique_ptr<TaskTargets::Hold> target;
+    try {
+        target = co_await targets_.take(TaskTargets::keyOf(*task), TaskTargets::Purpose::remove);
+    } catch (const boost::system::system_error&) {
+        throw;  // the manager stops
+    } catch (const std::exception& error) {
+        environment_.log.warning("[Manager] the files of ", task->name(), " stay: ", textOf(error));
+    }
+    co_return target;
+}
+
+asio::awaitable<void> DownloadManager::deleteTraces(Task task, const TaskTargets::Hold* target, bool deleteFiles) {
+    const bool isTorrent = task->downloadType == DownloadType::torrent;
+    if (!isTorrent && target != nullptr) co_await sessions_.clearHTTPDownload(task, target->folder);
+    std::optional<TaskFiles> files;
+    if (deleteFiles && target != nullptr) files.emplace(target->folder, writtenFiles(*task, target->isRecorded));
+    auto clear = [this, key = TaskTargets::keyOf(*task), isTorrent, files] {
+        if (isTorrent) archive_.forget(key);
+        auto removal = files ? files->remove() : TaskFiles::Removal();
+        targets_.forget(key);
+        return removal;
+    };
+    const TaskFiles::Removal removal = co_await runOn(environment_.disk, std::move(clear));
+    report(removal, task->name());
+}
+
+void DownloadManager::report(const TaskFiles::Removal& removal, const std::string& name) {
+    if (removal.failures > 0)
+        environment_.log.warning("[Manager] deleting the files of ", name, " failed: ", removal.firstFailure);
+}
+
+}  // namespace skein

@@ -1,0 +1,91 @@
+#include "downloads/TaskTargets.h"
+
+#include "downloads/TorrentTask.h"
+#include "public/common/RunOn.h"
+#include "public/common/WholeFile.h"
+
+#include <algorithm>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t maxPathBytes = 16'384;
+
+}  // namespace
+
+TaskTargets::Hold::Hold(TaskTargets& targets, const SHA1Digest& key) : targets_(targets), key_(key) {
+    targets_.held_.insert(key_);
+}
+
+TaskTargets::Hold::~Hold() {
+    lock_.reset();  // before another one tries to take it
+    targets_.held_.erase(key_);
+    targets_.released_.notify();
+}
+
+TaskTargets::TaskTargets(const Strand& main, asio::any_io_executor disk, const fs::path& home,
+                         const fs::path& downloadsDirectory)
+    : disk_(std::move(disk)),
+      records_(home / "resume"),
+      downloadsDirectory_(fs::absolute(downloadsDirectory)),
+      released_(main) {}
+
+SHA1Digest TaskTargets::keyOf(const TorrentTask& task) {
+    if (task.downloadURL) return sha1(asBytes(*task.downloadURL));
+    SHA1Digest key{};
+    const auto bytes = fromHex(task.infoHash);
+    if (!bytes || bytes->size() != key.size()) return sha1(asBytes(task.infoHash));
+    std::copy(bytes->begin(), bytes->end(), key.begin());
+    return key;
+}
+
+asio::awaitable<std::unique_ptr<TaskTargets::Hold>> TaskTargets::take(SHA1Digest key, Purpose purpose) {
+    co_await whenFree(key);
+    auto hold = std::make_unique<Hold>(*this, key);
+    auto work = [this, purpose, hold = hold.get()] {
+        const auto folder = recorded(hold->key_);
+        hold->folder = folder.value_or(downloadsDirectory_);
+        hold->isRecorded = folder.has_value();
+        hold->lock_.emplace(hold->folder, hold->key_);
+        if (purpose != Purpose::write || hold->isRecorded) return;
+        fs::create_directories(records_);
+        replaceWholeFile(recordOf(hold->key_), asBytes(hold->folder.string()));
+    };
+    co_await runOn(disk_, std::move(work));
+    co_return hold;
+}
+
+asio::awaitable<void> TaskTargets::whenFree(SHA1Digest key) {
+    while (held_.contains(key)) co_await released_.wait();
+}
+
+asio::awaitable<fs::path> TaskTargets::folderOf(SHA1Digest key) {
+    auto read = [this, key] { return recorded(key).value_or(downloadsDirectory_); };
+    co_return co_await runOn(disk_, std::move(read));
+}
+
+void TaskTargets::forget(const SHA1Digest& key) const {
+    std::error_code ignored;
+    fs::remove(recordOf(key), ignored);
+}
+
+fs::path TaskTargets::recordOf(const SHA1Digest& key) const { return records_ / (toHex(key) + ".folder"); }
+
+std::optional<fs::path> TaskTargets::recorded(const SHA1Digest& key) const {
+    try {
+        const Bytes bytes = readWholeFile(recordOf(key), maxPathBytes);
+        fs::path folder{std::string(asText(bytes))};
+        if (folder.is_absolute()) return folder;
+    } catch (const std::system_error&) {
+        // There is none.
+    }
+    return std::nullopt;
+}
+
+}  // namespace skein

@@ -1,0 +1,300 @@
+#include "public/common/WebSocketClient.h"
+
+#include "public/common/ErrorText.h"
+#include "public/common/Within.h"
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/redirect_error.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/host_name_verification.hpp>
+#include <boost/asio/ssl/stream.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <boost/url/parse.hpp>
+#include <openssl/ssl.h>
+
+#include <charconv>
+#include <system_error>
+#include <utility>
+
+namespace skein {
+
+namespace {
+
+namespace websocket = boost::beast::websocket;
+namespace ssl = asio::ssl;
+using asio::ip::tcp;
+using TLSStream = ssl::stream<tcp::socket>;
+
+/// Masked and written at once: the library's 4 KiB would cost a system call and a frame each.
+constexpr std::size_t writeBufferBytes = std::size_t{64} << 10U;
+
+struct Target {
+    bool isSecure = false;
+    std::string host;  // a name or a literal without brackets
+    std::uint16_t port = 0;
+    std::string authority;  // as the Host header wants it
+    std::string path;       // and the query
+};
+
+Target targetOf(const std::string& url) {
+    const auto parsed = boost::urls::parse_uri(url);
+    if (!parsed) throw WebSocketException(WebSocketError::invalidURL, url);
+    Target target;
+    target.isSecure = parsed->scheme() == "wss";
+    std::uint16_t port = target.isSecure ? 443 : 80;
+    const std::string digits = parsed->port();
+    bool isPortGood = true;
+    if (!digits.empty()) {
+        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), port);
+        isPortGood = error == std::errc() && end == digits.data() + digits.size() && port != 0;
+    }
+    if ((!target.isSecure && parsed->scheme() != "ws") || parsed->host().empty() || !isPortGood)
+        throw WebSocketException(WebSocketError::invalidURL, url);
+    target.host = parsed->host_address();
+    target.port = port;
+    target.authority = parsed->encoded_host_and_port();
+    target.path = parsed->encoded_target();
+    if (target.path.empty() || target.path.front() != '/') target.path.insert(0, "/");
+    return target;
+}
+
+/// The system's certificates, read once for the program.
+ssl::context& trust() {
+    static ssl::context context = [] {
+        ssl::context made(ssl::context::tls_client);
+        made.set_default_verify_paths();
+        made.set_verify_mode(ssl::verify_peer);
+        return made;
+    }();
+    return context;
+}
+
+asio::awaitable<void> secure(tcp::socket&, const std::string&) { co_return; }
+
+asio::awaitable<void> secure(TLSStream& stream, const std::string& host) {
+    if (!IPAddress::parse(host)) SSL_set_tlsext_host_name(stream.native_handle(), host.c_str());
+    stream.set_verify_callback(ssl::host_name_verification(host));
+    co_await stream.async_handshake(ssl::stream_base::client, asio::use_awaitable);
+}
+
+}  // namespace
+
+/// A websocket whose kind of transport is not known to its user.
+class WebSocketClient::Stream {
+public:
+    Stream() = default;
+    Stream(const Stream&) = delete;
+    Stream& operator=(const Stream&) = delete;
+    virtual ~Stream() = default;
+
+    virtual tcp::socket& socket() = 0;
+    virtual asio::awaitable<void> secureAs(std::string host) = 0;
+    virtual asio::awaitable<void> upgrade(Target target, const std::vector<HTTPHeader>& headers) = 0;
+    virtual asio::awaitable<WebSocketMessage> read() = 0;
+    virtual asio::awaitable<void> write(WebSocketMessage message) = 0;
+    virtual asio::awaitable<void> close() = 0;
+};
+
+template <class Transport>
+class WebSocketClient::StreamOver final : public Stream {
+public:
+    template <class... Arguments>
+    explicit StreamOver(std::size_t maxMessageBytes, Arguments&&... transport)
+        : stream_(std::forward<Arguments>(transport)...) {
+        stream_.read_message_max(maxMessageBytes);
+        stream_.write_buffer_bytes(writeBufferBytes);
+    }
+
+    tcp::socket& socket() override { return boost::beast::get_lowest_layer(stream_); }
+
+    asio::awaitable<void> secureAs(std::string host) override { co_await secure(stream_.next_layer(), host); }
+
+    asio::awaitable<void> upgrade(Target target, const std::vector<HTTPHeader>& headers) override {
+        stream_.set_option(websocket::stream_base::decorator([&headers](websocket::request_type& request) {
+            for (const HTTPHeader& header : headers) request.set(header.name, header.value);
+        }));
+        websocket::response_type response;
+        boost::system::error_code error;
+        co_await stream_.async_handshake(response, target.authority, target.path,
+                                         asio::redirect_error(asio::use_awaitable, error));
+        if (error == websocket::condition::handshake_failed)
+            throw WebSocketException(WebSocketError::refused, "HTTP " + std::to_string(response.result_int()));
+        if (error) throw boost::system::system_error(error);
+    }
+
+    asio::awaitable<WebSocketMessage> read() override {
+        const std::size_t size = co_await stream_.async_read(buffer_, asio::use_awaitable);
+        const auto* begin = static_cast<const std::uint8_t*>(buffer_.data().data());
+        WebSocketMessage message{stream_.got_text(), Bytes(begin, begin + size)};
+        buffer_.consume(size);
+        co_return message;
+    }
+
+    asio::awaitable<void> write(WebSocketMessage message) override {
+        stream_.text(message.isText);
+        co_await stream_.async_write(asio::buffer(message.data), asio::use_awaitable);
+    }
+
+    asio::awaitable<void> close() override {
+        co_await stream_.async_close(websocket::close_code::normal, asio::use_awaitable);
+    }
+
+private:
+    websocket::stream<Transport> stream_;
+    boost::beast::flat_buffer buffer_;
+};
+
+WebSocketClient::WebSocketClient(const asio::any_io_executor& pool, Clock& clock, NameResolver& resolver,
+                                 WebSocketRequest request)
+    : WebSocketClient(asio::make_strand(pool), clock, resolver, std::move(request)) {}
+
+WebSocketClient::WebSocketClient(const Strand& strand, Clock& clock, NameResolver& resolver, WebSocketRequest request)
+    : clock_(clock),
+      resolver_(resolver),
+      request_(std::move(request)),
+      sendEnded_(strand),
+      goodbyeLimit_(strand),
+      tasks_(strand) {}
+
+WebSocketClient::~WebSocketClient() = default;
+
+asio::awaitable<void> WebSocketClient::open() { return tasks_.call(doOpen()); }
+
+asio::awaitable<WebSocketMessage> WebSocketClient::receive() { return tasks_.call(doReceive()); }
+
+asio::awaitable<void> WebSocketClient::send(WebSocketMessage message) {
+    return tasks_.call(doSend(std::move(message)));
+}
+
+asio::awaitable<void> WebSocketClient::doOpen() {
+    try {
+        co_await within(clock_, request_.openTimeout, connectAndUpgrade());
+        isOpen_ = true;
+    } catch (const TimeLimitExceeded&) {
+        breakOff();
+        throw WebSocketException(WebSocketError::timeout);
+    } catch (...) {
+        breakOff();
+        throw;
+    }
+}
+
+asio::awaitable<void> WebSocketClient::connectAndUpgrade() {
+    const Target target = targetOf(request_.url);
+    auto step = WebSocketError::cannotConnect;
+    try {
+        const std::vector<IPAddress> addresses = co_await resolver_.resolve(target.host);
+        if (target.isSecure) {
+            stream_ = std::make_unique<StreamOver<TLSStream>>(request_.maxMessageBytes, tasks_.strand(), trust());
+        } else {
+            stream_ = std::make_unique<StreamOver<tcp::socket>>(request_.maxMessageBytes, tasks_.strand());
+        }
+        co_await connect(addresses, target.port);
+        step = WebSocketError::insecure;
+        co_await stream_->secureAs(target.host);
+        step = WebSocketError::closed;
+        co_await stream_->upgrade(target, request_.headers);
+    } catch (const boost::system::system_error& error) {
+        if (error.code() == asio::error::operation_aborted) throw;
+        throw WebSocketException(step, textOf(error));
+    }
+}
+
+/// To the first of `addresses` that answers.
+asio::awaitable<void> WebSocketClient::connect(std::vector<IPAddress> addresses, std::uint16_t port) {
+    boost::system::error_code error = asio::error::host_not_found;
+    for (const IPAddress& address : addresses) {
+        tcp::socket& socket = stream_->socket();
+        const tcp::endpoint remote(asio::ip::make_address(address.text()), port);
+        socket.close(error);
+        socket.open(remote.protocol());
+        if (!request_.localAddress.empty()) {
+            const auto local = asio::ip::make_address(request_.localAddress);
+            if (local.is_v4() != address.isIPv4()) continue;
+            socket.bind(tcp::endpoint(local, 0));
+        }
+        co_await socket.async_connect(remote, asio::redirect_error(asio::use_awaitable, error));
+        if (!error) {
+            socket.set_option(tcp::no_delay(true), error);
+            co_return;
+        }
+        if (error == asio::error::operation_aborted) break;
+    }
+    throw boost::system::system_error(error);
+}
+
+asio::awaitable<WebSocketMessage> WebSocketClient::doReceive() {
+    if (!stream_ || isBroken_) throw WebSocketException(WebSocketError::closed, "not open");
+    try {
+        co_return co_await stream_->read();
+    } catch (const boost::system::system_error& error) {
+        breakOff();
+        if (error.code() == asio::error::operation_aborted) throw;
+        throw WebSocketException(WebSocketError::closed, textOf(error));
+    }
+}
+
+asio::awaitable<void> WebSocketClient::doSend(WebSocketMessage message) {
+    const std::uint64_t turn = sendsBegun_++;
+    try {
+        while (sendsEnded_ != turn && !isBroken_) co_await sendEnded_.wait();
+        co_await within(clock_, request_.sendTimeout, write(std::move(message)));
+    } catch (const TimeLimitExceeded&) {
+        breakOff();
+        throw WebSocketException(WebSocketError::timeout);
+    } catch (...) {
+        breakOff();
+        throw;
+    }
+    ++sendsEnded_;
+    sendEnded_.notify();
+}
+
+asio::awaitable<void> WebSocketClient::write(WebSocketMessage message) {
+    if (!stream_ || isBroken_) throw WebSocketException(WebSocketError::closed, "not open");
+    try {
+        co_await stream_->write(std::move(message));
+    } catch (const boost::system::system_error& error) {
+        if (error.code() == asio::error::operation_aborted) throw;
+        throw WebSocketException(WebSocketError::closed, textOf(error));
+    }
+}
+
+asio::awaitable<void> WebSocketClient::stop() {
+    // Not a task of the group that it stops, and not given up half way.
+    return asio::co_spawn(tasks_.strand(), shutDown(),
+                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+}
+
+asio::awaitable<void> WebSocketClient::shutDown() {
+    try {
+        co_await tasks_.call(sayGoodbye());
+    } catch (const std::exception&) {
+        // Nobody is there to say it to, or it was said before.
+    }
+    co_await tasks_.stop();
+}
+
+asio::awaitable<void> WebSocketClient::sayGoodbye() {
+    if (isOpen_ && !isBroken_ && sendsEnded_ == sendsBegun_) {
+        goodbyeLimit_.expires_after(goodbyePatience);
+        auto both =
+            asio::experimental::make_parallel_group(asio::co_spawn(tasks_.strand(), stream_->close(), asio::deferred),
+                                                    goodbyeLimit_.async_wait(asio::deferred));
+        co_await both.async_wait(asio::experimental::wait_for_one(), asio::use_awaitable);
+    }
+    breakOff();
+}
+
+/// What waits ends with an error, and what comes with it.
+void WebSocketClient::breakOff() noexcept {
+    isBroken_ = true;
+    sendEnded_.notify();
+    if (!stream_) return;
+    boost::system::error_code ignored;
+    stream_->socket().close(ignored);
+}
+
+}  // namespace skein

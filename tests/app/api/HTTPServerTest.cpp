@@ -1,0 +1,110 @@
+#include "app/api/HTTPServer.h"
+#include "tests/app/api/RawClient.h"
+#include "tests/support/RecordingLogger.h"
+
+#include <gmock/gmock.h>
+
+#include <list>
+
+namespace skein {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class HTTPServerTest : public testing::Test {
+protected:
+    HTTPServerTest() {
+        server.bind("127.0.0.1", 0);
+        server.accept();
+    }
+    ~HTTPServerTest() override { simulation.finish(server.stop()); }
+
+    RawClient client() { return {simulation, server.port()}; }
+    std::string answerTo(std::string_view request) {
+        RawClient sender = client();
+        sender.say(request);
+        return sender.hearOut();
+    }
+    /// Whether the server leaves a client that said only this after `limit`, and not before.
+    bool isCutAfter(std::string_view said, Clock::Duration limit) {
+        RawClient slow = client();
+        bool hasEnded = false;
+        slow.say(said);
+        slow.watch(hasEnded);
+        const std::size_t before = simulation.sleepers();
+        simulation.runUntil([&] { return heads == headsOf(said) && simulation.sleepers() >= before; });
+        // The server may not have begun to wait yet: what it waits for is then only longer.
+        simulation.advance(limit - 1s);
+        const bool wasEarly = hasEnded;
+        simulation.advanceUntil([&] { return hasEnded; });
+        return !wasEarly;
+    }
+    static int headsOf(std::string_view said) { return said.find("\r\n\r\n") == std::string_view::npos ? 0 : 1; }
+    static asio::awaitable<HTTPServerResponse> echo(HTTPServerRequest request) {
+        co_return HTTPServerResponse{200, "text/plain", std::move(request.body)};
+    }
+
+    Simulation simulation;
+    RecordingLogger log;
+    int heads = 0;
+    HTTPServer server{asio::make_strand(simulation.executor()),
+                      simulation,
+                      log,
+                      {[this](const HTTPServerRequest& request) -> std::optional<HTTPServerResponse> {
+                           ++heads;
+                           if (request.header("x") == "no") return HTTPServerResponse{401, "text/plain", "no"};
+                           return std::nullopt;
+                       },
+                       echo}};
+};
+
+TEST_F(HTTPServerTest, cutsOffWhoNeverFinishesARequest) {
+    EXPECT_TRUE(isCutAfter("GET / HTTP/1.1\r\nHost:", HTTPServer::headPatience));
+    EXPECT_TRUE(isCutAfter("POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nab", HTTPServer::patience));
+}
+
+TEST_F(HTTPServerTest, refusesWhatIsTooLargeOrNoRequest) {
+    const std::string chunk = "4000\r\n" + std::string(0x4000, 'x') + "\r\n";
+    const std::pair<std::string, const char*> wrong[] = {
+        {"GET / HTTP/1.1\r\nA: " + std::string(20'000, 'a'), "HTTP/1.1 431"},
+        {"POST / HTTP/1.1\r\nContent-Length: 65537\r\n\r\n", "HTTP/1.1 413"},
+        {"POST / HTTP/1.1\r\nContent-Type: application/x-bittorrent\r\nContent-Length: 33554433\r\n\r\n",
+         "HTTP/1.1 413"},
+        {"POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk + chunk + chunk + chunk + chunk,
+         "HTTP/1.1 413"},
+        {"nonsense\r\n\r\n", "HTTP/1.1 400"},
+        {"GET no-path HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
+    };
+    for (const auto& [request, answer] : wrong) EXPECT_THAT(answerTo(request), StartsWith(answer));
+    RawClient right = client();
+    const std::string body(65'536, 'b');
+    right.say("POST / HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 65536\r\n\r\n");
+    EXPECT_EQ(right.hear(), "HTTP/1.1 100 Continue\r\n\r\n");
+    right.say(body + "GET / HTTP/1.1\r\nConnection: close\r\n\r\n");
+    EXPECT_THAT(right.hearOut(), HasSubstr("\r\n\r\n" + body + "HTTP/1.1 200"));
+}
+
+TEST_F(HTTPServerTest, readsNoBodyOfWhoIsRefused) {
+    EXPECT_THAT(answerTo("POST / HTTP/1.1\r\nX: no\r\nContent-Type: application/x-bittorrent\r\n"
+                         "Content-Length: 33554432\r\n\r\n"),
+                StartsWith("HTTP/1.1 401"));
+}
+
+TEST_F(HTTPServerTest, holdsABoundedNumberOfConnections) {
+    std::list<RawClient> clients;
+    const std::string request = "GET / HTTP/1.1\r\n\r\n";
+    for (std::size_t i = 0; i < HTTPServer::maxConnections; ++i) {
+        clients.emplace_back(simulation, server.port()).say(request);
+        EXPECT_THAT(clients.back().hear(), StartsWith("HTTP/1.1 200"));
+    }
+    RawClient tooMany = client();
+    EXPECT_EQ(tooMany.hearOut(), "");
+    clients.pop_front();
+    simulation.runUntil(
+        [&] { return answerTo("GET / HTTP/1.1\r\nConnection: close\r\n\r\n").starts_with("HTTP/1.1 200"); });
+}
+
+}  // namespace
+}  // namespace skein

@@ -1,0 +1,45 @@
+#include "app/TextWidth.h"
+#include "app/client/TaskTable.h"
+
+#include <gmock/gmock.h>
+
+namespace skein {
+namespace {
+
+namespace json = boost::json;
+using testing::HasSubstr;
+
+json::object taskNamed(const std::string& name) {
+    return {{"name", name},       {"totalSize", 5},      {"progress", 0.9999}, {"status", "fetchingMetadata"},
+            {"downloadSpeed", 0}, {"uploadSpeed", 2048}, {"peerCount", 3}};
+}
+
+TEST(TaskTable, fitsTheTerminalWhateverTheName) {
+    for (const std::string name : {"", "論文の全集.pdf", "e\u0301tude 🎵🎵🎵🎵🎵🎵🎵🎵🎵🎵🎵🎵🎵", "\x1B[2J\xFF\t\n"})
+        for (std::size_t width = 16; width <= 200; ++width) {
+            const TaskTable table(width);
+            EXPECT_EQ(columnsOf(table.header()), width);
+            EXPECT_EQ(columnsOf(table.row(12, taskNamed(name + std::string(width, 'x')))), width) << name;
+            EXPECT_EQ(columnsOf(table.row(12, taskNamed(name))), width) << name;
+        }
+    const std::string row = taskTable(json::array{taskNamed("\x1B[2J論文" + std::string(200, 'x'))}, 100);
+    EXPECT_THAT(row, HasSubstr("  1 ?[2J論文xxxx"));
+    EXPECT_THAT(row, HasSubstr("…        5 B   99.9%  fetchingMetadata            -    2.0 KiB/s     3\n"));
+    EXPECT_EQ(TaskTable(80).header(),
+              "  # NAME                SIZE    DONE  STATUS                   DOWN           UP");
+    EXPECT_EQ(taskTotals({taskNamed("a"), taskNamed("b")}), "2 tasks, 0 B/s down, 4.0 KiB/s up");
+}
+
+TEST(TextWidth, countsColumnsAndCutsBetweenCharacters) {
+    EXPECT_EQ(columnsOf("aé論한🎵e\u0301\u200B"), 1U + 1 + 2 + 2 + 2 + 1);
+    EXPECT_EQ(fitted("論文", 4), "論文");
+    EXPECT_EQ(fitted("論文", 5), "論文 ");
+    EXPECT_EQ(fitted("論文集", 5), "論文…");
+    EXPECT_EQ(fitted("論文集", 4), "論… ");
+    EXPECT_EQ(fitted("論文集", 1), "…");
+    EXPECT_EQ(fitted("論文集", 0), "");
+    EXPECT_EQ(fitted("\xE8", 3), "\xE8  ") << "half a character";
+}
+
+}  // namespace
+}  // namespace skein
