@@ -7,20 +7,20 @@ namespace skein {
 
 namespace {
 
-constexpr int wordsPerBlock = 16;
-constexpr int rounds = 80;
+constexpr std::size_t wordsPerBlock = 16;
+constexpr std::size_t rounds = 80;
 constexpr std::array<std::uint32_t, 5> initialState{0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0};
 
 #if defined(__x86_64__)
 
 // All of this is inlined into one function for each kind of vector, and compiled with that kind's instructions.
 
-template <int lanes>
+template <std::size_t lanes>
 struct Vector {
     typedef std::uint32_t Words __attribute__((vector_size(lanes * 4)));  // NOLINT(modernize-use-using): as clang wants
     typedef std::uint8_t Octets __attribute__((vector_size(lanes * 4)));  // NOLINT(modernize-use-using)
 };
-template <int lanes>
+template <std::size_t lanes>
 using Words = typename Vector<lanes>::Words;
 
 template <int bits, class V>
@@ -28,15 +28,15 @@ template <int bits, class V>
     value = (value << bits) | (value >> (32 - bits));
 }
 
-template <int lanes, int... i>
+template <std::size_t lanes, std::size_t... i>
 [[gnu::always_inline]] inline void interleave(Words<lanes>& low, Words<lanes>& high, const Words<lanes>& a,
-                                              const Words<lanes>& b, std::integer_sequence<int, i...> /*lane*/) {
+                                              const Words<lanes>& b, std::index_sequence<i...> /*lane*/) {
     low = __builtin_shufflevector(a, b, (i / 2 + i % 2 * lanes)...);
     high = __builtin_shufflevector(a, b, (lanes / 2 + i / 2 + i % 2 * lanes)...);
 }
 
-template <int lanes, int... i>
-[[gnu::always_inline]] inline void swapBytes(Words<lanes>& words, std::integer_sequence<int, i...> /*octet*/) {
+template <std::size_t lanes, std::size_t... i>
+[[gnu::always_inline]] inline void swapBytes(Words<lanes>& words, std::index_sequence<i...> /*octet*/) {
     const auto octets = reinterpret_cast<const typename Vector<lanes>::Octets&>(words);
     const typename Vector<lanes>::Octets swapped = __builtin_shufflevector(octets, octets, (i / 4 * 4 + 3 - i % 4)...);
     std::memcpy(&words, &swapped, sizeof words);
@@ -44,28 +44,28 @@ template <int lanes, int... i>
 
 /// The block's words, each with that of every lane: a square of words is turned by interleaving its halves again and
 /// again.
-template <int lanes>
+template <std::size_t lanes>
 [[gnu::always_inline]] inline void load(std::array<Words<lanes>, wordsPerBlock>& words,
                                         const std::uint8_t* const* messages) {
-    for (int square = 0; square < wordsPerBlock / lanes; ++square) {
-        std::array<Words<lanes>, lanes> rows;
-        for (int lane = 0; lane < lanes; ++lane)
+    for (std::size_t square = 0; square < wordsPerBlock / lanes; ++square) {
+        std::array<Words<lanes>, lanes> rows{};
+        for (std::size_t lane = 0; lane < lanes; ++lane)
             std::memcpy(&rows[lane], messages[lane] + square * lanes * 4, sizeof rows[lane]);
-        for (int step = 1; step < lanes; step *= 2) {
-            std::array<Words<lanes>, lanes> next;
-            for (int i = 0; i < lanes / 2; ++i)
+        for (std::size_t step = 1; step < lanes; step *= 2) {
+            std::array<Words<lanes>, lanes> next{};
+            for (std::size_t i = 0; i < lanes / 2; ++i)
                 interleave<lanes>(next[2 * i], next[2 * i + 1], rows[i], rows[i + lanes / 2],
-                                  std::make_integer_sequence<int, lanes>());
+                                  std::make_index_sequence<lanes>());
             rows = next;
         }
-        for (int word = 0; word < lanes; ++word) {
-            swapBytes<lanes>(rows[word], std::make_integer_sequence<int, lanes * 4>());
+        for (std::size_t word = 0; word < lanes; ++word) {
+            swapBytes<lanes>(rows[word], std::make_index_sequence<lanes * 4>());
             words[square * lanes + word] = rows[word];
         }
     }
 }
 
-template <int t, int lanes>
+template <std::size_t t, std::size_t lanes>
 [[gnu::always_inline]] inline void round(std::array<Words<lanes>, 5>& state,
                                          std::array<Words<lanes>, wordsPerBlock>& schedule) {
     // The five variables keep their places, and change their roles from round to round.
@@ -95,27 +95,27 @@ template <int t, int lanes>
     rotateLeft<30>(b);
 }
 
-template <int lanes, int... t>
+template <std::size_t lanes, std::size_t... t>
 [[gnu::always_inline]] inline void compressBlock(std::array<Words<lanes>, 5>& state,
                                                  const std::uint8_t* const* messages,
-                                                 std::integer_sequence<int, t...> /*round*/) {
-    std::array<Words<lanes>, wordsPerBlock> schedule;
+                                                 std::index_sequence<t...> /*round*/) {
+    std::array<Words<lanes>, wordsPerBlock> schedule{};
     load<lanes>(schedule, messages);
     const std::array<Words<lanes>, 5> before = state;
     (round<t, lanes>(state, schedule), ...);
-    for (int i = 0; i < 5; ++i) state[i] += before[i];
+    for (std::size_t i = 0; i < 5; ++i) state[i] += before[i];
 }
 
-template <int lanes>
+template <std::size_t lanes>
 [[gnu::always_inline]] inline void compress(std::uint32_t* states, const std::uint8_t* const* messages,
                                             std::size_t blocks) {
-    std::array<Words<lanes>, 5> state;
+    std::array<Words<lanes>, 5> state{};
     static_assert(sizeof state == sizeof(std::uint32_t) * 5 * lanes);
     std::memcpy(&state, states, sizeof state);
-    std::array<const std::uint8_t*, lanes> at;
+    std::array<const std::uint8_t*, lanes> at{};
     std::memcpy(at.data(), messages, sizeof at);
     for (; blocks > 0; --blocks) {
-        compressBlock<lanes>(state, at.data(), std::make_integer_sequence<int, rounds>());
+        compressBlock<lanes>(state, at.data(), std::make_index_sequence<rounds>());
         for (const std::uint8_t*& message : at) message += SHA1Lanes::blockSize;
     }
     std::memcpy(states, &state, sizeof state);
@@ -175,7 +175,7 @@ void SHA1Lanes::update(std::span<const std::uint8_t* const> messages, std::size_
     size_ += size;
     for (std::size_t i = 0; i < hashers_.size(); ++i) hashers_[i].update({messages[i], size});
     if (compress_ == nullptr) return;
-    std::array<const std::uint8_t*, maxMessages> lanes;
+    std::array<const std::uint8_t*, maxMessages> lanes{};
     lanes.fill(messages.front());  // those without a message do the first one's work again
     std::ranges::copy(messages, lanes.begin());
     compress_(states_.data(), lanes.data(), size / blockSize);
@@ -187,7 +187,7 @@ std::vector<SHA1Digest> SHA1Lanes::finish() {
     if (compress_ == nullptr) return digests;
     std::array<std::uint8_t, blockSize> padding{0x80};
     writeBigEndian(&padding[blockSize - sizeof size_], size_ * 8);
-    std::array<const std::uint8_t*, maxMessages> lanes;
+    std::array<const std::uint8_t*, maxMessages> lanes{};
     lanes.fill(padding.data());
     compress_(states_.data(), lanes.data(), 1);
     for (std::size_t i = 0; i < count_; ++i)
