@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <sys/types.h>
 #include <sys/uio.h>
@@ -20,6 +21,13 @@ public:
 
     /// The real ones.
     static FileCalls& real();
+    /// Makes the call again as long as a signal interrupts it.
+    template <class Call>
+    static auto retried(Call call) {
+        auto result = call();
+        while (result < 0 && errno == EINTR) result = call();
+        return result;
+    }
 
     /// Always close-on-exec.
     virtual int open(int folder, const char* name, int flags, mode_t mode);

@@ -340,7 +340,7 @@ bool PieceManager::isReadable(const BlockRequest& block) const noexcept {
 
 asio::awaitable<void> PieceManager::sync() {
     for (bool isMore = !refusal_.has_value(); isMore;) {
-        auto visit = [this] { return storage_->syncNext(); };
+        auto visit = [this] { return storage_->syncSome(); };
         isMore = co_await runOn(environment_.disk, std::move(visit));
     }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/engine/FileOpener.h"
 #include "Core/engine/OpenFiles.h"
 #include "Core/engine/ResumeRecord.h"
 #include "Core/engine/TorrentLayout.h"
@@ -15,9 +16,6 @@
 #include <vector>
 
 namespace skein {
-
-/// What storage may do with a torrent's files: all that a download needs; or only read what is there.
-enum class StorageMode : std::uint8_t { download, readOnly };
 
 /// The files of one torrent as one stream of bytes.
 ///
@@ -64,20 +62,15 @@ public:
     Presence presenceOf(std::int64_t offset, std::int64_t length, PresenceNotes& notes);
     /// What file `index` looks like now.
     FileStamp stampOf(std::size_t index) const;
-    /// Puts on the device what was written to one more file; false when all is there. Throws StorageException.
-    bool syncNext();
+    /// Puts on the device what was written to some more files; false when all is there. Throws StorageException.
+    bool syncSome();
     /// Closes the files; the next use opens them again.
     void close();
 
 private:
-    OpenFiles::File file(std::size_t index, OpenFiles::Access access);
-    FileDescriptor open(std::size_t index, OpenFiles::Access access, bool create);
-    FileDescriptor openFolder(std::size_t index, bool create);
-    FileDescriptor openFolderBelow(const FileDescriptor& folder, const std::string& name, bool create,
-                                   const std::string& path);
-    int tryOpen(int folder, const char* name, int flags);
-    void prepareFile(std::size_t index);
-    std::int64_t sizeOnDisk(const FileDescriptor& file, const std::string& path);
+    FileOpener newOpener();
+    OpenFiles::File file(std::size_t index, OpenFiles::Access access, FileOpener& opener);
+    void prepareFile(std::size_t index, FileOpener& opener);
     void lookAt(const TorrentLayout::Slice& slice, PresenceNotes& notes);
 
     const TorrentLayout layout_;

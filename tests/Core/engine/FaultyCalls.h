@@ -35,6 +35,10 @@ public:
     std::int64_t nextData(int file, std::int64_t offset) override {
         return knowsHoles ? FileCalls::nextData(file, offset) : (errno = EINVAL, -1);
     }
+    int sync(int file) override {
+        ++syncs;
+        return FileCalls::sync(file);
+    }
 
     /// As RLIMIT_NOFILE, but for these calls only: the sanitizers' own checks need descriptors now and then.
     int descriptorLimit = std::numeric_limits<int>::max();
@@ -44,6 +48,7 @@ public:
     bool interruptsEverySecond = false;
     bool knowsHoles = true;
     std::atomic<int> reads = 0;
+    std::atomic<int> syncs = 0;
 
 private:
     bool isInterrupted() {
