@@ -58,7 +58,7 @@ public:
         FileCalls& calls = FileCalls::real();
     };
     /// The readers wait while so many bytes (or two pieces, if they are more) are whole but not yet written.
-    static constexpr std::int64_t unwrittenLimit = std::int64_t{16} << 20U;
+    static constexpr std::int64_t unwrittenLimit = std::int64_t{32} << 20U;
 
     PieceManager(std::shared_ptr<const TorrentMetaInfo> metaInfo, std::filesystem::path savePath,
                  Environment environment, Mode mode);

@@ -198,7 +198,7 @@ TEST_F(PieceManagerTest, waitsLongerAfterEachFailedWriteAndReportsTheTroubleOnce
 }
 
 TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
-    const TestTorrent torrent(8 << 20U, {{"t", 24 << 20U}}, 7);
+    const TestTorrent torrent(16 << 20U, {{"t", 48 << 20U}}, 7);
     setUp(torrent);
     const auto fill = [&](int piece) {
         auto result = StoreResult::ignored;
@@ -209,7 +209,7 @@ TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
     fill(0);
     simulation.finish(manager->roomToReceive());
     fill(1);
-    EXPECT_EQ(manager->unwrittenBytes(), 16 << 20U);
+    EXPECT_EQ(manager->unwrittenBytes(), PieceManager::unwrittenLimit);
     auto patient = simulation.begin(manager->roomToReceive());
     auto impatient = simulation.begin(within(simulation, 1s, manager->roomToReceive()));
     simulation.settle();
