@@ -114,6 +114,10 @@ void PieceExchange::driveActivePeerRequests() {
     for (const auto& [key, peer] : environment_.pool.connected()) requestPiecesFromPeer(key);
 }
 
+void PieceExchange::flush() {
+    for (const auto& [key, peer] : environment_.pool.connected()) peer->connection->flush();
+}
+
 void PieceExchange::relieveSlowPeers() {
     for (const RequestScheduler::GivenBack& given : scheduler_.giveBackSlowPieces())
         if (const PeerPool::Peer* const peer = environment_.pool.find(given.peer))

@@ -49,6 +49,8 @@ public:
     void removePeer(PeerKey key);
     /// Fills every peer's queue, those with nothing to do first.
     void driveActivePeerRequests();
+    /// Tells everyone of the pieces that could wait. Called about once a second.
+    void flush();
     /// Moves pieces away from peers that are too slow with them.
     void relieveSlowPeers();
     /// Returns when no piece is being finished any more.

@@ -31,6 +31,7 @@ asio::awaitable<void> TorrentSession::progressLoop() {
             exchange_->driveActivePeerRequests();
             resumeKeeper_.noteProgress(pieceManager_);
         }
+        if (exchange_) exchange_->flush();
         if (service_) service_->onTick();
         updateProgress();
         reportPeers();

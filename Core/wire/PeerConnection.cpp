@@ -259,7 +259,11 @@ void PeerConnection::sendBitfield(ByteView bitfield) { enqueue(MessageID::bitfie
 void PeerConnection::sendHave(int piece) {
     if (!isConnected_) return;
     wire::appendHave(pendingControl_, static_cast<std::uint32_t>(piece));
-    wakeWriter();
+    if (!hasPiece(static_cast<std::uint32_t>(piece))) wakeWriter();
+}
+
+void PeerConnection::flush() {
+    if (!pendingControl_.empty()) wakeWriter();
 }
 
 void PeerConnection::sendRequests(std::span<const BlockRequest> requests) {

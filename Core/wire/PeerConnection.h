@@ -111,7 +111,9 @@ public:
     void sendInterested();
     void sendNotInterested();
     void sendUnchoke();
+    /// A peer that has the piece itself is in no hurry to hear of it: it does with the next message, or at `flush`.
     void sendHave(int piece);
+    void flush();
     void sendBitfield(ByteView bitfield);
     void sendRequests(std::span<const BlockRequest> requests);
     void sendCancel(const BlockRequest& request);

@@ -48,6 +48,21 @@ TEST_F(PeerConnectionTest, keepsAQuietConversationAliveAndDropsASilentPeer) {
     EXPECT_FALSE(connection->isConnected());
 }
 
+TEST_F(PeerConnectionTest, wakesNoPeerForAPieceThatItHas) {
+    connectBoth();
+    simulation.finish(peer.send(Bytes{0, 0, 0, 5, 4, 0, 0, 0, 7}));
+    simulation.runUntil([&] { return connection->hasPiece(7); });
+    connection->sendHave(7);
+    simulation.settle();
+    EXPECT_EQ(peer.available(), 0U);
+    connection->sendHave(8);
+    EXPECT_EQ(simulation.finish(peer.readUntil(MessageID::have)).back(), 7);
+    EXPECT_EQ(simulation.finish(peer.readUntil(MessageID::have)).back(), 8);
+    connection->sendHave(7);
+    connection->flush();
+    EXPECT_EQ(simulation.finish(peer.readUntil(MessageID::have)).back(), 7);
+}
+
 TEST_F(PeerConnectionTest, answersWhatIsAskedOnceUnchokedAndLeavesOutWhatIsCancelled) {
     connectBoth();
     Bytes choked;
