@@ -370,7 +370,8 @@ PieceManager::State PieceManager::pieceState(int piece) const noexcept {
 }
 
 asio::awaitable<void> PieceManager::roomToReceive() {
-    const std::int64_t limit = std::max(unwrittenLimit, 2 * std::min(metaInfo_->pieceLength, metaInfo_->totalSize));
+    const std::int64_t piece = std::min(metaInfo_->pieceLength, metaInfo_->totalSize);
+    const std::int64_t limit = std::max(2 * piece, std::clamp(8 * piece, leastUnwrittenLimit, mostUnwrittenLimit));
     while (unwrittenBytes_ >= limit) co_await room_.async_wait(asio::as_tuple(asio::use_awaitable));
 }
 

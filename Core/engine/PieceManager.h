@@ -57,8 +57,10 @@ public:
         std::shared_ptr<OpenFiles> openFiles = OpenFiles::shared();
         FileCalls& calls = FileCalls::real();
     };
-    /// The readers wait while so many bytes (or two pieces, if they are more) are whole but not yet written.
-    static constexpr std::int64_t unwrittenLimit = std::int64_t{32} << 20U;
+    /// The readers wait while so many bytes are whole but not yet written: eight pieces keep the disk threads busy,
+    /// within these bounds; two are let in whatever their size.
+    static constexpr std::int64_t leastUnwrittenLimit = std::int64_t{16} << 20U;
+    static constexpr std::int64_t mostUnwrittenLimit = std::int64_t{32} << 20U;
 
     PieceManager(std::shared_ptr<const TorrentMetaInfo> metaInfo, std::filesystem::path savePath,
                  Environment environment, Mode mode);

@@ -209,7 +209,7 @@ TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
     fill(0);
     simulation.finish(manager->roomToReceive());
     fill(1);
-    EXPECT_EQ(manager->unwrittenBytes(), PieceManager::unwrittenLimit);
+    EXPECT_EQ(manager->unwrittenBytes(), PieceManager::mostUnwrittenLimit);
     auto patient = simulation.begin(manager->roomToReceive());
     auto impatient = simulation.begin(within(simulation, 1s, manager->roomToReceive()));
     simulation.settle();
