@@ -61,7 +61,7 @@ RelayPairing::Side* RelayPairing::partnerFor(const Side& side) {
     const auto found = std::find_if(sides_.begin(), sides_.end(), [&side](const Side& other) {
         return !other.partner && other.infoHash == side.infoHash && other.role != side.role && other.user != side.user;
     });
-    return isPairing_ && found != sides_.end() ? &*found : nullptr;
+    return found != sides_.end() ? &*found : nullptr;
 }
 
 void RelayPairing::cutAll() {

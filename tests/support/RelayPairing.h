@@ -31,8 +31,6 @@ public:
 
     /// New sides are told this and sent away; empty for none.
     void refuseAll(std::string text) { refusal_ = std::move(text); }
-    /// False keeps new sides waiting, and does not look at those who wait.
-    void setPairing(bool isPairing) { isPairing_ = isPairing; }
     /// Breaks off all sides, paired or not.
     void cutAll();
 
@@ -54,7 +52,6 @@ private:
 
     std::list<Side> sides_;
     std::string refusal_;
-    bool isPairing_ = true;
     std::map<Route, std::int64_t> carried_;
 };
 
