@@ -305,6 +305,7 @@ void TorrentSession::onPeerReady(PeerPool::Peer& peer) {
         peer.connection->sendInterested();
     }
     sendExtendedHandshake(peer);
+    reportPeers();
     startProgressLoop();
 }
 

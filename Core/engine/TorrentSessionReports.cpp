@@ -33,13 +33,13 @@ asio::awaitable<void> TorrentSession::progressLoop() {
         }
         if (exchange_) exchange_->flush();
         if (service_) service_->onTick();
-        updateProgress();
         reportPeers();
+        updateProgress();
         reportStall();
     }
     progressLoopRuns_ = false;
-    updateProgress();
     reportPeers();
+    updateProgress();
     reportStall();
 }
 
