@@ -84,9 +84,7 @@ TEST_F(DaemonProgramTest, watchSteersTasksAndLeavesTheTerminalAsItWas) {
         EXPECT_FALSE(terminal.isAsUsual());
         terminal.type("p");
         terminal.readUntil("paused");
-        terminal.type("d");
-        terminal.readUntil("Remove? y/n");
-        terminal.type("y");
+        terminal.type("dy");
         terminal.readUntil("0 tasks");
         terminal.type("q");
         EXPECT_EQ(watch.finish().status, 0);

@@ -20,11 +20,7 @@ std::ptrdiff_t filesIn(const TemporaryFolder& folder) {
 
 TEST_F(ProgramTest, tellsItsVersionAndExplainsEachCommand) {
     EXPECT_EQ(skein({"--version"}).out, "skein " SKEIN_VERSION "\n");
-    for (const char* command : {"show", "create"}) {
-        const auto help = skein({command, "--help"});
-        EXPECT_EQ(help.status, 0);
-        EXPECT_THAT(help.out, HasSubstr(std::string("Example:\n  skein ") + command));
-    }
+    EXPECT_THAT(skein({"create", "--help"}).out, HasSubstr("Example:\n  skein create"));
 }
 
 TEST_F(ProgramTest, aWrongCommandLineEndsWith2AndOneLine) {
@@ -39,8 +35,7 @@ TEST_F(ProgramTest, aWrongCommandLineEndsWith2AndOneLine) {
         const auto result = skein(arguments);
         EXPECT_EQ(result.status, 2);
         EXPECT_EQ(result.out, "");
-        EXPECT_THAT(result.err, StartsWith("skein: command line: "));
-        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+        EXPECT_THAT(result.err, testing::MatchesRegex("skein: command line: [^\n]*\n"));
     }
 }
 

@@ -13,12 +13,10 @@ using namespace std::chrono_literals;
 TEST(ProgressLine, writesAPlainLineEveryFiveSecondsToALog) {
     Simulation simulation;
     std::ostringstream out;
-    {
-        ProgressLine line(simulation, out, false);
-        for (int i = 1; i <= 110; ++i) {
-            simulation.advance(100ms);
-            line.show(std::to_string(i));
-        }
+    ProgressLine line(simulation, out, false);
+    for (int i = 1; i <= 110; ++i) {
+        simulation.advance(100ms);
+        line.show(std::to_string(i));
     }
     EXPECT_EQ(out.str(), "1\n51\n101\n");
 }

@@ -16,8 +16,6 @@ public:
         service = &bridge_;
         resources = &client_;
     }
-    ServiceNode(const ServiceNode&) = delete;
-    ServiceNode& operator=(const ServiceNode&) = delete;
     ~ServiceNode() { close(); }
 
     void signIn(const std::string& user) {

@@ -13,15 +13,6 @@ using testing::ElementsAre;
 
 boost::json::object object(const std::string& text) { return boost::json::parse(text).as_object(); }
 
-TEST(ChatFrame, isAnObjectWithACommand) {
-    EXPECT_TRUE(chatFrame::read(R"({"cmd":"pong"})"));
-    const std::string deep = R"({"cmd":"newChat","x":)" + std::string(40, '[') + std::string(40, ']') + "}";
-    for (const std::string bad : {"", "pong", "7", "null", R"(["cmd"])", R"({"seq":1})", R"({"cmd":1})",
-                                  R"({"cmd":null})", R"({"cmd":"pong")", "{\"cmd\":\"\xFF\"}"})
-        EXPECT_FALSE(chatFrame::read(bad)) << bad;
-    EXPECT_FALSE(chatFrame::read(deep));
-}
-
 TEST(ChatFrame, takesNumbersAndTextsForEachOther) {
     const auto frame = object(R"({"a":12,"b":"12","c":12.0,"d":"x","e":[1],"f":1e300,"g":18446744073709551615})");
     for (const char* key : {"a", "b", "c"}) {
@@ -73,11 +64,10 @@ TEST(ChatFrame, findsTheListOfAnAnswerWhateverItsKey) {
 }
 
 TEST(AccelerateMessage, isAJSONObjectWithItsKeysInOrder) {
-    EXPECT_EQ((AccelerateMessage{"a \"b\" ü", "alice", "magnet:?xt=urn:btih:00/", 5'000'000'000}.orderedJSONString()),
-              R"({"type":"下载加速","name":"a \"b\" ü","user":"alice","magnet":"magnet:?xt=urn:btih:00/",)"
+    const AccelerateMessage message{"a \"b\" ü caf\xE9", "alice", "magnet:?xt=urn:btih:00/", 5'000'000'000};
+    EXPECT_EQ(message.orderedJSONString(),
+              R"({"type":"下载加速","name":"a \"b\" ü caf?","user":"alice","magnet":"magnet:?xt=urn:btih:00/",)"
               R"("totalSize":5000000000})");
-    const std::string odd = AccelerateMessage{"caf\xE9", "alice", "m", 0}.orderedJSONString();
-    EXPECT_EQ(odd, R"({"type":"下载加速","name":"caf?","user":"alice","magnet":"m","totalSize":0})");
 }
 
 }  // namespace

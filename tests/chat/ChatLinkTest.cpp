@@ -5,7 +5,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::Contains;
-using testing::ElementsAre;
 
 using ChatLinkTest = ChatTest;
 
@@ -88,12 +87,15 @@ TEST_F(ChatLinkTest, closesAfterTheDelayUnlessThatIsCancelled) {
 TEST_F(ChatLinkTest, ignoresFramesThatMakeNoSenseAndLeavesOverOneThatIsHuge) {
     alice.logIn(room);
     for (const std::string frame :
-         {"", "hello", "[1,2]", R"({"no":"cmd"})", R"({"cmd":5})", R"({"cmd":"unheard-of"})", R"({"cmd":"newChat"})",
+         {"", "hello", "7", "null", "[1,2]", R"({"no":"cmd"})", R"({"cmd":5})", R"({"cmd":"unheard-of"})",
+          R"({"cmd":"newChat","from":"bob","msg":"half")", R"({"cmd":"newChat"})",
           R"({"cmd":"newChat","from":{},"msg":[]})", R"({"cmd":"groupMsg","from":"bob","msg":"where?"})",
           R"({"cmd":"chatHistory","list":"none"})", R"({"cmd":"groupHistory","list":[null,[],{"msg":1}]})",
           R"({"cmd":"friendList"})", R"({"cmd":"loginResp","code":0,"newChatCount":-3,"sessionId":[]})"})
         room.tellAll(frame);
-    room.tellAll(R"({"cmd":"newChat","from":"bob","x":)" + std::string(100'000, '['));
+    for (const std::size_t depth : {40, 100'000})
+        room.tellAll(R"({"cmd":"newChat","from":"bob","msg":"deep","x":)" + std::string(depth, '[') +
+                     std::string(depth, ']') + "}");
     EXPECT_TRUE(simulation.finish(alice.client.getFriendList()));
     EXPECT_TRUE(alice.received.empty());
     EXPECT_TRUE(simulation.finish(alice.talk.partners("alice")).empty());

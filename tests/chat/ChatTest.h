@@ -80,15 +80,10 @@ struct ChatUser {
         center.subscribe<ChatStatusChanged>(simulation.executor(), [this](const ChatStatusChanged& change) {
             statuses.push_back(std::string(textOf(change.status)) + " " + change.text);
         });
+    ActorSettings actorSettings{settings, simulation.executor()};
+    ChatTerminal terminal{.softVer = "1.2", .osVer = "Linux 6"};
     ChatWSClient client{simulation.executor(),
-                        {simulation,
-                         resolver,
-                         identity,
-                         {settings, simulation.executor()},
-                         talk,
-                         center,
-                         log,
-                         {.softVer = "1.2", .osVer = "Linux 6"}}};
+                        {simulation, resolver, identity, actorSettings, talk, center, log, terminal}};
 };
 
 /// Alice and Bob, and a server for both.

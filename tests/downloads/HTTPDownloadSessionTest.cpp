@@ -15,7 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Kind = HTTPDownloadSession::State::Kind;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -39,7 +38,8 @@ protected:
             url, folder);
         made->setCallbacks(
             {.onStateChanged = [this](const auto& state) { states.push_back(state.kind), message = state.message; },
-             .onProgressUpdated = [this](auto... figures) { progress = {figures...}; },
+             .onProgressUpdated = [this](double part, std::int64_t bytes, std::int64_t,
+                                         double speed) { fraction = part, downloaded = bytes, rate = speed; },
              .onFileInfoReceived = [this](const std::string& newName, std::int64_t) { name = newName; },
              .onStatusMessage = [this](const std::string& text) { statuses.push_back(text); }});
         return made;
@@ -49,19 +49,26 @@ protected:
         if (session) simulation.finish(session->stop());
         states.clear();
         statuses.clear();
+        name.clear();
         session = make(target.starts_with("http") ? target : server.url(target));
         if (keepsRecord) session->keepRecord();
+        simulation.finish(session->setDownloadLimit(limit));
         simulation.finish(session->start());
         waitFor(kind);
     }
-    void waitUntilWhole(const std::string& fileName = "file.bin") {
+    void waitUntilWhole() {
         waitFor(Kind::completed);
-        EXPECT_EQ(read(fileName), content);
+        EXPECT_EQ(read(name), content);
     }
     /// A new session brings the whole file, from whatever the one before left.
-    void complete(const std::string& fileName = "file.bin") {
+    void complete() {
         start(Kind::completed);
-        waitUntilWhole(fileName);
+        waitUntilWhole();
+    }
+    void resumeToTheEnd() {
+        states.clear();
+        simulation.finish(session->resume());
+        waitUntilWhole();
     }
     void waitFor(Kind kind) {
         simulation.runUntil(
@@ -72,10 +79,9 @@ protected:
     void startUpTo(std::int64_t bytes) {
         stallAfter = static_cast<std::size_t>(bytes);
         start(Kind::downloading);
-        const auto part = folder / "file.bin.part";
-        simulation.runUntil([&] { return std::filesystem::file_size(part) == static_cast<std::uintmax_t>(bytes); });
+        simulation.runUntil([&] { return std::filesystem::file_size(folder / "file.bin.part") == stallAfter; });
         simulation.advance(1s);  // the next report
-        EXPECT_EQ(progress.downloaded, bytes);
+        EXPECT_EQ(downloaded, bytes);
         stallAfter = SIZE_MAX;
     }
     void expectRetry(std::chrono::seconds delay) {
@@ -89,9 +95,6 @@ protected:
     }
     Bytes read(const std::string& fileName) const { return readWholeFile(folder / fileName, 1U << 30U); }
     std::string lastHeader(const std::string& header) const { return server.requests().back().header(header); }
-    std::filesystem::path record() const {
-        return ResumeData::fileFor(resumeFolder, server.url("/dir/file.bin"), folder);
-    }
     std::size_t filesIn(const std::filesystem::path& where) const {
         return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(where), {}));
     }
@@ -107,6 +110,7 @@ protected:
     std::size_t stallAfter = SIZE_MAX;
     bool cutsOff = false;
     bool keepsRecord = false;
+    std::int64_t limit = 0;
     ScriptedHTTPServer::Script script = [this](const SeenHTTPRequest& seen) {
         HTTPReply reply = HTTPReply::file(seen, content, entityTag);
         reply.stallAfter = stallAfter;
@@ -119,24 +123,18 @@ protected:
     std::vector<Kind> states;
     std::vector<std::string> statuses;
     std::string message, name;
-    struct {
-        double fraction;
-        std::int64_t downloaded, total;
-        double rate;
-    } progress{};
+    double fraction = -1, rate = -1;
+    std::int64_t downloaded = -1;
 };
 
 TEST_F(HTTPDownloadSessionTest, downloadsAFileAndTellsOfIt) {
     complete();
-    EXPECT_THAT(states, ElementsAre(Kind::connecting, Kind::downloading, Kind::completed));
     EXPECT_THAT(statuses, ElementsAre("Connecting...", "Downloading...", "Downloading file.bin", "Download complete"));
-    EXPECT_EQ(progress.fraction, 1);
-    EXPECT_EQ(progress.downloaded, 100'000);
+    EXPECT_EQ(fraction, 1);
+    EXPECT_EQ(downloaded, 100'000);
     EXPECT_THAT(lastHeader("user-agent"), StartsWith("Mozilla/5.0 (Macintosh;"));
-    EXPECT_EQ(lastHeader("range"), "");
     EXPECT_EQ(filesIn(folder), 1U);
     EXPECT_EQ(filesIn(resumeFolder), 0U);
-    EXPECT_EQ(simulation.finish(session->destinationURL()), folder / "file.bin");
     simulation.finish(session->start());
     EXPECT_EQ(server.requests().size(), 1U);
 }
@@ -152,7 +150,8 @@ TEST_F(HTTPDownloadSessionTest, aKeptRecordFindsAFinishedFileAgainHoweverItEnded
         EXPECT_EQ(filesIn(folder), 1U);
     }
     replaceWholeFile(folder / "file.bin", toBytes("another"));
-    complete("file (1).bin");
+    complete();
+    EXPECT_EQ(name, "file (1).bin");
     simulation.finish(session->clearResumeData());
     EXPECT_EQ(filesIn(folder), 2U);
     EXPECT_EQ(filesIn(resumeFolder), 0U);
@@ -168,31 +167,25 @@ TEST_F(HTTPDownloadSessionTest, aLostConnectionIsMadeAnewWithGrowingDelaysAndThe
     };
     start(Kind::downloading);
     for (const auto delay : {1s, 2s, 4s, 8s, 16s}) expectRetry(delay);
-    simulation.runUntil([&] { return states.back() == Kind::failed; });
+    waitFor(Kind::failed);
     EXPECT_EQ(server.requests().size(), 6U);
-    EXPECT_THAT(message, HasSubstr("transfer"));
-    EXPECT_THAT(statuses, Contains("Resuming from breakpoint..."));
-    EXPECT_THAT(statuses, Contains("Resume data saved"));
     EXPECT_EQ(statuses.back(), "Download error: " + message);
     EXPECT_EQ(read("file.bin.part").size(), 40'000U);
 
     script = whole;
     cutsOff = false;
     stallAfter = SIZE_MAX;
-    simulation.finish(session->resume());
-    waitFor(Kind::connecting);
-    waitUntilWhole();
+    resumeToTheEnd();
     EXPECT_EQ(lastHeader("range"), "bytes=40000-");
     EXPECT_EQ(lastHeader("if-range"), "\"one\"");
-    EXPECT_THAT(statuses, Contains("Resumed from 39.1 KiB"));
-    EXPECT_THAT(statuses, Contains("Server supports resume, downloading..."));
+    EXPECT_THAT(statuses, testing::Contains("Resumed from 39.1 KiB"));
 }
 
 TEST_F(HTTPDownloadSessionTest, silenceIsALostConnection) {
     startUpTo(1000);
     simulation.advance(HTTPDownloadSession::stallLimit - 2s);
     EXPECT_EQ(states.back(), Kind::downloading);
-    EXPECT_EQ(progress.rate, 0);
+    EXPECT_EQ(rate, 0);
     simulation.advance(1s);
     expectRetry(1s);
     waitUntilWhole();
@@ -200,12 +193,12 @@ TEST_F(HTTPDownloadSessionTest, silenceIsALostConnection) {
 
 TEST_F(HTTPDownloadSessionTest, aSessionGoesOnWhereTheLastOneWasStoppedOrKilled) {
     startUpTo(30'000);
-    const Bytes first = readWholeFile(record(), 10'000);  // as a kill would leave it, written with the head
+    const auto record = ResumeData::fileFor(resumeFolder, session->url(), folder);
+    const Bytes first = readWholeFile(record, 10'000);  // as a kill would leave it, written with the head
     simulation.finish(session->stop());
-    const Bytes stopped = readWholeFile(record(), 10'000);
+    const Bytes stopped = readWholeFile(record, 10'000);
     complete();
     EXPECT_EQ(lastHeader("range"), "bytes=30000-");
-    EXPECT_THAT(statuses, Contains("Resuming from 29.3 KiB"));
 
     // After a restart of the machine only what was certainly on the disk counts.
     const auto fromAnotherBoot = [](const Bytes& data) {
@@ -222,7 +215,7 @@ TEST_F(HTTPDownloadSessionTest, aSessionGoesOnWhereTheLastOneWasStoppedOrKilled)
         std::filesystem::remove_all(folder);
         std::filesystem::create_directory(folder);
         replaceWholeFile(folder / "file.bin.part", ByteView(content).first(50'000));
-        replaceWholeFile(record(), data);
+        replaceWholeFile(record, data);
         start(Kind::completed);
         EXPECT_EQ(lastHeader("range"), range);
         EXPECT_EQ(readWholeFile(simulation.finish(session->destinationURL()), 1U << 20U), content);
@@ -240,44 +233,26 @@ TEST_F(HTTPDownloadSessionTest, pausesAndResumes) {
     simulation.start(session->pause());
     simulation.start(session->resume());
     simulation.start(session->start());
-    waitFor(Kind::completed);
+    waitUntilWhole();
     EXPECT_EQ(server.requests().size(), 2U);
-    EXPECT_EQ(read("file.bin"), content);
-
-    std::filesystem::remove(folder / "file.bin");
-    startUpTo(20'000);
-    simulation.finish(session->stop());
-    simulation.finish(session->clearResumeData());
-    EXPECT_EQ(filesIn(folder) + filesIn(resumeFolder), 0U);
 }
 
 TEST_F(HTTPDownloadSessionTest, aFileThatChangedOrComesOnlyAsAWholeIsStartedAgain) {
     const auto honest = script;
-    const auto without = [&](const char* header) {
-        return [&, header](SeenHTTPRequest seen) {
-            seen.headers.erase(header);
-            return honest(seen);
-        };
-    };
-    const auto unsatisfied = [&](const SeenHTTPRequest& seen) {
-        return seen.headers.contains("range") ? HTTPReply::text("", 416) : honest(seen);
-    };
-    const auto wrongRange = [&](SeenHTTPRequest seen) {
-        if (seen.headers.contains("range")) seen.headers["range"] = "bytes=7-";
-        return honest(seen);
-    };
-    const std::pair<ScriptedHTTPServer::Script, std::string> servers[] = {{honest, "\"two\""},
-                                                                          {without("if-range"), "\"two\""},
-                                                                          {without("range"), "\"one\""},
-                                                                          {unsatisfied, "\"one\""},
-                                                                          {wrongRange, "\"one\""}};
-    for (const auto& [next, tag] : servers) {
+    for (const std::string answer : {"another", "another without if-range", "whole", "416", "bytes=7-"}) {
         std::filesystem::remove(folder / "file.bin");
         entityTag = "\"one\"";
         script = honest;
         startUpTo(50'000);
-        script = next;
-        entityTag = tag;
+        script = [&](SeenHTTPRequest seen) {
+            const bool hasRange = seen.headers.contains("range");
+            if (answer == "416" && hasRange) return HTTPReply::text("", 416);
+            if (answer == "bytes=7-" && hasRange) seen.headers["range"] = answer;
+            if (answer == "whole") seen.headers.erase("range");
+            if (answer == "another without if-range") seen.headers.erase("if-range");
+            return honest(seen);
+        };
+        if (answer.starts_with("another")) entityTag = "\"two\"";
         content.front() ^= 1U;
         content.push_back(0);
         complete();
@@ -287,9 +262,8 @@ TEST_F(HTTPDownloadSessionTest, aFileThatChangedOrComesOnlyAsAWholeIsStartedAgai
 TEST_F(HTTPDownloadSessionTest, nothingIsOverwrittenAndNoNameLeadsElsewhere) {
     replaceWholeFile(folder / "file.bin", toBytes("mine"));
     replaceWholeFile(folder / "file (1).bin.part", toBytes("another's"));
-    start(Kind::downloading);
+    complete();
     EXPECT_EQ(name, "file (2).bin");
-    waitUntilWhole("file (2).bin");
     EXPECT_EQ(asText(read("file.bin")), "mine");
     EXPECT_EQ(asText(read("file (1).bin.part")), "another's");
 
@@ -297,8 +271,7 @@ TEST_F(HTTPDownloadSessionTest, nothingIsOverwrittenAndNoNameLeadsElsewhere) {
     startUpTo(10);
     replaceWholeFile(folder / "file.bin", toBytes("late"));
     simulation.finish(session->pause());
-    simulation.finish(session->resume());
-    waitFor(Kind::completed);
+    resumeToTheEnd();
     EXPECT_EQ(name, "file (1).bin");
     EXPECT_EQ(asText(read("file.bin")), "late");
 
@@ -308,39 +281,41 @@ TEST_F(HTTPDownloadSessionTest, nothingIsOverwrittenAndNoNameLeadsElsewhere) {
         reply.headers.push_back({"Content-Disposition", "attachment; filename=\"../../evil.txt\""});
         return seen.target == "/there" ? reply : HTTPReply::redirect("/there");
     };
-    complete("evil.txt");
+    complete();
+    EXPECT_EQ(name, "evil.txt");
 }
 
 TEST_F(HTTPDownloadSessionTest, twoSessionsNeverWriteOneFile) {
     startUpTo(10);
     auto second = make(session->url());
     simulation.finish(second->start());
-    simulation.runUntil([&] { return states.back() == Kind::failed; });
+    waitFor(Kind::failed);
     EXPECT_THAT(message, HasSubstr("Failed to save file: "));
     simulation.finish(second->stop());
     EXPECT_EQ(read("file.bin.part").size(), 10U);
 }
 
 TEST_F(HTTPDownloadSessionTest, whatIsWrongForGoodFailsAtOnceWithAClearText) {
-    const auto failureOf = [&](const std::string& target) {
-        start(Kind::failed, target);
-        EXPECT_EQ(filesIn(folder), 0U);
-        return message;
-    };
     script = [&](const SeenHTTPRequest& seen) {
         return seen.target == "/loop" ? HTTPReply::redirect("/loop")
                                       : HTTPReply::text("", std::stoi(seen.target.substr(1)));
     };
-    for (const std::string status : {"404", "500", "204", "416"}) {
-        EXPECT_EQ(failureOf(server.url("/" + status)), "HTTP " + status);
-        EXPECT_EQ(statuses.back(), "HTTP " + status);
+    const std::pair<std::string, const char*> wrong[] = {
+        {"/404", "HTTP 404"},
+        {"/500", "HTTP 500"},
+        {"/204", "HTTP 204"},
+        {"/416", "HTTP 416"},
+        {"/loop", "Too many redirects"},
+        {"https" + server.url("/a.bin").substr(4), "No secure connection"},
+        {"http://127.0.0.1:1/a.bin", "The host cannot be reached"},
+        {"http://" + std::string(64, 'a') + ".invalid/", "The host was not found"},
+        {"/ nonsense\n", "Not a valid HTTP request"}};
+    for (const auto& [target, text] : wrong) {
+        start(Kind::failed, target);
+        EXPECT_THAT(message, StartsWith(text));
+        EXPECT_THAT(statuses.back(), testing::EndsWith(message));
+        EXPECT_EQ(filesIn(folder), 0U);
     }
-    EXPECT_THAT(failureOf(server.url("/loop")), StartsWith("Too many redirects"));
-    EXPECT_THAT(failureOf("https" + server.url("/a.bin").substr(4)), StartsWith("No secure connection"));
-    simulation.finish(server.stop());
-    EXPECT_THAT(failureOf(server.url("/a.bin")), StartsWith("The host cannot be reached"));
-    EXPECT_THAT(failureOf("http://" + std::string(64, 'a') + ".invalid/"), StartsWith("The host was not found"));
-    EXPECT_THAT(failureOf("/ nonsense\n"), StartsWith("Not a valid HTTP request"));
 }
 
 TEST_F(HTTPDownloadSessionTest, aFullDiskOrAMissingFolderFailsAndThePartIsKept) {
@@ -353,13 +328,9 @@ TEST_F(HTTPDownloadSessionTest, aFullDiskOrAMissingFolderFailsAndThePartIsKept) 
     ::setrlimit(RLIMIT_FSIZE, &tight);
     start(Kind::failed);
     ::setrlimit(RLIMIT_FSIZE, &before);
-    EXPECT_THAT(message, HasSubstr("Failed to save file: "));
     EXPECT_THAT(message, HasSubstr("File too large"));
-    EXPECT_EQ(statuses.back(), message);
     EXPECT_EQ(read("file.bin.part").size(), 60'000U);
-    simulation.finish(session->resume());
-    waitFor(Kind::connecting);
-    waitUntilWhole();
+    resumeToTheEnd();
     EXPECT_EQ(lastHeader("range"), "bytes=60000-");
 
     std::filesystem::remove_all(folder);
@@ -376,26 +347,22 @@ TEST_F(HTTPDownloadSessionTest, aFullDiskOrAMissingFolderFailsAndThePartIsKept) 
 
 TEST_F(HTTPDownloadSessionTest, aLimitPacesTheDownloadAndAnUnknownSizeHasNoFraction) {
     script = [&](const SeenHTTPRequest&) {
-        HTTPReply reply;
-        reply.raw = toBytes("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n186A0\r\n");
+        HTTPReply reply{.raw = toBytes("HTTP/1.1 200 OK\r\n\r\n"), .closes = true};
         append(*reply.raw, content);
-        append(*reply.raw, toBytes("\r\n0\r\n\r\n"));
         return reply;
     };
-    session = make(server.url("/dir/file.bin"));
-    simulation.finish(session->setDownloadLimit(10'000));
+    limit = 10'000;
     const auto begun = simulation.now();
-    simulation.finish(session->start());
-    waitFor(Kind::downloading);
-    EXPECT_EQ(progress.fraction, 0);
+    start(Kind::downloading);
+    EXPECT_EQ(fraction, 0);
     for (int step = 0; step < 200 && states.back() == Kind::downloading; ++step) {
         simulation.advance(250ms);
         simulation.runUntil([turns = 0]() mutable { return ++turns > 1; });  // what the client's thread brings
     }
     EXPECT_EQ(read("file.bin"), content);
     EXPECT_GE(simulation.now() - begun, 9750ms);
-    EXPECT_GT(progress.rate, 1'000);
-    EXPECT_LT(progress.rate, 12'600);
+    EXPECT_GT(rate, 1'000);
+    EXPECT_LT(rate, 12'600);
 }
 
 }  // namespace

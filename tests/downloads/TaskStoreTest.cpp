@@ -28,13 +28,10 @@ std::shared_ptr<TorrentTask> restored(SavedTask task) {
 }
 
 TEST(SavedTaskTest, isOneRecordWithItsKeysInOrder) {
-    const SavedTask full{"h",        "名 \"\x01\xff",
-                         "magnet:?", date,
-                         "paused",   std::int64_t{1} << 60U,
-                         0.5,        FileList({{"a/b", 1, 2}}),
-                         "paper",    "",
-                         "u",        "torrent",
-                         "me",       true};
+    const FileList files({{"a/b", 1, 2}});
+    const SavedTask full{
+        "h", "名 \"\x01\xff", "magnet:?", date, "paused", std::int64_t{1} << 60U, 0.5, files, "paper", "",
+        "u", "torrent",       "me",       true};
     const std::string text = SavedTaskCodec::encode(std::vector{full, bare});
     EXPECT_EQ(text, R"([{"infoHash":"h","name":"名 \"\u0001)"
                     "\xff"

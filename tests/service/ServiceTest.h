@@ -35,16 +35,12 @@ protected:
     T run(asio::awaitable<T> call) {
         return simulation.finish(std::move(call));
     }
-    /// The lines since the last look, without what each begins with.
-    std::vector<std::string> lines() {
+    /// The last line of the log, without what each begins with.
+    std::string lastLine() const {
+        const std::string line = log.lines().back();
         const std::string prefix = "[2026-01-01T00:00:00Z][SkeinSvc] ";
-        std::vector<std::string> fresh;
-        const std::vector<std::string> all = log.lines();
-        for (; seenLines < all.size(); ++seenLines) {
-            EXPECT_TRUE(all[seenLines].starts_with(prefix)) << all[seenLines];
-            fresh.push_back(all[seenLines].substr(std::min(prefix.size(), all[seenLines].size())));
-        }
-        return fresh;
+        EXPECT_THAT(line, testing::StartsWith(prefix));
+        return line.substr(std::min(prefix.size(), line.size()));
     }
     /// "POST /path body" of the last request.
     std::string lastSent() const {
@@ -64,30 +60,22 @@ protected:
         return std::get<WalletError>(run(std::move(action))).description;
     }
 
-    /// One call of each kind: what the log names it, how it tells of a failure, and whether the call succeeds.
-    struct Call {
-        std::string name;
-        std::string failed;
-        std::function<bool()> succeeds;
-    };
-    std::vector<Call> calls() {
+    /// One call of each kind: what the log names it, and whether the call succeeds.
+    std::vector<std::pair<std::string, std::function<bool()>>> calls() {
         const ResourceRegistration held{hash, ResourceStatus::seeding};
-        const std::string of = " hash=" + hash;
         return {
-            {"register[seeding]" + of, "❌ register[seeding]" + of,
-             [=, this] { return run(client.registerResource(held)); }},
-            {"unregister" + of, "❌ unregister" + of, [this] { return run(client.unregister(hash)); }},
-            {"complete" + of, "❌ complete" + of, [this] { return run(client.markComplete(hash)); }},
-            {"delete" + of, "❌ delete" + of, [this] { return run(client.deleteResource(hash)); }},
-            {"release resources", "❌ release resources", [this] { return run(client.releaseResourcesForLogout()); }},
-            {"heartbeat/batch", "❌ heartbeat/batch", [this] { return run(client.batchHeartbeat({})).has_value(); }},
-            {"balance", "❌ balance error:", [this] { return run(client.fetchBalance()).has_value(); }},
-            {"getPeers", "getPeers", [this] { return !run(client.getPeers(hash, "all")).empty(); }},
-            {"settle", "settle", [this] { return run(client.walletSettle()).has_value(); }},
-            {"transactions", "transactions",
-             [this] { return run(client.walletTransactions(1, 20, {}, {})).has_value(); }},
-            {"pending", "pending", [this] { return run(client.walletPending({})).has_value(); }},
-            {"transfer", "transfer ❌", [this] { return run(client.walletTransfer("bob", 1, {})).index() == 0; }},
+            {"register[seeding] hash=" + hash, [=, this] { return run(client.registerResource(held)); }},
+            {"unregister hash=" + hash, [this] { return run(client.unregister(hash)); }},
+            {"complete hash=" + hash, [this] { return run(client.markComplete(hash)); }},
+            {"delete hash=" + hash, [this] { return run(client.deleteResource(hash)); }},
+            {"release resources", [this] { return run(client.releaseResourcesForLogout()); }},
+            {"heartbeat/batch", [this] { return run(client.batchHeartbeat({})).has_value(); }},
+            {"balance", [this] { return run(client.fetchBalance()).has_value(); }},
+            {"getPeers", [this] { return !run(client.getPeers(hash, "all")).empty(); }},
+            {"settle", [this] { return run(client.walletSettle()).has_value(); }},
+            {"transactions", [this] { return run(client.walletTransactions(1, 20, {}, {})).has_value(); }},
+            {"pending", [this] { return run(client.walletPending({})).has_value(); }},
+            {"transfer", [this] { return run(client.walletTransfer("bob", 1, {})).index() == 0; }},
         };
     }
 
@@ -101,7 +89,6 @@ protected:
     SkeinTestService service{simulation.executor(), {.users = {{"alice", "open sesame"}, {"bob", "swordfish"}}}};
     ServiceAccount account{ActorSettings(settings, simulation.executor()), random};
     SkeinServiceClient client{http, account, simulation, log};
-    std::size_t seenLines = 0;
 };
 
 }  // namespace skein

@@ -3,11 +3,7 @@
 namespace skein {
 namespace {
 
-using testing::DoubleEq;
-using testing::ElementsAre;
-using testing::FieldsAre;
-using testing::SizeIs;
-using testing::StartsWith;
+using testing::DoubleEq, testing::ElementsAre, testing::FieldsAre, testing::SizeIs;
 
 class SkeinServiceWalletTest : public ServiceTest {
 protected:
@@ -19,7 +15,6 @@ protected:
         signIn("bob", "swordfish");
         const std::vector<HeartbeatPayload> his{report("bob's event", bytes, 0, {{"alice", 0, bytes}})};
         EXPECT_TRUE(run(client.batchHeartbeat(his)));
-        lines();
     }
     static constexpr std::int64_t bytesOfAThousand = std::int64_t{1'000} << 20U;
 };
@@ -33,25 +28,18 @@ TEST_F(SkeinServiceWalletTest, whatIsPendingIsSettledBetweenTheTwo) {
     EXPECT_EQ(lastSent(), "GET /api/wallet/pending ");
     EXPECT_THAT(run(client.walletPending("another hash")).value().in, SizeIs(0));
     EXPECT_EQ(lastSent(), "GET /api/wallet/pending?info_hash=another%20hash ");
-    EXPECT_THAT(lines(), SizeIs(0));
 
     EXPECT_THAT(run(client.walletSettle()).value(), FieldsAre(true, 1, 11.5));
     EXPECT_EQ(lastSent(), "POST /api/wallet/settle ");
-    EXPECT_THAT(lines(), ElementsAre("✓ settle edges=1 balance=11.5"));
-    EXPECT_EQ(run(client.walletSettle())->settledEdges, 0);
-    EXPECT_EQ(service.ledger().wallets["alice"], 8);
 }
 
 TEST_F(SkeinServiceWalletTest, aTransferMovesCreditOrSaysWhyNot) {
     EXPECT_EQ(std::get<double>(run(client.walletTransfer("bob", 2.5, "for the \"cake\""))), 7.5);
     EXPECT_EQ(lastSent(),
               "POST /api/wallet/transfer {\"to_user\":\"bob\",\"amount\":2.5E0,\"note\":\"for the \\\"cake\\\"\"}");
-    EXPECT_THAT(lines(), ElementsAre("✓ transfer balance=7.5"));
-    EXPECT_EQ(service.ledger().wallets["bob"], 12.5);
 
     EXPECT_EQ(failureOf(client.walletTransfer("bob", 100, {})), "insufficient balance");
     EXPECT_EQ(lastSent(), "POST /api/wallet/transfer {\"to_user\":\"bob\",\"amount\":1E2}");
-    EXPECT_THAT(lines(), ElementsAre("transfer ❌ HTTP 400 — {\"error\":\"insufficient balance\"}"));
     const std::tuple<int, const char*, const char*> answers[] = {{503, "closed\nfor today", "closed?for today"},
                                                                  {400, "{\"error\":5}", "{\"error\":5}"},
                                                                  {500, "", "HTTP 500"},
@@ -63,9 +51,7 @@ TEST_F(SkeinServiceWalletTest, aTransferMovesCreditOrSaysWhyNot) {
     }
     service.answerWith({});
     service.fail(ServiceFault::loseAnswer);
-    lines();
     EXPECT_EQ(failureOf(client.walletTransfer("bob", 1, {})), "no response");
-    EXPECT_THAT(lines(), ElementsAre(StartsWith("transfer error: The transfer failed: ")));
     const std::size_t sent = service.requests().size();
     for (const double amount : {0.0, -1.0, std::numeric_limits<double>::infinity(), std::nan("")})
         EXPECT_EQ(failureOf(client.walletTransfer("bob", amount, {})), "the amount must be above 0");

@@ -37,13 +37,6 @@ Bytes compact(const std::vector<PeerAddress>& peers, bool wantsIPv6) {
     return bytes;
 }
 
-BEncodeValue listed(const std::vector<PeerAddress>& peers) {
-    BEncodeValue::List list;
-    for (const PeerAddress& peer : peers)
-        list.emplace_back(BEncodeValue::Dictionary{{"ip", peer.host}, {"port", std::int64_t{peer.port}}});
-    return list;
-}
-
 Bytes udpError(ByteView transaction, std::string_view message) {
     Bytes datagram;
     appendBigEndian(datagram, std::uint32_t{3});
@@ -108,13 +101,9 @@ HTTPReply LoopbackTracker::answerHTTP(const SeenHTTPRequest& request) {
                         number("left"),       query["event"]};
         const Answer answer = track(seen);
         reply = {{"interval", options_.interval}, {"complete", answer.seeders}, {"incomplete", answer.leechers}};
-        if (options_.listsDictionaries) {
-            reply.emplace_back("peers", listed(answer.peers));
-        } else {
-            reply.emplace_back("peers", compact(answer.peers, false));
-            const Bytes more = compact(answer.peers, true);
-            if (!more.empty()) reply.emplace_back("peers6", more);
-        }
+        reply.emplace_back("peers", compact(answer.peers, false));
+        const Bytes more = compact(answer.peers, true);
+        if (!more.empty()) reply.emplace_back("peers6", more);
     }
     return HTTPReply::text(asText(BEncoder::encode(reply)));
 }

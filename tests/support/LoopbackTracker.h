@@ -28,10 +28,9 @@ public:
         std::string address = "127.0.0.1";
         std::uint16_t httpPort = 0;  ///< 0: the system's choice
         std::uint16_t udpPort = 0;
-        std::int64_t interval = 1800;    ///< seconds
-        bool listsDictionaries = false;  ///< peers as a list of dictionaries, though we ask for compact ones
-        std::size_t maxPeers = 200;      ///< in one reply
-        std::string failureReason;       ///< answered to every HTTP announce when not empty
+        std::int64_t interval = 1800;  ///< seconds
+        std::size_t maxPeers = 200;    ///< in one reply
+        std::string failureReason;     ///< answered to every HTTP announce when not empty
     };
     /// One announce, as it was understood.
     struct Seen {

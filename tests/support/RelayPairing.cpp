@@ -20,12 +20,6 @@ std::string queryItem(const std::string& target, std::string_view name) {
 
 asio::awaitable<void> RelayPairing::serve(ServerWebSocket& socket) {
     co_await socket.accept();
-    if (!refusal_.empty()) {
-        WebSocketMessage refusal = WebSocketMessage::text(refusal_);
-        co_await socket.send(std::move(refusal));
-        co_await socket.close();
-        co_return;
-    }
     const std::string& target = socket.target();
     sides_.push_back({socket, queryItem(target, "info_hash"), queryItem(target, "role"), socket.header("X-User-Id")});
     const auto self = std::prev(sides_.end());

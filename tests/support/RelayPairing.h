@@ -29,8 +29,6 @@ public:
     /// Serves one side until it leaves or its partner does.
     asio::awaitable<void> serve(ServerWebSocket& socket);
 
-    /// New sides are told this and sent away; empty for none.
-    void refuseAll(std::string text) { refusal_ = std::move(text); }
     /// Breaks off all sides, paired or not.
     void cutAll();
 
@@ -51,7 +49,6 @@ private:
     asio::awaitable<void> passOn(Side& side);
 
     std::list<Side> sides_;
-    std::string refusal_;
     std::map<Route, std::int64_t> carried_;
 };
 

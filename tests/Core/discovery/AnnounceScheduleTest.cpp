@@ -22,18 +22,13 @@ protected:
         }
         return texts;
     }
+    void report(const TrackerAnnounceOutcome& outcome) {
+        for (const auto& one : taken) schedule.report(one, outcome, now);
+    }
     void answer(std::int64_t interval = 1800) {
-        TrackerAnnounceOutcome outcome;
-        outcome.interval = interval;
-        outcome.complete = 3;
-        outcome.peers = {{"1.2.3.4", 80}};
-        for (const auto& one : taken) schedule.report(one, outcome, now);
+        report({.peers = {{"1.2.3.4", 80}}, .interval = interval, .complete = 3});
     }
-    void fail() {
-        TrackerAnnounceOutcome outcome;
-        outcome.error = "Tracker request timed out";
-        for (const auto& one : taken) schedule.report(one, outcome, now);
-    }
+    void fail() { report({.error = "Tracker request timed out"}); }
     void advance(std::chrono::seconds duration) {
         now.time += duration;
         now.date += duration;
@@ -49,28 +44,22 @@ protected:
     std::vector<AnnounceSchedule::Due> taken;
 };
 
-TEST_F(AnnounceScheduleTest, startsOnceThenAsksAtTheTrackersInterval) {
+TEST_F(AnnounceScheduleTest, startsOnceThenAsksAtTheTrackersIntervalWithinBounds) {
     EXPECT_THAT(due(), ElementsAre("started"));
     EXPECT_THAT(due(), IsEmpty());
     EXPECT_EQ(schedule.nextDue(false), std::nullopt);
-    answer(1800);
-    EXPECT_EQ(untilDue(), 1800s);
-    advance(1799s);
-    EXPECT_THAT(due(), IsEmpty());
-    advance(1s);
-    EXPECT_THAT(due(), ElementsAre("empty"));
-    answer(1800);
-    EXPECT_EQ(untilDue(true), 60s);
+    for (const auto& [interval, pause] : {std::pair(1800L, 1800s), {5, 60s}, {1'000'000'000'000, 86'400s}}) {
+        answer(interval);
+        EXPECT_EQ(untilDue(), pause);
+        EXPECT_EQ(untilDue(true), 60s);
+        advance(pause - 1s);
+        EXPECT_THAT(due(), IsEmpty());
+        advance(1s);
+        EXPECT_THAT(due(), ElementsAre("empty"));
+    }
+    answer();
     advance(60s);
-    EXPECT_THAT(due(false), IsEmpty());
     EXPECT_THAT(due(true), ElementsAre("empty")) << "a download short of peers";
-    answer(5);
-    EXPECT_EQ(untilDue(), 60s);
-    EXPECT_EQ(untilDue(true), 60s);
-    advance(60s);
-    due();
-    answer(1'000'000'000'000);
-    EXPECT_EQ(untilDue(), 86'400s);
 }
 
 TEST_F(AnnounceScheduleTest, aFailingTrackerIsTriedAgainAfterGrowingPauses) {

@@ -69,7 +69,7 @@ protected:
     bool send(const DHTEndpoint& to, ByteView datagram) override {
         EXPECT_LE(datagram.size(), 512U);
         sent.push_back({to, BEncoder::decode(datagram)});
-        return !isUnplugged;
+        return true;
     }
     bool canReach(const IPAddress&) const override { return true; }
     void foundPeer(const NodeID&, const DHTEndpoint& peer) override { found.push_back(peer); }
@@ -109,7 +109,6 @@ protected:
     std::vector<DHTEndpoint> found;
     std::vector<std::string> ends;
     PeerLookup::Statistics statistics;
-    bool isUnplugged = false;
     SecureRandom random;
     DHTProtocol protocol{random, *this};
 };
@@ -128,9 +127,6 @@ TEST_F(DHTProtocolTest, aLookupEndsWhenNobodyIsLeftToAsk) {
     EXPECT_THAT(ends, ElementsAre("exhausted", "exhausted"));
     EXPECT_EQ(statistics.responses + statistics.timeouts, 2U);
     EXPECT_EQ(protocol.deadline(), std::nullopt);
-    isUnplugged = true;  // what cannot leave is not waited for
-    protocol.startLookup(infoHash, now);
-    EXPECT_THAT(ends, SizeIs(3));
 }
 
 TEST_F(DHTProtocolTest, aLookupAsksFourAtATimeAndEightyInAll) {
@@ -149,7 +145,7 @@ TEST_F(DHTProtocolTest, aLookupAsksFourAtATimeAndEightyInAll) {
     EXPECT_EQ(asked.size(), 80U);
 }
 
-TEST_F(DHTProtocolTest, aLookupEndsAfterThirtyFiveSecondsOrWhenItIsCancelled) {
+TEST_F(DHTProtocolTest, aLookupEndsAfterThirtyFiveSeconds) {
     hear(stranger, 1000, nodesFrom(1, 32));
     protocol.startLookup(infoHash, now);
     advance(34'999ms);
@@ -158,11 +154,6 @@ TEST_F(DHTProtocolTest, aLookupEndsAfterThirtyFiveSecondsOrWhenItIsCancelled) {
     EXPECT_THAT(ends, ElementsAre("timeout"));
     EXPECT_EQ(statistics.timeouts, 28U);
     EXPECT_EQ(known(1), nullptr);  // it never answered anybody
-    protocol.startLookup(infoHash, now);
-    protocol.cancelLookup(infoHash, now);
-    EXPECT_THAT(ends, ElementsAre("timeout", "cancelled"));
-    advance(5s);
-    EXPECT_EQ(protocol.deadline(), std::nullopt);
 }
 
 TEST_F(DHTProtocolTest, eachPeerIsHandedOutOnceAndOnlyWhatItsNodeMaySpeakFor) {

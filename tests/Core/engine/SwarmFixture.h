@@ -53,18 +53,22 @@ protected:
         options.discovery.namedPeers = {from};
         return start('g', std::move(options));
     }
-    /// A seeder that `session` knows of.
-    std::unique_ptr<TestSession> addSeederTo(TestSession& session) {
-        auto seeder = startSeeder();
-        simulation.finish(session.session().connectToPeer(seeder->address()));
-        return seeder;
-    }
     /// Time passes by `step` while it has not come to that.
     void waitFor(TestSession& session, Kind kind, Clock::Duration step = Clock::Duration::zero()) {
         simulation.runUntil([&] {
             if (step > Clock::Duration::zero()) simulation.advance(step);
             return session.state() == kind;
         });
+    }
+    void waitUntilWhole(TestSession& getter, Clock::Duration step = Clock::Duration::zero()) {
+        waitFor(getter, Kind::seeding, step);
+        EXPECT_TRUE(hasAllFiles());
+    }
+    /// From a seeder that it is told of.
+    void complete(TestSession& getter, Clock::Duration step = Clock::Duration::zero()) {
+        const auto seeder = startSeeder();
+        simulation.finish(getter.session().connectToPeer(seeder->address()));
+        waitUntilWhole(getter, step);
     }
     bool hasAllFiles() const { return torrent.isWholeIn(getterFolder.path()); }
 

@@ -1,12 +1,11 @@
 #include "Core/engine/TorrentBuilder.h"
 #include "public/common/ThreadPools.h"
+#include "tests/Core/engine/FaultyCalls.h"
 #include "tests/Core/engine/TestTorrent.h"
 #include "tests/support/FailureIn.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <cerrno>
 
 namespace skein {
 namespace {
@@ -90,12 +89,8 @@ TEST_F(TorrentBuilderTest, saysWhyNoTorrentCanBeMade) {
 }
 
 TEST_F(TorrentBuilderTest, noticesFilesThatChangeOrFailMeanwhile) {
-    class FailingReads : public FileCalls {
-        ssize_t read(int /*file*/, const iovec* /*into*/, int /*count*/, std::int64_t /*offset*/) override {
-            errno = EIO;
-            return -1;
-        }
-    } failing;
+    FaultyCalls failing;
+    failing.readError = EIO;
     const auto failureOfHashing = [this](TorrentBuilder& builder, const std::stop_token& stop = {}) {
         return failureIn<TorrentBuildException>([&] { builder.hashPieces(pools.disk(), stop, [](std::int64_t) {}); });
     };

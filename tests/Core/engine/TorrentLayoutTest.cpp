@@ -2,7 +2,6 @@
 #include "Core/engine/TorrentLayout.h"
 #include "tests/Core/engine/TestTorrent.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <limits>
@@ -67,16 +66,6 @@ TEST(TorrentLayoutTest, refusesSizesThatCannotBe) {
     };
     EXPECT_EQ(ofOnePiece(10), std::nullopt);
     EXPECT_EQ(ofOnePiece(huge), StorageError::pieceTooLarge);
-}
-
-TEST(TorrentLayoutTest, slicesARangeByFileAndSkipsEmptyOnes) {
-    const TestTorrent torrent(4, {{"z0", 0}, {"a", 5}, {"z1", 0}, {"z2", 0}, {"b", 1}, {"c", 4}, {"z3", 0}});
-    using Slice = std::array<std::int64_t, 3>;
-    std::vector<Slice> slices;
-    TorrentLayout(*torrent.metaInfo).forEachSlice(3, 5, [&](const TorrentLayout::Slice& slice) {
-        slices.push_back({static_cast<std::int64_t>(slice.file), slice.offset, slice.length});
-    });
-    EXPECT_THAT(slices, testing::ElementsAre(Slice{1, 3, 2}, Slice{4, 0, 1}, Slice{5, 0, 2}));
 }
 
 }  // namespace

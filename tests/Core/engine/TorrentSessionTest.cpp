@@ -12,14 +12,10 @@ class TorrentSessionTest : public SwarmFixture {};
 TEST_F(TorrentSessionTest, downloadsFromASeederWhoThenRests) {
     const auto seeder = startSeeder();
     EXPECT_THAT(seeder->states, ElementsAre(Kind::completed, Kind::seeding));
-    EXPECT_TRUE(seeder->hasStatus("Files already exist, download complete"));
     auto getter = startGetter(seeder->address());
-    waitFor(*getter, Kind::seeding);
+    waitUntilWhole(*getter);
     EXPECT_THAT(getter->states, ElementsAre(Kind::downloading, Kind::completed, Kind::seeding));
-    EXPECT_TRUE(hasAllFiles());
     EXPECT_EQ(TestTorrent::contentOf(getterFolder.path() / "t.torrent"), torrentData);
-    EXPECT_TRUE(getter->hasLogged("[Session] ✓ Piece 17 done ("));
-    EXPECT_TRUE(getter->hasLogged("[Session] ✅ Download completed!"));
     EXPECT_EQ(simulation.finish(getter->session().getCompletionBitmap()), std::vector<bool>(18, true));
     getter->stop();
     simulation.runUntil([&] { return seeder->hasLogged("[Session] Peer disconnected: "); });
@@ -42,7 +38,8 @@ TEST_F(TorrentSessionTest, goesOnFromWhatIsThereAndServesWhileItDownloads) {
         simulation.advance(1s);
         return second->progress.completedBytes == first->progress.completedBytes;
     });
-    const auto seeder = addSeederTo(*second);
+    const auto seeder = startSeeder();
+    simulation.finish(second->session().connectToPeer(seeder->address()));
     waitFor(*second, Kind::seeding);
     waitFor(*first, Kind::seeding);  // which was dialled by the second, and asks it for what it misses
     EXPECT_TRUE(hasAllFiles());
@@ -54,10 +51,7 @@ TEST_F(TorrentSessionTest, dropsAPeerThatSentTwoBadPiecesAndCompletesWithAnother
     simulation.finish(liar.accept());
     simulation.start(seed(liar, 1000, 1));
     simulation.runUntil([&] { return getter->hasLogged("pieces with a bad hash, dropping peer"); });
-    EXPECT_TRUE(getter->hasLogged(" hash mismatch, re-downloading"));
-    const auto seeder = addSeederTo(*getter);
-    waitFor(*getter, Kind::seeding);
-    EXPECT_TRUE(hasAllFiles());
+    complete(*getter);
 }
 
 TEST_F(TorrentSessionTest, isNotMisledByNonsenseBetweenGoodBlocks) {
@@ -77,8 +71,7 @@ TEST_F(TorrentSessionTest, isNotMisledByNonsenseBetweenGoodBlocks) {
     wire::appendMessage(nonsense, MessageID::unchoke);
     simulation.finish(odd.send(std::move(nonsense)));
     simulation.start(serveBlocks(odd, blocks()));
-    waitFor(*getter, Kind::seeding);
-    EXPECT_TRUE(hasAllFiles());
+    waitUntilWhole(*getter);
 }
 
 TEST_F(TorrentSessionTest, givesAPieceThatStallsToSomeoneElse) {
@@ -87,9 +80,7 @@ TEST_F(TorrentSessionTest, givesAPieceThatStallsToSomeoneElse) {
     simulation.finish(silent.accept());
     simulation.finish(seed(silent, 0));
     simulation.runUntil([&] { return silent.available() > 17; });
-    const auto seeder = addSeederTo(*getter);
-    waitFor(*getter, Kind::seeding, 1s);
-    EXPECT_TRUE(hasAllFiles());
+    complete(*getter, 1s);
 }
 
 TEST_F(TorrentSessionTest, findsItsPeersThroughTrackersAndTellsThemHowItGoes) {
@@ -141,8 +132,6 @@ TEST_F(TorrentSessionTest, refusesWhatIsNotItsTorrentAndWhatCannotBeStored) {
         EXPECT_EQ(session->state(), Kind::error);
         return session->statuses.back();
     };
-    EXPECT_EQ(messageFor(toBytes("le")), "Torrent file is not a dictionary");
-    EXPECT_EQ(messageFor(toBytes("de")), "Torrent file has no 'info' key");
     EXPECT_THAT(messageFor(toBytes("d4:info")), HasSubstr("Failed to parse torrent: Unexpected end of data"));
     TestTorrent other(50'000, {{"u", 1}});
     EXPECT_THAT(messageFor(TorrentWriter::write(*other.metaInfo)), HasSubstr("Info hash mismatch: expected "));

@@ -20,6 +20,11 @@ protected:
         ledger.setParty(freeloader, {LinkKind::platform, "eve", true});
         ledger.setParty(stranger, {});
     }
+    void add(PeerKey peer, std::int64_t received, std::int64_t verified, std::int64_t sent) {
+        ledger.addReceived(peer, received);
+        ledger.addVerified(peer, verified);
+        ledger.addSent(peer, sent);
+    }
     HeartbeatPayload drain(const std::string& eventID) {
         return ledger.drain({"alice", eventID, "hash", ResourceStatus::leeching, UploadMode::paid});
     }
@@ -34,14 +39,10 @@ protected:
 };
 
 TEST_F(TrafficLedgerTest, tellsBytesBySourceAndByUser) {
-    ledger.addReceived(direct, 100);
-    ledger.addReceived(relayed, 20);
-    ledger.addReceived(stranger, 3);
-    ledger.addVerified(direct, 64);
-    ledger.addVerified(relayed, 16);
-    ledger.addSent(direct, 7);
-    ledger.addSent(freeloader, 1000);
-    ledger.addSent(stranger, 5);
+    add(direct, 100, 64, 7);
+    add(relayed, 20, 16, 0);
+    add(freeloader, 0, 0, 1000);
+    add(stranger, 3, 0, 5);
     const HeartbeatPayload payload = drain("e1");
     EXPECT_THAT(deltasOf(payload), ElementsAre(80, 123, 1012));
     EXPECT_EQ(payload.downloadedBySource, (BytesBySource{100, 3, 20}));
@@ -49,13 +50,9 @@ TEST_F(TrafficLedgerTest, tellsBytesBySourceAndByUser) {
 }
 
 TEST_F(TrafficLedgerTest, givesAReportOutAgainAsItWasUntilItIsConfirmedOnce) {
-    ledger.addReceived(direct, 20);
-    ledger.addVerified(direct, 10);
-    ledger.addSent(direct, 1);
+    add(direct, 20, 10, 1);
     const HeartbeatPayload first = drain("e1");
-    ledger.addReceived(direct, 7);
-    ledger.addVerified(direct, 5);
-    ledger.addSent(direct, 2);
+    add(direct, 7, 5, 2);
     ledger.removePeer(direct);
     const HeartbeatPayload repeated = drain("e2");
     EXPECT_EQ(repeated.eventID, "e1");
@@ -73,9 +70,8 @@ TEST_F(TrafficLedgerTest, givesAReportOutAgainAsItWasUntilItIsConfirmedOnce) {
 }
 
 TEST_F(TrafficLedgerTest, startsAnewForAnotherUser) {
-    ledger.addReceived(direct, 10);
-    ledger.addVerified(direct, 10);
-    ledger.addSent(relayed, 1);
+    add(direct, 10, 10, 0);
+    add(relayed, 0, 0, 1);
     drain("e1");
     ledger.forget();
     EXPECT_EQ(ledger.uncommitted(), BytesBySource());

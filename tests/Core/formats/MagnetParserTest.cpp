@@ -16,14 +16,17 @@ std::string failureOf(std::string_view uri) {
     return failureIn<MagnetParseException>([&] { MagnetParser::parse(uri); });
 }
 
-TEST(MagnetParser, readsHashNameTrackersAndWebSeeds) {
-    const MagnetLink link = MagnetParser::parse(
-        " \n" + plain + "&dn=Test%20File&dn=other&tr=udp%3A%2F%2Fa.example%3A1&tr=b&ws=w%26&tr=c&x.pe=1.2.3.4:5\u3000");
+TEST(MagnetParser, readsHashNameTrackersAndWebSeedsAndDropsValuesThatDoNotDecode) {
+    const MagnetLink link =
+        MagnetParser::parse(" \n" + plain +
+                            "&dn=Test%20File&dn=other&tr=udp%3A%2F%2Fa.example%3A1&tr=b&ws=w%26&tr=c"
+                            "&x.pe=1.2.3.4:5&tr=%&tr=%4&tr=%zz&tr=a+b%3D=c&tr=%E7%8C%AB&ws\u3000");
     EXPECT_EQ(link.infoHashHex, hex);
     EXPECT_EQ(toHex(link.infoHash), hex);
     EXPECT_EQ(link.displayName, "Test File");
-    EXPECT_THAT(link.trackers, ElementsAre("udp://a.example:1", "b", "c"));
+    EXPECT_THAT(link.trackers, ElementsAre("udp://a.example:1", "b", "c", "a+b==c", "猫"));
     EXPECT_THAT(link.webSeeds, ElementsAre("w&"));
+    EXPECT_FALSE(MagnetParser::parse(plain + "&dn=%FF&dn=late").displayName);
 }
 
 TEST(MagnetParser, readsHashesInBothAlphabetsAndEitherCase) {
@@ -31,14 +34,6 @@ TEST(MagnetParser, readsHashesInBothAlphabetsAndEitherCase) {
                              "magnet:?xt=urn:btih:VK54ZXPOCERDGRCVMZ3YRGIAVK54ZXPO",
                              "magnet:?&&junk&xt=urn:btih:vk54zxpocerdgrcvmz3yrgiavk54zxpo&xt=second"})
         EXPECT_EQ(MagnetParser::parse(text).infoHashHex, hex) << text;
-}
-
-TEST(MagnetParser, dropsValuesThatDoNotDecode) {
-    const MagnetLink link =
-        MagnetParser::parse(plain + "&dn=%FF&dn=late&tr=%&tr=%4&tr=%zz&tr=a+b%3D=c&tr=%E7%8C%AB&ws");
-    EXPECT_FALSE(link.displayName);
-    EXPECT_THAT(link.trackers, ElementsAre("a+b==c", "猫"));
-    EXPECT_TRUE(link.webSeeds.empty());
 }
 
 TEST(MagnetParser, saysWhatIsWrong) {
@@ -55,11 +50,9 @@ TEST(MagnetParser, saysWhatIsWrong) {
         EXPECT_EQ(failureOf("magnet:?xt=urn:btih:" + text), "Invalid info hash: Invalid Base32 string") << text;
 }
 
-TEST(MagnetLink, everyPeerIDStartsAlikeAndEndsAtRandom) {
+TEST(MagnetLink, everyPeerIDIsAnother) {
     SecureRandom random;
-    const PeerID one = MagnetLink::generatePeerID(random);
-    EXPECT_EQ(asText(one).substr(0, 8), "-QM0100-");
-    EXPECT_NE(one, MagnetLink::generatePeerID(random));
+    EXPECT_NE(MagnetLink::generatePeerID(random), MagnetLink::generatePeerID(random));
 }
 
 }  // namespace

@@ -33,13 +33,11 @@ TEST(TorrentParser, readsASingleFile) {
     const std::string info = "d6:lengthi10e4:name8:test.txt12:piece lengthi4e6:pieces3:abce";
     const TorrentMetaInfo torrent = TorrentParser::parse(asBytes("d4:info" + info + "e"));
     EXPECT_EQ(torrent.infoHash, sha1(asBytes(info)));
-    EXPECT_EQ(torrent.infoHashHex, toHex(sha1(asBytes(info))));
     EXPECT_EQ(torrent.name, "test.txt");
     EXPECT_THAT(torrent.files, testing::ElementsAre(TorrentFileInfo{"test.txt", 10, 0}));
     EXPECT_EQ(torrent.totalSize, 10);
     EXPECT_EQ(torrent.pieceLength, 4);
     EXPECT_EQ(torrent.pieces, toBytes("abc"));
-    EXPECT_FALSE(torrent.isPrivate);
 }
 
 TEST(TorrentParser, readsSeveralFilesWithTheirPathsAsGiven) {

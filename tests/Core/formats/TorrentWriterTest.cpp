@@ -22,22 +22,15 @@ TEST(TorrentWriter, writesASingleFileWithSortedKeys) {
 }
 
 TEST(TorrentWriter, whatItWritesIsReadBackTheSame) {
-    TorrentMetaInfo torrent{.name = "d/ir",
-                            .pieceLength = 16384,
-                            .pieces = Bytes(40, 7),
-                            .totalSize = 30'000,
-                            .files = {{"d/ir/a", 10'000, 0}, {"d/ir/sub/b", 20'000, 10'000}},
-                            .isPrivate = true,
-                            .creationDate = std::chrono::sys_seconds(std::chrono::seconds(1'234'567'890)),
-                            .comment = "why",
-                            .createdBy = "skein",
-                            .announceList = {{"t1"}, {"t2", "t3"}}};
-    const Bytes file = TorrentWriter::write(torrent);
-    const TorrentMetaInfo read = TorrentParser::parse(file);
+    TorrentMetaInfo torrent = smallTorrent();
+    torrent.name = "d/ir";
+    torrent.files = {{"d/ir/a", 1, 0}, {"d/ir/sub/b", 2, 1}};
+    torrent.creationDate = std::chrono::sys_seconds(std::chrono::seconds(1'234'567'890));
+    torrent.announceList = {{"t1"}, {"t2", "t3"}};
+    const TorrentMetaInfo read = TorrentParser::parse(TorrentWriter::write(torrent));
     EXPECT_EQ(read.files, torrent.files);
     EXPECT_EQ(read.creationDate, torrent.creationDate);
     EXPECT_EQ(read.announceList, torrent.announceList);
-    EXPECT_EQ(TorrentWriter::write(read), file);
 }
 
 TEST(TorrentWriter, wrapsInfoBytesAsTheyAre) {

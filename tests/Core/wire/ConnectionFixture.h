@@ -25,31 +25,25 @@ protected:
         if (connection) simulation.finish(connection->stop());
         connection.reset();
     }
-    std::unique_ptr<PeerConnection> connectionOver(std::unique_ptr<PeerWireTransport> transport, const PeerAddress& to,
-                                                   PeerDirection direction) {
-        auto made = std::make_unique<PeerConnection>(
+    /// In place of the last one.
+    void makeConnection(std::unique_ptr<PeerWireTransport> transport, const PeerAddress& to) {
+        hangUp();
+        connection = std::make_unique<PeerConnection>(
             PeerConnection::Environment{strand, simulation, log, download, upload}, to,
-            PeerConnection::Identity{infoHash, peerIDOf('o')}, std::move(transport), direction);
+            PeerConnection::Identity{infoHash, peerIDOf('o')}, std::move(transport), PeerDirection::outgoing);
         PeerConnection::Callbacks callbacks;
         callbacks.onPieceReceived = [this](std::uint32_t, std::uint32_t, ByteView block) { append(received, block); };
         callbacks.onPieceRequested = [this](std::vector<BlockRead>& reads) { return serve(reads); };
         callbacks.onDisconnected = [this](const std::string& reason) { endReason = reason; };
-        made->setCallbacks(std::move(callbacks));
-        return made;
-    }
-    /// In place of the last one.
-    void makeConnection(std::unique_ptr<PeerWireTransport> transport, const PeerAddress& to) {
-        hangUp();
-        connection = connectionOver(std::move(transport), to, PeerDirection::outgoing);
+        connection->setCallbacks(std::move(callbacks));
         received.clear();
         endReason.clear();
     }
     /// Dials `peer` over TCP, which accepts and says nothing yet.
-    void startDial(PeerConnection::EncryptionPreference encryption = PeerConnection::EncryptionPreference::plaintext,
-                   MSEPrime prime = MSEPrime::deployed) {
+    void startDial(PeerConnection::EncryptionPreference encryption = PeerConnection::EncryptionPreference::plaintext) {
         const PeerAddress to = peer.address();
         makeConnection(std::make_unique<NWPeerWireTransport>(simulation.executor(), simulation, to, timeout, ""), to);
-        dial = simulation.begin(connection->connect(timeout, encryption, prime));
+        dial = simulation.begin(connection->connect(timeout, encryption, MSEPrime::deployed));
         simulation.finish(peer.accept());
     }
     std::string failureToDial() { return simulation.failureOf(std::move(dial)); }

@@ -1,5 +1,4 @@
 #include "Core/wire/PeerAddress.h"
-#include "Core/wire/PeerRuntimeInfo.h"
 
 #include <gtest/gtest.h>
 
@@ -54,12 +53,6 @@ TEST(PeerAddress, usabilityFollowsScopeAndPort) {
         const PeerAddress portless{row.host, 0};
         EXPECT_FALSE(portless.isUsableHistory() || portless.isLocal()) << row.host;
     }
-}
-
-TEST(PeerTraits, textsAreReadBack) {
-    for (int i = 0; i <= static_cast<int>(PeerSource::incoming); ++i)
-        EXPECT_EQ(peerSourceFrom(textOf(static_cast<PeerSource>(i))), static_cast<PeerSource>(i));
-    EXPECT_FALSE(peerSourceFrom("Dht"));
 }
 
 }  // namespace

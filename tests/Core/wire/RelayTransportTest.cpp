@@ -3,7 +3,6 @@
 #include "Core/wire/RelayPeerWireTransport.h"
 #include "public/common/Within.h"
 #include "tests/Core/wire/ConnectionFixture.h"
-#include "tests/support/RelayPairing.h"
 #include "tests/support/ScriptedWebSocketServer.h"
 
 namespace skein {
@@ -24,9 +23,8 @@ protected:
         simulation.finish(server.stop());
     }
 
-    std::unique_ptr<RelayTransport> relayTo(const std::string& url, std::string role = "leecher",
-                                            std::string user = "me") {
-        const RelayTransport::Request request{url, hash, std::move(role), std::move(user), "t&", "d 1", mode};
+    std::unique_ptr<RelayTransport> relayTo(const std::string& url) {
+        const RelayTransport::Request request{url, hash, "leecher", "me", "t&", "d 1", mode};
         return std::make_unique<RelayTransport>(environment, request);
     }
     void connect(const std::string& path = {}) {
@@ -39,7 +37,6 @@ protected:
         simulation.runUntil([this] { return server.openConnections() == 0; });
     }
     void give(WebSocketMessage message) { simulation.finish(other->send(std::move(message))); }
-    std::string read(std::size_t count) { return std::string(asText(simulation.finish(relay->receive(count)))); }
 
     /// The service: says `word`, if any, then notes what it is sent and how that ends.
     asio::awaitable<void> pair(ServerWebSocket& socket) {
@@ -68,8 +65,7 @@ protected:
     std::function<asio::awaitable<void>(ServerWebSocket&)> script = [this](ServerWebSocket& socket) {
         return pair(socket);
     };
-    ScriptedWebSocketServer server{simulation.executor(),
-                                   [this](ServerWebSocket& socket) -> asio::awaitable<void> { return script(socket); }};
+    ScriptedWebSocketServer server{simulation.executor(), [this](ServerWebSocket& socket) { return script(socket); }};
     const std::string serviceURL = urlOf(server.port());
     ServerWebSocket* other = nullptr;
     std::vector<std::string> seen;
@@ -93,12 +89,11 @@ TEST_F(RelayTransportTest, asksTheServiceForAPartnerAsTheUserOfThisDevice) {
 }
 
 TEST_F(RelayTransportTest, speaksTLSExactlyWhenTheServiceDoes) {
-    for (const std::string scheme : {"https", "HTTPS", "http", "ftp"}) {
-        relay = relayTo(scheme + "://" + peer.address().description());
+    for (const auto& [scheme, first] : {std::pair("https", 22), {"HTTPS", 22}, {"http", 'G'}, {"ftp", 'G'}}) {
+        relay = relayTo(scheme + ("://" + peer.address().description()));
         auto pairing = simulation.begin(relay->connect());
         simulation.finish(peer.accept());
-        const bool isSecure = scheme == "https" || scheme == "HTTPS";
-        EXPECT_EQ(simulation.finish(peer.read(1))[0], isSecure ? 22 : 'G') << "22 opens a TLS handshake";
+        EXPECT_EQ(simulation.finish(peer.read(1))[0], first) << "22 opens a TLS handshake";
         relay.reset();
         EXPECT_EQ(simulation.failureOf(std::move(pairing)), closed);
     }
@@ -113,7 +108,9 @@ TEST_F(RelayTransportTest, tellsWhyThereWasNoPairing) {
         return text;
     };
     word = WebSocketMessage::text("no credit, 无余额");
-    EXPECT_EQ(failure(serviceURL), "Relay rejected: no credit, 无余额");
+    makeConnection(std::make_unique<RelayPeerWireTransport>(relayTo(serviceURL), true), {"10.0.0.1", 1});
+    EXPECT_EQ(simulation.failureOf(connection->connect(45s)), "Relay rejected: no credit, 无余额");
+    EXPECT_FALSE(connection->hasReachedPeer());
     word = WebSocketMessage::text(std::string(100'000, 'x'));
     EXPECT_EQ(failure(serviceURL), "Relay rejected: " + std::string(512, 'x'));
     word = WebSocketMessage::binary(asBytes("ready"));
@@ -151,8 +148,8 @@ TEST_F(RelayTransportTest, readsAcrossMessagesOfEitherKindInTheOrderOfTheCalls) 
     EXPECT_EQ(simulation.finish(std::move(whole)), toBytes(std::string(20, 'a') + std::string(47, 'b') + "c"));
 
     give(WebSocketMessage::binary(asBytes("onetwoabcdefgh")));
-    EXPECT_EQ(read(3), "one");
-    EXPECT_EQ(read(3), "two");
+    EXPECT_EQ(simulation.finish(relay->receive(3)), toBytes("one"));
+    EXPECT_EQ(simulation.finish(relay->receive(3)), toBytes("two"));
 
     // Small reads wait behind a large one, though there are bytes, and are served when it gives up.
     auto large = simulation.begin(within(simulation, 5s, relay->receive(100)));
@@ -170,25 +167,29 @@ TEST_F(RelayTransportTest, readsAcrossMessagesOfEitherKindInTheOrderOfTheCalls) 
     EXPECT_THAT(std::string(asText(some)), testing::StartsWith("gh"));
 }
 
-TEST_F(RelayTransportTest, sendsOneBinaryMessageACallAndSaysGoodbyeWhenCancelled) {
+TEST_F(RelayTransportTest, sendsBinaryMessagesThatEverybodyTakesAndSaysGoodbyeWhenCancelled) {
     connect();
-    simulation.start(relay->send(Bytes(300'000, 1)));
-    simulation.start(relay->send(asBytes("two")));
-    simulation.runUntil([this] { return sent.size() == 2; });
-    EXPECT_EQ(sent[0].data, Bytes(300'000, 1));
-    EXPECT_EQ(sent[1].view(), "two");
-    EXPECT_FALSE(sent[0].isText || sent[1].isText);
+    RelayTransport& raw = *relay;
+    RelayPeerWireTransport transport(std::move(relay), false);
+    constexpr std::size_t largest = RelayPeerWireTransport::largestMessage;
+    const Bytes much(largest * 2 + 1, 5);
+    simulation.finish(transport.send(much));
+    simulation.runUntil([this] { return sent.size() == 3; });
+    EXPECT_EQ(sent[0].data, Bytes(largest, 5));
+    EXPECT_EQ(sent[2].data, Bytes(1, 5));
+    EXPECT_FALSE(sent[0].isText || sent[2].isText);
 
     give(WebSocketMessage::binary(asBytes("read, unread")));
-    EXPECT_EQ(read(4), "read");
-    auto large = simulation.begin(relay->receive(100));
-    auto small = simulation.begin(relay->receive(1));
+    EXPECT_EQ(simulation.finish(transport.receive(4)), toBytes("read"));
+    auto large = simulation.begin(raw.receive(100));
+    auto small = simulation.begin(transport.receive(1));
     simulation.settle();
-    relay->cancel();
+    transport.cancel();
     EXPECT_EQ(simulation.failureOf(std::move(large)), closed);
-    EXPECT_EQ(simulation.failureOf(std::move(small)), closed);
-    EXPECT_EQ(simulation.failureOf(relay->receive(1)), closed) << "though there were bytes";
-    relay->cancel();
+    EXPECT_EQ(simulation.failureOf(std::move(small)), "Peer connection closed");
+    EXPECT_EQ(simulation.failureOf(raw.receive(1)), closed) << "though there were bytes";
+    EXPECT_EQ(simulation.failureOf(transport.send(much)), "Peer connection closed");
+    transport.cancel();
     simulation.runUntil([this] { return !goodbye.empty(); });
     EXPECT_THAT(goodbye, testing::HasSubstr("gracefully closed"));
 }
@@ -223,92 +224,19 @@ TEST_F(RelayTransportTest, slowsTheServiceDownWhileNobodyReadsAndStillServesAnyR
 }
 
 TEST_F(RelayTransportTest, mayBeDroppedAtAnyTime) {
-    for (const bool isPaired : {false, true}) {
-        if (!isPaired) word.reset();
-        if (isPaired) word = WebSocketMessage::text("ready");
-        for (int turns = 0; turns < 20; ++turns) {
-            if (isPaired) {
-                connect();
-            } else {
-                relay = relayTo(serviceURL);
-            }
-            auto reading = simulation.begin(relay->receive(10));
-            auto task = simulation.begin(isPaired ? relay->send(Bytes(std::size_t{16} << 20U)) : relay->connect());
-            int polled = 0;
-            simulation.runUntil([&] { return ++polled > turns; });
-            leave();
-            EXPECT_EQ(simulation.failureOf(std::move(reading)), closed);
-            EXPECT_EQ(simulation.failureOf(std::move(task)), closed);
-        }
-    }
-}
-
-class RelayedPeersTest : public RelayTransportTest {
-protected:
-    RelayedPeersTest() {
-        script = [this](ServerWebSocket& socket) { return pairing.serve(socket); };
-        makeConnection(transportOf("leecher"), anywhere);
-    }
-    ~RelayedPeersTest() override {
-        simulation.finish(seeder->stop());
-        hangUp();
+    for (int turns = 0; turns < 40; ++turns) {
+        const bool isPaired = turns >= 20;
+        word = isPaired ? std::optional(WebSocketMessage::text("ready")) : std::nullopt;
+        relay = relayTo(serviceURL);
+        if (isPaired) connect();
+        auto reading = simulation.begin(relay->receive(10));
+        auto task = simulation.begin(isPaired ? relay->send(Bytes(std::size_t{16} << 20U)) : relay->connect());
+        int polled = 0;
+        simulation.runUntil([&] { return ++polled > turns % 20; });
         leave();
+        EXPECT_EQ(simulation.failureOf(std::move(reading)), closed);
+        EXPECT_EQ(simulation.failureOf(std::move(task)), closed);
     }
-    std::unique_ptr<RelayPeerWireTransport> transportOf(const std::string& role) {
-        return std::make_unique<RelayPeerWireTransport>(relayTo(serviceURL, role, "the " + role), true);
-    }
-
-    const PeerAddress anywhere{"10.0.0.1", 1};
-    RelayPairing pairing;
-    const std::unique_ptr<PeerConnection> seeder =
-        connectionOver(transportOf("seeder"), anywhere, PeerDirection::incoming);
-};
-
-TEST_F(RelayedPeersTest, shakeHandsAndExchangeABlockWhichTheServiceCounts) {
-    simulation.start(seeder->accept(45s));
-    simulation.finish(connection->connect(45s));
-    simulation.runUntil([this] { return seeder->isConnected(); });
-    EXPECT_EQ(connection->transportKind(), PeerTransport::relay);
-    seeder->begin();
-    connection->begin();
-    seeder->sendUnchoke();
-    simulation.runUntil([this] { return !connection->peerChoking(); });
-    const BlockRequest wanted{3, 16384, 16384};
-    connection->sendRequests(std::span(&wanted, 1));
-    simulation.runUntil([&] { return !received.empty(); });
-    EXPECT_EQ(received, Bytes(16384, 3));
-
-    // 68 bytes of handshake each way; a request one way, an unchoke and a piece the other.
-    const std::map<RelayPairing::Route, std::int64_t> expected{{{hash, "the leecher", "the seeder"}, 68 + 17},
-                                                               {{hash, "the seeder", "the leecher"}, 68 + 5 + 16397}};
-    simulation.runUntil([&] { return pairing.carried() == expected; });
-    seeder->disconnect();
-    EXPECT_EQ(endOfConversation(), "Peer connection closed");
-}
-
-TEST_F(RelayedPeersTest, hearWhyTheServiceWillNotHaveIt) {
-    pairing.refuseAll("maintenance");
-    EXPECT_EQ(simulation.failureOf(connection->connect(45s)), "Relay rejected: maintenance");
-    EXPECT_FALSE(connection->hasReachedPeer());
-}
-
-TEST_F(RelayedPeersTest, writeMuchInMessagesThatEverybodyTakes) {
-    script = [this](ServerWebSocket& socket) { return pair(socket); };
-    connect();
-    RelayPeerWireTransport transport(std::move(relay), false);
-    simulation.finish(transport.start());
-    constexpr std::size_t largest = RelayPeerWireTransport::largestMessage;
-    const Bytes much(largest * 2 + 1, 5);
-    simulation.finish(transport.send(much));
-    simulation.runUntil([this] { return sent.size() == 3; });
-    EXPECT_EQ(sent[0].data.size(), largest);
-    EXPECT_EQ(sent[2].data.size(), 1U);
-
-    auto reading = simulation.begin(transport.receive(1));
-    simulation.settle();
-    transport.cancel();
-    EXPECT_EQ(simulation.failureOf(std::move(reading)), "Peer connection closed");
-    EXPECT_EQ(simulation.failureOf(transport.send(much)), "Peer connection closed");
 }
 
 }  // namespace

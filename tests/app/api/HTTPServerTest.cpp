@@ -30,18 +30,22 @@ protected:
     /// Whether the server leaves a client that said only this after `limit`, and not before.
     bool isCutAfter(std::string_view said, Clock::Duration limit) {
         RawClient slow = client();
-        bool hasEnded = false;
         slow.say(said);
-        slow.watch(hasEnded);
+        const auto end = slow.beginToHearOut();
         const std::size_t before = simulation.sleepers();
-        simulation.runUntil([&] { return heads == headsOf(said) && simulation.sleepers() >= before; });
+        const int wholeHeads = said.find("\r\n\r\n") == std::string_view::npos ? 0 : 1;
+        simulation.runUntil([&] { return heads == wholeHeads && simulation.sleepers() >= before; });
         // The server may not have begun to wait yet: what it waits for is then only longer.
         simulation.advance(limit - 1s);
-        const bool wasEarly = hasEnded;
-        simulation.advanceUntil([&] { return hasEnded; });
+        const bool wasEarly = Simulation::hasEnded(end);
+        simulation.advanceUntil([&] { return Simulation::hasEnded(end); });
         return !wasEarly;
     }
-    static int headsOf(std::string_view said) { return said.find("\r\n\r\n") == std::string_view::npos ? 0 : 1; }
+    std::optional<HTTPServerResponse> guard(const HTTPServerRequest& request) {
+        ++heads;
+        if (request.header("x") != "no") return std::nullopt;
+        return HTTPServerResponse{401, "text/plain", "no"};
+    }
     static asio::awaitable<HTTPServerResponse> echo(HTTPServerRequest request) {
         co_return HTTPServerResponse{200, "text/plain", std::move(request.body)};
     }
@@ -49,15 +53,8 @@ protected:
     Simulation simulation;
     RecordingLogger log;
     int heads = 0;
-    HTTPServer server{asio::make_strand(simulation.executor()),
-                      simulation,
-                      log,
-                      {[this](const HTTPServerRequest& request) -> std::optional<HTTPServerResponse> {
-                           ++heads;
-                           if (request.header("x") == "no") return HTTPServerResponse{401, "text/plain", "no"};
-                           return std::nullopt;
-                       },
-                       echo}};
+    const HTTPServer::Callbacks callbacks{[this](const auto& request) { return guard(request); }, echo};
+    HTTPServer server{asio::make_strand(simulation.executor()), simulation, log, callbacks};
 };
 
 TEST_F(HTTPServerTest, cutsOffWhoNeverFinishesARequest) {
@@ -65,7 +62,7 @@ TEST_F(HTTPServerTest, cutsOffWhoNeverFinishesARequest) {
     EXPECT_TRUE(isCutAfter("POST / HTTP/1.1\r\nContent-Length: 3\r\n\r\nab", HTTPServer::patience));
 }
 
-TEST_F(HTTPServerTest, refusesWhatIsTooLargeOrNoRequest) {
+TEST_F(HTTPServerTest, refusesWhatIsTooLargeOrNoRequestAndReadsNoBodyOfWhoIsRefused) {
     const std::string chunk = "4000\r\n" + std::string(0x4000, 'x') + "\r\n";
     const std::pair<std::string, const char*> wrong[] = {
         {"GET / HTTP/1.1\r\nA: " + std::string(20'000, 'a'), "HTTP/1.1 431"},
@@ -74,6 +71,8 @@ TEST_F(HTTPServerTest, refusesWhatIsTooLargeOrNoRequest) {
          "HTTP/1.1 413"},
         {"POST / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" + chunk + chunk + chunk + chunk + chunk,
          "HTTP/1.1 413"},
+        {"POST / HTTP/1.1\r\nX: no\r\nContent-Type: application/x-bittorrent\r\nContent-Length: 33554432\r\n\r\n",
+         "HTTP/1.1 401"},
         {"nonsense\r\n\r\n", "HTTP/1.1 400"},
         {"GET no-path HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
     };
@@ -86,17 +85,10 @@ TEST_F(HTTPServerTest, refusesWhatIsTooLargeOrNoRequest) {
     EXPECT_THAT(right.hearOut(), HasSubstr("\r\n\r\n" + body + "HTTP/1.1 200"));
 }
 
-TEST_F(HTTPServerTest, readsNoBodyOfWhoIsRefused) {
-    EXPECT_THAT(answerTo("POST / HTTP/1.1\r\nX: no\r\nContent-Type: application/x-bittorrent\r\n"
-                         "Content-Length: 33554432\r\n\r\n"),
-                StartsWith("HTTP/1.1 401"));
-}
-
 TEST_F(HTTPServerTest, holdsABoundedNumberOfConnections) {
     std::list<RawClient> clients;
-    const std::string request = "GET / HTTP/1.1\r\n\r\n";
     for (std::size_t i = 0; i < HTTPServer::maxConnections; ++i) {
-        clients.emplace_back(simulation, server.port()).say(request);
+        clients.emplace_back(simulation, server.port()).say("GET / HTTP/1.1\r\n\r\n");
         EXPECT_THAT(clients.back().hear(), StartsWith("HTTP/1.1 200"));
     }
     RawClient tooMany = client();

@@ -6,6 +6,7 @@
 #include "app/client/DaemonClient.h"
 #include "public/common/WholeFile.h"
 
+#include <boost/algorithm/string/case_conv.hpp>
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
@@ -21,20 +22,12 @@ namespace fs = std::filesystem;
 namespace json = boost::json;
 using testing::HasSubstr;
 
-TEST_F(LocalAPITest, letsInOnlyWhoHasTheTokenAndAsksForUs) {
-    const auto statusWith = [&](std::vector<HTTPHeader> headers) {
-        return ask("GET", "/api/v1/tasks", {}, std::move(headers)).status;
-    };
+TEST_F(LocalAPITest, answersOnlyWhoHasTheTokenAndComesFromItself) {
     const HTTPHeader token{"Authorization", "Bearer secret"};
-    const std::string ours = "127.0.0.1:" + std::to_string(api.port());
-    EXPECT_EQ(statusWith({token}), 200);
-    EXPECT_EQ(statusWith({token, {"Origin", "http://" + ours}}), 200);
-    EXPECT_EQ(statusWith({}), 401);
-    for (const char* const wrong : {"Bearer secre", "Bearer secret1", "Bearer ", "Basic secret"})
-        EXPECT_EQ(statusWith({{"Authorization", wrong}}), 401) << wrong;
-    for (const std::string origin : {"http://evil.example", "null", "https://127.0.0.1", "http://127.0.0.1:1"})
-        EXPECT_EQ(statusWith({token, {"Origin", origin}}), 403) << origin;
-    EXPECT_EQ(statusWith({token, {"Host", "evil.example:" + std::to_string(api.port())}}), 403);
+    EXPECT_EQ(ask("GET", "/api/v1/tasks", {}, {token}).status, 200);
+    EXPECT_EQ(ask("GET", "/api/v1/tasks", {}, {}).status, 401);
+    EXPECT_EQ(ask("GET", "/api/v1/tasks", {}, {token, {"Origin", "http://evil.example"}}).status, 403);
+    EXPECT_EQ(ask("GET", "/api/v1/tasks", {}, {token, {"Host", "evil.example"}}).status, 403);
 }
 
 TEST_F(LocalAPITest, offersTheListAndTheCommands) {
@@ -42,11 +35,8 @@ TEST_F(LocalAPITest, offersTheListAndTheCommands) {
     const json::object added = objectIn(ask("POST", "/api/v1/tasks", R"({"source":"no link"})"));
     EXPECT_EQ(added.at("errorMessage").as_string(), "Invalid URL");
     const std::string task = "/api/v1/tasks/" + std::string(added.at("infoHash").as_string());
-    const json::object changed = objectIn(ask("PATCH", task, R"({"category":"book","notes":"n"})"));
-    EXPECT_EQ(changed.at("category").as_string(), "book");
-    EXPECT_EQ(objectIn(ask("GET", task)).at("notes").as_string(), "n");
-    EXPECT_EQ(objectIn(ask("POST", task + "/resume")).at("errorMessage").as_string(),
-              "Cannot resume: download URL missing");
+    EXPECT_EQ(objectIn(ask("PATCH", task, R"({"category":"book","notes":"n"})")).at("category"), "book");
+    EXPECT_EQ(objectIn(ask("GET", task)).at("notes"), "n");
     EXPECT_EQ(ask("PATCH", task, R"({"category":"spell"})").status, 400);
     for (const char* const nonsense : {"", "[]", "{", R"({"source":1})", "{}"})
         EXPECT_EQ(ask("POST", "/api/v1/tasks", nonsense).status, 400) << nonsense;
@@ -69,25 +59,26 @@ TEST_F(LocalAPITest, isDescribedRouteByRoute) {
     std::set<std::string> offered;
     for (const Router::Route& route : api.router().routes()) offered.insert(route.method + " " + route.path);
     std::set<std::string> described;
-    const Bytes file = readWholeFile(SKEIN_OPENAPI, 1'000'000);
-    const json::value document = json::parse(asText(file));
+    const json::value document = json::parse(asText(readWholeFile(SKEIN_OPENAPI, 1'000'000)));
     for (const auto& path : document.as_object().at("paths").as_object())
-        for (const auto& method : path.value().as_object()) {
-            std::string name(method.key());
-            if (name == "parameters") continue;
-            std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
-            described.insert(name + " " + std::string(path.key()));
-        }
+        for (const auto& method : path.value().as_object())
+            if (method.key() != "parameters")
+                described.insert(boost::to_upper_copy(std::string(method.key())) + " " + std::string(path.key()));
     EXPECT_EQ(offered, described);
 }
 
-TEST(APIGuard, boundToEveryAddressTakesLiteralsButNoNames) {
-    const APIGuard guard("t", "0.0.0.0", 7070);
-    const auto statusFor = [&](const std::string& host, const std::string& origin = {}) {
+TEST(APIGuard, letsInWhoHasTheTokenAndAsksForUsByAddressOrAsLocalhost) {
+    const APIGuard guard("secret", "0.0.0.0", 7070);
+    const auto statusFor = [&](const std::string& host, const std::string& origin = {},
+                               const std::string& token = "Bearer secret") {
         const auto refusal =
-            guard.refusalOf({.headers = {{"authorization", "Bearer t"}, {"host", host}, {"origin", origin}}});
+            guard.refusalOf({.headers = {{"authorization", token}, {"host", host}, {"origin", origin}}});
         return refusal ? refusal->status : 200;
     };
+    for (const char* const wrong : {"", "Bearer secre", "Bearer secret1", "Bearer ", "Basic secret"})
+        EXPECT_EQ(statusFor("localhost:7070", {}, wrong), 401) << wrong;
+    for (const char* const wrong : {"http://evil.example", "null", "https://localhost:7070", "http://localhost:1"})
+        EXPECT_EQ(statusFor("localhost:7070", wrong), 403) << wrong;
     for (const char* const ours : {"192.168.1.5:7070", "[2001:db8::1]:7070", "localhost:7070", "0.0.0.0:7070"})
         EXPECT_EQ(statusFor(ours), 200) << ours;
     for (const char* const wrong : {"evil.example:7070", "192.168.1.5:7071", "192.168.1.5", "2001:db8::1:7070",
@@ -95,8 +86,8 @@ TEST(APIGuard, boundToEveryAddressTakesLiteralsButNoNames) {
         EXPECT_EQ(statusFor(wrong), 403) << wrong;
     EXPECT_EQ(statusFor("192.168.1.5:7070", "http://192.168.1.5:7070"), 200);
     EXPECT_EQ(statusFor("192.168.1.5:7070", "http://192.168.1.6:7070"), 403);
-    const APIGuard loopback("t", "127.0.0.1", 7070);
-    EXPECT_TRUE(loopback.refusalOf({.headers = {{"authorization", "Bearer t"}, {"host", "192.168.1.5:7070"}}}));
+    const APIGuard loopback("secret", "127.0.0.1", 7070);
+    EXPECT_TRUE(loopback.refusalOf({.headers = {{"authorization", "Bearer secret"}, {"host", "192.168.1.5:7070"}}}));
     EXPECT_EQ(DaemonAddress::reachable("0.0.0.0"), "127.0.0.1");
     EXPECT_EQ(DaemonAddress::reachable("::"), "::1");
     EXPECT_EQ(DaemonAddress::reachable("192.168.1.5"), "192.168.1.5");

@@ -11,6 +11,7 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 
+#include <future>
 #include <string>
 #include <string_view>
 
@@ -30,29 +31,25 @@ public:
     }
     /// An answer's head, and what came along.
     std::string hear() {
-        simulation_.finish(read(&answer_));
+        simulation_.finish(readHead());
         return answer_;
     }
     /// All that comes until the server is done with us.
     std::string hearOut() {
-        simulation_.finish(readAll());
+        simulation_.finish(beginToHearOut());
         return answer_;
     }
-    /// Goes true when the server leaves.
-    void watch(bool& hasEnded) { simulation_.start(waitForEnd(hasEnded)); }
+    /// Ready when the server leaves.
+    std::future<void> beginToHearOut() { return simulation_.begin(readAll()); }
 
 private:
-    asio::awaitable<void> read(std::string* answer) {
-        co_await asio::async_read_until(socket_, asio::dynamic_buffer(*answer), "\r\n\r\n", asio::use_awaitable);
+    asio::awaitable<void> readHead() {
+        co_await asio::async_read_until(socket_, asio::dynamic_buffer(answer_), "\r\n\r\n", asio::use_awaitable);
     }
     asio::awaitable<void> readAll() {
         boost::system::error_code error;
         co_await asio::async_read(socket_, asio::dynamic_buffer(answer_),
                                   asio::redirect_error(asio::use_awaitable, error));
-    }
-    asio::awaitable<void> waitForEnd(bool& hasEnded) {
-        co_await readAll();
-        hasEnded = true;
     }
 
     Simulation& simulation_;

@@ -7,9 +7,7 @@ namespace skein {
 namespace {
 
 namespace json = boost::json;
-using Kind = WatchAction::Kind;
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -84,10 +82,7 @@ TEST_F(WatchViewTest, theChoiceStaysWithItsTaskAndInSight) {
 }
 
 TEST_F(WatchViewTest, showsChangesAndNothingThatMovesTheCursor) {
-    view.take({{"type", "added"},
-               {"task", task("f",
-                             "\x1B[2J\x07"
-                             "f")}});
+    view.take({{"type", "added"}, {"task", task("f", "\x1B[2J\af")}});
     view.take({{"type", "changed"}, {"task", {{"infoHash", "f"}, {"status", "error"}, {"errorMessage", "\x1B]0;x"}}}});
     view.take({{"type", "changed"}, {"task", {{"infoHash", "unknown"}, {"status", "error"}}}});
     press("G");

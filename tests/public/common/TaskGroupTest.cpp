@@ -1,7 +1,6 @@
 #include "public/common/RunOn.h"
 #include "public/common/TaskGroup.h"
 #include "public/common/ThreadPools.h"
-#include "public/common/Within.h"
 #include "tests/support/Simulation.h"
 
 #include <boost/asio/use_future.hpp>
@@ -19,16 +18,6 @@ asio::awaitable<void> sleepThen(Clock& clock, Clock::Duration duration, int& cou
     ++count;
 }
 
-asio::awaitable<int> failLater(Clock& clock) {
-    co_await clock.sleep(1s);
-    throw std::runtime_error("failed");
-}
-
-asio::awaitable<int> answerLater(Clock& clock, int answer) {
-    co_await clock.sleep(1s);
-    co_return answer;
-}
-
 TEST(TaskGroup, stopCancelsWhatRunsAndRefusesWhatComes) {
     Simulation simulation;
     int count = 0;
@@ -39,22 +28,9 @@ TEST(TaskGroup, stopCancelsWhatRunsAndRefusesWhatComes) {
     EXPECT_EQ(count, 1);
     simulation.finish(tasks.stop());
     tasks.spawn(sleepThen(simulation, 0s, count));
-    EXPECT_THROW(simulation.finish(tasks.call(answerLater(simulation, 1))), boost::system::system_error);
+    EXPECT_THROW(simulation.finish(tasks.call(sleepThen(simulation, 0s, count))), boost::system::system_error);
     simulation.advance(2h);
     EXPECT_EQ(count, 1);
-}
-
-TEST(Within, endsByWhicheverComesFirst) {
-    Simulation simulation;
-    const auto start = [&](Clock::Duration limit, asio::awaitable<int> work) {
-        auto pending = simulation.begin(within(simulation, limit, std::move(work)));
-        simulation.advance(std::min<Clock::Duration>(limit, 1s));
-        EXPECT_TRUE(simulation.hasEnded(pending));
-        return pending;
-    };
-    EXPECT_EQ(start(10s, answerLater(simulation, 42)).get(), 42);
-    EXPECT_THROW(start(10s, failLater(simulation)).get(), std::runtime_error);
-    EXPECT_THROW(start(500ms, failLater(simulation)).get(), TimeLimitExceeded);
 }
 
 /// An actor whose count is only safe because every call moves to its strand.
