@@ -1,14 +1,12 @@
 // A DHT for loopback benchmarks and demonstrations: storing nodes in memory, for trusted clients only.
 
+#include "bench/LoopbackProgram.h"
 #include "tests/support/LoopbackDHT.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/signal_set.hpp>
 
-#include <charconv>
-#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -21,12 +19,6 @@ constexpr const char* usage =
     "Runs COUNT (30) nodes on ADDRESS (127.0.0.1), at PORT and the ports after it; port 0, the default, lets the\n"
     "system choose. Prints the first node's address. Ends on SIGINT or SIGTERM.\n";
 
-template <class Number>
-bool parse(std::string_view text, Number& number) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size();
-}
-
 std::optional<skein::LoopbackDHT::Options> optionsOf(int count, char** arguments) {
     skein::LoopbackDHT::Options options;
     for (int i = 1; i < count; i += 2) {
@@ -38,9 +30,9 @@ std::optional<skein::LoopbackDHT::Options> optionsOf(int count, char** arguments
             options.address = value;
             isUnderstood = skein::IPAddress::parse(value).has_value();
         } else if (name == "--nodes") {
-            isUnderstood = parse(value, options.nodes) && options.nodes > 0;
+            isUnderstood = skein::parseNumber(value, options.nodes) && options.nodes > 0;
         } else if (name == "--port") {
-            isUnderstood = parse(value, options.port);
+            isUnderstood = skein::parseNumber(value, options.port);
         } else {
             isUnderstood = false;
         }
@@ -62,11 +54,7 @@ int main(int count, char** arguments) try {
     skein::LoopbackDHT nodes(context.get_executor(), *options);
     std::printf("%s\n", nodes.bootstrapNode().description().c_str());
     std::fflush(stdout);
-    boost::asio::signal_set signals(context, SIGINT, SIGTERM);
-    signals.async_wait([&](const boost::system::error_code&, int) {
-        boost::asio::co_spawn(context, nodes.stop(), boost::asio::detached);
-    });
-    context.run();
+    skein::runUntilSignalled(context, [&] { boost::asio::co_spawn(context, nodes.stop(), boost::asio::detached); });
     return 0;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "skein_dht: %s\n", error.what());

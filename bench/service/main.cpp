@@ -1,15 +1,13 @@
 // A resource service for loopback trials and demonstrations: in memory, for trusted clients only.
 
+#include "bench/LoopbackProgram.h"
 #include "tests/support/SkeinTestService.h"
 #include "tests/support/TestChatRoom.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/signal_set.hpp>
 
-#include <charconv>
-#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -34,12 +32,6 @@ constexpr const char* usage =
     "loseAnswer\n"
     "duplicateAnswer garbage html oversize. Ends on SIGINT or SIGTERM.\n";
 
-template <class Number>
-bool parse(std::string_view text, Number& number) {
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc() && end == text.data() + text.size();
-}
-
 std::optional<Options> optionsOf(int count, char** arguments) {
     Options given;
     skein::SkeinTestService::Options& options = given.service;
@@ -53,11 +45,11 @@ std::optional<Options> optionsOf(int count, char** arguments) {
             options.address = value;
             isUnderstood = true;
         } else if (name == "--port") {
-            isUnderstood = parse(value, options.port);
+            isUnderstood = skein::parseNumber(value, options.port);
         } else if (name == "--chat") {
-            isUnderstood = parse(value, given.chatPort.emplace());
+            isUnderstood = skein::parseNumber(value, given.chatPort.emplace());
         } else if (name == "--credit") {
-            isUnderstood = parse(value, options.startCredit);
+            isUnderstood = skein::parseNumber(value, options.startCredit);
         } else if (name == "--user") {
             const std::size_t colon = value.find(':');
             isUnderstood = colon != std::string::npos && colon > 0 && colon + 1 < value.size();
@@ -88,12 +80,10 @@ int main(int count, char** arguments) try {
         std::printf("chat on 127.0.0.1:%u\n", static_cast<unsigned>(room->port()));
     }
     std::fflush(stdout);
-    boost::asio::signal_set signals(context, SIGINT, SIGTERM);
-    signals.async_wait([&](const boost::system::error_code&, int) {
+    skein::runUntilSignalled(context, [&] {
         boost::asio::co_spawn(context, service.stop(), boost::asio::detached);
         if (room) boost::asio::co_spawn(context, room->stop(), boost::asio::detached);
     });
-    context.run();
     return 0;
 } catch (const std::exception& error) {
     std::fprintf(stderr, "skein_service: %s\n", error.what());
