@@ -27,6 +27,15 @@ protected:
     const std::filesystem::path file = folder.path() / "logs" / "skein.log";
 };
 
+/// A part of a line that counts how often it is turned into text.
+struct CountedText {
+    int& count;
+    operator std::string_view() const {
+        ++count;
+        return "text";
+    }
+};
+
 TEST_F(FileLoggerTest, writesOneLineAnEventFromItsLevelOn) {
     {
         FileLogger log(file, LogLevel::info);
@@ -38,6 +47,15 @@ TEST_F(FileLoggerTest, writesOneLineAnEventFromItsLevelOn) {
     ASSERT_EQ(written.size(), 2U);
     EXPECT_THAT(written[0], EndsWith(" I [Session] Round 3 finished → {} %s {0} 1099511627776"));
     EXPECT_THAT(written[1], EndsWith(" E [Session] ❌ lost"));
+}
+
+TEST_F(FileLoggerTest, aLevelThatIsOffDoesNotPutTheLineTogether) {
+    int count = 0;
+    FileLogger log(file, LogLevel::warning);
+    log.info(CountedText{count});
+    EXPECT_EQ(count, 0);
+    log.warning(CountedText{count});
+    EXPECT_EQ(count, 1);
 }
 
 TEST_F(FileLoggerTest, whatAPeerSentNeitherBreaksTheLineNorFillsTheLog) {
