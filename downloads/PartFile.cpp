@@ -1,6 +1,7 @@
 #include "downloads/PartFile.h"
 
 #include "downloads/HTTPFileName.h"
+#include "public/common/RenameFile.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -111,16 +112,11 @@ void PartFile::finish(const std::function<void(const std::string&)>& foretell) {
     for (int i = 0; i <= mostNumbers; ++i) {
         const std::string candidate = HTTPFileName::numbered(name_, i);
         const fs::path target = folder_ / candidate;
-        // An empty file holds the name, and only that one is replaced: renaming by itself would replace any.
-        const int holder = ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
-        if (holder < 0 && errno == EEXIST) continue;
-        if (holder < 0) fail(errno, target);
-        ::close(holder);
+        if (isTaken(target)) continue;
         foretell(candidate);
-        if (::rename(path().c_str(), target.c_str()) != 0) {
-            const int error = errno;
-            ::unlink(target.c_str());
-            fail(error, target);
+        if (renameWithoutReplacing(AT_FDCWD, path().string(), target.string()) != 0) {
+            if (errno == EEXIST) continue;
+            fail(errno, target);
         }
         name_ = candidate;
         return syncFolder(folder_);

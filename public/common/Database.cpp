@@ -1,5 +1,6 @@
 #include "public/common/Database.h"
 
+#include "public/common/FileIdentity.h"
 #include "public/common/FileLogger.h"
 
 #include <sqlite3.h>
@@ -37,19 +38,6 @@ std::filesystem::path besides(const std::filesystem::path& file, const char* suf
     path += suffix;
     return path;
 }
-
-/// Which file a path names at the moment.
-struct FileIdentity {
-    dev_t device = 0;
-    ino_t number = 0;
-
-    static FileIdentity of(const std::filesystem::path& file) {
-        struct stat status {};
-        if (::stat(file.c_str(), &status) != 0) return {};
-        return {status.st_dev, status.st_ino};
-    }
-    friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
-};
 
 class FileDescriptor {
 public:
@@ -117,7 +105,7 @@ public:
             throw DatabaseException(errorOf(code), detail);
         }
         sqlite3_busy_timeout(handle_, busyTimeoutMilliseconds);
-        identity_ = FileIdentity::of(file);
+        identity_ = FileIdentity::at(file);
     }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -139,7 +127,7 @@ public:
     }
 
     /// False once `file` names another file than the one that was opened.
-    bool isOf(const std::filesystem::path& file) const { return FileIdentity::of(file) == identity_; }
+    bool isOf(const std::filesystem::path& file) const { return FileIdentity::at(file) == identity_; }
     bool isInTransaction() const noexcept { return sqlite3_get_autocommit(handle_) == 0; }
 
 private:
