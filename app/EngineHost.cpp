@@ -43,6 +43,7 @@ EngineHost::EngineHost(const fs::path& home, std::string bindAddress)
       bindAddress_(std::move(bindAddress)),
       log_(home_ / "logs" / "skein.log", LogLevel::info),
       settings_(home_ / "settings.db", log_),
+      claims_(home_ / "claims.db", log_),
       listener_(pools_.io(), clock_, log_, bindAddress_),
       history_(pools_.io(), ActorSettings(settings_, pools_.disk()), clock_, log_) {
     // What one remote peer sends must not end the program, unless the user wants exactly that.
@@ -87,14 +88,16 @@ void EngineHost::startDHT(std::uint16_t port, const DHTOptions& options) {
 }
 
 TorrentSession::Services EngineHost::services() {
-    return {pools_.io(),
-            pools_.disk(),
-            clock_,
-            log_,
-            TrackerServices{http_, resolver_, datagrams_, clock_, random_, log_},
-            listener_,
-            dht_.get(),
-            &history_};
+    TorrentSession::Services services{pools_.io(),
+                                      pools_.disk(),
+                                      clock_,
+                                      log_,
+                                      TrackerServices{http_, resolver_, datagrams_, clock_, random_, log_},
+                                      listener_,
+                                      dht_.get(),
+                                      &history_};
+    services.claims = &claims_;
+    return services;
 }
 
 std::unique_ptr<HTTPDownloadSession> EngineHost::makeHTTPSession(const std::string& url, const fs::path& folder,

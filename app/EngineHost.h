@@ -3,6 +3,7 @@
 #include "Core/discovery/DHTNode.h"
 #include "Core/discovery/DatagramConnection.h"
 #include "Core/discovery/PeerHistoryStore.h"
+#include "Core/engine/FileClaims.h"
 #include "Core/engine/TorrentSession.h"
 #include "Core/wire/PeerListener.h"
 #include "downloads/HTTPDownloadSession.h"
@@ -51,6 +52,7 @@ public:
     TorrentSession::Options sessionDefaults();
     /// What is kept of torrents that were used before.
     TorrentArchive archive() const { return TorrentArchive(home_); }
+    FileClaims& claims() noexcept { return claims_; }
 
     ThreadPools& pools() noexcept { return pools_; }
     Clock& clock() noexcept { return clock_; }
@@ -84,6 +86,7 @@ private:
     const std::string bindAddress_;
     FileLogger log_;
     SettingsStore settings_;
+    FileClaims claims_;
     RealClock clock_;
     SecureRandom random_;
     SystemDatagrams datagrams_;

@@ -20,6 +20,7 @@ public:
         options.add_option("SOURCE", sources_, "A magnet link, a .torrent file, or the HTTP(S) address of one")
             ->required();
         options_.declare(options);
+        options_.declarePlace(options);
         options.add_flag("--seed", goal_.seedsAfterwards, "Keep serving after completion, until interrupted");
         options.add_option("--timeout", timeoutSeconds_, "Give up when not complete by then")
             ->type_name("SECONDS")
@@ -27,6 +28,8 @@ public:
     }
 
     int run(const GlobalOptions& global) override {
+        if (!options_.output.empty() && sources_.size() > 1)
+            throw CommandFailure("--output", "one name cannot be given to several downloads");
         EngineHost host(global.home(), options_.bindAddress);
         goal_.timeout = std::chrono::seconds(timeoutSeconds_);
         TransferRun transfers(host, options_, goal_);

@@ -25,24 +25,17 @@ ManagerHost::~ManagerHost() {
 
 DownloadManager::Environment ManagerHost::environment() {
     const std::filesystem::path folder = options_.folder.empty() ? host_.downloadFolder() : options_.folder;
-    DownloadManager::Environment environment{host_.pools().io(),
-                                             host_.pools().disk(),
-                                             host_.clock(),
-                                             host_.log(),
-                                             host_.random(),
-                                             center_,
-                                             host_.settings(),
-                                             service_,
-                                             notifier_,
-                                             host_.home(),
-                                             folder,
-                                             host_.memoryLimitMB()};
+    DownloadManager::Environment environment{
+        host_.pools().io(),   host_.pools().disk(), host_.clock(), host_.log(), host_.random(), center_,
+        host_.settings(),     host_.claims(),       service_,      notifier_,   host_.home(),   folder,
+        host_.memoryLimitMB()};
     environment.makers.torrent = [this](const SHA1Digest& infoHash, const SessionWishes& wishes) {
         TorrentSession::Options options = options_.sessionOptions(wishes.folder, defaults_);
         auto& trackers = options.discovery.extraTrackers;
         trackers.insert(trackers.end(), wishes.extraTrackers.begin(), wishes.extraTrackers.end());
         options.accelerates = wishes.accelerates;
         options.seedsOnly = wishes.seedsOnly;
+        options.isListed = true;
         TorrentSession::Services services = host_.services();
         services.resources = &client_;
         return std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()), services,

@@ -21,6 +21,11 @@ std::string checkRate(const std::string& text) {
     return bytes && *bytes >= 0 ? std::string() : "Not a rate like 500K or 2M: " + text;
 }
 
+std::string checkName(const std::string& text) {
+    const bool isName = !text.empty() && text != "." && text != ".." && text.find('/') == text.npos;
+    return isName ? std::string() : "Not the name of a file or folder: " + text;
+}
+
 std::string checkLocalAddress(const std::string& text) {
     return IPAddress::parse(text) ? std::string() : "Not an IP address: " + text;
 }
@@ -80,6 +85,13 @@ void TransferOptions::declare(CLI::App& options) {
     options.add_flag("--json", isJSON, "One JSON object a line");
 }
 
+void TransferOptions::declarePlace(CLI::App& options) {
+    options.add_option("--output,-o", output, "What the file or folder is to be called, instead of its own name")
+        ->type_name("NAME")
+        ->check(CLI::Validator(checkName, ""));
+    options.add_flag("--overwrite", overwrites, "Rename a file that is in the way to NAME.before");
+}
+
 namespace {
 
 std::vector<PeerAddress> parsed(const std::vector<std::string>& texts) {
@@ -111,6 +123,8 @@ TorrentSession::Options TransferOptions::sessionOptions(const std::filesystem::p
     options.dial = {encryptionChoiceOf(encryption), transportChoiceOf(transport)};
     if (!cacheSites.empty()) options.cacheSites = cacheSites;
     if (noCacheSites) options.cacheSites.clear();
+    options.topName = output;
+    options.movesAside = overwrites;
     DiscoveryOptions& discovery = options.discovery;
     discovery.usesTrackers = !noTrackers;
     discovery.usesDHT = !noDHT;

@@ -38,8 +38,12 @@ struct TransferOptions {
     std::size_t maxConnections = TorrentSession::defaultMaxConnections;
     bool allowsLocalPeers = false;
     bool isJSON = false;
+    std::string output;  ///< the name of what is downloaded; empty: its own
+    bool overwrites = false;
 
     void declare(CLI::App& options);
+    /// What only a download takes: how its file or folder is called, and what becomes of one in its place.
+    void declarePlace(CLI::App& options);
     /// `defaults` is what the settings say; what was given here comes before it.
     TorrentSession::Options sessionOptions(const std::filesystem::path& savePath,
                                            TorrentSession::Options defaults) const;

@@ -92,7 +92,8 @@ void TransferRun::addWebFile(std::unique_ptr<Transfer> transfer, const std::stri
     std::error_code error;
     std::filesystem::create_directories(folder(), error);
     if (error) throw CommandFailure(folder().string(), error.message());
-    transfer->web = host_.makeHTTPSession(url, folder());
+    const std::optional<std::string> fileName = options_.output.empty() ? std::nullopt : std::optional(options_.output);
+    transfer->web = host_.makeHTTPSession(url, folder(), fileName);
     transfer->web->setCallbacks(webCallbacksFor(*transfer));
     transfers_.push_back(std::move(transfer));
 }

@@ -21,6 +21,10 @@ constexpr std::int64_t totalSize = 2048 * mebibyte;
 
 enum Place : std::int64_t { sharedMemory, disk };
 
+TorrentStorage::Environment environmentIn(const std::filesystem::path& folder) {
+    return {folder, StorageMode::download, OpenFiles::shared(), FileCalls::real()};
+}
+
 /// 2 GiB of content in `fileCount` files below a folder of its own, made once and deleted at the end.
 class Sample {
 public:
@@ -32,9 +36,10 @@ public:
         const std::int64_t fileSize = totalSize / fileCount;
         for (int i = 0; i < fileCount; ++i)
             metaInfo.files.push_back({"t/" + std::to_string(i), fileSize, i * fileSize});
-        storage = std::make_unique<TorrentStorage>(TorrentLayout(unhashed()), folder, StorageMode::download,
-                                                   OpenFiles::shared(), FileCalls::real());
-        storage->prepare(0, metaInfo.files.size());
+        storage = std::make_unique<TorrentStorage>(TorrentLayout(unhashed()), environmentIn(folder));
+        storage->survey(0, metaInfo.files.size());
+        storage->take(pieceLength, PieceSet(metaInfo.pieceCount()));
+        storage->makeMissing(0, metaInfo.files.size());
         Bytes piece(static_cast<std::size_t>(pieceLength));
         SecureRandom().fill(piece);
         metaInfo.pieces.clear();
@@ -129,9 +134,8 @@ void verifyFresh(benchmark::State& state) {
             state.PauseTiming();
             std::filesystem::remove_all(folder / "t");
             state.ResumeTiming();
-            TorrentStorage storage(TorrentLayout(metaInfo), folder, StorageMode::download, OpenFiles::shared(),
-                                   FileCalls::real());
-            storage.prepare(0, metaInfo.files.size());
+            TorrentStorage storage(TorrentLayout(metaInfo), environmentIn(folder));
+            storage.survey(0, metaInfo.files.size());
             PieceVerifier verifier(metaInfo, storage, pools.disk(), 2);
             int missing = 0;
             PieceVerifier::OnChecked count = [&](std::span<const PieceVerifier::Checked> checked) {
@@ -139,6 +143,8 @@ void verifyFresh(benchmark::State& state) {
             };
             asio::co_spawn(asio::make_strand(pools.io()), verifier.run(std::move(count)), asio::use_future).get();
             if (missing != metaInfo.pieceCount()) state.SkipWithError("a piece was not missing");
+            storage.take(metaInfo.pieceLength, PieceSet(metaInfo.pieceCount()));
+            storage.makeMissing(0, metaInfo.files.size());
         }
     }
     std::filesystem::remove_all(folder);

@@ -5,6 +5,7 @@
 #include "Core/formats/TorrentParser.h"
 #include "downloads/SavedTask.h"
 #include "downloads/TaskListChanged.h"
+#include "public/common/Database.h"
 #include "public/common/RunOn.h"
 
 #include <boost/url/parse.hpp>
@@ -37,7 +38,8 @@ DownloadManager::DownloadManager(Environment environment)
       wake_(tasks_.strand()),
       store_(tasks_.strand(), environment_.disk, environment_.clock, environment_.log, environment_.home,
              [this] { return snapshot(); }),
-      targets_(tasks_.strand(), environment_.disk, environment_.home, environment_.downloadsDirectory),
+      targets_(tasks_.strand(), environment_.disk, environment_.home, environment_.downloadsDirectory,
+               environment_.claims),
       sessions_(tasks_.strand(), environment_.log, targets_, environment_.makers, sessionCallbacks()),
       heartbeat_(heartbeatEnvironment()),
       memoryMonitor_(tasks_.strand(), environment_.disk, environment_.clock, environment_.memoryLimitMB,
@@ -54,11 +56,18 @@ asio::awaitable<void> DownloadManager::load() {
         list_.push_back(std::move(saved).restore(environment_.center, environment_.random));
         if (list_.back()->status() == TaskStatus::paused) rest(list_.back(), TaskStatus::paused);
     }
-    auto makeFolder = [this] {
+    std::set<SHA1Digest> listed;
+    for (const Task& task : list_) listed.insert(TaskTargets::keyOf(*task));
+    auto prepare = [this, &listed] {
         std::error_code error;  // told with the first download that cannot be written
         std::filesystem::create_directories(environment_.downloadsDirectory, error);
+        try {
+            environment_.claims.keepListed(listed);
+        } catch (const DatabaseException& failure) {
+            environment_.log.warning("[Manager] whose files are whose: ", failure.what());
+        }
     };
-    co_await runOn(environment_.disk, std::move(makeFolder));
+    co_await runOn(environment_.disk, std::move(prepare));
     co_await heartbeat_.load();
     tasks_.spawn(speedLoop());
     tasks_.spawn(beginAccountTasks());

@@ -42,6 +42,7 @@ public:
         Random& random;
         MsgCenter& center;
         ActorSettings settings;
+        FileClaims& claims;
         ResourceService& service;
         CompletionNotifier& notifier;
         std::filesystem::path home;

@@ -10,18 +10,6 @@
 
 namespace skein {
 
-namespace {
-
-/// What of its list a task has written, and may delete. `isRecorded`: it had a target.
-FileList writtenFiles(const TorrentTask& task, bool isRecorded) {
-    // Until it is whole, a web file does not bear its name: another one may.
-    const bool isWeb = task.downloadType == DownloadType::http;
-    const bool hasWritten = task.isFinished() || (!isWeb && (isRecorded || task.progress() > 0));
-    return hasWritten ? task.files() : FileList();
-}
-
-}  // namespace
-
 // --- one command a task ----------------------------------------------------------------------------------------------
 
 /// Runs the command to its end, whether or not the caller waits for it. While one runs, others for its task do nothing.
@@ -190,7 +178,7 @@ asio::awaitable<void> DownloadManager::redownload(Task task) {
     if (!origin) co_return;
     const SHA1Digest key = TaskTargets::keyOf(*task);
     auto target = co_await targets_.take(key, TaskTargets::Purpose::remove);
-    const TaskFiles files(target->folder, writtenFiles(*task, target->isRecorded));
+    const TaskFiles files(target->folder, task->files());
     {
         const auto batch = task->batch();
         task->status.set(origin->torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
@@ -205,7 +193,7 @@ asio::awaitable<void> DownloadManager::redownload(Task task) {
     if (task->downloadType == DownloadType::http) co_await sessions_.clearHTTPDownload(task, target->folder);
     auto clear = [this, key, files] {
         archive_.forgetResumeRecord(key);
-        return files.remove();
+        return files.remove(environment_.claims.claimsOf(key));
     };
     const TaskFiles::Removal removal = co_await runOn(environment_.disk, std::move(clear));
     report(removal, task->name());
@@ -254,11 +242,12 @@ asio::awaitable<void> DownloadManager::deleteTraces(Task task, const TaskTargets
     const bool isTorrent = task->downloadType == DownloadType::torrent;
     if (!isTorrent && target != nullptr) co_await sessions_.clearHTTPDownload(task, target->folder);
     std::optional<TaskFiles> files;
-    if (deleteFiles && target != nullptr) files.emplace(target->folder, writtenFiles(*task, target->isRecorded));
+    if (deleteFiles && target != nullptr) files.emplace(target->folder, task->files());
     auto clear = [this, key = TaskTargets::keyOf(*task), isTorrent, files] {
         if (isTorrent) archive_.forget(key);
-        auto removal = files ? files->remove() : TaskFiles::Removal();
+        auto removal = files ? files->remove(environment_.claims.claimsOf(key)) : TaskFiles::Removal();
         targets_.forget(key);
+        environment_.claims.forget(key);
         return removal;
     };
     const TaskFiles::Removal removal = co_await runOn(environment_.disk, std::move(clear));

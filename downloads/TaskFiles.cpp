@@ -39,11 +39,15 @@ class Remover {
 public:
     explicit Remover(const fs::path& folder) : folder_(folder) {}
 
-    void removeFile(const std::string& path) {
+    /// `identity` is what the task put down of it; no file: killed before it could, and so before it wrote anything.
+    void removeFile(const std::string& path, const FileIdentity& identity) {
         struct stat status {};
         const int parent = enter(parentOf(path));
         if (parent < 0 || ::fstatat(parent, nameOf(path), &status, AT_SYMLINK_NOFOLLOW) != 0) return note(path);
         if (!S_ISREG(status.st_mode)) return note(path, "not a regular file");
+        const bool isOurs =
+            identity.isFile() ? FileIdentity::at(parent, nameOf(path)) == identity : status.st_size == 0;
+        if (!isOurs) return note(path, "not a file of this download");
         if (::unlinkat(parent, nameOf(path), 0) != 0) return note(path);
         ++result.files;
         emptied_.emplace(parentOf(path));
@@ -129,11 +133,13 @@ bool TaskFiles::isFileAvailable(const TorrentFileInfo& file, double progress) co
     return progress >= 1.0 && path && fs::is_regular_file(*path, ignored);
 }
 
-TaskFiles::Removal TaskFiles::remove() const {
+TaskFiles::Removal TaskFiles::remove(const std::vector<FileClaims::Claim>& claims) const {
     Remover remover(folder_);
-    for (const TorrentFileInfo& file : files_) {
+    for (const auto& [index, identity] : claims) {
+        if (index >= files_.size()) continue;
+        const TorrentFileInfo& file = files_[index];
         if (const auto path = safePath(file)) {
-            remover.removeFile(*path);
+            remover.removeFile(*path, identity);
         } else {
             remover.note(file.path.substr(0, TorrentLayout::longestComponent), "not below the download folder");
         }

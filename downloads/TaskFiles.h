@@ -1,11 +1,13 @@
 #pragma once
 
+#include "Core/engine/FileClaims.h"
 #include "downloads/FileList.h"
 
 #include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace skein {
 
@@ -32,10 +34,11 @@ public:
         std::size_t failures = 0;
         std::string firstFailure;  ///< "path: reason"; empty without one
     };
-    /// Deletes the files of the list, then the folders below the download folder that this left empty. What is not in
-    /// the list stays. Symbolic links are neither followed below the download folder nor deleted. What is missing
-    /// already is no failure; a failure does not keep the rest from being deleted.
-    Removal remove() const;
+    /// Deletes the files of the list that the task claims, then the folders below the download folder that this left
+    /// empty. A file that the task does not claim stays, and so does one that took the place of a claimed one.
+    /// Symbolic links are neither followed below the download folder nor deleted. What is missing already is no
+    /// failure; a failure does not keep the rest from being deleted.
+    Removal remove(const std::vector<FileClaims::Claim>& claims) const;
 
 private:
     std::filesystem::path folder_;

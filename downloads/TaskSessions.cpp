@@ -1,5 +1,7 @@
 #include "downloads/TaskSessions.h"
 
+#include "public/common/Database.h"
+
 #include <boost/asio/post.hpp>
 
 #include <algorithm>
@@ -162,6 +164,12 @@ asio::awaitable<void> TaskSessions::dropSession(Task task) { co_await stopSessio
 
 /// Its resume data goes once the list says that it is complete: killed in between, a new session finds it finished.
 asio::awaitable<void> TaskSessions::dropCompleted(Task task, std::shared_ptr<Running> running) {
+    try {
+        if (running->target) co_await targets_.claimWebFile(*running->target, task->name());
+    } catch (const DatabaseException& error) {
+        // It stays on disk when the task is removed with its files: that is the safe side.
+        log_.warning("[Manager] ", task->name(), " could not be put down as ours: ", error.what());
+    }
     running->isSaved = co_await callbacks_.whenSaved();
     co_await stopSession(std::move(task));
 }

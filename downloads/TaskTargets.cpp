@@ -30,10 +30,11 @@ TaskTargets::Hold::~Hold() {
 }
 
 TaskTargets::TaskTargets(const Strand& main, asio::any_io_executor disk, const fs::path& home,
-                         const fs::path& downloadsDirectory)
+                         const fs::path& downloadsDirectory, FileClaims& claims)
     : disk_(std::move(disk)),
       records_(home / "resume"),
       downloadsDirectory_(fs::absolute(downloadsDirectory)),
+      claims_(claims),
       released_(main) {}
 
 SHA1Digest TaskTargets::keyOf(const TorrentTask& task) {
@@ -51,9 +52,8 @@ asio::awaitable<std::unique_ptr<TaskTargets::Hold>> TaskTargets::take(SHA1Digest
     auto work = [this, purpose, hold = hold.get()] {
         const auto folder = recorded(hold->key_);
         hold->folder = folder.value_or(downloadsDirectory_);
-        hold->isRecorded = folder.has_value();
         hold->lock_.emplace(hold->folder, hold->key_);
-        if (purpose != Purpose::write || hold->isRecorded) return;
+        if (purpose != Purpose::write || folder) return;
         fs::create_directories(records_);
         replaceWholeFile(recordOf(hold->key_), asBytes(hold->folder.string()));
     };
@@ -68,6 +68,15 @@ asio::awaitable<void> TaskTargets::whenFree(SHA1Digest key) {
 asio::awaitable<fs::path> TaskTargets::folderOf(SHA1Digest key) {
     auto read = [this, key] { return recorded(key).value_or(downloadsDirectory_); };
     co_return co_await runOn(disk_, std::move(read));
+}
+
+asio::awaitable<void> TaskTargets::claimWebFile(const Hold& hold, std::string name) {
+    auto claim = [this, &hold, &name] {
+        const std::vector<FileClaims::Claim> claims{{0, FileIdentity::at(hold.folder / name)}};
+        claims_.begin({hold.key_, hold.folder, true}, claims);
+        claims_.settle(hold.key_, claims);
+    };
+    co_await runOn(disk_, std::move(claim));
 }
 
 void TaskTargets::forget(const SHA1Digest& key) const {

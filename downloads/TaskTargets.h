@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/engine/FileClaims.h"
 #include "public/common/Notifier.h"
 #include "public/common/SHA1.h"
 #include "public/common/TargetLock.h"
@@ -13,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <string>
 
 namespace skein {
 
@@ -34,7 +36,6 @@ public:
         ~Hold();
 
         std::filesystem::path folder;
-        bool isRecorded = false;  ///< something may have been written there
 
     private:
         friend class TaskTargets;
@@ -45,7 +46,7 @@ public:
     enum class Purpose : std::uint8_t { write, remove };
 
     TaskTargets(const Strand& main, asio::any_io_executor disk, const std::filesystem::path& home,
-                const std::filesystem::path& downloadsDirectory);
+                const std::filesystem::path& downloadsDirectory, FileClaims& claims);
 
     /// The info-hash of a torrent; for a web file what `skein get` locks, too.
     static SHA1Digest keyOf(const TorrentTask& task);
@@ -56,6 +57,8 @@ public:
     asio::awaitable<void> whenFree(SHA1Digest key);
     /// Without taking it.
     asio::awaitable<std::filesystem::path> folderOf(SHA1Digest key);
+    /// Puts down that the finished web file `name` in the held folder is the task's.
+    asio::awaitable<void> claimWebFile(const Hold& hold, std::string name);
     /// What was put down of it. A file call: disk pool only.
     void forget(const SHA1Digest& key) const;
 
@@ -66,6 +69,7 @@ private:
     const asio::any_io_executor disk_;
     const std::filesystem::path records_;
     const std::filesystem::path downloadsDirectory_;
+    FileClaims& claims_;
     std::set<SHA1Digest> held_;
     Notifier released_;
 };

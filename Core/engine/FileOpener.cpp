@@ -1,6 +1,7 @@
 #include "Core/engine/FileOpener.h"
 
 #include "Core/engine/StorageError.h"
+#include "public/common/RenameFile.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -9,6 +10,12 @@
 
 namespace skein {
 
+namespace {
+
+std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+}  // namespace
+
 FileOpener::FileOpener(const std::filesystem::path& root, StorageMode mode, OpenFiles& openFiles, FileCalls& calls)
     : root_(root), mode_(mode), openFiles_(openFiles), calls_(calls) {}
 
@@ -16,11 +23,48 @@ FileDescriptor FileOpener::open(const std::string& path, OpenFiles::Access acces
     return open(path, access == OpenFiles::Access::write ? O_RDWR : O_RDONLY);
 }
 
-FileDescriptor FileOpener::create(const std::string& path) { return open(path, O_RDWR | O_CREAT); }
+FileDescriptor FileOpener::createNew(const std::string& path) {
+    try {
+        return open(path, O_RDWR | O_CREAT | O_EXCL);
+    } catch (const StorageException& error) {
+        // Somebody was quicker.
+        if (error.code == EEXIST) throw StorageException::foreignFile((root_ / path).string());
+        throw;
+    }
+}
+
+FileOpener::Found FileOpener::look(const std::string& path) {
+    try {
+        enterFolderOf(path, false);
+    } catch (const StorageException& error) {
+        if (error.code == ENOENT) return {};
+        throw;
+    }
+    const std::string name = nameOf(path);
+    struct stat status {};
+    if (::fstatat(folder_.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        if (errno == ENOENT) return {};
+        throw StorageException::failedCall(path, errno);
+    }
+    if (S_ISLNK(status.st_mode)) throw StorageException(StorageError::symbolicLink, path);
+    if (S_ISDIR(status.st_mode)) throw StorageException::failedCall(path, EISDIR);
+    if (!S_ISREG(status.st_mode)) throw StorageException(StorageError::notAFile, path);
+    return {status.st_size, FileIdentity::at(folder_.number(), name.c_str())};
+}
+
+void FileOpener::moveAside(const std::string& path) {
+    enterFolderOf(path, false);
+    const std::string name = nameOf(path);
+    for (int copy = 1;; ++copy) {
+        const std::string aside = name + ".before" + (copy == 1 ? "" : "." + std::to_string(copy));
+        if (renameWithoutReplacing(folder_.number(), name, aside) == 0) return;
+        if (errno != EEXIST) throw StorageException::failedCall(path, errno);
+    }
+}
 
 FileDescriptor FileOpener::open(const std::string& path, int flags) {
     enterFolderOf(path, (flags & O_CREAT) != 0);
-    const std::string name = path.substr(path.rfind('/') + 1);
+    const std::string name = nameOf(path);
     if (mode_ == StorageMode::download) flags |= O_NOFOLLOW;
     // O_NONBLOCK: a pipe left in the file's place must not hold a disk thread for ever.
     FileDescriptor file(tryOpen(folder_.number(), name.c_str(), flags | O_NONBLOCK));

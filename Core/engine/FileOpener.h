@@ -3,6 +3,7 @@
 #include "Core/engine/FileCalls.h"
 #include "Core/engine/OpenFiles.h"
 #include "Core/engine/StorageMode.h"
+#include "public/common/FileIdentity.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -22,8 +23,16 @@ public:
 
     /// `path` is below `root`, with slashes.
     FileDescriptor open(const std::string& path, OpenFiles::Access access);
-    /// Opens it for writing; folders and the file are made unless they are there.
-    FileDescriptor create(const std::string& path);
+    /// Makes the file, and the folders that it needs, and opens it for writing. Never opens one that is there.
+    FileDescriptor createNew(const std::string& path);
+    /// What stands at `path`, without opening it; a default one where nothing does.
+    struct Found {
+        std::int64_t sizeBytes = 0;
+        FileIdentity identity;
+    };
+    Found look(const std::string& path);
+    /// Renames the file to NAME.before, or NAME.before.2 and so on where that is taken.
+    void moveAside(const std::string& path);
     /// In bytes; what is no regular file is refused.
     std::int64_t sizeOf(const FileDescriptor& file, const std::string& path);
 

@@ -17,7 +17,7 @@ namespace {
 
 /// A block's memory comes in such chunks: few enough for one write call, small enough that little is unused.
 constexpr std::int64_t largestChunk = std::int64_t{256} << 10U;
-/// Files prepared in one visit to the disk pool, between which the work can be cancelled.
+/// Files looked at or made in one visit to the disk pool, between which the work can be cancelled.
 constexpr std::size_t filesPerVisit = 256;
 constexpr std::chrono::milliseconds reportInterval{100};
 
@@ -47,8 +47,10 @@ PieceManager::PieceManager(std::shared_ptr<const TorrentMetaInfo> metaInfo, std:
       room_(environment_.strand, asio::steady_timer::time_point::max()),
       conditions_(static_cast<std::size_t>(metaInfo_->pieceCount()), PieceCondition::unchecked) {
     try {
-        storage_ = std::make_unique<TorrentStorage>(TorrentLayout(*metaInfo_), std::move(savePath), mode,
-                                                    environment_.openFiles, environment_.calls);
+        TorrentStorage::Environment storage{std::move(savePath),    mode,
+                                            environment_.openFiles, environment_.calls,
+                                            metaInfo_->infoHash,    environment_.claim};
+        storage_ = std::make_unique<TorrentStorage>(TorrentLayout(*metaInfo_), std::move(storage));
     } catch (const StorageException& refusal) {
         refusal_.emplace(refusal);
     }
@@ -58,18 +60,32 @@ PieceManager::~PieceManager() = default;
 
 asio::awaitable<void> PieceManager::setup(Bytes resumeRecord) {
     if (refusal_) throw StorageException(*refusal_);
-    const std::size_t fileCount = storage_->layout().files().size();
-    for (std::size_t first = 0; first == 0 || first < fileCount; first += filesPerVisit) {
-        auto visit = [this, first] { storage_->prepare(first, filesPerVisit); };
-        co_await runOn(environment_.disk, std::move(visit));
-    }
+    auto survey = [this](std::size_t first, std::size_t count) { storage_->survey(first, count); };
+    if (mode_ == Mode::download) co_await visitFiles(std::move(survey));
     PieceSet trusted(metaInfo_->pieceCount());
     if (!resumeRecord.empty()) {
         auto compare = [&] { return trustedPieces(resumeRecord); };
         trusted = co_await runOn(environment_.disk, std::move(compare));
     }
     co_await verify(std::move(trusted));
-    storage_->forgetPreparation();
+    if (mode_ == Mode::download) co_await takeFiles();
+}
+
+asio::awaitable<void> PieceManager::takeFiles() {
+    auto take = [this] { storage_->take(metaInfo_->pieceLength, completed_); };
+    co_await runOn(environment_.disk, std::move(take));
+    auto makeMissing = [this](std::size_t first, std::size_t count) { storage_->makeMissing(first, count); };
+    co_await visitFiles(std::move(makeMissing));
+    auto settle = [this] { storage_->settle(); };
+    co_await runOn(environment_.disk, std::move(settle));
+}
+
+asio::awaitable<void> PieceManager::visitFiles(std::function<void(std::size_t, std::size_t)> visit) {
+    const std::size_t fileCount = storage_->layout().files().size();
+    for (std::size_t first = 0; first == 0 || first < fileCount; first += filesPerVisit) {
+        auto batch = [&visit, first] { visit(first, filesPerVisit); };
+        co_await runOn(environment_.disk, std::move(batch));
+    }
 }
 
 /// Runs on the disk pool. A piece is trusted when every file that it touches is as it was.

@@ -56,6 +56,7 @@ public:
         FileLogger& log;
         std::shared_ptr<OpenFiles> openFiles = OpenFiles::shared();
         FileCalls& calls = FileCalls::real();
+        ClaimTerms claim = {};
     };
     /// The readers wait while so many bytes are whole but not yet written: eight pieces keep the disk threads busy,
     /// within these bounds; two are let in whatever their size.
@@ -68,8 +69,9 @@ public:
     PieceManager& operator=(const PieceManager&) = delete;
     ~PieceManager();
 
-    /// Checks the torrent, prepares its files (a download only) and verifies what is there. With the encoded record of
-    /// an earlier run, what it verified is taken as good where the files are as they were then.
+    /// Checks the torrent and verifies what is there; a download then takes the files that are its own and makes the
+    /// missing ones, or fails when somebody else's stand in the way. With the encoded record of an earlier run, what it
+    /// verified is taken as good where the files are as they were then.
     asio::awaitable<void> setup(Bytes resumeRecord = {});
     /// An encoded record that vouches for `verified`: what was completed before the last `sync`, so that it is on the
     /// device.
@@ -149,6 +151,9 @@ private:
     void dropInFlight(int piece);
     bool isReadable(const BlockRequest& block) const noexcept;
     void readNow(std::vector<BlockRead*>& reads);
+    /// Calls `visit(first, count)` on the disk pool for one batch of the torrent's files after the other.
+    asio::awaitable<void> visitFiles(std::function<void(std::size_t first, std::size_t count)> visit);
+    asio::awaitable<void> takeFiles();
     PieceSet trustedPieces(const Bytes& resumeRecord);
     asio::awaitable<void> verify(PieceSet trusted);
     void onChecked(std::span<const PieceVerifier::Checked> checked);

@@ -16,6 +16,7 @@ std::string_view textOf(StorageError error) noexcept {
         case StorageError::notAFile: return "Not a regular file: ";
         case StorageError::symbolicLink: return "Symbolic link inside the download folder: ";
         case StorageError::fileTooShort: return "File is too short: ";
+        case StorageError::foreignFile:
         case StorageError::system: return "";
     }
     return "";
@@ -23,6 +24,13 @@ std::string_view textOf(StorageError error) noexcept {
 
 StorageException StorageException::failedCall(const std::string& path, int code) {
     return StorageException(StorageError::system, path + ": " + std::generic_category().message(code), code);
+}
+
+StorageException StorageException::foreignFile(const std::string& path) {
+    return StorageException(StorageError::foreignFile,
+                            path +
+                                " exists and is not part of this download - choose another name (--output NAME) or "
+                                "another folder, or have it moved aside (--overwrite)");
 }
 
 }  // namespace skein

@@ -17,6 +17,7 @@ enum class StorageError {
     notAFile,
     symbolicLink,
     fileTooShort,
+    foreignFile,
     system,
 };
 std::string_view textOf(StorageError error) noexcept;
@@ -28,6 +29,8 @@ public:
         : std::runtime_error(std::string(textOf(why)).append(detail)), error(why), code(systemCode) {}
     /// A failed system call on `path`; `code` is its errno.
     static StorageException failedCall(const std::string& path, int code);
+    /// `path` holds a file of somebody else; the text says what the user can do.
+    static StorageException foreignFile(const std::string& path);
 
     const StorageError error;
     const int code;  ///< the errno of a failed system call, else 0

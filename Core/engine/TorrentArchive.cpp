@@ -49,8 +49,8 @@ fs::path TorrentArchive::resumeRecordOf(const SHA1Digest& infoHash) const {
 
 fs::path TorrentArchive::save(const SHA1Digest& infoHash, const fs::path& folder, std::string_view name,
                               ByteView data) const {
-    keep(infoHash, data);
     const TorrentFile::Saved saved = TorrentFile::save(folder, name, data);
+    fs::create_directories(home_ / "torrents");
     if (saved.isNew) replaceWholeFile(markOf(infoHash), asBytes(fs::absolute(saved.path).string()));
     return saved.path;
 }

@@ -17,11 +17,11 @@ class TorrentArchive {
 public:
     explicit TorrentArchive(std::filesystem::path home) : home_(std::move(home)) {}
 
-    /// Writes `data` as NAME.torrent beside the download and keeps a copy. Returns the path. Throws std::system_error
-    /// when it cannot be written, or another file bears that name.
+    /// Writes `data` as NAME.torrent beside the download. Returns the path. Throws std::system_error when it cannot be
+    /// written, or another file bears that name.
     std::filesystem::path save(const SHA1Digest& infoHash, const std::filesystem::path& folder, std::string_view name,
                                ByteView data) const;
-    /// Keeps a copy, no more. Throws std::system_error.
+    /// Keeps a copy under the home. Throws std::system_error.
     void keep(const SHA1Digest& infoHash, ByteView data) const;
     /// The copy kept, if it is this torrent's; nothing when there is none.
     std::optional<Bytes> torrent(const SHA1Digest& infoHash) const;

@@ -10,20 +10,13 @@ namespace skein {
 
 namespace {
 
-/// BEP 47: padding between files is listed as files ".pad/<size>", and two of one size may bear one name. Both hold
-/// zeros only, so they can share the file.
-bool isPadding(const TorrentLayout::File& file) {
-    const std::string tail = ".pad/" + std::to_string(file.size);
-    return file.path == tail || file.path.ends_with("/" + tail);
-}
-
 /// Refuses two files at one path, and a file where another one needs a folder.
 void refuseClashes(const std::vector<TorrentLayout::File>& files) {
     std::unordered_map<std::string_view, const TorrentLayout::File*> byPath;
     byPath.reserve(files.size());
     for (const TorrentLayout::File& file : files) {
         const auto [other, isNew] = byPath.emplace(file.path, &file);
-        if (isNew || (isPadding(file) && other->second->size == file.size)) continue;
+        if (isNew || (TorrentLayout::isPadding(file) && other->second->size == file.size)) continue;
         throw StorageException(StorageError::duplicatePath, file.path);
     }
     for (const TorrentLayout::File& file : files) {
@@ -59,6 +52,11 @@ TorrentLayout::TorrentLayout(const TorrentMetaInfo& metaInfo) {
     }
     refusePieces(metaInfo, totalSize_);
     refuseClashes(files_);
+}
+
+bool TorrentLayout::isPadding(const File& file) {
+    const std::string tail = ".pad/" + std::to_string(file.size);
+    return file.path == tail || file.path.ends_with("/" + tail);
 }
 
 std::string TorrentLayout::normalised(std::string_view path) {

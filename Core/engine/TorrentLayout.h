@@ -53,6 +53,9 @@ public:
         }
     }
 
+    /// BEP 47: padding between files is listed as files ".pad/<size>", and two of one size may bear one name. Both hold
+    /// zeros only, so they share the file.
+    static bool isPadding(const File& file);
     /// `path` without empty and "." components. Throws StorageException (unsafePath).
     static std::string normalised(std::string_view path);
 

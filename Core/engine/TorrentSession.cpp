@@ -72,7 +72,7 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
         fail(parsed.failure);
         co_return;
     }
-    metaInfo_ = std::move(parsed.metaInfo);
+    setMetaInfo(std::move(parsed.metaInfo));
     infoData_ = std::move(parsed.infoData);
     services_.log.info("[Session] ✅ Torrent parsed: ", metaInfo_->name, " (", metaInfo_->files.size(), " files, ",
                        metaInfo_->totalSize, ")");
@@ -80,13 +80,20 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
     co_await beginTransfer(std::move(torrentData));
 }
 
+void TorrentSession::setMetaInfo(std::shared_ptr<const TorrentMetaInfo> metaInfo) {
+    metaInfo_ = std::move(metaInfo);
+    if (!options_.topName.empty()) metaInfo_ = std::make_shared<TorrentMetaInfo>(metaInfo_->storedAs(options_.topName));
+}
+
 /// From the metainfo to a running torrent.
 asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
     if (callbacks_.onMetadataReceived) callbacks_.onMetadataReceived(*metaInfo_);
-    // Beside the check, which may take minutes: whoever starts again meanwhile finds the .torrent.
-    if (options_.savesTorrent && !options_.seedsOnly) tasks_.spawn(saveTorrentFile(std::move(torrentData)));
+    const bool saves = options_.savesTorrent && !options_.seedsOnly;
+    // Before the check, which may take minutes: whoever starts again meanwhile finds the .torrent.
+    if (saves) co_await keepTorrentCopy(torrentData);
     co_await openPieces(true);
     if (!pieceManager_) co_return;
+    if (saves) tasks_.spawn(saveTorrentFile(std::move(torrentData)));
     if (options_.seedsOnly && pieceManager_->completedPieces() == 0 && metaInfo_->pieceCount() > 0) {
         fail("Nothing to seed: no complete piece in " + options_.savePath.string());
         co_return;
@@ -97,6 +104,20 @@ asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
         setState(Kind::completed);
     }
     co_await enterRunning();
+}
+
+asio::awaitable<void> TorrentSession::keepTorrentCopy(Bytes torrentData) {
+    if (!options_.archive) co_return;
+    std::string failure;
+    auto keep = [&] {
+        try {
+            options_.archive->keep(infoHash_, torrentData);
+        } catch (const std::system_error& error) {
+            failure = error.what();
+        }
+    };
+    co_await runOn(services_.disk, std::move(keep));
+    if (!failure.empty()) services_.log.warning("[Session] Failed to save .torrent file: ", failure);
 }
 
 asio::awaitable<void> TorrentSession::saveTorrentFile(Bytes torrentData) {
@@ -120,9 +141,10 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
     exchange_.reset();
     if (pieceManager_) co_await pieceManager_->cleanup();
     pieceManager_.reset();
-    const PieceManager::Environment environment{tasks_.strand(), services_.disk, services_.clock, services_.log};
+    PieceManager::Environment environment{tasks_.strand(), services_.disk, services_.clock, services_.log};
+    environment.claim = {services_.claims, options_.isListed, options_.movesAside};
     const auto mode = options_.seedsOnly ? PieceManager::Mode::readOnly : PieceManager::Mode::download;
-    auto pieces = std::make_shared<PieceManager>(metaInfo_, options_.savePath, environment, mode);
+    auto pieces = std::make_shared<PieceManager>(metaInfo_, options_.savePath, std::move(environment), mode);
     pieces->setVerifyProgressCallback([this](int checked, int total) {
         if (callbacks_.onVerifyProgress) callbacks_.onVerifyProgress(checked, total);
     });
@@ -417,7 +439,7 @@ asio::awaitable<void> TorrentSession::doRecheckWith(Bytes torrentData) {
     } else if (parsed->infoHash != infoHash_) {
         setStatus("Torrent info hash mismatch");
     } else {
-        metaInfo_ = parsed;
+        setMetaInfo(parsed);
         co_await doRecheck();
     }
 }

@@ -84,6 +84,7 @@ public:
         DHTNode* dht = nullptr;                ///< none: the DHT is not used
         PeerHistoryStore* history = nullptr;   ///< none: no peers are remembered
         ResourceGateway* resources = nullptr;  ///< none: the resource service is not used
+        FileClaims* claims = nullptr;          ///< none: what earlier starts began is not remembered
     };
 
     struct Options {
@@ -95,6 +96,9 @@ public:
         bool accelerates = false;                  ///< the task asked for acceleration
         bool seedsOnly = false;                    ///< serves what is there; never writes, never downloads
         bool savesTorrent = true;                  ///< beside the download
+        bool isListed = false;    ///< a task of the saved list: its files are its own while it rests, too
+        bool movesAside = false;  ///< foreign files in the way are renamed, not refused
+        std::string topName;      ///< instead of the torrent's own for its file or folder; empty: its own
         bool servesMetadata = true;
         DialOptions dial;
         DiscoveryOptions discovery;
@@ -144,6 +148,8 @@ public:
 
 private:
     asio::awaitable<void> parseTorrentFileAndStart(Bytes torrentData);
+    void setMetaInfo(std::shared_ptr<const TorrentMetaInfo> metaInfo);
+    asio::awaitable<void> keepTorrentCopy(Bytes torrentData);
     asio::awaitable<void> saveTorrentFile(Bytes torrentData);
     /// `mayResume`: what a resume record says may be believed.
     asio::awaitable<void> openPieces(bool mayResume);

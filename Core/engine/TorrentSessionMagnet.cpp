@@ -33,7 +33,7 @@ asio::awaitable<void> TorrentSession::fetchMetadata(MagnetLink magnet) {
     }
     auto readInfo = [&] { return TorrentFile::infoDataOf(found->torrentData); };
     infoData_ = co_await runOn(services_.disk, std::move(readInfo));
-    metaInfo_ = std::move(found->metaInfo);
+    setMetaInfo(std::move(found->metaInfo));
     setStatus("Torrent acquired: " + TorrentMetaInfo::cleanDisplayName(metaInfo_->name));
     services_.log.info("[Session] Metadata parsed, transitioning to downloading...");
     co_await beginTransfer(std::move(found->torrentData));

@@ -26,40 +26,46 @@ constexpr int filesPerSync = 16;
 
 }  // namespace
 
-TorrentStorage::TorrentStorage(TorrentLayout layout, std::filesystem::path folder, StorageMode mode,
-                               std::shared_ptr<OpenFiles> openFiles, FileCalls& calls)
+TorrentStorage::TorrentStorage(TorrentLayout layout, Environment environment)
     : layout_(std::move(layout)),
-      folder_(std::move(folder)),
-      mode_(mode),
-      openFiles_(std::move(openFiles)),
+      folder_(std::move(environment.folder)),
+      mode_(environment.mode),
+      openFiles_(std::move(environment.openFiles)),
       owner_(openFiles_->newOwner()),
-      calls_(calls) {}
+      calls_(environment.calls),
+      ownership_(layout_, folder_, calls_, environment.torrent, environment.claim),
+      hasSize_(layout_.files().size()) {}
 
 TorrentStorage::~TorrentStorage() { close(); }
 
-void TorrentStorage::prepare(std::size_t first, std::size_t count) {
-    if (mode_ == StorageMode::readOnly) return;
+void TorrentStorage::survey(std::size_t first, std::size_t count) {
     if (first == 0) {
         std::error_code failure;
         std::filesystem::create_directories(folder_, failure);
         if (failure) throw StorageException::failedCall(folder_.string(), failure.value());
-        // Until all files have their size nothing is known of them, and then a file that was there is data.
-        zerosFrom_.assign(layout_.files().size(), std::numeric_limits<std::int64_t>::max());
-        isUntouched_ = true;
     }
-    const std::size_t end = std::min(first + count, layout_.files().size());
     FileOpener opener = newOpener();
-    for (std::size_t index = first; index < end; ++index) prepareFile(index, opener);
+    ownership_.survey(opener, first, count);
 }
 
-void TorrentStorage::prepareFile(std::size_t index, FileOpener& opener) {
+void TorrentStorage::take(std::int64_t pieceLength, const PieceSet& good) {
+    FileOpener opener = newOpener();
+    ownership_.take(opener, pieceLength, good);
+}
+
+void TorrentStorage::makeMissing(std::size_t first, std::size_t count) {
+    FileOpener opener = newOpener();
+    ownership_.makeMissing(opener, first, count);
+}
+
+/// A file that is longer by now stays so: what was added is not ours to cut.
+void TorrentStorage::giveSize(std::size_t index, const FileDescriptor& file, FileOpener& opener) {
+    if (hasSize_[index]) return;
     const TorrentLayout::File& entry = layout_.files()[index];
-    const FileDescriptor file = opener.create(entry.path);
-    const std::int64_t size = opener.sizeOf(file, entry.path);
-    zerosFrom_[index] = size;
-    if (size == entry.size) return;
-    if (FileCalls::retried([&] { return calls_.resize(file.number(), entry.size); }) != 0)
+    if (opener.sizeOf(file, entry.path) < entry.size &&
+        FileCalls::retried([&] { return calls_.resize(file.number(), entry.size); }) != 0)
         throw StorageException::failedCall(entry.path, errno);
+    hasSize_[index] = true;
 }
 
 FileStamp TorrentStorage::stampOf(std::size_t index) const {
@@ -76,12 +82,12 @@ FileStamp TorrentStorage::stampOf(std::size_t index) const {
 
 void TorrentStorage::write(std::int64_t offset, std::span<const iovec> from) {
     const std::lock_guard turn(writeTurn_);
-    isUntouched_ = false;
     VectorCursor left(from);
     FileOpener opener = newOpener();
     std::array<iovec, buffersPerCall> window{};
     layout_.forEachSlice(offset, static_cast<std::int64_t>(VectorCursor::total(from)), [&](TorrentLayout::Slice slice) {
         const OpenFiles::File handle = file(slice.file, OpenFiles::Access::write, opener);
+        giveSize(slice.file, *handle, opener);
         unsynced_.insert(slice.file);
         while (slice.length > 0) {
             const int count = left.describe(window, static_cast<std::size_t>(slice.length));
@@ -147,12 +153,6 @@ TorrentStorage::Presence TorrentStorage::presenceOf(std::int64_t offset, std::in
 /// Notes what there is of the slice's file, and how far the data or hole extends that begins where the slice does.
 void TorrentStorage::lookAt(const TorrentLayout::Slice& slice, PresenceNotes& notes) {
     if (notes.file == slice.file && notes.size < 0) return;
-    if (isUntouched_ && slice.offset >= zerosFrom_[slice.file]) {
-        // What we just added needs no look, and not every file system could tell.
-        const std::int64_t size = layout_.files()[slice.file].size;
-        notes = {slice.file, size, true, slice.offset, size};
-        return;
-    }
     FileOpener opener = newOpener();
     OpenFiles::File handle;
     try {
@@ -198,7 +198,13 @@ FileOpener TorrentStorage::newOpener() { return {folder_, mode_, *openFiles_, ca
 
 OpenFiles::File TorrentStorage::file(std::size_t index, OpenFiles::Access access, FileOpener& opener) {
     const OpenFiles::Key key{owner_, index};
-    const auto open = [&](OpenFiles::Access wanted) { return opener.open(layout_.files()[index].path, wanted); };
+    const auto open = [&](OpenFiles::Access wanted) {
+        FileDescriptor opened = opener.open(layout_.files()[index].path, wanted);
+        // Meanwhile somebody may have put a file of theirs in its place.
+        if (wanted == OpenFiles::Access::write && !ownership_.isOurs(index, FileIdentity::of(opened.number())))
+            throw StorageException::foreignFile(ownership_.pathOf(index));
+        return opened;
+    };
     OpenFiles::File file = openFiles_->acquire(key, access, open);
     if (access == OpenFiles::Access::read) return file;
     // Writing to a file that was deleted would succeed, and the data be gone.

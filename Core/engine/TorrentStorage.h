@@ -1,11 +1,11 @@
 #pragma once
 
 #include "Core/engine/FileOpener.h"
+#include "Core/engine/FileOwnership.h"
 #include "Core/engine/OpenFiles.h"
 #include "Core/engine/ResumeRecord.h"
 #include "Core/engine/TorrentLayout.h"
 
-#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -20,8 +20,9 @@ namespace skein {
 /// The files of one torrent as one stream of bytes.
 ///
 /// A download never follows a symbolic link below the download folder (which may itself be one): a link would lead a
-/// write out of it. Written data is left to the system's cache; `syncNext` puts it on the device.
-/// Owner: PieceManager. Thread: any, several at once (but `prepare`); all calls block and belong on the disk pool.
+/// write out of it. It touches its own files only (FileOwnership), and gives one its size when the first piece is
+/// written to it. Written data is left to the system's cache; `syncNext` puts it on the device. Owner: PieceManager.
+/// Thread: any, several at once (but `survey` to `settle`); all calls block and belong on the disk pool.
 class TorrentStorage {
 public:
     /// What is known of a range without reading it.
@@ -40,19 +41,31 @@ public:
         std::int64_t end = 0;
     };
 
-    TorrentStorage(TorrentLayout layout, std::filesystem::path folder, StorageMode mode,
-                   std::shared_ptr<OpenFiles> openFiles, FileCalls& calls);
+    struct Environment {
+        std::filesystem::path folder;
+        StorageMode mode = StorageMode::download;
+        std::shared_ptr<OpenFiles> openFiles;
+        FileCalls& calls;
+        SHA1Digest torrent{};
+        ClaimTerms claim;
+    };
+
+    TorrentStorage(TorrentLayout layout, Environment environment);
     TorrentStorage(const TorrentStorage&) = delete;
     TorrentStorage& operator=(const TorrentStorage&) = delete;
     ~TorrentStorage();
 
     const TorrentLayout& layout() const noexcept { return layout_; }
 
-    /// For files [first, first + count) of a download: creates folders and the file, and gives it its size.
-    /// Throws StorageException. A torrent that is only read is left as it is.
-    void prepare(std::size_t first, std::size_t count);
-    /// The first look at what `prepare` left is over; from now on others may have written to the files.
-    void forgetPreparation() noexcept { isUntouched_ = false; }
+    // The start of a download, in this order; the first and the third for the files [first, first + count). What is in
+    // the way fails it, untouched. Throw StorageException and DatabaseException.
+    /// Looks at what stands at the torrent's paths.
+    void survey(std::size_t first, std::size_t count);
+    /// Takes what is this download's, given the pieces that are there and `good`.
+    void take(std::int64_t pieceLength, const PieceSet& good);
+    /// Makes the folders and files that are missing.
+    void makeMissing(std::size_t first, std::size_t count);
+    void settle() { ownership_.settle(); }
     /// Writes the bytes of `from`, one after another, at `offset` of the torrent. Throws StorageException.
     void write(std::int64_t offset, std::span<const iovec> from);
     /// Fills `into`, one after another, from `offset` of the torrent on. Throws StorageException.
@@ -70,7 +83,7 @@ public:
 private:
     FileOpener newOpener();
     OpenFiles::File file(std::size_t index, OpenFiles::Access access, FileOpener& opener);
-    void prepareFile(std::size_t index, FileOpener& opener);
+    void giveSize(std::size_t index, const FileDescriptor& file, FileOpener& opener);
     void lookAt(const TorrentLayout::Slice& slice, PresenceNotes& notes);
 
     const TorrentLayout layout_;
@@ -79,11 +92,11 @@ private:
     const std::shared_ptr<OpenFiles> openFiles_;
     const std::uint64_t owner_;
     FileCalls& calls_;
-    std::vector<std::int64_t> zerosFrom_;   // by file: `prepare` added the bytes from here on
-    std::atomic<bool> isUntouched_{false};  // nothing was written since `prepare`
+    FileOwnership ownership_;
     // One write at a time: the system lets in only one a file, and those who wait for it there keep a core busy.
     std::mutex writeTurn_;
     std::set<std::size_t> unsynced_;  // files written to; guarded by writeTurn_
+    std::vector<bool> hasSize_;       // files whose size was seen to; guarded by writeTurn_
 };
 
 }  // namespace skein

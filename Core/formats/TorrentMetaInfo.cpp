@@ -124,6 +124,13 @@ std::int64_t TorrentMetaInfo::pieceSize(int index) const noexcept {
     return rest == 0 ? pieceLength : rest;
 }
 
+TorrentMetaInfo TorrentMetaInfo::storedAs(const std::string& top) const {
+    TorrentMetaInfo renamed = *this;
+    for (TorrentFileInfo& file : renamed.files)
+        if (file.path.starts_with(name)) file.path.replace(0, name.size(), top);
+    return renamed;
+}
+
 std::string TorrentMetaInfo::cleanDisplayName(std::string_view name) {
     constexpr std::string_view strayPunctuation = "-_ .";
     std::string text = without(name, bracketed("[", "]"));

@@ -44,6 +44,9 @@ struct TorrentMetaInfo {
     /// Bytes of piece `index`; the last one may be shorter.
     std::int64_t pieceSize(int index) const noexcept;
 
+    /// The same torrent with its file, or the folder of its files, at `top` instead of at the torrent's name.
+    TorrentMetaInfo storedAs(const std::string& top) const;
+
     /// `name` without bracketed tags, addresses and stray punctuation, for showing; `name` itself when nothing is left.
     static std::string cleanDisplayName(std::string_view name);
 };

@@ -44,7 +44,7 @@ protected:
     /// Gives the sessions to come a peer that has it all.
     void startSeeder() {
         torrent.writeTo(seeder.downloads.path());
-        simulation.finish(seeder.open().addTorrentFile(torrentData));
+        waitFor(simulation.finish(seeder.open().addTorrentFile(torrentData)), TaskStatus::seeding);
         host.sessionOptions.discovery.namedPeers = {{"127.0.0.1", seeder.listener.port()}};
     }
     void waitFor(const Task& task, TaskStatus status) {
@@ -183,10 +183,16 @@ TEST_F(DownloadManagerTest, whatAnotherProcessDownloadsIsNeitherWrittenNorDelete
     simulation.finish(manager->removeTask(again, true));
     EXPECT_TRUE(std::filesystem::exists(downloads.path() / "t/a")) << "it has never run";
     const Task task = add();
-    simulation.runUntil([&] { return task->statusMessage() == "Downloading t"; });
-    EXPECT_THROW(TargetLock(downloads.path(), infoHash), TargetTaken);
+    waitFor(task, TaskStatus::error);
+    EXPECT_THAT(task->errorMessage().value_or(""), HasSubstr("t/a exists and is not part of this download"));
     simulation.finish(manager->removeTask(task, true));
-    EXPECT_FALSE(std::filesystem::exists(downloads.path() / "t/a"));
+    EXPECT_EQ(TestTorrent::contentOf(downloads.path() / "t/a"), toBytes("of the other")) << "it has only run";
+    std::filesystem::remove(downloads.path() / "t/a");
+    const Task last = add();
+    simulation.runUntil([&] { return last->statusMessage() == "Downloading t"; });
+    EXPECT_THROW(TargetLock(downloads.path(), infoHash), TargetTaken);
+    simulation.finish(manager->removeTask(last, true));
+    EXPECT_FALSE(std::filesystem::exists(downloads.path() / "t"));
 }
 
 TEST_F(DownloadManagerTest, aWebFileIsDeletedByItsNameOnceItHasIt) {

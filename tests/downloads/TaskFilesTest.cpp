@@ -23,6 +23,16 @@ protected:
         for (const std::string& path : paths) list.push_back({path, 1, 0});
         return {folder, list};
     }
+    /// Claims what is there now.
+    TaskFiles::Removal remove(const std::vector<std::string>& paths) {
+        std::vector<FileClaims::Claim> claims;
+        std::vector<TorrentFileInfo> list;
+        for (const std::string& path : paths) {
+            claims.push_back({list.size(), FileIdentity::at(folder / path)});
+            list.push_back({path, 1, 0});
+        }
+        return TaskFiles(folder, list).remove(claims);
+    }
     std::set<fs::path> left() {
         const fs::recursive_directory_iterator entries(temporary.path());
         return {begin(entries), end(entries)};
@@ -36,15 +46,14 @@ TEST_F(TaskFilesTest, removesItsFilesAndTheFoldersThatThisLeftEmpty) {
     for (const char* path : {"t/a", "t/sub/deep/b", "t/sub/c", "t/kept/theirs", "t/kept/d", "w/x/y"})
         make(folder / path);
     fs::create_directories(folder / "t/empty");
-    const auto removal =
-        files({"t/a", "t/sub/deep/b", "t/./sub//c", "t/kept/d", "t/empty/missing", "u/v", "w/x/y"}).remove();
+    const auto removal = remove({"t/a", "t/sub/deep/b", "t/./sub//c", "t/kept/d", "t/empty/missing", "u/v", "w/x/y"});
     EXPECT_EQ(removal.files, 5U);
     EXPECT_EQ(removal.folders, 4U);
     EXPECT_EQ(removal.failures, 0U) << removal.firstFailure;
     EXPECT_THAT(left(), testing::ElementsAre(folder, folder / "t", folder / "t/empty", folder / "t/kept",
                                              folder / "t/kept/theirs"));
     make(folder / "one");
-    EXPECT_EQ(files({"one"}).remove().files, 1U);
+    EXPECT_EQ(remove({"one"}).files, 1U);
     EXPECT_TRUE(fs::is_directory(folder));
 }
 
@@ -55,12 +64,21 @@ TEST_F(TaskFilesTest, removesNothingOutsideOfTheDownloadFolderNorThroughALink) {
     fs::create_symlink(temporary.path() / "outside/file", folder / "t/alias");
     fs::create_directories(folder / "t/folder");
     const auto before = left();
-    const auto removal = files({"../outside/file", (temporary.path() / "outside/file").string(), "t/link/file",
-                                "t/alias", "t/folder", "t/mine/below"})
-                             .remove();
+    const auto removal = remove({"../outside/file", (temporary.path() / "outside/file").string(), "t/link/file",
+                                 "t/alias", "t/folder", "t/mine/below"});
     EXPECT_EQ(removal.failures, 6U);
     EXPECT_EQ(removal.firstFailure, "../outside/file: not below the download folder");
     EXPECT_EQ(left(), before);
+}
+
+TEST_F(TaskFilesTest, removesOnlyWhatTheTaskClaims) {
+    for (const char* path : {"t/unclaimed", "t/replaced", "t/begun"}) make(folder / path);
+    const FileIdentity gone{1, 2, 3};
+    const auto removal = files({"t/unclaimed", "t/replaced", "t/begun"}).remove({{1, gone}, {2, {}}, {7, gone}});
+    EXPECT_EQ(removal.files, 0U);
+    EXPECT_EQ(removal.firstFailure, "t/replaced: not a file of this download");
+    fs::resize_file(folder / "t/begun", 0);  // killed before the file was put down, and so before it was written to
+    EXPECT_EQ(files({"t/unclaimed", "t/replaced", "t/begun"}).remove({{2, {}}}).files, 1U);
 }
 
 TEST_F(TaskFilesTest, findsWhatToShow) {

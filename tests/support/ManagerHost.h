@@ -44,8 +44,8 @@ public:
     DownloadManager& open() {
         const asio::any_io_executor executor = simulation.executor();
         DownloadManager::Environment environment{
-            executor, executor, simulation, log,           random, center, ActorSettings(settings, executor),
-            *service, notifier, homeFolder, downloadFolder};
+            executor, executor, simulation, log,        random,        center, ActorSettings(settings, executor),
+            claims,   *service, notifier,   homeFolder, downloadFolder};
         environment.makers.torrent = [this](const SHA1Digest& hash, const SessionWishes& wishes) {
             return makeTorrentSession(hash, wishes);
         };
@@ -75,6 +75,7 @@ public:
     TemporaryFolder home;
     TemporaryFolder downloads;
     SettingsStore settings{home.path() / "settings.db", log};
+    FileClaims claims{home.path() / "claims.db", log};
     PeerListener listener{simulation.executor(), simulation, log, "127.0.0.1"};
     std::unique_ptr<DownloadManager> manager;
 
@@ -92,8 +93,10 @@ private:
         TorrentSession::Services services{
             simulation.executor(), simulation.executor(), simulation, log, trackers, listener};
         services.resources = resources;
+        services.claims = &claims;
         TorrentSession::Options options = sessionOptions;
         options.savePath = wishes.folder;
+        options.isListed = true;
         options.discovery.usesLSD = false;
         options.archive.emplace(homeFolder);
         options.seedsOnly = wishes.seedsOnly;

@@ -24,7 +24,7 @@ protected:
               const std::optional<asio::any_io_executor>& disk = std::nullopt) {
         const asio::any_io_executor io = simulation.executor();
         const PieceManager::Environment all{
-            asio::make_strand(io), disk.value_or(io), simulation, log, openFiles, calls};
+            asio::make_strand(io), disk.value_or(io), simulation, log, openFiles, calls, claim};
         manager = std::make_unique<PieceManager>(torrent.metaInfo, folder.path(), all, mode);
     }
     void setUp(const TestTorrent& given, PieceManager::Mode mode = PieceManager::Mode::download) {
@@ -49,6 +49,7 @@ protected:
     TemporaryFolder folder;
     RecordingLogger log{LogLevel::info};
     FaultyCalls calls;
+    ClaimTerms claim;
     std::shared_ptr<OpenFiles> openFiles = std::make_shared<OpenFiles>();
     std::unique_ptr<PieceManager> manager;
 };

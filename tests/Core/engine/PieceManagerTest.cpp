@@ -83,6 +83,14 @@ TEST_F(PieceManagerTest, doesNotGiveUpAPieceThatIsBeingWritten) {
     setUp(TestTorrent(16384, {{"t", 16384}}));
     asio::io_context busyDisk;
     make(PieceManager::Mode::download, busyDisk.get_executor());
+    bool isSetUp = false;
+    asio::co_spawn(simulation.executor(), manager->setup(), [&](const std::exception_ptr&) { isSetUp = true; });
+    simulation.runUntil([&] {
+        busyDisk.restart();
+        busyDisk.run();
+        return isSetUp;
+    });
+    busyDisk.restart();
     manager->blocksForPiece(0);
     EXPECT_EQ(manager->storeBlock(0, 0, torrent.piece(0)), StoreResult::whole);
     manager->resetPiece(0);  // nobody has begun to write it

@@ -1,0 +1,116 @@
+#include "Core/engine/FileOwnership.h"
+
+#include "Core/engine/StorageError.h"
+#include "public/common/TargetLock.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace skein {
+
+namespace {
+
+/// Whether a process downloads `holder` at this moment. One that only once did so has no use for its files any more.
+bool isRunning(const FileClaims::Holder& holder) {
+    try {
+        const TargetLock probe(holder.folder, holder.download);
+    } catch (const TargetTaken&) {
+        return true;
+    } catch (const std::system_error&) {
+        return true;  // nobody can tell
+    }
+    return false;
+}
+
+}  // namespace
+
+FileOwnership::FileOwnership(const TorrentLayout& layout, const std::filesystem::path& folder, FileCalls& calls,
+                             const SHA1Digest& torrent, ClaimTerms terms)
+    : layout_(layout),
+      folder_(folder),
+      calls_(calls),
+      torrent_(torrent),
+      terms_(terms),
+      files_(layout.files().size()) {}
+
+std::string FileOwnership::pathOf(std::size_t file) const { return (folder_ / layout_.files()[file].path).string(); }
+
+void FileOwnership::survey(FileOpener& opener, std::size_t first, std::size_t count) {
+    if (first == 0) {
+        files_.assign(layout_.files().size(), {});
+        known_.assign(layout_.files().size(), {});
+        news_.clear();
+        if (terms_.claims != nullptr)
+            for (const FileClaims::Claim& claim : terms_.claims->claimsOf(torrent_))
+                if (claim.file < known_.size()) known_[claim.file] = claim.identity;
+    }
+    const std::size_t end = std::min(first + count, files_.size());
+    for (std::size_t file = first; file < end; ++file) {
+        const FileOpener::Found found = opener.look(layout_.files()[file].path);
+        files_[file] = found.identity;
+        if (found.sizeBytes > layout_.files()[file].size) clear(opener, file);
+    }
+}
+
+void FileOwnership::take(FileOpener& opener, std::int64_t pieceLength, const PieceSet& good) {
+    std::vector<bool> isMatched(files_.size());
+    good.forEach([&](int piece) {
+        layout_.forEachSlice(piece * pieceLength, std::min(pieceLength, layout_.totalSize() - piece * pieceLength),
+                             [&](const TorrentLayout::Slice& slice) { isMatched[slice.file] = true; });
+    });
+    for (std::size_t file = 0; file < files_.size(); ++file) {
+        if (files_[file].isFile() && !mayTake(opener, file, isMatched[file])) clear(opener, file);
+        if (!files_[file].isFile() || files_[file] != known_[file]) news_.push_back({file, files_[file]});
+    }
+    known_ = {};
+    if (terms_.claims != nullptr && !news_.empty())
+        terms_.claims->begin({torrent_, std::filesystem::absolute(folder_), terms_.isListed}, news_);
+}
+
+bool FileOwnership::mayTake(FileOpener& opener, std::size_t file, bool isMatched) {
+    if (files_[file] == known_[file]) return true;
+    if (isAnothers(files_[file])) return false;
+    return isMatched || holdsNothing(opener, file);
+}
+
+bool FileOwnership::isAnothers(const FileIdentity& identity) const {
+    if (terms_.claims == nullptr) return false;
+    const auto holder = terms_.claims->holderOf(identity);
+    return holder && holder->download != torrent_ && (holder->isListed || isRunning(*holder));
+}
+
+bool FileOwnership::holdsNothing(FileOpener& opener, std::size_t file) const {
+    const std::string& path = layout_.files()[file].path;
+    const FileDescriptor open = opener.open(path, OpenFiles::Access::read);
+    if (opener.sizeOf(open, path) == 0) return true;
+    return FileCalls::retried([&] { return calls_.nextData(open.number(), 0); }) < 0 && errno == ENXIO;
+}
+
+/// Has a foreign file out of the way, or fails. What another task owns is not even moved.
+void FileOwnership::clear(FileOpener& opener, std::size_t file) {
+    if (!terms_.movesAside || isAnothers(files_[file])) throw StorageException::foreignFile(pathOf(file));
+    opener.moveAside(layout_.files()[file].path);
+    files_[file] = {};
+}
+
+void FileOwnership::makeMissing(FileOpener& opener, std::size_t first, std::size_t count) {
+    const std::size_t end = std::min(first + count, news_.size());
+    for (std::size_t index = first; index < end; ++index) {
+        FileClaims::Claim& claim = news_[index];
+        if (claim.identity.isFile()) continue;
+        const TorrentLayout::File& entry = layout_.files()[claim.file];
+        // Padding of one size shares one file, which an entry before this one may have made.
+        if (TorrentLayout::isPadding(entry)) claim.identity = files_[claim.file] = opener.look(entry.path).identity;
+        if (claim.identity.isFile()) continue;
+        const FileDescriptor made = opener.createNew(entry.path);
+        claim.identity = files_[claim.file] = FileIdentity::of(made.number());
+    }
+}
+
+void FileOwnership::settle() {
+    if (terms_.claims != nullptr && !news_.empty()) terms_.claims->settle(torrent_, news_);
+    news_ = {};
+}
+
+}  // namespace skein
