@@ -15,13 +15,16 @@ void roundTrip(ByteView data) {
     check(BEncoder::encode(again.value) == encoded);
 }
 
+/// The bytes that are hashed are those that the value was read from.
 void infoRange(ByteView data) {
     const auto [value, range] = BEncoder::decodeWithInfoRange(data);
+    check(value == BEncoder::decode(data));
+    check(range.has_value() == (value["info"] != nullptr));
     if (!range) return;
-    check(range->begin >= 6 && range->begin < range->end && range->end <= data.size());
-    check(asText(data.subspan(range->begin - 6, 6)) == "4:info");
-    const ByteView info = data.subspan(range->begin, range->end - range->begin);
-    check(BEncoder::decodeWithConsumedLength(info).consumed == info.size());
+    check(range->begin < range->end && range->end <= data.size());
+    const auto info = BEncoder::decodeWithConsumedLength(data.subspan(range->begin, range->end - range->begin));
+    check(info.consumed == range->end - range->begin);
+    check(info.value == *value["info"]);
 }
 
 }  // namespace

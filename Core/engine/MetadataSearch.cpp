@@ -18,15 +18,6 @@ std::vector<std::vector<std::string>> tiersOf(const std::vector<std::string>& tr
     return tiers;
 }
 
-/// A file around `infoData`. A tracker's address that would hide the info dictionary in it is left out with the others.
-Bytes wrapped(const Bytes& infoData, const std::vector<std::vector<std::string>>& trackers) {
-    try {
-        return TorrentWriter::wrap(infoData, trackers);
-    } catch (const std::invalid_argument&) {
-        return TorrentWriter::wrap(infoData, {});
-    }
-}
-
 }  // namespace
 
 MetadataSearch::MetadataSearch(const Environment& environment, MagnetLink magnet, std::vector<std::string> cacheSites,
@@ -196,7 +187,7 @@ asio::awaitable<void> MetadataSearch::accept(MetadataFetch::Candidate candidate)
             found.metaInfo =
                 std::make_shared<TorrentMetaInfo>(TorrentParser::parse(candidate.infoData, magnet_.infoHash));
             found.metaInfo->announceList = tiersOf(magnet_.trackers);
-            found.torrentData = wrapped(candidate.infoData, found.metaInfo->announceList);
+            found.torrentData = TorrentWriter::wrap(candidate.infoData, found.metaInfo->announceList);
             return found;
         } catch (const std::exception& error) {
             failure = error.what();

@@ -21,7 +21,8 @@ class BEncodeValue {
 public:
     enum class Kind : std::uint8_t { integer, string, list, dictionary };
     using List = std::vector<BEncodeValue>;
-    /// In the order decoded or built; a key may stand twice. Keys are UTF-8.
+    /// In the order decoded or built; a key may stand twice. Keys are bytes: those of piece layers (BEP 52) are
+    /// hashes.
     using Dictionary = std::vector<std::pair<std::string, BEncodeValue>>;
 
     BEncodeValue() = default;

@@ -29,7 +29,7 @@ std::optional<std::int64_t> parseInteger(std::string_view text) noexcept {
 /// no byte is searched twice.
 class Reader {
 public:
-    Reader(ByteView data, std::size_t index) : data_(data), index_(index) {}
+    explicit Reader(ByteView data) : data_(data) {}
 
     std::size_t index() const noexcept { return index_; }
 
@@ -42,21 +42,20 @@ public:
         }
     }
 
-    /// Passes over a value with the same checks as `value`, and builds nothing.
-    void skip(int depth = 0) {
-        switch (next()) {
-            case 'i': integer(); return;
-            case 'l':
-                for (enter(depth); !atEndOfContainer();) skip(depth + 1);
-                return;
-            case 'd':
-                for (enter(depth); !atEndOfContainer();) {
-                    key();
-                    skip(depth + 1);
-                }
-                return;
-            default: string();
+    /// The value, and where it holds the value of the key `info`: of a key that stands twice the first, as in
+    /// `BEncodeValue::operator[]`.
+    DecodedTorrent torrent() {
+        if (next() != 'd') return {value(), std::nullopt};
+        DecodedTorrent decoded;
+        BEncodeValue::Dictionary entries;
+        for (enter(0); !atEndOfContainer();) {
+            std::string name(asText(string()));
+            const std::size_t begin = index_;
+            entries.emplace_back(std::move(name), value(1));
+            if (entries.back().first == "info" && !decoded.infoRange) decoded.infoRange = ByteRange{begin, index_};
         }
+        decoded.value = std::move(entries);
+        return decoded;
     }
 
 private:
@@ -100,12 +99,6 @@ private:
         return bytes;
     }
 
-    std::string_view key() {
-        const ByteView bytes = string();
-        if (!isValidUTF8(bytes)) throw BEncodeException(BEncodeError::invalidFormat, "Dictionary key must be a string");
-        return asText(bytes);
-    }
-
     void enter(int depth) {
         if (depth >= maxNesting) throw BEncodeException(BEncodeError::invalidFormat, "Nesting too deep");
         ++index_;
@@ -126,14 +119,14 @@ private:
     BEncodeValue dictionary(int depth) {
         BEncodeValue::Dictionary entries;
         for (enter(depth); !atEndOfContainer();) {
-            std::string name(key());
+            std::string name(asText(string()));
             entries.emplace_back(std::move(name), value(depth + 1));
         }
         return entries;
     }
 
     const ByteView data_;
-    std::size_t index_;
+    std::size_t index_ = 0;
 };
 
 template <class Number>
@@ -185,22 +178,12 @@ void appendValue(Bytes& to, const BEncodeValue& value) {
 BEncodeValue decode(ByteView data) { return decodeWithConsumedLength(data).value; }
 
 DecodedPrefix decodeWithConsumedLength(ByteView data) {
-    Reader reader(data, 0);
+    Reader reader(data);
     BEncodeValue value = reader.value();
     return {std::move(value), reader.index()};
 }
 
-DecodedTorrent decodeWithInfoRange(ByteView data) {
-    constexpr std::string_view infoKey = "4:info";
-    DecodedTorrent decoded{decode(data), std::nullopt};
-    if (decoded.value.kind() != BEncodeValue::Kind::dictionary) return decoded;
-    const std::size_t found = asText(data).find(infoKey);
-    if (found == std::string_view::npos) return decoded;
-    Reader reader(data, found + infoKey.size());
-    reader.skip();
-    decoded.infoRange = ByteRange{found + infoKey.size(), reader.index()};
-    return decoded;
-}
+DecodedTorrent decodeWithInfoRange(ByteView data) { return Reader(data).torrent(); }
 
 Bytes encode(const BEncodeValue& value) {
     Bytes bytes;

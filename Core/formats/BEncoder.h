@@ -32,9 +32,10 @@ struct ByteRange {
 };
 struct DecodedTorrent {
     BEncodeValue value;
-    std::optional<ByteRange> infoRange;  ///< of the raw bytes that follow the first "4:info" in the data
+    std::optional<ByteRange> infoRange;  ///< of the bytes that `value["info"]` was decoded from
 };
-/// The range is found by a search of the raw bytes: the first "4:info" counts, wherever it stands.
+/// As `decode`. The range is found by the keys of the top-level dictionary, never by a search of the bytes: what is
+/// hashed under it is what is read.
 DecodedTorrent decodeWithInfoRange(ByteView data);
 
 /// Dictionaries are written with their keys in byte order.

@@ -99,14 +99,14 @@ TorrentMetaInfo parse(ByteView data) {
     const auto [root, infoRange] = BEncoder::decodeWithInfoRange(data);
     if (!infoRange) throw TorrentParseException(TorrentParseError::invalidData);
     const SHA1Digest infoHash = sha1(data.subspan(infoRange->begin, infoRange->end - infoRange->begin));
-    const BEncodeValue* info = root["info"];
-    if (info == nullptr) throw TorrentParseException(TorrentParseError::missingField, "info");
-    return parseInfo(infoHash, root, *info);
+    return parseInfo(infoHash, root, *root["info"]);
 }
 
 TorrentMetaInfo parse(ByteView infoData, const SHA1Digest& expectedInfoHash) {
-    const BEncodeValue info = BEncoder::decode(infoData);
+    const auto [info, consumed] = BEncoder::decodeWithConsumedLength(infoData);
     if (sha1(infoData) != expectedInfoHash) throw TorrentParseException(TorrentParseError::invalidInfoHash);
+    // Inside of a file the bytes that follow would not belong to the dictionary: its hash would be another one there.
+    if (consumed != infoData.size()) throw TorrentParseException(TorrentParseError::invalidData);
     return parseInfo(expectedInfoHash, info, info);
 }
 

@@ -7,10 +7,6 @@
 #include <vector>
 
 /// Makes `.torrent` files. Source: BEP 3, BEP 12, BEP 27. Stateless; any thread.
-///
-/// Readers find the info dictionary by its key's bytes, "4:info". Both functions throw std::invalid_argument when those
-/// bytes would come earlier, inside a tracker's address or a text (a comment of 14 bytes that begins with "info" is
-/// enough).
 namespace skein::TorrentWriter {
 
 /// The whole file from its description; `infoHash` and `infoHashHex` are not looked at. A torrent whose only file bears

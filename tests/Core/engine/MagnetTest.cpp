@@ -1,3 +1,4 @@
+#include "Core/engine/ParsedTorrent.h"
 #include "Core/formats/MagnetParser.h"
 #include "Core/wire/ExtendedMessage.h"
 #include "tests/Core/engine/SwarmFixture.h"
@@ -42,6 +43,16 @@ protected:
                                : MetadataMessage::encodeData(*request->piece, 1, Bytes(infoData.size(), 'L')));
             co_await peer.sendMessage(MessageID::extended, std::move(answer));
         }
+    }
+
+    /// Another torrent, with the info dictionary of this one where a search of the bytes would find it first.
+    Bytes forgery() const {
+        Bytes disguise = toBytes("4:info");
+        append(disguise, infoData);
+        TorrentMetaInfo other = *torrent.metaInfo;
+        other.comment = std::string(asText(disguise));
+        other.name = "f";
+        return TorrentWriter::write(other);
     }
 
     MagnetLink magnet;
@@ -92,14 +103,18 @@ TEST_F(MagnetTest, takesTheTorrentFromTheCacheSiteThatHasIt) {
         if (request.target.starts_with("/short")) reply.body = Bytes(50, 'x');
         if (request.target.starts_with("/wrong")) reply.body = Bytes(51, 'x');
         if (request.target.starts_with("/hangs")) reply.stallAfter = 0, reply.body = Bytes(100);
+        if (request.target.starts_with("/forged")) reply.body = forgery();
         if (request.target.starts_with("/good")) reply.body = torrentData;
         return reply;
     });
     Options options;
-    for (const char* const name : {"/short/{HASH}", "/wrong/{HASH}", "/hangs/{HASH}"})
+    for (const char* const name : {"/short/{HASH}", "/wrong/{HASH}", "/forged/{HASH}", "/hangs/{HASH}"})
         options.cacheSites.push_back(sites.url(name));
     auto failing = startMagnet(options);
-    simulation.runUntil([&] { return failing->hasLogged("51 bytes") && failing->hasLogged("50 bytes (invalid)"); });
+    const std::string forged = " → " + std::to_string(forgery().size()) + " bytes";
+    simulation.runUntil([&] {
+        return failing->hasLogged("51 bytes") && failing->hasLogged("50 bytes (invalid)") && failing->hasLogged(forged);
+    });
     EXPECT_THAT(sites.requests()[0].target, HasSubstr(toUpperHex(infoHash)));
     EXPECT_FALSE(failing->hasStatus("Searching for peers (round 1)..."));
     simulation.advance(2s);
@@ -110,6 +125,16 @@ TEST_F(MagnetTest, takesTheTorrentFromTheCacheSiteThatHasIt) {
     waitFor(*getter, Kind::downloading);
     EXPECT_FALSE(getter->hasStatus("Fetching torrent via peer network..."));
     simulation.finish(sites.stop());
+}
+
+TEST_F(MagnetTest, usesNoSavedCopyThatIsAnotherTorrent) {
+    TemporaryFolder home;
+    const TorrentArchive archive(home.path());
+    archive.keep(infoHash, torrentData);
+    EXPECT_EQ(archive.torrent(infoHash), torrentData);
+    archive.keep(infoHash, forgery());
+    EXPECT_EQ(archive.torrent(infoHash), std::nullopt);
+    EXPECT_THAT(ParsedTorrent::read(forgery(), infoHash).failure, HasSubstr("Info hash mismatch"));
 }
 
 TEST_F(MagnetTest, givesUpAfterItsRoundsAndCanBePausedBefore) {

@@ -81,10 +81,20 @@ TEST(TorrentParser, namesTheFieldThatIsMissing) {
     EXPECT_EQ(missing(infoWith({{"files", List{1}}})), "Missing required field: file length");
     EXPECT_EQ(missing(infoWith({{"files", List{Dictionary{{"length", 1}}}}})), "Missing required field: file path");
     EXPECT_EQ(failureOf({{"info", 1}}), "Missing required field: name");
-    EXPECT_EQ(failureOf({{"x", "4:infode"}}), "Missing required field: info");
-    EXPECT_EQ(failureOf({{"x", 1}}), "Invalid torrent data");
+    for (const char* text : {"none", "4:infode"}) EXPECT_EQ(failureOf({{"x", text}}), "Invalid torrent data");
     EXPECT_THROW(TorrentParser::parse(asBytes("l4:infodee")), TorrentParseException);
     EXPECT_THROW(TorrentParser::parse(asBytes("not bencode")), BEncodeException);
+}
+
+TEST(TorrentParser, theInfoHashIsOfTheInfoDictionaryThatIsRead) {
+    const Bytes shown = BEncoder::encode(infoWith({{"length", 1}}));
+    const Bytes used = BEncoder::encode(infoWith({{"length", 2}}));
+    Bytes disguise = toBytes("4:info");
+    append(disguise, shown);
+    const TorrentMetaInfo torrent =
+        TorrentParser::parse(BEncoder::encode(Dictionary{{"comment", disguise}, {"info", BEncoder::decode(used)}}));
+    EXPECT_EQ(torrent.infoHash, sha1(used));
+    EXPECT_EQ(torrent.totalSize, 2);
 }
 
 TEST(TorrentParser, acceptsABareInfoDictionaryOnlyWithTheExpectedHash) {
@@ -95,6 +105,9 @@ TEST(TorrentParser, acceptsABareInfoDictionaryOnlyWithTheExpectedHash) {
     EXPECT_TRUE(torrent.announceList.empty());
     const auto parseForAnother = [&] { TorrentParser::parse(info, SHA1Digest{}); };
     EXPECT_EQ(failureIn<TorrentParseException>(parseForAnother), "Failed to compute info hash");
+    Bytes longer = info;
+    longer.push_back('e');
+    EXPECT_THROW(TorrentParser::parse(longer, sha1(longer)), TorrentParseException) << "no dictionary has that hash";
 }
 
 TEST(TorrentParser, sumsThatOverflowStopAtTheEndOfTheirType) {
