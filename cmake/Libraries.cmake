@@ -7,6 +7,7 @@ find_package(CURL REQUIRED)
 find_package(SQLite3 REQUIRED)
 find_package(spdlog REQUIRED)
 find_package(CLI11 REQUIRED)
+find_package(Iconv REQUIRED)  # of the C library, or beside it
 
 # Boost.Asio compiled once instead of in every file.
 add_library(skein_asio STATIC ${PROJECT_SOURCE_DIR}/cmake/asio.cpp)

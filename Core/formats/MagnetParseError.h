@@ -8,7 +8,7 @@
 namespace skein {
 
 /// Why a text is no magnet link. The texts are shown to users and do not change.
-enum class MagnetParseError : std::uint8_t { invalidInfoHash, invalidScheme, missingInfoHash };
+enum class MagnetParseError : std::uint8_t { invalidInfoHash, invalidScheme, missingInfoHash, unsupportedVersion };
 std::string_view textOf(MagnetParseError error) noexcept;
 
 /// Thrown by MagnetParser. `what()` is the text, followed by `detail` where the text ends in a colon.

@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::string_view scheme = "magnet:?";
 constexpr std::string_view hashPrefix = "urn:btih:";
+constexpr std::string_view version2Prefix = "urn:btmh:";
 
 char toLower(char character) noexcept {
     return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
@@ -81,11 +82,11 @@ std::size_t characterCount(std::string_view text) {
         text.begin(), text.end(), [](char byte) { return (static_cast<unsigned>(byte) & 0xC0U) != 0x80U; }));
 }
 
+/// `topic` begins with `hashPrefix`.
 SHA1Digest parseInfoHash(std::string_view topic) {
     const auto refuse = [](std::string_view why) {
         return MagnetParseException(MagnetParseError::invalidInfoHash, why);
     };
-    if (!startsWithAnyCase(topic, hashPrefix)) throw refuse("Missing urn:btih: prefix");
     const std::string_view text = topic.substr(hashPrefix.size());
     const std::size_t length = characterCount(text);
     if (length != 40 && length != 32)
@@ -101,26 +102,45 @@ SHA1Digest parseInfoHash(std::string_view topic) {
 
 }  // namespace
 
+/// A link may name its torrent in several ways; the first one that is ours counts.
+SHA1Digest infoHashOf(const std::vector<std::string_view>& topics) {
+    if (topics.empty()) throw MagnetParseException(MagnetParseError::missingInfoHash);
+    const auto firstWith = [&](std::string_view prefix) {
+        return std::find_if(topics.begin(), topics.end(),
+                            [&](std::string_view topic) { return startsWithAnyCase(topic, prefix); });
+    };
+    const auto topic = firstWith(hashPrefix);
+    if (topic != topics.end()) return parseInfoHash(*topic);
+    if (firstWith(version2Prefix) != topics.end()) throw MagnetParseException(MagnetParseError::unsupportedVersion);
+    throw MagnetParseException(MagnetParseError::invalidInfoHash, "Missing urn:btih: prefix");
+}
+
+/// Names are written as in web forms, where a plus sign is a space.
+std::optional<std::string> decodedName(std::string_view value) {
+    std::string spaced(value);
+    std::replace(spaced.begin(), spaced.end(), '+', ' ');
+    return percentDecoded(spaced);
+}
+
 MagnetLink parse(std::string_view uri) {
     const std::string_view trimmed = trimWhitespace(uri);
     if (!startsWithAnyCase(trimmed, scheme)) throw MagnetParseException(MagnetParseError::invalidScheme);
 
     MagnetLink link;
-    std::optional<std::string_view> topic;
+    std::vector<std::string_view> topics;
     std::optional<std::string_view> name;
     const auto addDecoded = [](std::vector<std::string>& to, std::string_view value) {
         if (auto decoded = percentDecoded(value)) to.push_back(std::move(*decoded));
     };
     forEachParameter(trimmed.substr(scheme.size()), [&](std::string_view key, std::string_view value) {
-        if (key == "xt" && !topic) topic = value;
+        if (key == "xt") topics.push_back(value);
         if (key == "dn" && !name) name = value;
         if (key == "tr") addDecoded(link.trackers, value);
         if (key == "ws") addDecoded(link.webSeeds, value);
     });
-    if (!topic) throw MagnetParseException(MagnetParseError::missingInfoHash);
-    link.infoHash = parseInfoHash(*topic);
+    link.infoHash = infoHashOf(topics);
     link.infoHashHex = toHex(link.infoHash);
-    if (name) link.displayName = percentDecoded(*name);
+    if (name) link.displayName = decodedName(*name);
     return link;
 }
 

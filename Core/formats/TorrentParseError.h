@@ -8,7 +8,7 @@
 namespace skein {
 
 /// Why bencoded bytes are no torrent. The texts are shown to users and do not change.
-enum class TorrentParseError : std::uint8_t { missingField, invalidData, invalidInfoHash };
+enum class TorrentParseError : std::uint8_t { missingField, invalidData, invalidInfoHash, unsupportedVersion };
 std::string_view textOf(TorrentParseError error) noexcept;
 
 /// Thrown by TorrentParser. `what()` is the text, followed by `detail` where the text ends in a colon.

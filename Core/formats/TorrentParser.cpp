@@ -1,6 +1,8 @@
 #include "Core/formats/TorrentParser.h"
 
 #include "Core/formats/BEncoder.h"
+#include "Core/formats/TextDecoder.h"
+#include "Core/formats/TorrentPaths.h"
 
 #include <limits>
 #include <optional>
@@ -16,7 +18,7 @@ namespace {
 template <class Value>
 Value required(std::optional<Value> value, std::string_view field) {
     if (!value) throw TorrentParseException(TorrentParseError::missingField, field);
-    return *value;
+    return *std::move(value);
 }
 
 /// A sum that stops at the ends of its type. Storage, which adds up again, refuses such a torrent.
@@ -30,11 +32,17 @@ std::int64_t saturatingSum(std::int64_t left, std::int64_t right) noexcept {
 /// Every path repeats the torrent's name, so a long name and many files would grow beyond all proportion.
 constexpr std::size_t maxPathBytes = std::size_t{256} << 20U;
 
-std::string joinPath(std::string_view name, const BEncodeValue::List& components) {
-    std::string path(name);
-    for (const BEncodeValue& component : components)
-        if (const auto text = component.stringValue()) path.append("/").append(*text);
-    return path;
+/// Nothing when there is none.
+std::optional<std::string> readText(const TextDecoder& decoder, std::optional<ByteView> bytes) {
+    if (!bytes) return std::nullopt;
+    return decoder.decode(*bytes);
+}
+
+std::string readName(const TextDecoder& decoder, const BEncodeValue& info) {
+    const ByteView name = required(info.dataAt("name"), "name");
+    if (const auto text = info.stringAt("name.utf-8"); text && !text->empty() && !isValidUTF8(name))
+        return std::string(*text);
+    return decoder.decode(name);
 }
 
 void addFile(TorrentMetaInfo& torrent, std::string path, std::int64_t size) {
@@ -42,19 +50,18 @@ void addFile(TorrentMetaInfo& torrent, std::string path, std::int64_t size) {
     torrent.totalSize = saturatingSum(torrent.totalSize, size);
 }
 
-void readFiles(TorrentMetaInfo& torrent, const BEncodeValue& info) {
+void readFiles(TorrentMetaInfo& torrent, const TextDecoder& decoder, const BEncodeValue& info) {
     const BEncodeValue::List* files = info.listAt("files");
     if (files == nullptr) {
         addFile(torrent, torrent.name, required(info.intAt("length"), "length or files"));
         return;
     }
     torrent.files.reserve(files->size());
+    TorrentPaths paths(decoder, *files);
     std::size_t pathBytes = 0;
     for (const BEncodeValue& file : *files) {
         const std::int64_t size = required(file.intAt("length"), "file length");
-        const BEncodeValue::List* path = file.listAt("path");
-        if (path == nullptr) throw TorrentParseException(TorrentParseError::missingField, "file path");
-        addFile(torrent, joinPath(torrent.name, *path), size);
+        addFile(torrent, torrent.name + required(paths.read(file), "file path"), size);
         pathBytes += torrent.files.back().path.size();
         if (pathBytes > maxPathBytes) throw TorrentParseException(TorrentParseError::invalidData);
     }
@@ -76,20 +83,28 @@ std::vector<std::vector<std::string>> readTrackers(const BEncodeValue& root) {
     return tiers;
 }
 
+/// A torrent of both versions has the keys of both: it is read as one of version 1.
+void refuseOtherVersions(const BEncodeValue& info) {
+    const bool isVersion2 = info.intAt("meta version").value_or(1) > 1 || info["file tree"] != nullptr;
+    if (isVersion2 && info["pieces"] == nullptr) throw TorrentParseException(TorrentParseError::unsupportedVersion);
+}
+
 TorrentMetaInfo parseInfo(const SHA1Digest& infoHash, const BEncodeValue& root, const BEncodeValue& info) {
+    refuseOtherVersions(info);
+    const TextDecoder decoder(root.stringAt("encoding").value_or(std::string_view()));
     TorrentMetaInfo torrent;
     torrent.infoHash = infoHash;
     torrent.infoHashHex = toHex(infoHash);
-    torrent.name = required(info.stringAt("name"), "name");
+    torrent.name = readName(decoder, info);
     torrent.pieceLength = required(info.intAt("piece length"), "piece length");
     const ByteView pieces = required(info.dataAt("pieces"), "pieces");
     torrent.pieces.assign(pieces.begin(), pieces.end());
-    readFiles(torrent, info);
+    readFiles(torrent, decoder, info);
     torrent.announceList = readTrackers(root);
     torrent.isPrivate = info.intAt("private") == 1;
     if (const auto date = root.intAt("creation date")) torrent.creationDate.emplace(std::chrono::seconds(*date));
-    torrent.comment = root.stringAt("comment");
-    torrent.createdBy = root.stringAt("created by");
+    torrent.comment = readText(decoder, root.dataAt("comment"));
+    torrent.createdBy = readText(decoder, root.dataAt("created by"));
     return torrent;
 }
 

@@ -6,8 +6,10 @@
 #include "public/common/Bytes.h"
 #include "public/common/SHA1.h"
 
-/// Reads torrents. Source: BEP 3, BEP 12, BEP 27. Stateless; any thread (hashes its input: not on an `io` thread when
-/// that is large). Throws BEncodeException and TorrentParseException. Optional fields of a wrong kind count as absent.
+/// Reads torrents. Source: BEP 3, BEP 12, BEP 27, BEP 52. Stateless; any thread (hashes its input: not on an `io`
+/// thread when that is large). Throws BEncodeException and TorrentParseException. Optional fields of a wrong kind count
+/// as absent. Names and texts come out as UTF-8 (TextDecoder, TorrentPaths). A torrent of versions 1 and 2 is read as
+/// of version 1.
 namespace skein::TorrentParser {
 
 /// A whole `.torrent` file.

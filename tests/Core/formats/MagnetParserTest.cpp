@@ -27,11 +27,13 @@ TEST(MagnetParser, readsHashNameTrackersAndWebSeedsAndDropsValuesThatDoNotDecode
     EXPECT_THAT(link.trackers, ElementsAre("udp://a.example:1", "b", "c", "a+b==c", "猫"));
     EXPECT_THAT(link.webSeeds, ElementsAre("w&"));
     EXPECT_FALSE(MagnetParser::parse(plain + "&dn=%FF&dn=late").displayName);
+    EXPECT_EQ(MagnetParser::parse(plain + "&dn=1+1%2B1+=3").displayName, "1 1+1 =3");
 }
 
 TEST(MagnetParser, readsHashesInBothAlphabetsAndEitherCase) {
     for (const char* text : {"MAGNET:?xt=URN:BTIH:AABBCCDDEE11223344556677889900AABBCCDDEE",
                              "magnet:?xt=urn:btih:VK54ZXPOCERDGRCVMZ3YRGIAVK54ZXPO",
+                             "magnet:?xt=urn:btmh:1220ff&xt=urn:BTIH:AABBCCDDEE11223344556677889900AABBCCDDEE&xt=x",
                              "magnet:?&&junk&xt=urn:btih:vk54zxpocerdgrcvmz3yrgiavk54zxpo&xt=second"})
         EXPECT_EQ(MagnetParser::parse(text).infoHashHex, hex) << text;
 }
@@ -41,7 +43,8 @@ TEST(MagnetParser, saysWhatIsWrong) {
         EXPECT_EQ(failureOf(text), "Not a valid magnet link") << text;
     for (const std::string& text : {std::string("magnet:?"), "MAGNET:?XT=urn:btih:" + hex, std::string("magnet:?xt")})
         EXPECT_EQ(failureOf(text), "Magnet link missing info hash (xt parameter)") << text;
-    EXPECT_EQ(failureOf("magnet:?xt=urn:btmh:1"), "Invalid info hash: Missing urn:btih: prefix");
+    EXPECT_EQ(failureOf("magnet:?xt=urn:sha1:1"), "Invalid info hash: Missing urn:btih: prefix");
+    EXPECT_EQ(failureOf("magnet:?xt=x&xt=URN:btmh:1220ff"), "BitTorrent v2 torrents are not supported yet");
     for (const auto& [hash, length] : {std::pair(hex.substr(1), "39"), {"猫猫", "2"}})
         EXPECT_EQ(failureOf("magnet:?xt=urn:btih:" + hash),
                   std::string("Invalid info hash: Hash must be 40 hex chars or 32 Base32 chars, got ") + length);

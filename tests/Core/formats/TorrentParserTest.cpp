@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <tuple>
 
 namespace skein {
 namespace {
@@ -25,6 +26,19 @@ TorrentMetaInfo parsed(Dictionary info, Dictionary root = {}) {
     return TorrentParser::parse(BEncoder::encode(root));
 }
 
+BEncodeValue fileAt(List path, Dictionary more = {}) {
+    more.insert(more.end(), {{"length", 1}, {"path", std::move(path)}});
+    return more;
+}
+
+/// Below the torrent's name.
+std::vector<std::string> pathsOf(List files, Dictionary root = {}) {
+    std::vector<std::string> paths;
+    for (const TorrentFileInfo& file : parsed(infoWith({{"files", std::move(files)}}), std::move(root)).files)
+        paths.push_back(file.path.substr(std::string("mydir/").size()));
+    return paths;
+}
+
 std::string failureOf(const Dictionary& root) {
     return failureIn<TorrentParseException>([&] { TorrentParser::parse(BEncoder::encode(root)); });
 }
@@ -42,7 +56,7 @@ TEST(TorrentParser, readsASingleFile) {
 
 TEST(TorrentParser, readsSeveralFilesWithTheirPathsAsGiven) {
     const List files{Dictionary{{"length", 6}, {"path", List{"file1.txt"}}},
-                     Dictionary{{"length", 4}, {"path", List{"sub", "\xFF", 7, "..", "", "file2.txt"}}}};
+                     Dictionary{{"length", 4}, {"path", List{"sub", 7, "..", "", "file2.txt"}}}};
     const TorrentMetaInfo torrent = parsed(infoWith({{"files", files}, {"length", 99}, {"private", 1}}));
     EXPECT_THAT(torrent.files, testing::ElementsAre(TorrentFileInfo{"mydir/file1.txt", 6, 0},
                                                     TorrentFileInfo{"mydir/sub/..//file2.txt", 4, 6}));
@@ -66,14 +80,64 @@ TEST(TorrentParser, readsOptionalFieldsAndIgnoresThoseOfAWrongKind) {
     EXPECT_EQ(torrent.createdBy, "me");
     EXPECT_EQ(torrent.creationDate, std::chrono::sys_seconds(std::chrono::seconds(1234)));
     const TorrentMetaInfo other = parsed(infoWith({{"length", 1}, {"private", "1"}}),
-                                         {{"comment", 1}, {"created by", "\xFF"}, {"creation date", "1234"}});
+                                         {{"comment", 1}, {"created by", List{}}, {"creation date", "1234"}});
     EXPECT_FALSE(other.isPrivate || other.comment || other.createdBy || other.creationDate);
+}
+
+TEST(TorrentParser, namesThatAreNotUTF8AreTakenInTheirSecondFormOrDecoded) {
+    const auto nameOf = [](Dictionary info, Dictionary root = {}) {
+        info.insert(info.end(), {{"length", 1}, {"piece length", 4}, {"pieces", Bytes(20)}});
+        return parsed(std::move(info), std::move(root)).files.front().path;
+    };
+    EXPECT_EQ(nameOf({{"name", "\xD6\xD0\xCE\xC4"}, {"name.utf-8", "二"}}, {{"encoding", "GBK"}}), "二");
+    EXPECT_EQ(nameOf({{"name", "\xD6\xD0\xCE\xC4"}, {"name.utf-8", "\xFF"}}, {{"encoding", "GBK"}}), "中文");
+    EXPECT_EQ(nameOf({{"name", "中"}, {"name.utf-8", "二"}}, {{"encoding", "GBK"}}), "中") << "it is UTF-8 already";
+    for (const auto& [encoding, bytes, text] : {std::tuple("Shift_JIS", "\x83\x5C\x93\xFA", "ソ日"),
+                                                {"windows-1251", "\xCC\xE8\xF0", "Мир"},
+                                                {"BIG5", "\xA4\xA4", "中"},
+                                                {"euc-kr", "\xC7\xD1", "한"},
+                                                {"ISO-8859-15", "\xA4", "€"},
+                                                {"GBK", "\xD6\xD0\xFF", "ÖÐÿ"},
+                                                {"UTF-7", "\xE9", "é"},
+                                                {"UTF-8", "caf\xE9", "café"},
+                                                {"", "中\xE4\xB8", "中ä¸"}})
+        EXPECT_EQ(nameOf({{"name", bytes}}, {{"encoding", encoding}}), text) << encoding;
+    const TorrentMetaInfo torrent =
+        parsed(infoWith({{"length", 1}}), {{"comment", "\xE9"}, {"created by", "\xD6\xD0"}, {"encoding", "cp1252"}});
+    EXPECT_EQ(torrent.comment, "é");
+    EXPECT_EQ(torrent.createdBy, "ÖÐ");
+}
+
+TEST(TorrentParser, differentPathsStayDifferent) {
+    const Dictionary second{{"path.utf-8", List{"x", "y"}}};
+    EXPECT_THAT(pathsOf({fileAt({"\xFF"}, second), fileAt({"\xFE"}, second), fileAt({"\xFD", "b"})}),
+                testing::ElementsAre("x/y", "þ", "ý/b"))
+        << "a second form that another file has already is no use";
+    EXPECT_THAT(pathsOf({fileAt({"\xE9.txt"}), fileAt({"é.txt"}), fileAt({"\xE9é.txt"}), fileAt({"é\xE9.txt"})}),
+                testing::ElementsAre("é (2).txt", "é.txt", "éé.txt", "éé (2).txt"));
+    EXPECT_THAT(pathsOf({fileAt({"\xE9", "a"}), fileAt({"\xE9", "b"}), fileAt({"é", "\xE9 (2)"}), fileAt({"é (2)"})}),
+                testing::ElementsAre("é (3)/a", "é (3)/b", "é/é (2) (2)", "é (2)"));
+    EXPECT_THAT(pathsOf({fileAt({"same"}), fileAt({"same"})}), testing::ElementsAre("same", "same"))
+        << "what the torrent gives twice is storage's to refuse";
+}
+
+TEST(TorrentParser, readsTheFirstVersionOfATorrentOfBoth) {
+    const Dictionary leaf{{"", Dictionary{{"length", 4}, {"pieces root", Bytes(32, 0xFF)}}}};
+    const Dictionary version2{{"file tree", Dictionary{{"a", leaf}}}, {"meta version", 2}};
+    const Dictionary layers{{"piece layers", Dictionary{{std::string(32, '\xFF'), Bytes(64)}}}};
+    Dictionary both = version2;
+    both.emplace_back("files", List{fileAt({"a"}), fileAt({".pad", "3"}, {{"attr", "p"}}), fileAt({"b"})});
+    EXPECT_THAT(parsed(infoWith(both), layers).files, testing::SizeIs(3));
+    Dictionary alone = version2;
+    alone.insert(alone.end(), {{"name", "a"}, {"piece length", 16384}});
+    for (const Dictionary& info : {alone, version2})
+        EXPECT_EQ(failureOf({{"info", info}, layers.front()}), "BitTorrent v2 torrents are not supported yet");
 }
 
 TEST(TorrentParser, namesTheFieldThatIsMissing) {
     const auto missing = [](const Dictionary& info) { return failureOf({{"info", info}}); };
     EXPECT_EQ(missing({}), "Missing required field: name");
-    EXPECT_EQ(missing({{"name", "\xFF"}}), "Missing required field: name");
+    EXPECT_EQ(missing({{"name", 1}, {"name.utf-8", "a"}}), "Missing required field: name");
     EXPECT_EQ(missing({{"name", "a"}}), "Missing required field: piece length");
     EXPECT_EQ(missing({{"name", "a"}, {"piece length", 4}}), "Missing required field: pieces");
     EXPECT_EQ(missing(infoWith({})), "Missing required field: length or files");

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "Core/formats/BEncodeValue.h"
+#include "Core/formats/TextDecoder.h"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace skein {
+
+/// Reads the paths of one torrent's files as UTF-8, so that paths of different bytes stay different.
+///
+/// A path in UTF-8 is taken as it is. For another one the torrent may give a second form, `path.utf-8`; else its
+/// components are decoded, and one that then looks like another name of the torrent gets a number: "a (2).txt".
+/// Not locked. `decoder` and `files` outlive it.
+class TorrentPaths {
+public:
+    TorrentPaths(const TextDecoder& decoder, const BEncodeValue::List& files) : decoder_(decoder), files_(files) {}
+
+    /// The components of a file's path, a "/" before each; those that are no strings are left out. `file` is one of
+    /// `files`. Nothing when it has no path.
+    std::optional<std::string> read(const BEncodeValue& file);
+
+private:
+    std::string decoded(const BEncodeValue::List& path);
+    const std::string& decodedComponent(std::string_view bytes);
+    void noteNamesInUTF8();
+
+    const TextDecoder& decoder_;
+    const BEncodeValue::List& files_;
+    // All empty while every path is in UTF-8.
+    bool hasNoted_ = false;
+    std::unordered_set<std::string> takenPaths_;
+    std::unordered_set<std::string> takenComponents_;
+    std::unordered_map<std::string, std::size_t> nextNumbers_;     ///< by the component that needed one
+    std::unordered_map<std::string, std::string> decodedByBytes_;  ///< components
+};
+
+}  // namespace skein
