@@ -11,7 +11,9 @@ namespace {
 
 /// What is handed out is within its limits, and every literal host is in its one canonical form.
 void judge(const TrackerAnnounceResult& result, std::size_t maxPeers) {
-    check(result.interval >= 0 && result.complete >= 0 && result.incomplete >= 0);
+    check(result.interval >= 0 && result.interval <= TrackerReply::longestInterval);
+    for (const std::int64_t count : {result.complete, result.incomplete})
+        check(count >= 0 && count <= TrackerReply::largestCount);
     check(result.peers.size() <= maxPeers);
     for (const PeerAddress& peer : result.peers) {
         check(!peer.host.empty() && peer.host.size() <= 255);

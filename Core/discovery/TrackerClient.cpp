@@ -50,12 +50,6 @@ public:
     explicit Merge(FileLogger& log) : log_(log) {}
 
     void add(AnnounceOutcome outcome) {
-        if (outcome.error) {
-            log_.info("[Tracker] ", outcome.tracker, " → FAILED: ", *outcome.error);
-            return;
-        }
-        log_.info("[Tracker] ", outcome.tracker, " → ", outcome.peers.size(), " peers (seeders=", outcome.complete,
-                  ", leechers=", outcome.incomplete, ")");
         for (PeerAddress& peer : outcome.peers) peers_.insert(std::move(peer));
     }
 
@@ -143,7 +137,14 @@ asio::awaitable<TrackerAnnounceOutcome> TrackerClient::announceDetailed(std::str
     } catch (const std::runtime_error& error) {
         outcome.error = error.what();
     }
+    logOutcome(outcome);
     co_return outcome;
+}
+
+void TrackerClient::logOutcome(const AnnounceOutcome& outcome) const {
+    if (outcome.error) return services_.log.info("[Tracker] ", outcome.tracker, " → FAILED: ", *outcome.error);
+    services_.log.info("[Tracker] ", outcome.tracker, " → ", outcome.peers.size(), " peers (seeders=", outcome.complete,
+                       ", leechers=", outcome.incomplete, ")");
 }
 
 asio::awaitable<TrackerAnnounceResult> TrackerClient::announce(std::string tracker, TrackerAnnounce what) {

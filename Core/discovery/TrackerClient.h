@@ -73,6 +73,7 @@ private:
     asio::awaitable<void> announceInto(Merge& merge, std::string tracker, TrackerAnnounce what);
     asio::awaitable<std::vector<PeerAddress>> peersOf(std::string tracker, TrackerAnnounce what);
     asio::awaitable<AnnounceOutcome> announceDetailed(std::string tracker, TrackerAnnounce what);
+    void logOutcome(const AnnounceOutcome& outcome) const;
     asio::awaitable<AnnounceResult> announce(std::string tracker, TrackerAnnounce what);
     asio::awaitable<AnnounceResult> announceHTTP(std::string tracker, TrackerAnnounce what);
     asio::awaitable<HTTPResponse> fetch(HTTPRequest request);

@@ -18,6 +18,13 @@ constexpr std::size_t longestHost = 255;
 /// More of a tracker's message than this helps nobody to understand it.
 constexpr std::size_t longestReason = 500;
 
+/// BEP 15: a datagram begins with its action and its transaction, the requests with eight bytes before these.
+constexpr std::uint32_t connectAction = 0;
+constexpr std::uint32_t announceAction = 1;
+constexpr std::uint32_t errorAction = 3;
+constexpr std::size_t headerBytes = 8;
+constexpr std::size_t headerOfRequest = 8;
+
 template <std::size_t hostBytes, class Make>
 std::vector<PeerAddress> parseCompact(ByteView bytes, Make make) {
     constexpr std::size_t entryBytes = hostBytes + 2;
@@ -63,15 +70,28 @@ std::string presentable(ByteView message) {
     return text;
 }
 
-std::int64_t countAt(const BEncodeValue& reply, std::string_view key) {
-    return std::max<std::int64_t>(reply.intAt(key).value_or(0), 0);
+std::int64_t sensibleCount(std::int64_t count) { return std::clamp<std::int64_t>(count, 0, largestCount); }
+
+std::int64_t sensibleInterval(std::int64_t seconds) {
+    return seconds < 0 ? defaultInterval : std::min(seconds, longestInterval);
 }
 
-std::int64_t sensibleInterval(std::int64_t seconds) { return seconds < 0 ? defaultInterval : seconds; }
+std::int64_t countAt(const BEncodeValue& reply, std::string_view key) {
+    return sensibleCount(reply.intAt(key).value_or(0));
+}
 
 /// A 32-bit number of a UDP reply; they are signed.
 std::int64_t numberAt(ByteView datagram, std::size_t offset) {
     return static_cast<std::int32_t>(readBigEndian<std::uint32_t>(datagram.subspan(offset)));
+}
+
+/// Throws what is wrong with a UDP reply that should be of `action` and have `leastBytes`.
+void refuseUnless(std::uint32_t action, std::size_t leastBytes, ByteView datagram) {
+    if (datagram.size() < headerBytes) throw TrackerException(TrackerError::invalidResponse);
+    const auto given = readBigEndian<std::uint32_t>(datagram);
+    if (given == errorAction)
+        throw TrackerException(TrackerError::trackerError, presentable(datagram.subspan(headerBytes)));
+    if (given != action || datagram.size() < leastBytes) throw TrackerException(TrackerError::invalidResponse);
 }
 
 BEncodeValue decodeDictionary(ByteView body) try {
@@ -111,17 +131,25 @@ HTTPAnnounceReply parseHTTPAnnounceReply(ByteView body) {
     return parsed;
 }
 
+bool isAnswerTo(ByteView request, ByteView datagram) {
+    if (datagram.size() < headerBytes) return false;
+    const ByteView asked = request.subspan(headerOfRequest, headerBytes);
+    const auto action = readBigEndian<std::uint32_t>(datagram);
+    if (action != errorAction && action != readBigEndian<std::uint32_t>(asked)) return false;
+    return readBigEndian<std::uint32_t>(datagram.subspan(4)) == readBigEndian<std::uint32_t>(asked.subspan(4));
+}
+
 std::uint64_t parseUDPConnectReply(ByteView datagram) {
-    if (datagram.size() < 16) throw TrackerException(TrackerError::invalidResponse);
+    refuseUnless(connectAction, 16, datagram);
     return readBigEndian<std::uint64_t>(datagram.subspan(8));
 }
 
 TrackerAnnounceResult parseUDPAnnounceReply(ByteView datagram, PeerAddressFamily family) {
-    if (datagram.size() < 20) throw TrackerException(TrackerError::invalidResponse);
+    refuseUnless(announceAction, 20, datagram);
     TrackerAnnounceResult result;
     result.interval = sensibleInterval(numberAt(datagram, 8));
-    result.incomplete = std::max<std::int64_t>(numberAt(datagram, 12), 0);
-    result.complete = std::max<std::int64_t>(numberAt(datagram, 16), 0);
+    result.incomplete = sensibleCount(numberAt(datagram, 12));
+    result.complete = sensibleCount(numberAt(datagram, 16));
     const ByteView peers = datagram.subspan(20);
     result.peers = family == PeerAddressFamily::ipv6 ? parseCompactIPv6Peers(peers) : parseCompactIPv4Peers(peers);
     return result;

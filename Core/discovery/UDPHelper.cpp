@@ -1,6 +1,7 @@
 #include "Core/discovery/UDPHelper.h"
 
 #include "Core/discovery/TrackerError.h"
+#include "Core/discovery/TrackerReply.h"
 #include "public/common/Within.h"
 
 #include <boost/asio/error.hpp>
@@ -14,9 +15,12 @@ namespace skein {
 namespace {
 
 asio::awaitable<Bytes> exchange(DatagramConnection& connection, Bytes data) {
-    co_await connection.send(std::move(data));
-    Bytes answer = co_await connection.receive();
-    co_return answer;
+    Bytes request = data;
+    co_await connection.send(std::move(request));
+    for (;;) {
+        Bytes answer = co_await connection.receive();
+        if (TrackerReply::isAnswerTo(data, answer)) co_return answer;
+    }
 }
 
 }  // namespace

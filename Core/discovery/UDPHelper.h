@@ -25,7 +25,9 @@ public:
     /// A socket to the first address of `host` that can be reached from the local address. Throws TrackerException
     /// (timeout), boost::system::system_error.
     asio::awaitable<std::unique_ptr<DatagramConnection>> connect(std::string host, std::uint16_t port);
-    /// Sends `data` once and returns the next datagram. Throws TrackerException (timeout), boost::system::system_error.
+    /// Sends `data`, a request of TrackerRequest, once and returns the answer to it. Datagrams that do not answer it
+    /// are passed over: waiting ends with the answer or the time. Throws TrackerException (timeout),
+    /// boost::system::system_error.
     asio::awaitable<Bytes> sendAndReceive(DatagramConnection& connection, Bytes data, std::chrono::seconds timeout);
 
 private:

@@ -56,6 +56,9 @@ void TrackerAnnouncer::announceDue() {
     const auto due = schedule_.takeDue(moment(), callbacks_.isShortOfPeers());
     if (due.empty()) return;
     environment_.log.info("[Session] Announcing to ", due.size(), " trackers (streaming mode)...");
+    std::string trackers;
+    for (const AnnounceSchedule::Due& one : due) trackers.append(trackers.empty() ? "" : ", ").append(one.tracker);
+    environment_.log.info("[Tracker] Will announce to ", due.size(), " trackers: ", trackers);
     announcesRunning_ += due.size();
     for (const AnnounceSchedule::Due& one : due) tasks_.spawn(announce(one));
     reportRows();

@@ -182,6 +182,7 @@ TEST_F(DHTProtocolTest, anAnswerCountsOnceAndOnlyFromWhereTheQueryWentTo) {
     answer(query, 1, values, stranger);
     answer(query, 1, values, DHTEndpoint{query.to.host, 2});
     answer({query.to, Dictionary{{"t", "abc"}}}, 1, values);
+    receive({{"t", query.text("t")}, {"y", "e"}}, stranger);
     receive({{"t", query.text("t")}, {"y", "r"}, {"r", values}}, query.to);  // without an id
     EXPECT_THAT(found, IsEmpty());
     answer(query, 1, values);

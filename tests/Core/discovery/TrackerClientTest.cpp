@@ -57,12 +57,27 @@ protected:
     SystemDatagrams datagrams;
     SecureRandom random;
     LoopbackTracker tracker{simulation.executor()};
-    std::vector<Bytes> udpAnswers;
-    ScriptedUDPServer udp{simulation.executor(), [this](const auto& seen) -> std::vector<Bytes> {
-                              const std::size_t index = seen.datagram.size() == 16 ? 0 : 1;
-                              if (index < udpAnswers.size()) return {udpAnswers[index]};
-                              return {};
-                          }};
+    /// What the UDP tracker says to the connect request and to the announce: its datagrams from the ninth byte on, each
+    /// after its action and the request's transaction plus a number.
+    struct UDPAnswer {
+        std::uint32_t action;
+        Bytes rest;
+        std::uint32_t offBy = 0;
+    };
+    std::vector<std::vector<UDPAnswer>> udpAnswers;
+    std::vector<Bytes> answersTo(const ByteView request) const {
+        std::vector<Bytes> answers;
+        const std::size_t step = request.size() == 16 ? 0 : 1;
+        if (step >= udpAnswers.size()) return answers;
+        for (const auto& [action, rest, offBy] : udpAnswers[step]) {
+            Bytes& datagram = answers.emplace_back();
+            appendBigEndian(datagram, action);
+            appendBigEndian(datagram, readBigEndian<std::uint32_t>(request.subspan(12)) + offBy);
+            append(datagram, rest);
+        }
+        return answers;
+    }
+    ScriptedUDPServer udp{simulation.executor(), [this](const auto& seen) { return answersTo(seen.datagram); }};
     HTTPReply webAnswer = HTTPReply::text("de");
     ScriptedHTTPServer web{simulation.executor(), [this](const SeenHTTPRequest&) { return webAnswer; }};
     TrackerAnnounce what;
@@ -95,8 +110,8 @@ TEST_F(TrackerClientTest, exchangesPeersOverHTTPAndUDPInBothFamilies) {
 
 TEST_F(TrackerClientTest, announceAllMergesWhatEachTrackerOfEachTierFound) {
     tracker.addPeer(what.infoHash, {"1.2.3.4", 80});
-    udpAnswers = {Bytes(16), Bytes(20)};
-    udpAnswers[1].insert(udpAnswers[1].end(), {1, 2, 3, 4, 0, 80, 5, 6, 7, 8, 0, 80});
+    udpAnswers = {{{0, Bytes(8)}}, {{1, Bytes(12)}}};
+    append(udpAnswers[1][0].rest, Bytes{1, 2, 3, 4, 0, 80, 5, 6, 7, 8, 0, 80});
     const auto peers = simulation.finish(
         client.announceAll({{tracker.httpURL(), "wss://tracker.example/"}, {tracker.udpURL()}, {udp.url()}}, what));
     EXPECT_THAT(peers, UnorderedElementsAre(PeerAddress{"1.2.3.4", 80}, PeerAddress{"5.6.7.8", 80}));
@@ -106,7 +121,7 @@ TEST_F(TrackerClientTest, announceAllMergesWhatEachTrackerOfEachTierFound) {
 
 TEST_F(TrackerClientTest, aUDPTrackerThatIsSilentAtEitherStepTimesOutAfterFifteenSeconds) {
     for (const std::size_t answered : {0U, 1U}) {
-        udpAnswers.assign(answered, Bytes(16));
+        udpAnswers.assign(answered, {{0, Bytes(8)}});
         const std::size_t before = udp.seen().size();
         auto outcome = simulation.begin(client.announceOneDetailed(udp.url(), what));
         simulation.runUntil([&] { return udp.seen().size() == before + answered + 1; });
@@ -115,11 +130,39 @@ TEST_F(TrackerClientTest, aUDPTrackerThatIsSilentAtEitherStepTimesOutAfterFiftee
         simulation.advance(1s);
         EXPECT_EQ(simulation.finish(std::move(outcome)).error, "Tracker request timed out");
     }
-    udpAnswers = {Bytes(15)};
+    udpAnswers = {{{0, Bytes(7)}}};
     EXPECT_EQ(announce(udp.url()).error, "Invalid tracker response");
-    udpAnswers = {Bytes(16), Bytes(19)};
+    udpAnswers = {{{0, Bytes(8)}}, {{1, Bytes(11)}}};
     EXPECT_EQ(announce(udp.url()).error, "Invalid tracker response");
     EXPECT_NE(udp.seen()[0].remotePort, udp.seen()[1].remotePort);  // a fresh socket each time
+}
+
+TEST_F(TrackerClientTest, onlyWhatAnswersTheRequestIsTheUDPTrackersAnswer) {
+    const Bytes peer{0, 0, 0, 60, 0, 0, 0, 0, 0, 0, 0, 0, 6, 6, 6, 6, 0, 80};
+    const std::vector<UDPAnswer> strays{{1, peer, 1}, {2, peer}, {3, toBytes("not yours"), 7}};
+    udpAnswers = {strays, strays};
+    udpAnswers[0].push_back({0, Bytes(8)});
+    auto waiting = simulation.begin(client.announceOneDetailed(udp.url(), what));
+    simulation.runUntil([&] { return udp.seen().size() == 2; });
+    simulation.advance(14s);
+    EXPECT_FALSE(simulation.hasEnded(waiting));
+    simulation.advance(1s);
+    EXPECT_EQ(simulation.finish(std::move(waiting)).error, "Tracker request timed out");
+    udpAnswers[0].insert(udpAnswers[0].begin(), {{0, Bytes(8), 1}, {1, peer}});
+    udpAnswers[1] = {{0, peer}, {1, peer, 1}, {1, peer}};
+    EXPECT_THAT(announce(udp.url()).peers, ElementsAre(PeerAddress{"6.6.6.6", 80}));
+}
+
+TEST_F(TrackerClientTest, anErrorReplyIsTheTrackersErrorAtEitherStep) {
+    const UDPAnswer refusal{3, toBytes("no such torrent\x1b here")};
+    udpAnswers = {{refusal}};
+    EXPECT_EQ(announce(udp.url()).error, "Tracker error: no such torrent? here");
+    udpAnswers = {{{0, Bytes(8)}}, {refusal}};
+    const auto outcome = announce(udp.url());
+    EXPECT_EQ(outcome.error, "Tracker error: no such torrent? here");
+    EXPECT_THAT(outcome.peers, IsEmpty());
+    EXPECT_EQ(outcome.interval, std::nullopt);
+    EXPECT_THAT(log.lines(), Contains("[Tracker] " + udp.url() + " → FAILED: Tracker error: no such torrent? here"));
 }
 
 TEST_F(TrackerClientTest, aUDPHostIsLookedUpAndItsAddressesTriedInTurn) {

@@ -55,6 +55,9 @@ TEST(TrackerReply, figuresThatAreMissingOrNegativeGetSensibleValues) {
         EXPECT_THAT(result.peers, IsEmpty());
     }
     EXPECT_EQ(parse("d8:intervali0ee").interval, 0);
+    const auto huge =
+        parse("d8:completei9223372036854775807e10:incompletei4294967296e8:intervali9223372036854775807ee");
+    EXPECT_THAT(figuresOf(huge), ElementsAre(86'400, TrackerReply::largestCount, TrackerReply::largestCount));
 }
 
 TEST(TrackerReply, whatIsNoDictionaryIsInvalidAndAReasonIsAnError) {
@@ -76,6 +79,7 @@ TEST(TrackerReply, takesNoMoreThanAShareOfAMillionPeers) {
 
 TEST(TrackerReply, udpEntriesHaveTheSizeOfTheSocketsFamily) {
     Bytes reply(20);
+    reply[3] = 1;
     reply[11] = 60;
     reply[15] = 2;
     reply[19] = 7;
@@ -88,6 +92,9 @@ TEST(TrackerReply, udpEntriesHaveTheSizeOfTheSocketsFamily) {
     std::fill_n(reply.begin() + 8, 12, std::uint8_t{0xFF});
     const auto negative = TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv6);
     EXPECT_THAT(figuresOf(negative), ElementsAre(1800, 0, 0));
+    reply[3] = 2;
+    EXPECT_EQ(failureIn<TrackerException>([&] { TrackerReply::parseUDPAnnounceReply(reply, PeerAddressFamily::ipv4); }),
+              "Invalid tracker response");
 }
 
 }  // namespace
