@@ -136,14 +136,16 @@ asio::awaitable<void> PieceExchange::afterBlocks(PeerKey key) {
 }
 
 asio::awaitable<void> PieceExchange::finishPiece(int piece, PeerKey supplier) {
+    const std::vector<RequestScheduler::Contribution> contributions = scheduler_.contributionsTo(piece);
     const ReceiveBlockResult result = co_await pieces_->completePiece(piece);
-    if (result == ReceiveBlockResult::completed) callbacks_.onPieceVerified(piece, supplier);
+    if (result == ReceiveBlockResult::completed)
+        for (const auto& [peer, bytes] : contributions) callbacks_.onBytesVerified(peer, bytes);
     if (tasks_.isStopping()) co_return;
     scheduler_.pieceEnded(piece);
     if (result == ReceiveBlockResult::completed) {
         onPieceCompleted(piece, supplier);
     } else if (!pieces_->storageProblem()) {
-        blameForBadPiece(supplier);
+        blameForBadPiece(piece, contributions);
     }
     for (const PeerKey idle : scheduler_.idlePeers()) requestPiecesFromPeer(idle);
     requestPiecesFromPeer(supplier);
@@ -160,7 +162,10 @@ void PieceExchange::onPieceCompleted(int piece, PeerKey supplier) {
     callbacks_.onAllPiecesCompleted();
 }
 
-void PieceExchange::blameForBadPiece(PeerKey supplier) {
+/// Of several suppliers nobody knows which one lied: the next one sends all of the piece, and answers for it alone.
+void PieceExchange::blameForBadPiece(int piece, const std::vector<RequestScheduler::Contribution>& contributions) {
+    if (contributions.size() != 1) return scheduler_.fetchFromOnePeer(piece);
+    const PeerKey supplier = contributions.front().peer;
     PeerPool::Peer* const peer = environment_.pool.find(supplier);
     if (peer == nullptr || ++peer->badPieces <= forgivenBadPieces) return;
     environment_.log.info("[Session] ", peer->connection->address().description(), " sent ", peer->badPieces,

@@ -18,8 +18,8 @@ namespace skein {
 class PieceExchange {
 public:
     struct Callbacks {
-        /// It is whole and good, and on the disk. Comes also while the exchange stops.
-        std::function<void(int piece, PeerKey supplier)> onPieceVerified;
+        /// So many bytes that a peer sent of a piece are good, and on the disk. Comes also while the exchange stops.
+        std::function<void(PeerKey supplier, std::int64_t bytes)> onBytesVerified;
         std::function<void(int piece, PeerKey supplier)> onPieceCompleted;
         std::function<void()> onAllPiecesCompleted;
         /// In blocks, wanted or not.
@@ -66,7 +66,7 @@ private:
     asio::awaitable<void> afterBlocks(PeerKey key);
     asio::awaitable<void> finishPiece(int piece, PeerKey supplier);
     void onPieceCompleted(int piece, PeerKey supplier);
-    void blameForBadPiece(PeerKey supplier);
+    void blameForBadPiece(int piece, const std::vector<RequestScheduler::Contribution>& contributions);
     asio::awaitable<void> readForUpload(std::vector<BlockRead>& reads);
     bool isWanting() const { return environment_.wantsPieces && !pieces_->isComplete(); }
 

@@ -10,7 +10,7 @@
 
 namespace skein {
 
-/// A piece that is being received: its bytes so far, and which blocks are still to come.
+/// A piece of which blocks are being received: its bytes so far, and which blocks are still to come.
 ///
 /// Memory is taken as blocks arrive, not for the whole piece at once. Owner: PieceManager, on whose strand it is
 /// changed; once it is whole it no longer changes, and the disk pool reads it.
@@ -23,6 +23,8 @@ public:
 
     std::int64_t size() const noexcept { return size_; }
     bool isWhole() const noexcept { return outstanding_ == 0; }
+    /// A block has come.
+    bool hasBegun() const noexcept { return outstanding_ < static_cast<std::int64_t>(received_.size()); }
     /// True where `begin` starts a block that has not come yet.
     bool expects(std::int64_t begin) const noexcept;
     /// Keeps `data` as the block at `begin`, which is expected. Data that would pass the end of the piece is not kept;
@@ -31,6 +33,7 @@ public:
     /// The bytes of a whole piece, in order.
     std::vector<iovec> buffers() const;
 
+    bool isResting = false;    ///< nobody fetches it at the moment; what came stays for the next one
     bool isSubmitted = false;  ///< handed to the disk pool; from now on nothing but its result ends it
 
 private:

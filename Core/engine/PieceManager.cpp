@@ -44,6 +44,7 @@ PieceManager::PieceManager(std::shared_ptr<const TorrentMetaInfo> metaInfo, std:
       picker_(metaInfo_->pieceCount()),
       completed_(metaInfo_->pieceCount()),
       chunks_(chunkSizeFor(metaInfo_->pieceLength)),
+      resting_(metaInfo_->pieceCount()),
       room_(environment_.strand, asio::steady_timer::time_point::max()),
       conditions_(static_cast<std::size_t>(metaInfo_->pieceCount()), PieceCondition::unchecked) {
     try {
@@ -143,6 +144,7 @@ void PieceManager::onChecked(std::span<const PieceVerifier::Checked> checked) {
     for (const auto& [piece, condition] : checked) {
         conditions_[static_cast<std::size_t>(piece)] = condition;
         if (condition != PieceCondition::good || pieceState(piece) != State::missing) continue;
+        if (inFlight_.contains(piece)) resetPiece(piece);  // what rests of it is on the disk by now
         picker_.removeCandidate(piece);
         downloadedBytes_ += metaInfo_->pieceSize(piece);
         markCompleted(piece);
@@ -170,21 +172,42 @@ void PieceManager::markPeerHasPiece(int piece) { picker_.count(piece); }
 
 std::optional<int> PieceManager::nextPiece(const PieceSet& peerHas) {
     if (!canDownload() || !trouble_.mayRequest(environment_.clock.now())) return std::nullopt;
+    if (const auto piece = firstCommon(resting_, peerHas)) return piece;
     return picker_.next(peerHas);
 }
 
 std::vector<BlockRequest> PieceManager::blocksForPiece(int piece) {
     if (!canDownload() || !picker_.candidates().contains(piece)) return {};
     const auto size = static_cast<int>(metaInfo_->pieceSize(piece));
-    inFlight_.try_emplace(piece, chunks_, size);
+    const auto [found, isNew] = inFlight_.try_emplace(piece, chunks_, size);
+    if (isNew) bufferedBytes_ += size;
+    endRest(piece, found->second);
     picker_.removeCandidate(piece);
     trouble_.onRequested(piece);
-    bufferedBytes_ += size;
     std::vector<BlockRequest> blocks;
     blocks.reserve(static_cast<std::size_t>((size + blockSize - 1) / blockSize));
     for (int begin = 0; begin < size; begin += blockSize)
-        blocks.push_back({piece, begin, std::min(blockSize, size - begin)});
+        if (found->second.expects(begin)) blocks.push_back({piece, begin, std::min(blockSize, size - begin)});
     return blocks;
+}
+
+void PieceManager::restPiece(int piece) {
+    const auto found = inFlight_.find(piece);
+    if (found == inFlight_.end() || found->second.isWhole() || found->second.isResting) return;
+    PieceInFlight& rest = found->second;
+    if (!rest.hasBegun() || (restingBytes_ > 0 && restingBytes_ + rest.size() > mostRestingBytes))
+        return resetPiece(piece);
+    rest.isResting = true;
+    resting_.insert(piece);
+    restingBytes_ += rest.size();
+    picker_.addCandidate(piece);
+    trouble_.onGivenUp(piece);
+}
+
+void PieceManager::endRest(int piece, PieceInFlight& rest) {
+    if (!std::exchange(rest.isResting, false)) return;
+    resting_.erase(piece);
+    restingBytes_ -= rest.size();
 }
 
 asio::awaitable<ReceiveBlockResult> PieceManager::receiveBlock(int pieceIndex, int begin, ByteView data) {
@@ -198,7 +221,8 @@ asio::awaitable<ReceiveBlockResult> PieceManager::receiveBlock(int pieceIndex, i
 
 PieceManager::StoreResult PieceManager::storeBlock(int pieceIndex, int begin, ByteView data) {
     const auto found = inFlight_.find(pieceIndex);
-    if (found == inFlight_.end() || !found->second.expects(begin)) return StoreResult::ignored;
+    if (found == inFlight_.end() || found->second.isResting || !found->second.expects(begin))
+        return StoreResult::ignored;
     PieceInFlight& piece = found->second;
     piece.store(begin, data);
     downloadedBytes_ += static_cast<std::int64_t>(data.size());
@@ -286,6 +310,7 @@ void PieceManager::resetPiece(int piece) {
 void PieceManager::dropInFlight(int piece) {
     const auto found = inFlight_.find(piece);
     const std::int64_t size = found->second.size();
+    endRest(piece, found->second);
     if (found->second.isWhole()) unwrittenBytes_ -= size;
     bufferedBytes_ -= size;
     inFlight_.erase(found);
@@ -382,7 +407,8 @@ std::int64_t PieceManager::downloadedBytes() const noexcept { return std::max<st
 
 PieceManager::State PieceManager::pieceState(int piece) const noexcept {
     if (completed_.contains(piece)) return State::completed;
-    return inFlight_.contains(piece) ? State::downloading : State::missing;
+    const auto found = inFlight_.find(piece);
+    return found != inFlight_.end() && !found->second.isResting ? State::downloading : State::missing;
 }
 
 asio::awaitable<void> PieceManager::roomToReceive() {

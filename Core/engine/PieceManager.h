@@ -62,6 +62,8 @@ public:
     /// within these bounds; two are let in whatever their size.
     static constexpr std::int64_t leastUnwrittenLimit = std::int64_t{16} << 20U;
     static constexpr std::int64_t mostUnwrittenLimit = std::int64_t{32} << 20U;
+    /// What pieces that rest may take once they are whole. One may rest whatever its size.
+    static constexpr std::int64_t mostRestingBytes = std::int64_t{64} << 20U;
 
     PieceManager(std::shared_ptr<const TorrentMetaInfo> metaInfo, std::filesystem::path savePath,
                  Environment environment, Mode mode);
@@ -86,10 +88,14 @@ public:
 
     void updateAvailability(ByteView bitfield);
     void markPeerHasPiece(int piece);
-    /// The missing piece to fetch from a peer that has `peerHas`. None, too, while writes fail.
+    /// The missing piece to fetch from a peer that has `peerHas`: one that rests first. None, too, while writes fail.
     std::optional<int> nextPiece(const PieceSet& peerHas);
-    /// Begins a missing piece; its blocks in order. Nothing for any other piece.
+    /// Begins a missing piece, or goes on with one that rests; the blocks that are still to come, in order. Nothing for
+    /// any other piece.
     std::vector<BlockRequest> blocksForPiece(int piece);
+    /// Nobody fetches the piece any more. The blocks that came stay for whoever takes it next; a piece without one, and
+    /// one for which there is no more room, is given up.
+    void restPiece(int piece);
 
     asio::awaitable<ReceiveBlockResult> receiveBlock(int pieceIndex, int begin, ByteView data);
     /// The first half of `receiveBlock`: copies the block.
@@ -97,7 +103,7 @@ public:
     /// The second half, after `whole`: hashes and writes the piece on the disk pool. Once begun it runs to its end,
     /// whether or not the caller is cancelled.
     asio::awaitable<ReceiveBlockResult> completePiece(int pieceIndex);
-    /// Gives up a downloading piece, unless it is being hashed and written.
+    /// Gives up a downloading or resting piece with all that came of it, unless it is being hashed and written.
     void resetPiece(int piece);
 
     Bytes bitfield() const;
@@ -120,7 +126,9 @@ public:
     /// Payload received and not rolled back, and verified payload. A piece that is given up counts down in full,
     /// whatever part of it had come, so this may run low; never below 0.
     std::int64_t downloadedBytes() const noexcept;
+    /// A piece that rests is `missing`.
     State pieceState(int piece) const noexcept;
+    bool isResting(int piece) const noexcept { return resting_.contains(piece); }
     int availabilityOf(int piece) const noexcept { return picker_.availabilityOf(piece); }
     const TorrentMetaInfo& metaInfo() const noexcept { return *metaInfo_; }
     const PieceSet& completedSet() const noexcept { return completed_; }
@@ -147,6 +155,7 @@ private:
     Outcome hashAndWrite(int piece, const PieceInFlight& data);
     ReceiveBlockResult finish(int piece, const Outcome& outcome);
     void markCompleted(int piece);
+    void endRest(int piece, PieceInFlight& rest);
     /// Drops a piece's buffer.
     void dropInFlight(int piece);
     bool isReadable(const BlockRequest& block) const noexcept;
@@ -168,6 +177,7 @@ private:
     PieceSet completed_;
     ChunkPool chunks_;
     std::unordered_map<int, PieceInFlight> inFlight_;
+    PieceSet resting_;  // of those in flight, which nobody fetches; they are candidates of the picker, too
     WriteTrouble trouble_;
     int storageErrno_ = 0;
     asio::steady_timer room_;  // cancelled to wake those who wait for room
@@ -176,6 +186,7 @@ private:
     std::int64_t completedBytes_ = 0;
     std::int64_t bufferedBytes_ = 0;
     std::int64_t unwrittenBytes_ = 0;
+    std::int64_t restingBytes_ = 0;
 
     std::vector<PieceCondition> conditions_;
     int checkedPieces_ = 0;

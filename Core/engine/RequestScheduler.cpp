@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <span>
+#include <utility>
 
 namespace skein {
 
@@ -97,6 +99,7 @@ bool RequestScheduler::takePiece(Peer& peer, PeerKey key) {
     inFlight.peer = key;
     inFlight.blocks = pieces_.blocksForPiece(*piece);
     inFlight.lastBlockAt = clock_.now();
+    if (auto credits = pendingPieceCredits_.extract(*piece)) inFlight.contributions = std::move(credits.mapped());
     pieceToPeer_.emplace(*piece, std::move(inFlight));
     peer.pieces.push_back(*piece);
     return true;
@@ -151,9 +154,10 @@ RequestScheduler::BlockOutcome RequestScheduler::receiveBlock(PeerKey key, std::
     const auto found = pieceToPeer_.find(static_cast<int>(piece));
     if (found == pieceToPeer_.end() || found->second.peer != key) return BlockOutcome::ignored;
     PieceInFlight& inFlight = found->second;
-    const std::size_t index = begin / blockSize;
-    if (begin % blockSize != 0 || index >= inFlight.sent) return BlockOutcome::ignored;
-    if (block.size() != static_cast<std::size_t>(inFlight.blocks[index].length)) return BlockOutcome::ignored;
+    const auto asked = std::span(inFlight.blocks).first(inFlight.sent);
+    const auto request = std::ranges::lower_bound(asked, std::int64_t{begin}, {}, &BlockRequest::begin);
+    if (request == asked.end() || std::cmp_not_equal(request->begin, begin)) return BlockOutcome::ignored;
+    if (std::cmp_not_equal(request->length, block.size())) return BlockOutcome::ignored;
 
     const auto stored = pieces_.storeBlock(static_cast<int>(piece), static_cast<int>(begin), block);
     if (stored == PieceManager::StoreResult::ignored) return BlockOutcome::ignored;
@@ -164,12 +168,21 @@ RequestScheduler::BlockOutcome RequestScheduler::receiveBlock(PeerKey key, std::
     --peer.outstanding;
     ++inFlight.received;
     inFlight.lastBlockAt = now;
+    if (inFlight.contributions.empty() || inFlight.contributions.back().peer != key)
+        inFlight.contributions.push_back({key, 0});
+    inFlight.contributions.back().bytes += static_cast<std::int64_t>(block.size());
     return stored == PieceManager::StoreResult::whole ? BlockOutcome::whole : BlockOutcome::accepted;
+}
+
+std::vector<RequestScheduler::Contribution> RequestScheduler::contributionsTo(int piece) const {
+    const auto found = pieceToPeer_.find(piece);
+    return found == pieceToPeer_.end() ? std::vector<Contribution>() : found->second.contributions;
 }
 
 void RequestScheduler::pieceEnded(int piece) {
     const auto found = pieceToPeer_.find(piece);
     if (found == pieceToPeer_.end()) return;
+    if (pieces_.pieceState(piece) == PieceManager::State::completed) undivided_.erase(piece);
     if (const auto peer = peers_.find(found->second.peer); peer != peers_.end()) std::erase(peer->second.pieces, piece);
     pieceToPeer_.erase(found);
     if (pieces_.pieceState(piece) == PieceManager::State::missing) forgetExhaustion();
@@ -186,8 +199,13 @@ RequestScheduler::GivenBack RequestScheduler::giveBack(int piece) {
     peer.outstanding -= static_cast<int>(inFlight.sent - inFlight.received);
     result.cancelled.assign(inFlight.blocks.begin(),
                             inFlight.blocks.begin() + static_cast<std::ptrdiff_t>(inFlight.sent));
+    if (undivided_.contains(piece)) {
+        pieces_.resetPiece(piece);
+    } else {
+        pieces_.restPiece(piece);
+        if (pieces_.isResting(piece)) pendingPieceCredits_[piece] = inFlight.contributions;
+    }
     pieceToPeer_.erase(found);
-    pieces_.resetPiece(piece);
     forgetExhaustion();
     return result;
 }
@@ -230,7 +248,7 @@ bool RequestScheduler::fasterPeerThan(const Peer& slow) const {
     });
 }
 
-/// An idle peer that has `piece` and would fetch it from its start far sooner than its supplier will end it.
+/// An idle peer that has `piece` and would fetch what is left of it far sooner than its supplier will end it.
 std::optional<PeerKey> RequestScheduler::rescuerOf(int piece, const PieceInFlight& inFlight) const {
     const Clock::TimePoint now = clock_.now();
     const double rate = std::max(peers_.at(inFlight.peer).rate.bytesPerSecond(now), 1.0);
@@ -238,8 +256,8 @@ std::optional<PeerKey> RequestScheduler::rescuerOf(int piece, const PieceInFligh
     if (remaining < rescueAfterSeconds) return std::nullopt;
     for (const auto& [key, peer] : peers_) {
         if (peer.isChoking || peer.isSlow || !peer.pieces.empty() || !peer.has.contains(piece)) continue;
-        const double rescue =
-            static_cast<double>(inFlight.blocks.size()) * blockSize / std::max(peer.rate.bytesPerSecond(now), 1.0);
+        const double rescue = static_cast<double>(inFlight.blocks.size() - inFlight.received) * blockSize /
+                              std::max(peer.rate.bytesPerSecond(now), 1.0);
         if (rescue * rescueFactor < remaining) return key;
     }
     return std::nullopt;

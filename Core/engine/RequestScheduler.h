@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -18,7 +19,8 @@ namespace skein {
 using PeerKey = std::uint32_t;
 
 /// Decides which pieces each peer fetches and when each block is asked for. No sockets: the session sends what this
-/// returns and reports what comes. A piece is fetched from one peer only.
+/// returns and reports what comes. A piece has one fetcher at a time; whoever takes it over from a peer that chokes,
+/// leaves or is too slow is asked for the blocks that are still to come.
 ///
 /// Owner: the session. Thread: the session's strand. `pieces` and `clock` outlive it.
 class RequestScheduler {
@@ -42,6 +44,12 @@ public:
         std::vector<BlockRequest> cancelled;
     };
 
+    /// What one peer sent of a piece.
+    struct Contribution {
+        PeerKey peer;
+        std::int64_t bytes;
+    };
+
     RequestScheduler(PieceManager& pieces, Clock& clock) : pieces_(pieces), clock_(clock) {}
 
     /// The other calls ignore a peer that was not added, or was removed: its last messages may still come.
@@ -63,8 +71,12 @@ public:
     /// Stores a block that came from `peer`. Only what was asked of that peer is taken. After `whole` the caller
     /// completes the piece and calls `pieceEnded`.
     BlockOutcome receiveBlock(PeerKey peer, std::uint32_t piece, std::uint32_t begin, ByteView block);
+    /// Who sent the blocks of a whole piece, also those who have left.
+    std::vector<Contribution> contributionsTo(int piece) const;
     /// The piece verified, failed or could not be written: its slot is free.
     void pieceEnded(int piece);
+    /// The piece was wrong, and came from several: from now on one peer has to send all of it, until it is good.
+    void fetchFromOnePeer(int piece) { undivided_.insert(piece); }
 
     /// Takes back what stalls, what a peer holds beyond its share, and what a far faster idle peer would have sooner.
     /// Called about once a second.
@@ -86,10 +98,11 @@ public:
 private:
     struct PieceInFlight {
         PeerKey peer = 0;
-        std::vector<BlockRequest> blocks;
-        std::size_t sent = 0;      // of blocks, in order
-        std::size_t received = 0;  // of blocks, in any order
+        std::vector<BlockRequest> blocks;  // those that it was taken for, by their place in the piece
+        std::size_t sent = 0;              // of blocks, in order
+        std::size_t received = 0;          // of blocks, in any order
         Clock::TimePoint lastBlockAt;
+        std::vector<Contribution> contributions;
 
         bool isWhole() const noexcept { return received == blocks.size(); }
     };
@@ -120,6 +133,8 @@ private:
     Clock& clock_;
     std::unordered_map<PeerKey, Peer> peers_;
     std::map<int, PieceInFlight> pieceToPeer_;
+    std::map<int, std::vector<Contribution>> pendingPieceCredits_;  // of pieces that rest
+    std::set<int> undivided_;                                       // pieces that are to come from one peer
 };
 
 }  // namespace skein

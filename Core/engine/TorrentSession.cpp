@@ -169,8 +169,8 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
     }
     pieceManager_ = pieces;
     PieceExchange::Callbacks callbacks;
-    callbacks.onPieceVerified = [this](int piece, PeerKey supplier) {
-        if (service_) service_->onVerified(supplier, metaInfo_->pieceSize(piece));
+    callbacks.onBytesVerified = [this](PeerKey supplier, std::int64_t bytes) {
+        if (service_) service_->onVerified(supplier, bytes);
     };
     callbacks.onPieceCompleted = [this](int, PeerKey supplier) {
         if (const PeerPool::Peer* const peer = peerPool_.find(supplier))

@@ -79,6 +79,27 @@ TEST_F(PieceManagerTest, countsABadOrGivenUpPieceDownInFullButNeverBelowNothing)
     EXPECT_EQ(manager->bufferedBytes(), 0);
 }
 
+TEST_F(PieceManagerTest, keepsTheBlocksOfPiecesThatRestAsLongAsThereIsRoom) {
+    constexpr std::int64_t half = PieceManager::mostRestingBytes / 2;
+    setUp(TestTorrent(half, {{"t", 3 * half}}, 7));
+    for (const int piece : {2, 1, 0}) {
+        EXPECT_EQ(nextPiece(), 2 - piece == 0 ? 0 : piece + 1) << "what rests comes first";
+        manager->blocksForPiece(piece);
+        manager->storeBlock(piece, 16384, Bytes(16384, 7));
+        manager->restPiece(piece);
+        EXPECT_EQ(manager->pieceState(piece), State::missing);
+        EXPECT_EQ(manager->storeBlock(piece, 0, Bytes(16384, 7)), StoreResult::ignored);
+    }
+    EXPECT_FALSE(manager->isResting(0)) << "one too many";
+    EXPECT_EQ(manager->bufferedBytes(), 2 * half);
+    EXPECT_EQ(manager->blocksForPiece(1).size(), static_cast<std::size_t>(half / 16384 - 1));
+    manager->restPiece(1);
+    EXPECT_EQ(receive(0), completed);
+    EXPECT_EQ(receive(1), ReceiveBlockResult::completed);
+    EXPECT_EQ(manager->bufferedBytes(), half);
+    EXPECT_EQ(receive(2), completed);
+}
+
 TEST_F(PieceManagerTest, doesNotGiveUpAPieceThatIsBeingWritten) {
     setUp(TestTorrent(16384, {{"t", 16384}}));
     asio::io_context busyDisk;

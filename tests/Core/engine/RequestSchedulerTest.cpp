@@ -98,10 +98,41 @@ TEST_F(RequestSchedulerTest, takesOnlyWhatItAskedOfThatPeerAndGivesPiecesBackOnC
     scheduler.setChoking(1, true);
     EXPECT_EQ(scheduler.piecesInFlight(), 0);
     EXPECT_EQ(pieces.pieceState(asked.pieceIndex), PieceManager::State::missing);
-    EXPECT_EQ(scheduler.nextRequests(2).front(), asked);
+    EXPECT_EQ(scheduler.nextRequests(2).front(), (BlockRequest{piece, blockSize, blockSize})) << "the rest of it";
     scheduler.removePeer(2);
     EXPECT_EQ(scheduler.piecesInFlight(), 0);
-    EXPECT_EQ(receive(1, asked), Outcome::ignored) << "late, after the choke";
+    EXPECT_EQ(receive(1, {piece, blockSize, blockSize}), Outcome::ignored) << "late, after the choke";
+}
+
+TEST_F(RequestSchedulerTest, losesNoBlockToAPeerThatChokesAgainAndAgain) {
+    Bytes onePiece(pieceCount / 8);
+    onePiece[0] = 0x80;
+    add(1, onePiece);
+    std::vector<BlockRequest> received;
+    for (int turn = 1; turn < blocksPerPiece; ++turn) {
+        const BlockRequest next = scheduler.nextRequests(1).front();
+        EXPECT_EQ(receive(1, next), RequestScheduler::BlockOutcome::accepted) << turn;
+        scheduler.setChoking(1, true);
+        scheduler.setChoking(1, false);
+    }
+    add(2, onePiece);
+    scheduler.setChoking(1, true);
+    const std::vector<BlockRequest> rest = scheduler.nextRequests(2);
+    ASSERT_THAT(rest, SizeIs(1));
+    EXPECT_EQ(receive(2, rest[0]), RequestScheduler::BlockOutcome::whole);
+    const auto contributions = scheduler.contributionsTo(0);
+    ASSERT_THAT(contributions, SizeIs(2));
+    EXPECT_EQ(contributions[0].bytes, 3 * blockSize);
+    EXPECT_EQ(contributions[1].peer, 2U);
+
+    // It was wrong, and nobody knows whose fault that is: one peer sends all of it now.
+    simulation.finish(pieces.completePiece(0));
+    scheduler.pieceEnded(0);
+    scheduler.fetchFromOnePeer(0);
+    scheduler.setChoking(1, false);
+    EXPECT_EQ(receive(1, scheduler.nextRequests(1).front()), RequestScheduler::BlockOutcome::accepted);
+    scheduler.setChoking(1, true);
+    EXPECT_THAT(scheduler.nextRequests(2), SizeIs(blocksPerPiece));
 }
 
 TEST_F(RequestSchedulerTest, sharesTheSlotsByMeasuredRate) {
