@@ -2,6 +2,7 @@
 
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
+#include <boost/url/pct_string_view.hpp>
 
 #include <optional>
 #include <string_view>
@@ -10,18 +11,18 @@ namespace skein {
 
 namespace {
 
-constexpr std::string_view variable = "{task}";
-
 /// What stands for the variable in `path`; nothing when it does not have the pattern's form.
 std::optional<std::string> matched(std::string_view pattern, std::string_view path) {
-    const auto at = pattern.find(variable);
+    const auto at = pattern.find('{');
     if (at == std::string_view::npos) return pattern == path ? std::optional(std::string()) : std::nullopt;
     const std::string_view before = pattern.substr(0, at);
-    const std::string_view after = pattern.substr(at + variable.size());
+    const std::string_view after = pattern.substr(pattern.find('}', at) + 1);
     if (path.size() <= before.size() + after.size() || !path.starts_with(before) || !path.ends_with(after))
         return std::nullopt;
     const std::string_view found = path.substr(before.size(), path.size() - before.size() - after.size());
-    return found.find('/') == std::string_view::npos ? std::optional(std::string(found)) : std::nullopt;
+    if (found.find('/') != std::string_view::npos) return std::nullopt;
+    const auto encoded = boost::urls::make_pct_string_view(boost::core::string_view(found.data(), found.size()));
+    return encoded ? std::optional(encoded->decode()) : std::nullopt;
 }
 
 }  // namespace

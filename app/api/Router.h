@@ -9,10 +9,11 @@
 
 namespace skein {
 
-/// Finds what answers a request: a method, and a path of which one component may be a variable ("{task}").
+/// Finds what answers a request: a method, and a path of which one component may be a variable ("{task}",
+/// "{user}").
 class Router {
 public:
-    /// `task` is what stood for the variable; empty where there is none.
+    /// `task` is what stood for the variable, percent-decoded; empty where there is none.
     using Handler = std::function<asio::awaitable<HTTPServerResponse>(std::string task, HTTPServerRequest request)>;
 
     struct Route {
