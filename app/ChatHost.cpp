@@ -1,5 +1,7 @@
 #include "app/ChatHost.h"
 
+#include "chat/ChatConversationRead.h"
+
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
 
@@ -19,6 +21,7 @@ ChatTerminal thisProgram() {
 
 ChatHost::ChatHost(EngineHost& host, MsgCenter& center)
     : host_(host),
+      center_(center),
       talk_(host.home() / "talk.db", host.pools().disk(), host.log()),
       client_(host.pools().io(),
               {host.clock(), host.resolver(), *this, host.settings(), talk_, center, host.log(), thisProgram()}),
@@ -39,6 +42,21 @@ asio::awaitable<ChatAccount> ChatHost::account() {
 asio::awaitable<std::string> ChatHost::user() {
     const ServiceAccess access = co_await host_.account().access();
     co_return access.userID;
+}
+
+asio::awaitable<std::string> ChatHost::owner() {
+    std::string account = co_await user();
+    ChatState state = co_await client_.state();
+    // The name that the server gave to another account is not this one's.
+    const bool isKnown = !account.empty() && state.account == account && !state.user.empty();
+    co_return isKnown ? std::move(state.user) : std::move(account);
+}
+
+asio::awaitable<void> ChatHost::markRead(TalkPartner partner, std::int64_t until) {
+    std::string name = co_await owner();
+    const ChatConversationRead read{partner, until};
+    co_await talk_.markRead(std::move(name), std::move(partner), until);
+    center_.publish(read);
 }
 
 asio::awaitable<std::string> ChatHost::server() {

@@ -25,11 +25,16 @@ public:
 
     ChatWSClient& client() noexcept { return client_; }
     TalkData& talk() noexcept { return talk_; }
-    Clock& clock() noexcept { return host_.clock(); }
+    EngineHost& host() noexcept { return host_; }
     /// Empty when nobody is signed in.
     asio::awaitable<std::string> user();
+    /// Under which name the store keeps what is ours: the chat server's for this user once it told it, else the
+    /// account's. Empty when nobody is signed in.
+    asio::awaitable<std::string> owner();
     /// Empty when it is not set.
     asio::awaitable<std::string> server();
+    /// What was sent up to `until` (milliseconds since 1970) counts as read, in the store and in every window.
+    asio::awaitable<void> markRead(TalkPartner partner, std::int64_t until);
     /// Comes, goes or changes the user, as the account and the settings say now. Returns at once.
     void accountChanged();
     /// Returns once the client is on its way to `server`, which the settings name now; at once when it is already.
@@ -45,6 +50,7 @@ private:
     asio::awaitable<void> ask(AccelerateMessage message);
 
     EngineHost& host_;
+    MsgCenter& center_;
     TalkData talk_;
     ChatWSClient client_;
     std::string server_;       ///< that the client was told to connect to; empty: to none

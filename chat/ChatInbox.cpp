@@ -59,19 +59,22 @@ asio::awaitable<void> ChatInbox::takeOne(std::optional<ChatMessage> message, std
 
 asio::awaitable<void> ChatInbox::take(std::vector<ChatMessage> messages, std::string owner, bool isFromHistory) {
     if (messages.empty()) co_return;
-    std::vector<ChatMessage> fresh = messages;
+    std::vector<TalkRecord> fresh;
+    for (const ChatMessage& message : messages) fresh.push_back(TalkRecord::of(message, 0));
     try {
         fresh = co_await talk_.append(std::move(owner), std::move(messages));
     } catch (const DatabaseException& error) {
         log_.error("[Chat] messages could not be stored: ", error.what());
     }
-    for (ChatMessage& message : fresh) {
-        ChatMessageReceived received;
-        received.record = message.recordLine();
-        received.message = std::move(message);
-        received.isFromHistory = isFromHistory;
+    for (TalkRecord& message : fresh) {
+        const ChatMessageReceived received{std::move(message), isFromHistory};
         messages_.publish(received);
     }
+}
+
+void ChatInbox::takeSent(TalkRecord message) {
+    const ChatMessageReceived sent{std::move(message), false};
+    messages_.publish(sent);
 }
 
 }  // namespace skein

@@ -26,6 +26,8 @@ public:
     /// The answer to a request for the messages with one user, or of one group.
     asio::awaitable<void> takeHistory(boost::json::object frame, std::string owner);
     asio::awaitable<void> takeGroupHistory(boost::json::object frame, std::string owner);
+    /// A message of our own that has gone out, and is stored already.
+    void takeSent(TalkRecord message);
 
     /// The media of the latest message that came with some, as JSON.
     const std::optional<std::string>& latestImage() const noexcept { return latestImage_; }

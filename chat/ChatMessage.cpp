@@ -8,6 +8,8 @@ namespace skein {
 
 namespace {
 
+constexpr std::string_view mediaField = "|mediaJson:";
+
 /// As a field of the record: nothing in it ends the field or the line.
 std::string asField(std::string_view text) {
     constexpr std::string_view digits = "0123456789ABCDEF";
@@ -29,8 +31,13 @@ std::string ChatMessage::recordLine() const {
     std::string line = isGroup ? "cmd:groupMsg" : "cmd:chat";
     line += "|vipName:" + asField(from) + "|destVip:" + asField(to) + "|timestamp:" + asField(timestamp);
     line += "|bundId:" + asField(bundId) + "|appType:" + asField(appType);
-    if (!mediaJson.empty()) line += "|mediaJson:" + mediaJson;
+    if (!mediaJson.empty()) line.append(mediaField).append(mediaJson);
     return line;
+}
+
+std::string ChatMessage::mediaJsonIn(std::string_view recordLine) {
+    const std::size_t at = recordLine.find(mediaField);  // no field before it can hold a "|"
+    return at == std::string_view::npos ? std::string() : std::string(recordLine.substr(at + mediaField.size()));
 }
 
 std::int64_t ChatMessage::sentAt() const noexcept {

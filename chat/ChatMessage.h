@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace skein {
 
@@ -21,6 +22,8 @@ struct ChatMessage {
     /// "|", "%" and control characters in them are written as "%7C" and the like. The media comes last and is left as
     /// it is: it is JSON without line breaks.
     std::string recordLine() const;
+    /// The media in such a line; empty when there is none.
+    static std::string mediaJsonIn(std::string_view recordLine);
     /// When it was sent, in milliseconds since 1970. A timestamp before 1973 in milliseconds is one in seconds.
     /// Nothing that could be a time counts as 0.
     std::int64_t sentAt() const noexcept;

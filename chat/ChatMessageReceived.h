@@ -1,15 +1,13 @@
 #pragma once
 
-#include "chat/ChatMessage.h"
-
-#include <string>
+#include "chat/TalkRecord.h"
 
 namespace skein {
 
-/// Published to MsgCenter when a message is new to the chat store: once, however often the server tells it.
+/// Published to MsgCenter when a message is new to the chat store: once, however often the server tells it. A message
+/// of our own is published when it has gone out, so that the user's other windows show it.
 struct ChatMessageReceived {
-    ChatMessage message;
-    std::string record;          ///< its line in the store
+    TalkRecord message;
     bool isFromHistory = false;  ///< sent while we were away, or long ago
 };
 

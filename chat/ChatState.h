@@ -12,6 +12,7 @@ namespace skein {
 struct ChatState {
     bool active = false;  ///< signed in: requests go out
     ClientStatus status = ClientStatus::disconnected;
+    std::string account;                     ///< the user of the last login, as the account has the name
     std::string user;                        ///< whom the server knows us as; empty before the first login
     std::int64_t newChatCount = 0;           ///< unread chats at the last login
     std::string cacheList;                   ///< the last friend or group list, as JSON

@@ -77,6 +77,7 @@ asio::awaitable<ChatState> ChatWSClient::doState() {
     ChatState state;
     state.active = status_ == ClientStatus::loggedIn;
     state.status = status_;
+    state.account = signedIn_;
     state.user = me_;
     state.newChatCount = newChatCount_;
     state.cacheList = cacheList_;
@@ -207,7 +208,8 @@ asio::awaitable<void> ChatWSClient::storeSession(std::string sessionId) {
 asio::awaitable<void> ChatWSClient::catchUp(std::uint64_t session, bool hasNewChats) {
     std::vector<TalkPartner> partners;
     try {
-        partners = co_await parts_.talk.partners(me_);
+        std::vector<TalkConversation> known = co_await parts_.talk.conversations(me_);
+        for (TalkConversation& one : known) partners.push_back(std::move(one.partner));
     } catch (const DatabaseException& error) {
         parts_.log.warning("[Chat] the store cannot be read: ", error.what());
     }

@@ -83,12 +83,15 @@ public:
     asio::awaitable<bool> sendChat(std::string type, std::string destVip, std::string text);
     /// The newest `historyPage` messages before `endTime`, without those before `startTime`.
     asio::awaitable<History> getChatHistory(std::string destVip, Clock::WallTime startTime, Clock::WallTime endTime);
-    /// Marks them in the store too, whether or not connected.
+    /// Tells the server; the store is marked by whoever shows the messages.
     asio::awaitable<bool> readChat(std::string destVip, Clock::WallTime readTime);
     asio::awaitable<Answer> getFriendList();
     asio::awaitable<Answer> addFriend(std::string newFriend);
     asio::awaitable<bool> deleteFriend(std::string friendId);
     asio::awaitable<Answer> sendGroupMsg(std::string groupId, std::int64_t level, std::string text);
+    /// The same, but joins the group first where this connection has not, and once more when the server refuses the
+    /// message of one who has. The answer to the message.
+    asio::awaitable<Answer> tellGroup(std::string groupId, std::int64_t level, std::string text);
     asio::awaitable<Answer> joinGroup(std::string groupId);
     asio::awaitable<Answer> getGroupList();
     asio::awaitable<History> getGroupHistory(std::string groupId, Clock::WallTime before, std::int64_t limit);
@@ -126,13 +129,13 @@ private:
     asio::awaitable<Answer> ask(boost::json::object message, ChatAnswers::Awaited awaited);
     asio::awaitable<bool> doSendChat(std::string type, std::string destVip, std::string text);
     asio::awaitable<History> doGetChatHistory(std::string destVip, std::int64_t start, std::int64_t end);
-    asio::awaitable<bool> doReadChat(std::string destVip, std::int64_t readTime);
     asio::awaitable<Answer> doSendGroupMsg(std::string groupId, std::int64_t level, std::string text);
+    asio::awaitable<Answer> doTellGroup(std::string groupId, std::int64_t level, std::string text);
     asio::awaitable<Answer> doJoinGroup(std::string groupId);
     asio::awaitable<History> doGetGroupHistory(std::string groupId, std::int64_t before, std::int64_t limit);
     asio::awaitable<bool> doSendAccelerateMessage(AccelerateMessage message);
-    asio::awaitable<std::optional<std::int64_t>> storeOwn(std::string to, std::string text, bool isGroup);
-    asio::awaitable<void> takeBack(std::optional<std::int64_t> id);
+    asio::awaitable<TalkRecord> storeOwn(std::string to, std::string text, bool isGroup);
+    asio::awaitable<void> takeBack(std::int64_t id);
 
     Parts parts_;
     ClientStatus status_ = ClientStatus::disconnected;
@@ -140,7 +143,7 @@ private:
     std::string me_;        ///< the server's name for that user
     std::int64_t newChatCount_ = 0;
     std::string cacheList_;
-    std::set<std::string> joinedGroups_;  ///< since this login
+    std::set<std::string> joinedGroups_;  ///< of this connection's server, which lets us in
     std::uint64_t session_ = 0;           ///< grows with each connection
     bool hasBeenLoggedIn_ = false;
     bool isNobodyThere_ = false;    ///< to sign in

@@ -50,7 +50,7 @@ asio::awaitable<ChatWSClient::History> ChatWSClient::getChatHistory(std::string 
 }
 
 asio::awaitable<bool> ChatWSClient::readChat(std::string destVip, Clock::WallTime readTime) {
-    return tasks_.call(doReadChat(std::move(destVip), millisecondsOf(readTime)));
+    return tasks_.call(request(chatRequests::readChat(destVip, millisecondsOf(readTime))));
 }
 
 asio::awaitable<ChatWSClient::Answer> ChatWSClient::getFriendList() {
@@ -68,6 +68,11 @@ asio::awaitable<bool> ChatWSClient::deleteFriend(std::string friendId) {
 asio::awaitable<ChatWSClient::Answer> ChatWSClient::sendGroupMsg(std::string groupId, std::int64_t level,
                                                                  std::string text) {
     return tasks_.call(doSendGroupMsg(std::move(groupId), level, std::move(text)));
+}
+
+asio::awaitable<ChatWSClient::Answer> ChatWSClient::tellGroup(std::string groupId, std::int64_t level,
+                                                              std::string text) {
+    return tasks_.call(doTellGroup(std::move(groupId), level, std::move(text)));
 }
 
 asio::awaitable<ChatWSClient::Answer> ChatWSClient::joinGroup(std::string groupId) {
@@ -112,45 +117,6 @@ asio::awaitable<ChatWSClient::Answer> ChatWSClient::ask(json::object message, Ch
     co_return place.take();
 }
 
-asio::awaitable<std::optional<std::int64_t>> ChatWSClient::storeOwn(std::string to, std::string text, bool isGroup) {
-    ChatMessage message;
-    message.from = me_;
-    message.to = std::move(to);
-    message.isGroup = isGroup;
-    message.text = std::move(text);
-    message.bundId = parts_.terminal.bundId;
-    message.appType = parts_.terminal.termType;
-    // Two messages of one millisecond are two all the same.
-    lastOwnTime_ = std::max(lastOwnTime_ + 1, millisecondsOf(parts_.clock.wallNow()));
-    message.timestamp = std::to_string(lastOwnTime_);
-    std::optional<std::int64_t> id;
-    try {
-        id = co_await parts_.talk.appendOwn(me_, std::move(message));
-    } catch (const DatabaseException& error) {
-        parts_.log.error("[Chat] a message could not be stored: ", error.what());
-    }
-    co_return id;
-}
-
-asio::awaitable<void> ChatWSClient::takeBack(std::optional<std::int64_t> id) {
-    if (!id) co_return;
-    try {
-        co_await parts_.talk.removeOwn(*id);
-    } catch (const DatabaseException& error) {
-        parts_.log.error("[Chat] a message could not be taken back: ", error.what());
-    }
-}
-
-asio::awaitable<bool> ChatWSClient::doSendChat(std::string type, std::string destVip, std::string text) {
-    if (status_ != ClientStatus::loggedIn) co_return false;
-    json::object message = chatRequests::sendChat(destVip, type, text, parts_.terminal);
-    // Stored before it is sent: a history that brings it back finds it there.
-    const auto id = co_await storeOwn(std::move(destVip), std::move(text), false);
-    const bool isSent = co_await request(std::move(message));
-    if (!isSent) co_await takeBack(id);
-    co_return isSent;
-}
-
 asio::awaitable<ChatWSClient::History> ChatWSClient::doGetChatHistory(std::string destVip, std::int64_t start,
                                                                       std::int64_t end) {
     json::object question = chatRequests::getChatHistory(destVip, end, historyPage);
@@ -162,37 +128,6 @@ asio::awaitable<ChatWSClient::History> ChatWSClient::doGetChatHistory(std::strin
     co_return messages;
 }
 
-asio::awaitable<bool> ChatWSClient::doReadChat(std::string destVip, std::int64_t readTime) {
-    json::object message = chatRequests::readChat(destVip, readTime);
-    TalkPartner partner{std::move(destVip)};
-    try {
-        if (!me_.empty()) co_await parts_.talk.markRead(me_, std::move(partner), readTime);
-    } catch (const DatabaseException& error) {
-        parts_.log.error("[Chat] what was read could not be stored: ", error.what());
-    }
-    co_return co_await request(std::move(message));
-}
-
-asio::awaitable<ChatWSClient::Answer> ChatWSClient::doSendGroupMsg(std::string groupId, std::int64_t level,
-                                                                   std::string text) {
-    if (status_ != ClientStatus::loggedIn) co_return std::nullopt;
-    json::object message = chatRequests::sendGroupMsg(groupId, level, text);
-    ChatAnswers::Awaited awaited{"sendGroupMsgResp", "groupId", groupId};
-    const auto id = co_await storeOwn(std::move(groupId), std::move(text), true);
-    Answer answer = co_await ask(std::move(message), std::move(awaited));
-    // Without an answer it may have arrived, and stays in the store.
-    if (answer && !chatFrame::isSuccess(*answer)) co_await takeBack(id);
-    co_return answer;
-}
-
-asio::awaitable<ChatWSClient::Answer> ChatWSClient::doJoinGroup(std::string groupId) {
-    json::object question = chatRequests::joinGroup(groupId);
-    ChatAnswers::Awaited awaited{"joinGroupResp", "groupId", groupId};
-    Answer answer = co_await ask(std::move(question), std::move(awaited));
-    if (answer && chatFrame::isSuccess(*answer)) joinedGroups_.insert(std::move(groupId));
-    co_return answer;
-}
-
 asio::awaitable<ChatWSClient::History> ChatWSClient::doGetGroupHistory(std::string groupId, std::int64_t before,
                                                                        std::int64_t limit) {
     json::object question = chatRequests::getGroupHistory(groupId, before, limit);
@@ -200,31 +135,6 @@ asio::awaitable<ChatWSClient::History> ChatWSClient::doGetGroupHistory(std::stri
     const Answer answer = co_await ask(std::move(question), std::move(awaited));
     if (!answer) co_return std::nullopt;
     co_return ChatInbox::groupMessagesIn(*answer);
-}
-
-asio::awaitable<bool> ChatWSClient::doSendAccelerateMessage(AccelerateMessage message) {
-    const std::string group = AccelerateMessage::groupId;
-    const Clock::TimePoint until = parts_.clock.now() + accelerateLimit;
-    for (;;) {
-        const std::uint64_t seen = statusChanges_.seen();
-        if (status_ == ClientStatus::loggedIn) {
-            if (joinedGroups_.count(group) == 0) co_await doJoinGroup(group);
-            // A server may refuse because we are in the group already, or say nothing: the message shows it.
-            if (status_ == ClientStatus::loggedIn) break;
-        }
-        if (parts_.clock.now() >= until) co_return false;
-        co_await statusChanges_.since(seen, parts_.clock, until - parts_.clock.now());
-    }
-    const std::string text = message.orderedJSONString();
-    json::object request = chatRequests::sendGroupMsg(group, 0, text);
-    const auto id = co_await storeOwn(group, text, true);
-    // From here on there is no way back: a message that broke off half-way may have arrived.
-    if (co_await doSend(std::move(request))) {
-        parts_.log.warning("[Accelerate] group message sent grp_magnet task=", message.name);
-        co_return true;
-    }
-    co_await takeBack(id);
-    co_return false;
 }
 
 }  // namespace skein

@@ -41,11 +41,19 @@ constexpr std::string_view page = R"(
         FROM (SELECT * FROM talk WHERE owner = ?1 AND isGroup = ?2 AND partner = ?3 AND (sentAt, id) < (?4, ?5)
               ORDER BY sentAt DESC, id DESC LIMIT ?6))
     WHERE bytes <= ?7 OR place = 1 ORDER BY sentAt, id)";
-constexpr std::string_view latestPartners = R"(
-    SELECT partner, isGroup, sum(sender <> owner AND sentAt > coalesce(
-        (SELECT sentAt FROM readUntil r
-         WHERE r.owner = talk.owner AND r.isGroup = talk.isGroup AND r.partner = talk.partner), -1))
-    FROM talk WHERE owner = ?1 GROUP BY isGroup, partner ORDER BY max(sentAt) DESC, max(id) DESC LIMIT ?2)";
+constexpr std::string_view one = R"(
+    SELECT id, sender, receiver, isGroup, sentAt, text, record FROM talk WHERE owner = ?1 AND id = ?2)";
+constexpr std::string_view latestConversations = R"(
+    WITH latest AS (
+        SELECT partner, isGroup, max(sentAt) AS lastTime, sum(sender <> owner AND sentAt > coalesce(
+            (SELECT sentAt FROM readUntil r
+             WHERE r.owner = talk.owner AND r.isGroup = talk.isGroup AND r.partner = talk.partner), -1)) AS unread
+        FROM talk WHERE owner = ?1 GROUP BY isGroup, partner ORDER BY lastTime DESC LIMIT ?2)
+    SELECT id, sender, receiver, t.isGroup, sentAt, substr(text, 1, ?3), record, latest.partner, unread
+    FROM latest JOIN talk t ON t.id = (
+        SELECT id FROM talk WHERE owner = ?1 AND isGroup = latest.isGroup AND partner = latest.partner
+        ORDER BY sentAt DESC, id DESC LIMIT 1)
+    ORDER BY sentAt DESC, id DESC)";
 constexpr std::string_view mark = R"(
     INSERT INTO readUntil(owner, isGroup, partner, sentAt) VALUES(?1, ?2, ?3, ?4)
     ON CONFLICT DO UPDATE SET sentAt = max(sentAt, excluded.sentAt))";
@@ -63,12 +71,6 @@ std::vector<DatabaseValue> columnsOf(const std::string& owner, const ChatMessage
             last};
 }
 
-bool store(const Database::Run& run, const std::string& owner, const ChatMessage& message) {
-    if (message.from == owner && !run(confirm, columnsOf(owner, message, TalkData::clockToleranceMilliseconds)).empty())
-        return false;
-    return !run(insert, columnsOf(owner, message, 1)).empty();
-}
-
 std::int64_t numberIn(const DatabaseValue& value) {
     const auto* const number = std::get_if<std::int64_t>(&value);
     return number == nullptr ? 0 : *number;
@@ -79,18 +81,32 @@ std::string textIn(DatabaseValue& value) {
     return text == nullptr ? std::string() : std::move(*text);
 }
 
+/// The first columns of a row are those of `page`.
+TalkRecord recordIn(DatabaseRow& row) {
+    return {numberIn(row[0]), textIn(row[1]), textIn(row[2]), numberIn(row[3]) != 0,
+            numberIn(row[4]), textIn(row[5]), textIn(row[6])};
+}
+
+/// The id of a message that is new to the store.
+std::optional<std::int64_t> store(const Database::Run& run, const std::string& owner, const ChatMessage& message) {
+    if (message.from == owner && !run(confirm, columnsOf(owner, message, TalkData::clockToleranceMilliseconds)).empty())
+        return std::nullopt;
+    const auto rows = run(insert, columnsOf(owner, message, 1));
+    return rows.empty() ? std::nullopt : std::optional(numberIn(rows[0][0]));
+}
+
 }  // namespace
 
 TalkData::TalkData(const std::filesystem::path& file, asio::any_io_executor disk, FileLogger& log)
     : disk_(std::move(disk)), database_(file, schema, log) {}
 
-asio::awaitable<std::vector<ChatMessage>> TalkData::append(std::string owner, std::vector<ChatMessage> messages) {
+asio::awaitable<std::vector<TalkRecord>> TalkData::append(std::string owner, std::vector<ChatMessage> messages) {
     auto work = [this, owner = std::move(owner), messages = std::move(messages)] {
-        std::vector<ChatMessage> fresh;
+        std::vector<TalkRecord> fresh;
         database_.transaction([&](const Database::Run& run) {
             fresh.clear();
             for (const ChatMessage& message : messages)
-                if (store(run, owner, message)) fresh.push_back(message);
+                if (const auto id = store(run, owner, message)) fresh.push_back(TalkRecord::of(message, *id));
         });
         return fresh;
     };
@@ -111,7 +127,7 @@ asio::awaitable<void> TalkData::removeOwn(std::int64_t id) {
 }
 
 asio::awaitable<std::vector<TalkRecord>> TalkData::history(std::string owner, TalkPartner partner, std::int64_t limit,
-                                                           std::optional<TalkRecord> before) {
+                                                           std::optional<TalkPlace> before) {
     constexpr std::int64_t end = std::numeric_limits<std::int64_t>::max();
     const std::vector<DatabaseValue> values{std::move(owner),          std::int64_t{partner.isGroup ? 1 : 0},
                                             std::move(partner.id),     before ? before->sentAt : end,
@@ -119,20 +135,29 @@ asio::awaitable<std::vector<TalkRecord>> TalkData::history(std::string owner, Ta
                                             largestPageBytes};
     auto work = [this, values] {
         std::vector<TalkRecord> records;
-        for (DatabaseRow& row : database_.run(page, values))
-            records.push_back({numberIn(row[0]), textIn(row[1]), textIn(row[2]), numberIn(row[3]) != 0,
-                               numberIn(row[4]), textIn(row[5]), textIn(row[6])});
+        for (DatabaseRow& row : database_.run(page, values)) records.push_back(recordIn(row));
         return records;
     };
     return runOn(disk_, std::move(work));
 }
 
-asio::awaitable<std::vector<TalkPartner>> TalkData::partners(std::string owner) {
+asio::awaitable<std::optional<TalkRecord>> TalkData::message(std::string owner, std::int64_t id) {
+    auto work = [this, owner = std::move(owner), id]() -> std::optional<TalkRecord> {
+        auto rows = database_.run(one, {owner, id});
+        if (rows.empty()) return std::nullopt;
+        return recordIn(rows[0]);
+    };
+    return runOn(disk_, std::move(work));
+}
+
+asio::awaitable<std::vector<TalkConversation>> TalkData::conversations(std::string owner) {
     auto work = [this, owner = std::move(owner)] {
-        std::vector<TalkPartner> partners;
-        for (DatabaseRow& row : database_.run(latestPartners, {owner, largestPage}))
-            partners.push_back({textIn(row[0]), numberIn(row[1]) != 0, numberIn(row[2])});
-        return partners;
+        std::vector<TalkConversation> conversations;
+        for (DatabaseRow& row : database_.run(latestConversations, {owner, largestPage, previewCharacters})) {
+            TalkRecord last = recordIn(row);
+            conversations.push_back({{textIn(row[7]), last.isGroup}, numberIn(row[8]), std::move(last)});
+        }
+        return conversations;
     };
     return runOn(disk_, std::move(work));
 }

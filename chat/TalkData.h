@@ -1,7 +1,7 @@
 #pragma once
 
 #include "chat/ChatMessage.h"
-#include "chat/TalkRecord.h"
+#include "chat/TalkConversation.h"
 #include "public/common/Database.h"
 
 #include <boost/asio/any_io_executor.hpp>
@@ -30,12 +30,14 @@ public:
     static constexpr std::int64_t largestPage = 200;
     /// Of texts and records in a page, unless its first message is larger by itself.
     static constexpr std::int64_t largestPageBytes = std::int64_t{4} << 20U;
+    /// Of a conversation's last text: a list shows a line of each.
+    static constexpr std::int64_t previewCharacters = 200;
     static constexpr std::int64_t clockToleranceMilliseconds = 300'000;
 
     TalkData(const std::filesystem::path& file, asio::any_io_executor disk, FileLogger& log);
 
     /// Stores what the server told, all or none; returns those that are new, in their order.
-    asio::awaitable<std::vector<ChatMessage>> append(std::string owner, std::vector<ChatMessage> messages);
+    asio::awaitable<std::vector<TalkRecord>> append(std::string owner, std::vector<ChatMessage> messages);
     /// Stores what is about to be sent; returns its id, nothing when the same is there already.
     asio::awaitable<std::optional<std::int64_t>> appendOwn(std::string owner, ChatMessage message);
     /// Takes back what could not be sent, unless the server has told it since.
@@ -43,9 +45,11 @@ public:
 
     /// The newest messages with a user or group, both directions, oldest first; those before `before` when it is given.
     asio::awaitable<std::vector<TalkRecord>> history(std::string owner, TalkPartner partner, std::int64_t limit,
-                                                     std::optional<TalkRecord> before = std::nullopt);
+                                                     std::optional<TalkPlace> before = std::nullopt);
+    /// One message; nothing when `owner` has no such one.
+    asio::awaitable<std::optional<TalkRecord>> message(std::string owner, std::int64_t id);
     /// The latest first, at most `largestPage`.
-    asio::awaitable<std::vector<TalkPartner>> partners(std::string owner);
+    asio::awaitable<std::vector<TalkConversation>> conversations(std::string owner);
     /// What was sent up to `until` (milliseconds since 1970) counts as read; an earlier mark does not take back a
     /// later.
     asio::awaitable<void> markRead(std::string owner, TalkPartner partner, std::int64_t until);

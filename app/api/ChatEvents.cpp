@@ -1,6 +1,7 @@
 #include "app/api/ChatEvents.h"
 
 #include "app/api/APIEvent.h"
+#include "app/api/ChatJSON.h"
 
 #include <boost/json/serialize.hpp>
 
@@ -18,14 +19,17 @@ Subscription passOn(MsgCenter& center, const Strand& strand) {
 }  // namespace
 
 boost::json::object eventOf(const ChatMessageReceived& received) {
-    const ChatMessage& message = received.message;
-    return {{"type", "chat"},
-            {"from", message.from},
-            {"to", message.to},
-            {"isGroup", message.isGroup},
-            {"text", message.text},
-            {"time", static_cast<double>(message.sentAt()) / 1000},
-            {"isFromHistory", received.isFromHistory}};
+    boost::json::object event = asJSON(received.message);
+    event["type"] = "chat";
+    event["isFromHistory"] = received.isFromHistory;
+    return event;
+}
+
+boost::json::object eventOf(const ChatConversationRead& read) {
+    return {{"type", "chatRead"},
+            {"id", read.partner.id},
+            {"isGroup", read.partner.isGroup},
+            {"time", secondsOf(read.until)}};
 }
 
 boost::json::object eventOf(const ChatStatusChanged& changed) {
@@ -34,6 +38,7 @@ boost::json::object eventOf(const ChatStatusChanged& changed) {
 
 ChatEvents::ChatEvents(MsgCenter& center, const Strand& strand) {
     subscriptions_.push_back(passOn<ChatMessageReceived>(center, strand));
+    subscriptions_.push_back(passOn<ChatConversationRead>(center, strand));
     subscriptions_.push_back(passOn<ChatStatusChanged>(center, strand));
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "chat/ChatConversationRead.h"
 #include "chat/ChatMessageReceived.h"
 #include "chat/ChatStatusChanged.h"
 #include "public/common/MsgCenter/MsgCenter.h"
@@ -13,6 +14,7 @@ namespace skein {
 
 /// As the event stream and `chat listen --json` tell it (docs/api.md).
 boost::json::object eventOf(const ChatMessageReceived& received);
+boost::json::object eventOf(const ChatConversationRead& read);
 boost::json::object eventOf(const ChatStatusChanged& changed);
 
 /// Tells the listeners of the event stream what happens in the chat, while it lives. Owner: the daemon. Thread: any.

@@ -1,9 +1,8 @@
 #pragma once
 
-#include "app/ChatHost.h"
-#include "app/api/Router.h"
-
-#include <optional>
+#include "app/api/ChatContactRoutes.h"
+#include "app/api/ChatGate.h"
+#include "app/api/ChatMediaRoutes.h"
 
 namespace skein {
 
@@ -12,30 +11,38 @@ namespace skein {
 /// Owner: the daemon, or a command that works without one. Thread: any strand.
 class ChatRoutes {
 public:
-    /// For the login, where a message is to be sent: a command waits for it no longer.
-    static constexpr std::chrono::seconds loginLimit{10};
-    /// Where the store answers without the server.
-    static constexpr std::chrono::seconds refreshLimit{3};
+    /// Which part of whose history is asked for.
+    struct HistoryWish {
+        TalkPartner partner;
+        std::int64_t limit = 50;
+        std::optional<TalkPlace> before;
+    };
 
-    explicit ChatRoutes(ChatHost& chat) : chat_(chat) {}
+    explicit ChatRoutes(ChatHost& chat) : chat_(chat), gate_(chat), contacts_(chat), media_(chat) {}
 
     void addTo(Router& router);
 
 private:
-    asio::awaitable<HTTPServerResponse> status(std::string task, HTTPServerRequest request);
-    asio::awaitable<HTTPServerResponse> send(std::string task, HTTPServerRequest request);
-    asio::awaitable<HTTPServerResponse> sendToGroup(std::string task, HTTPServerRequest request);
-    asio::awaitable<HTTPServerResponse> history(std::string task, HTTPServerRequest request);
-    asio::awaitable<HTTPServerResponse> friends(std::string task, HTTPServerRequest request);
-    asio::awaitable<HTTPServerResponse> markRead(std::string task, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> status(std::string, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> connect(std::string, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> send(std::string, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> sendToGroup(std::string, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> history(std::string, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> talks(std::string, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> markRead(std::string, HTTPServerRequest request);
 
-    /// Why nothing can be sent, if so: 409 while nobody is signed in or the server is not known, 502 while it does not
-    /// let us in.
-    asio::awaitable<std::optional<HTTPServerResponse>> refusal();
-    asio::awaitable<std::optional<HTTPServerResponse>> refusalWithoutAccount();
-    asio::awaitable<void> refresh(TalkPartner partner);
+    asio::awaitable<void> refresh(TalkPartner partner, Clock::WallTime end, std::int64_t limit);
+
+    asio::awaitable<std::vector<TalkRecord>> refreshed(HistoryWish wish);
+    asio::awaitable<std::vector<TalkRecord>> stored(HistoryWish wish);
+    /// Milliseconds since 1970.
+    asio::awaitable<std::int64_t> lastTimeOf(TalkPartner partner);
+    asio::awaitable<void> tellRead(std::string user, Clock::WallTime until);
 
     ChatHost& chat_;
+    ChatGate gate_;
+    ChatContactRoutes contacts_;
+    ChatMediaRoutes media_;
 };
 
 }  // namespace skein

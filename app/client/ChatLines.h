@@ -5,13 +5,16 @@
 #include <boost/asio/any_io_executor.hpp>
 
 #include <iosfwd>
+#include <string>
+#include <string_view>
 
 namespace skein {
 
 /// `chat listen`: what is said, a line a message.
 class ChatLines final : public WatchOutput {
 public:
-    /// `out` is written to on `disk`. `isJSON`: the message as it came, and what becomes of the connection too.
+    /// `out` is written to on `disk`. `isJSON`: the message as it came, what becomes of the connection,
+    /// and what was read.
     ChatLines(asio::any_io_executor disk, std::ostream& out, bool isJSON)
         : disk_(std::move(disk)), out_(out), isJSON_(isJSON) {}
 
@@ -24,7 +27,10 @@ private:
     const bool isJSON_;
 };
 
-/// "2026-11-23 07:00:01  bob → me: hello"; `message` has `from`, `to`, `text` and `time`.
+/// "2026-11-23 07:00:01  bob → me: hello"; followed by what came with it. `message` has `from`, `to`, `text` and
+/// `time`.
 std::string chatLine(const boost::json::object& message);
+/// "2026-11-23 07:00:01", local time, of the seconds since 1970 that `message` has as `key`.
+std::string chatDate(const boost::json::object& message, std::string_view key);
 
 }  // namespace skein

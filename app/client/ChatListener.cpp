@@ -9,6 +9,7 @@ namespace skein {
 ChatListener::ChatListener(const Strand& strand, MsgCenter& center, WatchOutput& output, WatchOutput::End end)
     : output_(output), end_(std::move(end)), changed_(strand), tasks_(strand) {
     listenTo<ChatMessageReceived>(center);
+    listenTo<ChatConversationRead>(center);
     listenTo<ChatStatusChanged>(center);
     tasks_.spawn(print());
 }

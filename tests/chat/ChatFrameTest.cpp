@@ -1,6 +1,7 @@
 #include "chat/AccelerateMessage.h"
 #include "chat/ChatFrame.h"
 #include "chat/ChatInbox.h"
+#include "chat/ChatMedia.h"
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
@@ -43,6 +44,8 @@ TEST(ChatFrame, becomesTheRecordOfTheStore) {
               "cmd:chat|vipName:b%7Co%0Ab%25|destVip:alice|timestamp:1767225600|bundId:|appType:"
               R"(|mediaJson:{"type":"image","name":"a|\nb"})");
     EXPECT_EQ(media->sentAt(), 1'767'225'600'000);
+    EXPECT_EQ(TalkRecord::of(*media, 1).mediaJson(), R"({"type":"image","name":"a|\nb"})");
+    EXPECT_EQ(TalkRecord::of(*chat, 1).mediaJson(), "");
     for (const char* odd : {"", "soon", "-5", "99999999999999999", "999999999999999999999999"}) {
         ChatMessage message;
         message.timestamp = odd;
@@ -50,6 +53,23 @@ TEST(ChatFrame, becomesTheRecordOfTheStore) {
     }
     EXPECT_FALSE(chatFrame::readChat(object(R"({"from":["bob"],"msg":"x"})"), "alice"));
     EXPECT_FALSE(chatFrame::readGroupMessage(object(R"({"from":"bob","msg":"of no group"})")));
+}
+
+TEST(ChatMedia, isReadWhateverASenderCallsItsParts) {
+    const auto image = ChatMedia::read(R"({"type":"image","name":"../a.jpg","size":"1200","url":"HTTPS://x/a"})");
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->kind + image->name + image->url, "image../a.jpgHTTPS://x/a");
+    EXPECT_EQ(image->size, 1'200);
+    EXPECT_EQ(ChatMedia::read(R"({"kind":"audio","fileName":"b","fileSize":7,"fileUrl":"http://x/b"})")->name, "b");
+    EXPECT_EQ(ChatMedia::read(R"("http://x/c")")->url, "http://x/c");
+    for (const char* const odd : {R"("file:///etc/passwd")", "{}", R"({"url":["http://x"],"size":-1})"}) {
+        const auto media = ChatMedia::read(odd);
+        ASSERT_TRUE(media) << odd;
+        EXPECT_EQ(media->url, "") << odd;
+        EXPECT_EQ(media->kind, "file") << odd;
+        EXPECT_FALSE(media->size) << odd;
+    }
+    for (const char* const none : {"", "7", "[]", "null", "{"}) EXPECT_FALSE(ChatMedia::read(none)) << none;
 }
 
 TEST(ChatFrame, findsTheListOfAnAnswerWhateverItsKey) {

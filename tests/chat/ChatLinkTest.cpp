@@ -98,7 +98,7 @@ TEST_F(ChatLinkTest, ignoresFramesThatMakeNoSenseAndLeavesOverOneThatIsHuge) {
                      std::string(depth, ']') + "}");
     EXPECT_TRUE(simulation.finish(alice.client.getFriendList()));
     EXPECT_TRUE(alice.received.empty());
-    EXPECT_TRUE(simulation.finish(alice.talk.partners("alice")).empty());
+    EXPECT_TRUE(simulation.finish(alice.talk.conversations("alice")).empty());
     EXPECT_EQ(room.acceptedConnections(), 1);
 
     room.tellAll(R"({"cmd":"newChat","from":"bob","msg":")" + std::string(ChatLink::maxFrameBytes, 'x') + "\"}");

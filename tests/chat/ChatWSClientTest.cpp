@@ -1,3 +1,4 @@
+#include "chat/ChatFrame.h"
 #include "tests/chat/ChatTest.h"
 
 #include <boost/json/serialize.hpp>
@@ -134,8 +135,10 @@ TEST_F(ChatWSClientTest, losesNothingAndDoublesNothingOverARestartOfTheServer) {
         EXPECT_EQ(simulation.finish(user->client.getChatHistory(partner, {}, tomorrow)).value().size(), 5U);
         EXPECT_EQ(user->history(partner), all);
     }
-    EXPECT_EQ(bob.received.size(), 3U);
-    EXPECT_EQ(alice.received.size(), 2U);
+    for (const ChatUser* user : {&alice, &bob}) {
+        EXPECT_EQ(user->received.size(), all.size()) << "each message once, those of the user's own included";
+        for (const ChatMessageReceived& one : user->received) EXPECT_GT(one.message.id, 0);
+    }
 }
 
 TEST_F(ChatWSClientTest, tellsOnceWhatAServerBothPushesAndCounts) {
@@ -149,17 +152,14 @@ TEST_F(ChatWSClientTest, tellsOnceWhatAServerBothPushesAndCounts) {
     EXPECT_TRUE(simulation.finish(bob.client.getGroupList()));
     EXPECT_THAT(bob.history("alice"), ElementsAre("alice: a", "alice: b|c\nd"));
     EXPECT_EQ(bob.received.size(), 2U);
-    EXPECT_EQ(simulation.finish(bob.talk.partners("bob")).front().unread, 2);
-    EXPECT_TRUE(simulation.finish(bob.client.readChat("alice", simulation.wallNow() + 1s)));
-    EXPECT_EQ(simulation.finish(bob.talk.partners("bob")).front().unread, 0);
+    EXPECT_EQ(simulation.finish(bob.talk.conversations("bob")).front().unread, 2);
     simulation.finish(pushing.stop());
 }
 
 TEST_F(ChatWSClientTest, givesEachAnswerToItsQuestion) {
     TestChatRoom plain(simulation.executor(), simulation, {.repeatsSeq = false});
     alice.logIn(plain);
-    EXPECT_TRUE(simulation.finish(alice.client.joinGroup("grp_magnet")));
-    EXPECT_TRUE(simulation.finish(alice.client.sendGroupMsg("grp_magnet", 0, "hello")));
+    EXPECT_TRUE(simulation.finish(alice.client.tellGroup("grp_magnet", 0, "hello")));
     // Side by side, and without anything but the group's name to tell them apart.
     const auto ask = [this](const std::string& group) {
         return simulation.begin(alice.client.getGroupHistory(group, simulation.wallNow() + 1h, 10));
@@ -188,6 +188,23 @@ TEST_F(ChatWSClientTest, givesEachAnswerToItsQuestion) {
     plain.cutAll();
     EXPECT_FALSE(simulation.finish(std::move(friends)));
     simulation.finish(plain.stop());
+}
+
+TEST_F(ChatWSClientTest, joinsAGroupOnceToTellItThings) {
+    const auto tell = [this](const std::string& group) {
+        const auto answer = simulation.finish(alice.client.tellGroup(group, 1, "hello"));
+        return answer && chatFrame::isSuccess(*answer);
+    };
+    alice.logIn(room);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(tell("grp_magnet"));
+    EXPECT_EQ(room.count("joinGroup"), 1U);
+    room.putOut("alice", "grp_magnet");
+    EXPECT_TRUE(tell("grp_magnet"));
+    EXPECT_EQ(room.count("joinGroup"), 2U);
+    EXPECT_FALSE(tell("grp_other"));
+    EXPECT_EQ(alice.timesReceived("hello"), 4) << "what was refused is not shown as said";
+    EXPECT_EQ(alice.history("grp_magnet", true).size(), 4U);
+    EXPECT_TRUE(alice.history("grp_other", true).empty());
 }
 
 TEST_F(ChatWSClientTest, takesNoLateAnswerFromAServerThatNumbersItsAnswers) {

@@ -28,8 +28,8 @@ protected:
     std::optional<std::int64_t> appendOwn(const ChatMessage& own) {
         return simulation.finish(talk->appendOwn("alice", own));
     }
-    std::vector<TalkRecord> records(std::int64_t limit = 100, std::optional<TalkRecord> before = std::nullopt) {
-        return simulation.finish(talk->history("alice", {"bob"}, limit, std::move(before)));
+    std::vector<TalkRecord> records(std::int64_t limit = 100, std::optional<TalkPlace> before = std::nullopt) {
+        return simulation.finish(talk->history("alice", {"bob"}, limit, before));
     }
     std::vector<std::string> texts(const std::string& owner = "alice", const TalkPartner& partner = {"bob"}) {
         std::vector<std::string> found;
@@ -68,7 +68,7 @@ TEST_F(TalkDataTest, pagesBackThroughTheHistoryWithinItsBounds) {
     EXPECT_EQ(records(1000).size(), 200U);
     EXPECT_EQ(records(0).size(), 0U);
     int expected = 249;
-    for (auto page = records(60); !page.empty(); page = records(60, page.front()))
+    for (auto page = records(60); !page.empty(); page = records(60, TalkPlace{page.front().sentAt, page.front().id}))
         for (auto one = page.rbegin(); one != page.rend(); ++one) EXPECT_EQ(one->text, std::to_string(expected--));
     EXPECT_EQ(expected, -1);
 
@@ -104,14 +104,28 @@ TEST_F(TalkDataTest, countsWhatOthersSaidSinceTheLastLook) {
     append({message("bob", "alice", noon, "1"), message("bob", "alice", noon + 1, "2"),
             message("alice", "bob", noon + 2, "mine"), message("carol", "alice", noon - 5, "hello"),
             message("bob", "grp_magnet", noon + 9, "all", true)});
-    using Partners = std::vector<TalkPartner>;
-    const auto partners = [this] { return simulation.finish(talk->partners("alice")); };
-    EXPECT_EQ(partners(), (Partners{{"grp_magnet", true, 1}, {"bob", false, 2}, {"carol", false, 1}}));
+    // "partner unread: last text"
+    const auto lines = [this] {
+        std::vector<std::string> found;
+        for (const TalkConversation& one : simulation.finish(talk->conversations("alice")))
+            found.push_back((one.partner.isGroup ? "#" : "") + one.partner.id + " " + std::to_string(one.unread) +
+                            ": " + one.last.text);
+        return found;
+    };
+    EXPECT_THAT(lines(), ElementsAre("#grp_magnet 1: all", "bob 2: mine", "carol 1: hello"));
     simulation.finish(talk->markRead("alice", {"bob"}, noon));
-    EXPECT_EQ(partners(), (Partners{{"grp_magnet", true, 1}, {"bob", false, 1}, {"carol", false, 1}}));
+    EXPECT_THAT(lines(), ElementsAre("#grp_magnet 1: all", "bob 1: mine", "carol 1: hello"));
     simulation.finish(talk->markRead("alice", {"bob"}, noon + 1));
     simulation.finish(talk->markRead("alice", {"bob"}, noon));
-    EXPECT_EQ(partners(), (Partners{{"grp_magnet", true, 1}, {"bob", false, 0}, {"carol", false, 1}}));
+    simulation.finish(talk->markRead("alice", {"grp_magnet", true}, noon + 9));
+    open();
+    EXPECT_THAT(lines(), ElementsAre("#grp_magnet 0: all", "bob 0: mine", "carol 1: hello"));
+
+    append({message("carol", "alice", noon - 4, std::string(5'000, 'x'))});
+    const auto last = simulation.finish(talk->conversations("alice")).back().last;
+    EXPECT_EQ(last.text.size(), 200U);
+    EXPECT_EQ(simulation.finish(talk->message("alice", last.id)).value().text.size(), 5'000U);
+    EXPECT_FALSE(simulation.finish(talk->message("mallory", last.id)));
 }
 
 }  // namespace

@@ -68,6 +68,7 @@ asio::awaitable<void> TestChatRoom::serve(ServerWebSocket& socket) {
             frames_.emplace_back(message.view());
             if (isSilent_) continue;
             const Frame frame = json::parse(message.view()).as_object();
+            if (ignored_.contains(field(frame, "cmd"))) continue;
             Frame answer = answerTo(*guest, frame);
             if (answer.empty()) continue;
             if (options_.repeatsSeq && frame.contains("seq")) answer["seq"] = frame.at("seq");

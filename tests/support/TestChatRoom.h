@@ -50,6 +50,10 @@ public:
     /// Reads and neither does nor answers anything.
     void goSilent(bool isOn) { isSilent_ = isOn; }
     void cutAll();
+    /// Out of a group, without a word.
+    void putOut(const std::string& user, const std::string& group) { groups_[group].erase(user); }
+    /// Reads requests with that "cmd" and answers them never.
+    void ignore(const std::string& cmd) { ignored_.insert(cmd); }
     /// Sends a frame of the test's making to everybody.
     void tellAll(const std::string& frame);
 
@@ -78,6 +82,7 @@ private:
     std::int64_t lastTime_ = 0;
     bool refusesLogins_ = false;
     bool isSilent_ = false;
+    std::set<std::string> ignored_;
     std::vector<std::string> frames_;
     std::map<std::string, std::vector<Frame>> said_;  ///< by pair of users, or group
     std::map<std::string, std::vector<Frame>> waiting_;

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "app/MediaDownload.h"
+#include "app/api/ChatGate.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace skein {
+
+/// Saves the media of chat messages, in the local API (docs/api.md). Owner: ChatRoutes. Thread: any strand.
+class ChatMediaRoutes {
+public:
+    explicit ChatMediaRoutes(ChatHost& chat)
+        : chat_(chat), gate_(chat), download_(chat.host().http(), chat.host().pools().disk()) {}
+
+    void addTo(Router& router);
+
+private:
+    asio::awaitable<HTTPServerResponse> save(std::string, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> saveFrom(std::int64_t id, std::string folder);
+    /// Nothing when there is no such message, or nothing came with it.
+    asio::awaitable<std::optional<ChatMedia>> mediaOf(std::int64_t id);
+    /// The download folder when none is given. Throws std::runtime_error for what is no folder.
+    asio::awaitable<std::filesystem::path> folderOf(std::string given);
+
+    ChatHost& chat_;
+    ChatGate gate_;
+    MediaDownload download_;
+};
+
+}  // namespace skein
