@@ -60,6 +60,7 @@ asio::awaitable<void> ChatInbox::takeOne(std::optional<ChatMessage> message, std
 asio::awaitable<void> ChatInbox::take(std::vector<ChatMessage> messages, std::string owner, bool isFromHistory) {
     if (messages.empty()) co_return;
     std::vector<TalkRecord> fresh;
+    fresh.reserve(messages.size());
     for (const ChatMessage& message : messages) fresh.push_back(TalkRecord::of(message, 0));
     try {
         fresh = co_await talk_.append(std::move(owner), std::move(messages));

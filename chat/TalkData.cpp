@@ -43,6 +43,9 @@ constexpr std::string_view page = R"(
     WHERE bytes <= ?7 OR place = 1 ORDER BY sentAt, id)";
 constexpr std::string_view one = R"(
     SELECT id, sender, receiver, isGroup, sentAt, text, record FROM talk WHERE owner = ?1 AND id = ?2)";
+constexpr std::string_view sent = R"(
+    SELECT id, sender, receiver, isGroup, sentAt, text, record FROM talk
+    WHERE id > ?2 AND owner = ?1 AND sender = ?1 ORDER BY id LIMIT ?3)";
 constexpr std::string_view latestConversations = R"(
     WITH latest AS (
         SELECT partner, isGroup, max(sentAt) AS lastTime, sum(sender <> owner AND sentAt > coalesce(
@@ -146,6 +149,19 @@ asio::awaitable<std::optional<TalkRecord>> TalkData::message(std::string owner, 
         auto rows = database_.run(one, {owner, id});
         if (rows.empty()) return std::nullopt;
         return recordIn(rows[0]);
+    };
+    return runOn(disk_, std::move(work));
+}
+
+asio::awaitable<std::int64_t> TalkData::newestId() {
+    return runOn(disk_, [this] { return numberIn(database_.run("SELECT coalesce(max(id), 0) FROM talk")[0][0]); });
+}
+
+asio::awaitable<std::vector<TalkRecord>> TalkData::sentAfter(std::string owner, std::int64_t id) {
+    auto work = [this, owner = std::move(owner), id] {
+        std::vector<TalkRecord> records;
+        for (DatabaseRow& row : database_.run(sent, {owner, id, largestPage})) records.push_back(recordIn(row));
+        return records;
     };
     return runOn(disk_, std::move(work));
 }

@@ -48,6 +48,10 @@ public:
                                                      std::optional<TalkPlace> before = std::nullopt);
     /// One message; nothing when `owner` has no such one.
     asio::awaitable<std::optional<TalkRecord>> message(std::string owner, std::int64_t id);
+    /// The id of the newest record of all; 0 when there is none.
+    asio::awaitable<std::int64_t> newestId();
+    /// What `owner` sent, stored after the record `id`; the oldest `largestPage` of it, in its order.
+    asio::awaitable<std::vector<TalkRecord>> sentAfter(std::string owner, std::int64_t id);
     /// The latest first, at most `largestPage`.
     asio::awaitable<std::vector<TalkConversation>> conversations(std::string owner);
     /// What was sent up to `until` (milliseconds since 1970) counts as read; an earlier mark does not take back a

@@ -4,6 +4,7 @@
 #include "app/client/ChatListener.h"
 #include "app/client/DaemonClient.h"
 #include "app/client/LocalDesk.h"
+#include "app/client/SentMessageWatch.h"
 #include "app/client/WatchRun.h"
 
 #include <CLI/CLI.hpp>
@@ -39,8 +40,10 @@ void followAlone(LocalDesk& desk, const Interrupt& interrupt, bool isJSON) {
         failure = std::move(why);
         stop.release();
     });
+    SentMessageWatch sent(strand, desk.chat(), desk.center());
     const std::stop_callback onInterrupt(interrupt.token(), [&stop] { stop.release(); });
     stop.acquire();
+    asio::co_spawn(strand, sent.stop(), asio::use_future).get();
     asio::co_spawn(strand, listener.stop(), asio::use_future).get();
     if (failure && interrupt.exitStatus() == 0) std::rethrow_exception(failure);
 }

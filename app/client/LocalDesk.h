@@ -18,6 +18,7 @@ public:
     explicit LocalDesk(const std::filesystem::path& home);
 
     EngineHost& host() noexcept { return host_; }
+    ChatHost& chat() noexcept { return chat_; }
     /// What happens in the chat is published here.
     MsgCenter& center() noexcept { return center_; }
 
