@@ -24,7 +24,7 @@ ChatHost::ChatHost(EngineHost& host, MsgCenter& center)
       center_(center),
       talk_(host.home() / "talk.db", host.pools().disk(), host.log()),
       client_(host.pools().io(),
-              {host.clock(), host.resolver(), *this, host.settings(), talk_, center, host.log(), thisProgram()}),
+              {host.clock(), host.wayOut(), *this, host.settings(), talk_, center, host.log(), thisProgram()}),
       strand_(asio::make_strand(host.pools().io())),
       followed_(strand_),
       tasks_(strand_) {}

@@ -61,7 +61,7 @@ public:
     }
 
     int run(const GlobalOptions& global) override {
-        EngineHost host(global.home(), options_.bindAddress);
+        EngineHost host(global.home(), LocalBinding(options_.bind));
         DaemonFile claim(host.home());
         host.listen(options_.port, options_.dhtOptions());
         const Interrupt interrupt(host.pools().io());

@@ -38,13 +38,16 @@ bool isUsableFolder(const fs::path& folder) {
 
 }  // namespace
 
-EngineHost::EngineHost(const fs::path& home, std::string bindAddress)
+EngineHost::EngineHost(const fs::path& home, LocalBinding binding)
     : home_(created(home)),
-      bindAddress_(std::move(bindAddress)),
+      binding_(std::move(binding)),
       log_(home_ / "logs" / "skein.log", LogLevel::info),
       settings_(home_ / "settings.db", log_),
       claims_(home_ / "claims.db", log_),
-      listener_(pools_.io(), clock_, log_, bindAddress_),
+      datagrams_(binding_),
+      resolver_(binding_),
+      http_(HTTPClient::Options{.binding = binding_}),
+      listener_(pools_.io(), clock_, log_, binding_),
       history_(pools_.io(), ActorSettings(settings_, pools_.disk()), clock_, log_) {
     // What one remote peer sends must not end the program, unless the user wants exactly that.
     if (!flagSetting("skein.stopOnFatalFault", false)) setFatalFaultHandler(throwOnFatalFault);
@@ -58,7 +61,7 @@ EngineHost::~EngineHost() {
 }
 
 void EngineHost::listen(std::uint16_t port, const DHTOptions& dht) {
-    const std::uint16_t chosen = dht.isUsed ? choosePort(bindAddress_, port) : port;
+    const std::uint16_t chosen = dht.isUsed || binding_.isGone() ? choosePort(binding_, port) : port;
     try {
         asio::co_spawn(pools_.io(), listener_.start(chosen), asio::use_future).get();
     } catch (const std::exception& error) {
@@ -70,7 +73,7 @@ void EngineHost::listen(std::uint16_t port, const DHTOptions& dht) {
 /// Without the DHT there are still other ways to find peers: its failure is logged, no more.
 void EngineHost::startDHT(std::uint16_t port, const DHTOptions& options) {
     DHTNode::Options nodeOptions;
-    nodeOptions.bindAddress = bindAddress_;
+    nodeOptions.binding = binding_;
     nodeOptions.port = port;
     if (!options.bootstrapNodes.empty()) {
         nodeOptions.bootstrapNodes = options.bootstrapNodes;
@@ -97,6 +100,7 @@ TorrentSession::Services EngineHost::services() {
                                       dht_.get(),
                                       &history_};
     services.claims = &claims_;
+    services.binding = binding_;
     return services;
 }
 
@@ -118,7 +122,6 @@ TorrentSession::Options EngineHost::sessionDefaults() {
     options.discovery.fallbackTrackers = listSetting("fallbackTrackers").value_or(builtInFallbackTrackers());
     options.discovery.manualLANPeers = addressesSetting(LANPeerSettingsStore::manualPeersKey);
     options.discovery.scansLAN = flagSetting(LANPeerSettingsStore::portScanKey, false);
-    options.discovery.bindAddress = bindAddress_;
     return options;
 }
 

@@ -31,7 +31,7 @@ namespace skein {
 class EngineHost {
 public:
     /// Creates the home where it is missing. Throws CommandFailure.
-    EngineHost(const std::filesystem::path& home, std::string bindAddress);
+    EngineHost(const std::filesystem::path& home, LocalBinding binding = {});
     EngineHost(const EngineHost&) = delete;
     EngineHost& operator=(const EngineHost&) = delete;
     ~EngineHost();
@@ -58,6 +58,7 @@ public:
     Clock& clock() noexcept { return clock_; }
     FileLogger& log() noexcept { return log_; }
     HTTPClient& http() noexcept { return http_; }
+    WayOut wayOut() { return {resolver_, binding_}; }
     NameResolver& resolver() noexcept { return resolver_; }
     Random& random() noexcept { return random_; }
     PeerListener& listener() noexcept { return listener_; }
@@ -83,7 +84,7 @@ private:
     void startDHT(std::uint16_t port, const DHTOptions& options);
 
     const std::filesystem::path home_;
-    const std::string bindAddress_;
+    const LocalBinding binding_;
     FileLogger log_;
     SettingsStore settings_;
     FileClaims claims_;

@@ -30,7 +30,7 @@ public:
     int run(const GlobalOptions& global) override {
         if (!options_.output.empty() && sources_.size() > 1)
             throw CommandFailure("--output", "one name cannot be given to several downloads");
-        EngineHost host(global.home(), options_.bindAddress);
+        EngineHost host(global.home(), LocalBinding(options_.bind));
         goal_.timeout = std::chrono::seconds(timeoutSeconds_);
         TransferRun transfers(host, options_, goal_);
         auto sources = readTransferSources(sources_, host, transfers.interrupt());

@@ -31,8 +31,7 @@ DownloadManager::Environment ManagerHost::environment() {
         host_.memoryLimitMB()};
     environment.makers.torrent = [this](const SHA1Digest& infoHash, const SessionWishes& wishes) {
         TorrentSession::Options options = options_.sessionOptions(wishes.folder, defaults_);
-        auto& trackers = options.discovery.extraTrackers;
-        trackers.insert(trackers.end(), wishes.extraTrackers.begin(), wishes.extraTrackers.end());
+        options.discovery.linkTrackers = wishes.linkTrackers;
         options.accelerates = wishes.accelerates;
         options.seedsOnly = wishes.seedsOnly;
         options.isListed = true;

@@ -1,10 +1,13 @@
 #include "app/PortChoice.h"
 
+#include "public/common/AsioAddress.h"
+
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ip/udp.hpp>
 
 #include <optional>
+#include <vector>
 
 namespace skein {
 
@@ -37,10 +40,9 @@ std::optional<std::uint16_t> portFreeForBoth(const asio::ip::address& address, s
 
 }  // namespace
 
-std::uint16_t choosePort(const std::string& bindAddress, std::uint16_t wanted) {
-    boost::system::error_code error;
-    const auto literal = asio::ip::make_address(bindAddress, error);
-    const asio::ip::address address = error ? asio::ip::address(asio::ip::address_v4::any()) : literal;
+std::uint16_t choosePort(const LocalBinding& binding, std::uint16_t wanted) {
+    const std::vector<IPAddress> addresses = binding.addresses();
+    const asio::ip::address address = addresses.empty() ? asio::ip::address_v4::any() : toAsio(addresses.front());
     if (const auto port = portFreeForBoth(address, wanted)) return *port;
     for (int attempt = 0; attempt < attempts; ++attempt)
         if (const auto port = portFreeForBoth(address, 0)) return *port;

@@ -22,7 +22,7 @@ public:
     }
 
     int run(const GlobalOptions& global) override {
-        EngineHost host(global.home(), options_.bindAddress);
+        EngineHost host(global.home(), LocalBinding(options_.bind));
         TransferRun::Goal goal;
         goal.seedsOnly = true;
         TransferRun transfers(host, options_, goal);

@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <net/if.h>
+
 namespace skein {
 
 namespace {
@@ -26,8 +28,11 @@ std::string checkName(const std::string& text) {
     return isName ? std::string() : "Not the name of a file or folder: " + text;
 }
 
+/// An interface need not be there yet. What can be the name of none is most likely a mistyped address.
 std::string checkLocalAddress(const std::string& text) {
-    return IPAddress::parse(text) ? std::string() : "Not an IP address: " + text;
+    const bool isName = !text.empty() && text.size() < IFNAMSIZ && text.find_first_of(":/ \t") == std::string::npos &&
+                        text.find_first_not_of("0123456789.") != std::string::npos;
+    return IPAddress::parse(text) || isName ? std::string() : "Neither an IP address nor an interface: " + text;
 }
 
 }  // namespace
@@ -36,8 +41,10 @@ void TransferOptions::declare(CLI::App& options) {
     options.add_option("--dir", folder, "Where the files are")->type_name("DIR");
     options.add_option("--port", port, "The port that peers reach us on; 0 lets the system choose")
         ->capture_default_str();
-    options.add_option("--bind", bindAddress, "The local address to use")
-        ->type_name("ADDR")
+    options
+        .add_option("--bind", bind,
+                    "Use this local address, or the addresses of this network interface, for all traffic")
+        ->type_name("ADDR|INTERFACE")
         ->check(CLI::Validator(checkLocalAddress, ""));
     options.add_option("--peer", peers, "A peer to dial, repeatable")
         ->type_name("HOST:PORT")

@@ -20,7 +20,7 @@ namespace skein {
 struct TransferOptions {
     std::filesystem::path folder;
     std::uint16_t port = 6881;
-    std::string bindAddress;
+    std::string bind;  ///< a local address, or an interface's name; empty: any
     std::vector<std::string> peers;
     std::vector<std::string> trackers;
     bool noTrackers = false;

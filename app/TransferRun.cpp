@@ -65,7 +65,7 @@ void TransferRun::addTorrent(std::unique_ptr<Transfer> transfer, const std::stri
     TorrentSession::Options defaults = host_.sessionDefaults();
     SHA1Digest infoHash{};
     try {
-        infoHash = identify(*transfer, defaults.discovery.extraTrackers);
+        infoHash = identify(*transfer, defaults.discovery.linkTrackers);
     } catch (const std::exception& error) {
         throw CommandFailure(name, error.what());
     }
@@ -100,14 +100,14 @@ void TransferRun::addWebFile(std::unique_ptr<Transfer> transfer, const std::stri
 
 /// Fills in what the source says of itself. A magnet link whose torrent was seen before becomes that torrent, and its
 /// trackers are added to it.
-SHA1Digest TransferRun::identify(Transfer& transfer, std::vector<std::string>& extraTrackers) {
+SHA1Digest TransferRun::identify(Transfer& transfer, std::vector<std::string>& linkTrackers) {
     if (const auto* const link = std::get_if<MagnetLink>(&transfer.source)) {
         const SHA1Digest infoHash = link->infoHash;
         transfer.status.infoHashHex = link->infoHashHex;
         transfer.status.name = link->displayName.value_or(link->infoHashHex);
         auto saved = host_.archive().torrent(infoHash);
         if (!saved) return infoHash;
-        extraTrackers.insert(extraTrackers.end(), link->trackers.begin(), link->trackers.end());
+        linkTrackers = link->trackers;
         transfer.source = std::move(*saved);
     }
     const TorrentMetaInfo metaInfo = TorrentParser::parse(std::get<Bytes>(transfer.source));

@@ -59,7 +59,7 @@ private:
     bool isKnown(const Transfer& transfer) const;
     std::filesystem::path folder() const;
     std::unique_ptr<TargetLock> lock(const SHA1Digest& source, const std::string& name) const;
-    SHA1Digest identify(Transfer& transfer, std::vector<std::string>& extraTrackers);
+    SHA1Digest identify(Transfer& transfer, std::vector<std::string>& linkTrackers);
     asio::awaitable<void> runAll();
     asio::awaitable<void> startOne(Transfer& transfer);
     asio::awaitable<void> showOverview();

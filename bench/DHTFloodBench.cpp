@@ -180,7 +180,7 @@ void flood(std::size_t count) {
     RealClock clock;
     FileLogger log;
     SecureRandom random;
-    DHTNode::Options options{"127.0.0.1", 0, {}};
+    DHTNode::Options options{LocalBinding("127.0.0.1"), 0, {}};
     // The node's port is needed by the attacker, and the attacker's by the node.
     udp::socket reserved(pools.io(), udp::endpoint(asio::ip::address_v4::loopback(), 0));
     options.port = reserved.local_endpoint().port();

@@ -81,6 +81,7 @@ public:
 
     inline static RealClock clock;
     inline static FileLogger log;
+    inline static SystemNameResolver resolver;
 
 private:
     asio::awaitable<void> begin(PeerConnection::EncryptionPreference encryption) {
@@ -129,9 +130,9 @@ void tcp(benchmark::State& state) {
         asio::thread_pool far(1);
         ScriptedPeer peer(far.get_executor());
         auto served = asio::co_spawn(far, serveTCP(peer, isEncrypted), asio::use_future);
-        Download download(near.get_executor(),
-                          std::make_unique<NWPeerWireTransport>(near.get_executor(), Download::clock, peer.address(),
-                                                                std::chrono::seconds(5), ""));
+        Download download(near.get_executor(), std::make_unique<NWPeerWireTransport>(
+                                                   near.get_executor(), Download::clock, Download::resolver,
+                                                   peer.address(), std::chrono::seconds(5)));
         download.run(isEncrypted ? PeerConnection::EncryptionPreference::mseRC4
                                  : PeerConnection::EncryptionPreference::plaintext);
         served.get();
@@ -154,8 +155,8 @@ void utp(benchmark::State& state) {
         UTPAcceptor peer(far.get_executor(), Download::clock, path);
         auto served = asio::co_spawn(far, serve(peer), asio::use_future);
         Download download(near.get_executor(),
-                          std::make_unique<UTPPeerWireTransport>(Download::clock, Download::log, peer.address(),
-                                                                 std::chrono::seconds(20), ""));
+                          std::make_unique<UTPPeerWireTransport>(Download::clock, Download::log, Download::resolver,
+                                                                 peer.address(), std::chrono::seconds(20)));
         download.run(PeerConnection::EncryptionPreference::plaintext);
         asio::co_spawn(far, peer.stop(), asio::use_future).get();
         served.get();

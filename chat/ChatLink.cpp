@@ -11,8 +11,8 @@
 
 namespace skein {
 
-ChatLink::ChatLink(const Strand& strand, Clock& clock, NameResolver& resolver, FileLogger& log, Owner& owner)
-    : clock_(clock), resolver_(resolver), log_(log), owner_(owner), changes_(strand), tasks_(strand) {}
+ChatLink::ChatLink(const Strand& strand, Clock& clock, WayOut way, FileLogger& log, Owner& owner)
+    : clock_(clock), way_(std::move(way)), log_(log), owner_(owner), changes_(strand), tasks_(strand) {}
 
 void ChatLink::connect(std::string wsUrl) {
     if (tasks_.isStopping()) return;
@@ -71,7 +71,7 @@ asio::awaitable<void> ChatLink::keepOpen() {
     WebSocketRequest request;
     request.url = url_;
     request.maxMessageBytes = maxFrameBytes;
-    socket_ = std::make_shared<WebSocketClient>(tasks_.strand(), clock_, resolver_, std::move(request));
+    socket_ = std::make_shared<WebSocketClient>(tasks_.strand(), clock_, way_, std::move(request));
     isConversing_ = true;
     tasks_.spawn(converse(socket_));
     co_await hold();

@@ -47,7 +47,7 @@ public:
         virtual void linkChanged(ClientStatus status) = 0;
     };
 
-    ChatLink(const Strand& strand, Clock& clock, NameResolver& resolver, FileLogger& log, Owner& owner);
+    ChatLink(const Strand& strand, Clock& clock, WayOut way, FileLogger& log, Owner& owner);
 
     /// Remembers `wsUrl` and connects, in place of what is open now.
     void connect(std::string wsUrl);
@@ -79,7 +79,7 @@ private:
     void disconnectNow();
 
     Clock& clock_;
-    NameResolver& resolver_;
+    const WayOut way_;
     FileLogger& log_;
     Owner& owner_;
     std::string url_;

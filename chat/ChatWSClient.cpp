@@ -22,7 +22,7 @@ ChatWSClient::ChatWSClient(const Strand& strand, Parts parts)
       statusChanges_(strand),
       inbox_(parts_.clock, parts_.talk, parts_.center, parts_.log),
       answers_(strand),
-      link_(strand, parts_.clock, parts_.resolver, parts_.log, *this),
+      link_(strand, parts_.clock, parts_.way, parts_.log, *this),
       tasks_(strand) {}
 
 asio::awaitable<void> ChatWSClient::stop() {

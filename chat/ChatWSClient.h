@@ -48,7 +48,7 @@ public:
 
     struct Parts {
         Clock& clock;
-        NameResolver& resolver;
+        WayOut way;
         ChatIdentity& identity;
         ActorSettings settings;
         TalkData& talk;

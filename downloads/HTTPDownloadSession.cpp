@@ -45,6 +45,7 @@ bool isLoss(HTTPError error, bool hadResponse) noexcept {
         case HTTPError::cannotResolve:
         case HTTPError::cannotConnect: return hadResponse;
         case HTTPError::invalidRequest:
+        case HTTPError::forbiddenAddress:
         case HTTPError::insecure:
         case HTTPError::bodyTooLarge:
         case HTTPError::tooManyRedirects:

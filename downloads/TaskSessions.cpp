@@ -77,7 +77,7 @@ asio::awaitable<void> TaskSessions::runTorrent(Task task, std::shared_ptr<Runnin
     const bool isReady = co_await prepare(task, running, !seedsOnly);
     if (!isReady) co_return;
     SessionWishes wishes{running->folder, {}, task->accelerateEnabled(), seedsOnly};
-    if (origin.torrentData && origin.magnet) wishes.extraTrackers = origin.magnet->trackers;
+    if (origin.torrentData && origin.magnet) wishes.linkTrackers = origin.magnet->trackers;
     // Held here too: a stopped session leaves the table before its start has returned.
     const std::shared_ptr<TorrentSession> session = makers_.torrent(TaskTargets::keyOf(*task), wishes);
     session->setCallbacks(torrentCallbacks(task, running));

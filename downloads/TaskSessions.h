@@ -28,7 +28,7 @@ struct TorrentOrigin {
 /// What is asked of a torrent's session beside what the settings say.
 struct SessionWishes {
     std::filesystem::path folder;  ///< where the files go
-    std::vector<std::string> extraTrackers;
+    std::vector<std::string> linkTrackers;
     bool accelerates = false;
     bool seedsOnly = false;  ///< serves what is there, and downloads nothing
 };

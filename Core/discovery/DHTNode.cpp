@@ -5,7 +5,6 @@
 
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/co_spawn.hpp>
-#include <boost/asio/ip/address.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/system_error.hpp>
@@ -87,22 +86,42 @@ asio::awaitable<void> DHTNode::beginListening() {
         throw;
     }
     isRunning_ = true;
-    for (DHTSocket& socket : sockets_) tasks_.spawn(listen(socket));
     tasks_.spawn(keepDeadlines());
+    if (options_.binding.isInterface()) tasks_.spawn(followInterface());
     beginBootstrap();
 }
 
+/// On the first address, which must be had, and on that of the other family if there is one.
 void DHTNode::open() {
-    const auto& io = tasks_.strand();
-    const std::string& only = options_.bindAddress;
-    const auto address = only.empty() ? IPAddress(IPAddress::V4Bytes{}) : IPAddress::parse(only);
-    if (!address) throw boost::system::system_error(asio::error::invalid_argument);
-    port_ = sockets_.emplace_back(io, *address, options_.port).port();
-    if (!only.empty()) return;
-    try {
-        sockets_.emplace_back(io, IPAddress(IPAddress::V6Bytes{}), port_);
-    } catch (const boost::system::system_error& error) {
-        environment_.log.info("[DHT] no IPv6 socket: ", textOf(error));
+    sockets_.clear();
+    listensOn_ = options_.binding.addresses();
+    for (const IPAddress& address : listensOn_) {
+        try {
+            DHTSocket& socket =
+                sockets_.emplace_back(tasks_.strand(), address, port_ != 0 ? port_.load() : options_.port);
+            options_.binding.tieToInterface(socket.handle());
+            port_ = socket.port();
+        } catch (const boost::system::system_error& error) {
+            if (sockets_.empty()) throw;
+            environment_.log.info("[DHT] no IPv6 socket: ", textOf(error));
+        }
+    }
+    for (DHTSocket& socket : sockets_) tasks_.spawn(listen(socket));
+}
+
+asio::awaitable<void> DHTNode::followInterface() {
+    for (;;) {
+        co_await environment_.clock.sleep(interfaceCheckInterval);
+        if (options_.binding.addresses() == listensOn_) continue;
+        try {
+            open();
+            environment_.log.info("[DHT] follows ", options_.binding.name(), ": ", sockets_.size(), " address(es)");
+            lastBootstrap_.reset();
+            beginBootstrap();
+        } catch (const boost::system::system_error& error) {
+            environment_.log.warning("[DHT] Listener failed: ", textOf(error));
+            listensOn_.clear();  // tried again
+        }
     }
 }
 

@@ -38,6 +38,8 @@ public:
     static constexpr std::uint16_t defaultPort = 6881;
     /// How long the routers have to fill the routing table before the first look-up begins.
     static constexpr std::chrono::seconds bootstrapTime{2};
+    /// How soon it is noticed that a network interface came, went or changed its addresses.
+    static constexpr std::chrono::seconds interfaceCheckInterval{5};
     /// Where a node without neighbours asks for some: public routers of the DHT.
     static const std::vector<PeerAddress> bootstrapNodes;
 
@@ -50,7 +52,7 @@ public:
         NameResolver& resolver;
     };
     struct Options {
-        std::string bindAddress;           ///< a literal; empty for all addresses, IPv4 and IPv6
+        LocalBinding binding;              ///< by default all addresses, IPv4 and IPv6
         std::uint16_t port = defaultPort;  ///< 0 lets the system choose
         std::vector<PeerAddress> bootstrapNodes = DHTNode::bootstrapNodes;
     };
@@ -81,6 +83,7 @@ private:
     asio::awaitable<void> begin();
     asio::awaitable<void> beginListening();
     void open();
+    asio::awaitable<void> followInterface();
     void beginBootstrap();
     asio::awaitable<void> bootstrap();
     asio::awaitable<void> bootstrapEnded();
@@ -107,6 +110,7 @@ private:
     bool isBootstrapping_ = false;
     DHTProtocol protocol_;
     std::list<DHTSocket> sockets_;
+    std::vector<IPAddress> listensOn_;
     std::map<SHA1Digest, Feeds> feeds_;
     std::optional<Clock::TimePoint> lastBootstrap_;
     bool awaitsDeadline_ = false;  ///< nothing was outstanding when `keepDeadlines` last looked

@@ -1,11 +1,11 @@
 #include "Core/discovery/DHTSocket.h"
 
+#include "public/common/AsioAddress.h"
+
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/system_error.hpp>
-
-#include <algorithm>
 
 namespace skein {
 
@@ -13,30 +13,11 @@ namespace {
 
 using asio::ip::udp;
 
-template <class Address>
-Address addressFrom(ByteView bytes) {
-    typename Address::bytes_type copy{};
-    std::copy(bytes.begin(), bytes.end(), copy.begin());
-    return Address(copy);
-}
-
-udp::endpoint toAsio(const IPAddress& host, std::uint16_t port) {
-    if (host.isIPv4()) return {addressFrom<asio::ip::address_v4>(host.bytes()), port};
-    return {addressFrom<asio::ip::address_v6>(host.bytes()), port};
-}
-
-DHTEndpoint fromAsio(const udp::endpoint& endpoint) {
-    const asio::ip::address address = endpoint.address();
-    const IPAddress host =
-        address.is_v4() ? IPAddress(address.to_v4().to_bytes()) : IPAddress(address.to_v6().to_bytes());
-    return {host, endpoint.port()};
-}
-
 }  // namespace
 
 DHTSocket::DHTSocket(const asio::any_io_executor& executor, const IPAddress& address, std::uint16_t port)
     : socket_(executor), isIPv4_(address.isIPv4()) {
-    const udp::endpoint endpoint = toAsio(address, port);
+    const udp::endpoint endpoint(toAsio(address), port);
     socket_.open(endpoint.protocol());
     if (!isIPv4_) socket_.set_option(asio::ip::v6_only(true));
     socket_.bind(endpoint);
@@ -53,12 +34,12 @@ std::optional<DHTSocket::Datagram> DHTSocket::receive() {
     const std::size_t count = socket_.receive_from(asio::buffer(buffer_), from, 0, error);
     if (error == asio::error::would_block) return std::nullopt;
     if (error) throw boost::system::system_error(error);
-    return Datagram{ByteView(buffer_).first(count), fromAsio(from)};
+    return Datagram{ByteView(buffer_).first(count), {fromAsio(from.address()), from.port()}};
 }
 
 bool DHTSocket::send(const DHTEndpoint& to, ByteView datagram) noexcept {
     boost::system::error_code error;
-    socket_.send_to(asio::buffer(datagram.data(), datagram.size()), toAsio(to.host, to.port), 0, error);
+    socket_.send_to(asio::buffer(datagram.data(), datagram.size()), {toAsio(to.host), to.port}, 0, error);
     return !error;
 }
 

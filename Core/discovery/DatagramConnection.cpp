@@ -1,11 +1,14 @@
 #include "Core/discovery/DatagramConnection.h"
 
+#include "public/common/AsioAddress.h"
+#include "public/common/BoundSocket.h"
+#include "public/common/NetworkRefusal.h"
+
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/udp.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/system_error.hpp>
 
-#include <algorithm>
 #include <utility>
 
 namespace skein {
@@ -16,18 +19,6 @@ using asio::ip::udp;
 
 /// No datagram is larger.
 constexpr std::size_t largestDatagram = 65'535;
-
-asio::ip::address toAsio(const IPAddress& address) {
-    const ByteView from = address.bytes();
-    if (address.isIPv4()) {
-        asio::ip::address_v4::bytes_type bytes{};
-        std::copy(from.begin(), from.end(), bytes.begin());
-        return asio::ip::address_v4(bytes);
-    }
-    asio::ip::address_v6::bytes_type bytes{};
-    std::copy(from.begin(), from.end(), bytes.begin());
-    return asio::ip::address_v6(bytes);
-}
 
 class SystemConnection final : public DatagramConnection {
 public:
@@ -64,10 +55,11 @@ private:
 
 std::unique_ptr<DatagramConnection> SystemDatagrams::connect(const asio::any_io_executor& executor,
                                                              const IPAddress& remote, std::uint16_t port,
-                                                             const std::optional<IPAddress>& local) {
+                                                             AddressOrigin origin) {
+    if (depthOf(remote.scope()) > deepestFor(origin)) throw boost::system::system_error(NetworkRefusal::notPublic);
     const udp::endpoint endpoint(toAsio(remote), port);
-    udp::socket socket(executor, endpoint.protocol());
-    if (local) socket.bind(udp::endpoint(toAsio(*local), 0));
+    udp::socket socket(executor);
+    openBound(socket, endpoint, binding_);
     socket.connect(endpoint);
     socket.non_blocking(true);
     return std::make_unique<SystemConnection>(std::move(socket), remote);

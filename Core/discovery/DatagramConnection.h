@@ -1,14 +1,16 @@
 #pragma once
 
+#include "public/common/AddressOrigin.h"
 #include "public/common/Bytes.h"
 #include "public/common/IPAddress.h"
+#include "public/common/LocalBinding.h"
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 
 #include <cstdint>
 #include <memory>
-#include <optional>
+#include <utility>
 
 namespace skein {
 
@@ -38,16 +40,22 @@ public:
     DatagramConnector& operator=(const DatagramConnector&) = delete;
     virtual ~DatagramConnector() = default;
 
-    /// A socket for `executor`, bound to `local` where one is given. Waits for nothing. Throws
-    /// boost::system::system_error (no route, no such local address).
+    /// A socket for `executor`. `origin` named what led to `remote`. Waits for nothing. Throws
+    /// boost::system::system_error (NetworkRefusal, no route).
     virtual std::unique_ptr<DatagramConnection> connect(const asio::any_io_executor& executor, const IPAddress& remote,
-                                                        std::uint16_t port, const std::optional<IPAddress>& local) = 0;
+                                                        std::uint16_t port, AddressOrigin origin) = 0;
 };
 
+/// Sends from where `binding` lets it.
 class SystemDatagrams final : public DatagramConnector {
 public:
+    explicit SystemDatagrams(LocalBinding binding = {}) : binding_(std::move(binding)) {}
+
     std::unique_ptr<DatagramConnection> connect(const asio::any_io_executor& executor, const IPAddress& remote,
-                                                std::uint16_t port, const std::optional<IPAddress>& local) override;
+                                                std::uint16_t port, AddressOrigin origin) override;
+
+private:
+    const LocalBinding binding_;
 };
 
 }  // namespace skein

@@ -1,5 +1,6 @@
 #include "Core/discovery/LANPeerScanner.h"
 
+#include "public/common/BoundSocket.h"
 #include "public/common/Within.h"
 
 #include <boost/asio/deferred.hpp>
@@ -19,12 +20,8 @@ namespace {
 
 using asio::ip::tcp;
 
-asio::awaitable<void> connect(tcp::socket& socket, tcp::endpoint remote, std::optional<std::string> bindAddress) {
-    socket.open(remote.protocol());
-    if (bindAddress) {
-        const asio::ip::address local = asio::ip::make_address(*bindAddress);
-        if (local.is_v4() == remote.address().is_v4()) socket.bind(tcp::endpoint(local, 0));
-    }
+asio::awaitable<void> connect(tcp::socket& socket, tcp::endpoint remote, LocalBinding binding) {
+    openBound(socket, remote, binding);
     co_await socket.async_connect(remote, asio::use_awaitable);
 }
 
@@ -53,8 +50,8 @@ private:
     std::size_t position_ = 0;
 };
 
-LANPeerScanner::LANPeerScanner(const asio::any_io_executor& pool, Clock& clock, std::optional<std::string> bindAddress)
-    : clock_(clock), bindAddress_(std::move(bindAddress)), tasks_(pool) {}
+LANPeerScanner::LANPeerScanner(const asio::any_io_executor& pool, Clock& clock, LocalBinding binding)
+    : clock_(clock), binding_(std::move(binding)), tasks_(pool) {}
 
 asio::awaitable<void> LANPeerScanner::scan(LANScanTargets targets, OpenPortFound onOpenPort) {
     return tasks_.call(scanAll(std::move(targets), std::move(onOpenPort)));
@@ -77,13 +74,13 @@ asio::awaitable<void> LANPeerScanner::scanAll(LANScanTargets targets, OpenPortFo
 
 asio::awaitable<void> LANPeerScanner::probe(Progress& progress) {
     while (const auto target = progress.next()) {
-        const bool isOpen = co_await isTCPPortOpen(clock_, target->host, target->port, probeTimeout, bindAddress_);
+        const bool isOpen = co_await isTCPPortOpen(clock_, target->host, target->port, probeTimeout, binding_);
         if (isOpen) progress.report(*target);
     }
 }
 
 asio::awaitable<bool> isTCPPortOpen(Clock& clock, std::string host, std::uint16_t port, Clock::Duration timeout,
-                                    std::optional<std::string> bindAddress) {
+                                    LocalBinding binding) {
     const asio::cancellation_state caller = co_await asio::this_coro::cancellation_state;
     const auto executor = co_await asio::this_coro::executor;
     boost::system::error_code notLiteral;
@@ -91,7 +88,7 @@ asio::awaitable<bool> isTCPPortOpen(Clock& clock, std::string host, std::uint16_
     if (notLiteral) co_return false;
     tcp::socket socket(executor);
     try {
-        co_await within(clock, timeout, connect(socket, remote, std::move(bindAddress)));
+        co_await within(clock, timeout, connect(socket, remote, std::move(binding)));
         // A socket may be given the very port that it connects to. Where nobody listens, it then meets itself.
         co_return socket.local_endpoint() != remote;
     } catch (const TimeLimitExceeded&) {

@@ -26,8 +26,8 @@ public:
     /// Called on the scanner's strand, as soon as the port is found open.
     using OpenPortFound = std::function<void(PeerAddress peer)>;
 
-    /// `clock` outlives the scanner. `bindAddress` is where the probes are sent from.
-    LANPeerScanner(const asio::any_io_executor& pool, Clock& clock, std::optional<std::string> bindAddress = {});
+    /// `clock` outlives the scanner. `binding` is where the probes are sent from.
+    LANPeerScanner(const asio::any_io_executor& pool, Clock& clock, LocalBinding binding = {});
 
     /// Returns when every port of every host was tried, the first port of all hosts first. Throws only
     /// boost::system::system_error (operation_aborted), when cancelled or stopped; all sockets are closed then.
@@ -42,13 +42,13 @@ private:
     asio::awaitable<void> probe(Progress& progress);
 
     Clock& clock_;
-    const std::optional<std::string> bindAddress_;
+    const LocalBinding binding_;
     TaskGroup tasks_;  // last, so that it goes first
 };
 
 /// True when a TCP connection to `host` (a literal address) and `port` comes about within `timeout`; it is closed at
 /// once. Throws only boost::system::system_error (operation_aborted), when cancelled. Thread: the caller's executor.
 asio::awaitable<bool> isTCPPortOpen(Clock& clock, std::string host, std::uint16_t port, Clock::Duration timeout,
-                                    std::optional<std::string> bindAddress = {});
+                                    LocalBinding binding = {});
 
 }  // namespace skein

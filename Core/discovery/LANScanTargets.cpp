@@ -26,8 +26,9 @@ bool isOfLocalNetwork(const IPAddress& address) {
 }  // namespace
 
 LANScanTargets LANScanTargets::around(std::span<const IPv4Interface> interfaces, std::uint16_t ownPort,
-                                      const std::optional<std::string>& bindAddress) {
+                                      const LocalBinding& binding) {
     LANScanTargets targets;
+    const std::optional<IPAddress> source = binding.sourceFor(true);
     // Two interfaces may be on one network; none of our own addresses is a target, whichever interface it belongs to.
     std::set<std::uint32_t> leftOut;
     for (const IPv4Interface& interface : interfaces)
@@ -35,7 +36,7 @@ LANScanTargets LANScanTargets::around(std::span<const IPv4Interface> interfaces,
             leftOut.insert(readBigEndian<std::uint32_t>(own->bytes()));
     for (const IPv4Interface& interface : interfaces) {
         const auto own = IPAddress::parse(interface.address);
-        if (!own || !isOfLocalNetwork(*own) || (bindAddress && interface.address != *bindAddress)) continue;
+        if (!own || !isOfLocalNetwork(*own) || (binding.isRestricted() && own != source)) continue;
         const int prefix = std::clamp(interface.prefixLength, shortestPrefix, 32);
         const std::uint32_t hostMask = prefix == 32 ? 0 : ~std::uint32_t{0} >> static_cast<unsigned>(prefix);
         const std::uint32_t network = readBigEndian<std::uint32_t>(own->bytes()) & ~hostMask;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Core/discovery/IPv4Interface.h"
+#include "public/common/LocalBinding.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -22,9 +23,9 @@ struct LANScanTargets {
     std::vector<std::uint16_t> ports;  ///< the well-known ones, and `ownPort`, which others may have chosen alike
 
     /// The networks of the `interfaces` that have a private (RFC 1918) or link-local address; of a network larger than
-    /// a /24 only the /24 around us. With `bindAddress` only of the interface that has it.
+    /// a /24 only the /24 around us. Only of the interface that `binding` names.
     static LANScanTargets around(std::span<const IPv4Interface> interfaces, std::uint16_t ownPort,
-                                 const std::optional<std::string>& bindAddress = {});
+                                 const LocalBinding& binding = {});
 };
 
 }  // namespace skein

@@ -66,7 +66,7 @@ bool LSDSocket::configureSocket() {
 #ifdef IP_MULTICAST_ALL
     // Linux hands a socket also what other sockets joined on other interfaces.
     const int off = 0;
-    if (options_.bindAddress) setOption(IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off, "set multicast all");
+    if (options_.binding.isRestricted()) setOption(IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off, "set multicast all");
 #endif
     boost::system::error_code error;
     socket_.bind({udp::v4(), LSDMessage::multicastPort}, error);
@@ -78,15 +78,17 @@ bool LSDSocket::configureSocket() {
     log_.info("[LSD] local multicast interfaces=", listOf(interfaces_));
     const bool isJoined = joinGroup();
     chooseOutboundInterface();
-    // Whoever asked for one interface must not be announced on another.
-    return isJoined || !options_.bindAddress;
+    // Whoever asked for one interface must not be announced on another; one that has a name may still come.
+    return isJoined || !options_.binding.isRestricted() || options_.binding.isInterface();
 }
 
 std::vector<IPv4Interface> LSDSocket::usableInterfaces() {
     std::vector<IPv4Interface> usable;
+    const LocalBinding& binding = options_.binding;
+    const std::optional<IPAddress> only = binding.isRestricted() ? binding.sourceFor(true) : std::nullopt;
     for (IPv4Interface& interface : localIPv4Interfaces(log_)) {
-        const bool isUsable = options_.bindAddress ? interface.address == *options_.bindAddress
-                                                   : isUsableMulticastInterfaceAddress(interface.address);
+        const bool isUsable = binding.isRestricted() ? only && interface.address == only->text()
+                                                     : isUsableMulticastInterfaceAddress(interface.address);
         // A second address of an interface would be a second membership, which is refused, and a second announce.
         const bool isKnown = std::any_of(usable.begin(), usable.end(), [&](const IPv4Interface& earlier) {
             return earlier.index == interface.index;
@@ -107,7 +109,7 @@ bool LSDSocket::joinGroup() {
     bool isJoined = false;
     int error = EADDRNOTAVAIL;
     for (const IPv4Interface& interface : interfaces_) isJoined |= join(interface.address, error);
-    if (interfaces_.empty() && !options_.bindAddress) isJoined = join("INADDR_ANY", error);
+    if (interfaces_.empty() && !options_.binding.isRestricted()) isJoined = join("INADDR_ANY", error);
     if (!isJoined) log_.warning("[LSD] join multicast failed on all interfaces errno=", std::strerror(error));
     return isJoined;
 }
@@ -138,7 +140,17 @@ int LSDSocket::selectInterface(const IPv4Interface& interface) {
     return setOption(IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof address, "set announce interface " + interface.name);
 }
 
+/// An interface that the user named may have come, or got another address, since the group was joined.
+void LSDSocket::followInterface() {
+    if (!options_.binding.isInterface()) return;
+    std::vector<IPv4Interface> now = usableInterfaces();
+    if (now == interfaces_) return;
+    interfaces_ = std::move(now);
+    if (!interfaces_.empty()) joinGroup();
+}
+
 void LSDSocket::announce(std::string_view datagram, std::string_view what) {
+    followInterface();
     bool isSent = false;
     int error = 0;
     for (const IPv4Interface& interface : interfaces_) {
@@ -147,7 +159,7 @@ void LSDSocket::announce(std::string_view datagram, std::string_view what) {
         isSent |= failure == 0;
         if (failure != 0) error = failure;
     }
-    if (interfaces_.empty()) {
+    if (interfaces_.empty() && !options_.binding.isRestricted()) {
         error = send(datagram, "default", what);
         isSent = error == 0;
     }

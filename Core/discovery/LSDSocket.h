@@ -2,13 +2,13 @@
 
 #include "Core/discovery/IPv4Interface.h"
 #include "public/common/FileLogger.h"
+#include "public/common/LocalBinding.h"
 #include "public/common/TaskGroup.h"
 
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/ip/udp.hpp>
 
 #include <functional>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,8 +16,8 @@
 namespace skein {
 
 struct LSDOptions {
-    /// When given, only the interface that has this address is used; 127.0.0.1 is loopback.
-    std::optional<std::string> bindAddress;
+    /// Where it is restricted, only that interface is used (loopback too), while it is there.
+    LocalBinding binding;
     /// Announces also come back to this machine, where other programs hear them (loopback always does that on Linux).
     bool multicastLoop = false;
     /// Peers on this machine's own loopback are reported too.
@@ -53,6 +53,7 @@ private:
     int setOption(int level, int option, const void* value, std::size_t size, std::string_view what);
     int selectInterface(const IPv4Interface& interface);
     int send(std::string_view datagram, const std::string& interfaceName, std::string_view what);
+    void followInterface();
     bool joinGroup();
     bool join(const std::string& address, int& error);
     void chooseOutboundInterface();

@@ -54,7 +54,11 @@ std::optional<std::string> probeRoute(FileLogger& log) try {
 
 }  // namespace
 
-std::optional<std::string> getLocalIPv4Address(FileLogger& log) {
+std::optional<std::string> getLocalIPv4Address(FileLogger& log, const LocalBinding& binding) {
+    if (binding.isRestricted()) {
+        const auto only = binding.sourceFor(true);
+        return only ? std::optional(only->text()) : std::nullopt;
+    }
     if (auto address = probeRoute(log)) return address;
     int error = 0;
     const auto interfaces = readIPv4Interfaces(error);

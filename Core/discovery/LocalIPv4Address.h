@@ -1,5 +1,7 @@
 #pragma once
 
+#include "public/common/LocalBinding.h"
+
 #include <optional>
 #include <string>
 
@@ -8,9 +10,10 @@ namespace skein {
 class FileLogger;
 
 /// This machine's address in its local network, as others there see it: the one that the routing table would send
-/// from to the internet, else the first of an interface other than loopback. Nothing when there is none.
+/// from to the internet, else the first of an interface other than loopback. Where `binding` restricts them, no other
+/// than its own is told. Nothing when there is none.
 ///
 /// Sends nothing and waits for nothing. Thread: any.
-std::optional<std::string> getLocalIPv4Address(FileLogger& log);
+std::optional<std::string> getLocalIPv4Address(FileLogger& log, const LocalBinding& binding = {});
 
 }  // namespace skein

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Core/wire/PeerAddress.h"
+#include "public/common/AddressOrigin.h"
 #include "public/common/SHA1.h"
 
 #include <cstddef>
@@ -29,6 +30,7 @@ struct TrackerAnnounce {
     std::int64_t uploaded = 0;    ///< bytes
     std::int64_t left = 0;        ///< bytes that are still missing
     TrackerEvent event = TrackerEvent::empty;
+    AddressOrigin origin = AddressOrigin::fromOutside;  ///< of the tracker's URL
 };
 
 /// One successful reply.

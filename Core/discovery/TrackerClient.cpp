@@ -67,12 +67,11 @@ private:
 };
 
 TrackerClient::TrackerClient(const asio::any_io_executor& pool, const TrackerServices& services, Bytes peerID,
-                             std::uint16_t port, std::optional<IPAddress> localAddress)
+                             std::uint16_t port)
     : services_(services),
       peerID_(std::move(peerID)),
       port_(port),
-      localAddress_(localAddress),
-      udp_(services.clock, services.resolver, services.datagrams, localAddress),
+      udp_(services.clock, services.resolver, services.datagrams),
       tasks_(pool) {}
 
 asio::awaitable<std::vector<PeerAddress>> TrackerClient::announceAll(Tiers trackers, TrackerAnnounce what) {
@@ -162,7 +161,7 @@ asio::awaitable<TrackerAnnounceResult> TrackerClient::announceHTTP(std::string t
     request.totalTimeout = httpTimeout;
     request.maxBodyBytes = maxReplyBytes;
     request.acceptsCompression = true;
-    if (localAddress_) request.localAddress = localAddress_->text();
+    request.origin = what.origin;
     services_.log.info("[Tracker HTTP] Requesting: ", request.url);
     const HTTPResponse response = co_await fetch(std::move(request));
     services_.log.info("[Tracker HTTP] Response: ", response.status, ", ", response.body.size(), " bytes");
@@ -188,7 +187,8 @@ asio::awaitable<TrackerAnnounceResult> TrackerClient::announceUDP(std::string tr
     const auto url = TrackerURL::parse(tracker);
     if (!url || url->scheme != "udp" || !url->port) throw TrackerException(TrackerError::invalidURL);
     std::string host = url->host;
-    const std::unique_ptr<DatagramConnection> connection = co_await udp_.connect(std::move(host), *url->port);
+    const std::unique_ptr<DatagramConnection> connection =
+        co_await udp_.connect(std::move(host), *url->port, what.origin);
 
     Bytes request = TrackerRequest::udpConnect(services_.random.number());
     const Bytes welcome = co_await udp_.sendAndReceive(*connection, std::move(request), udpTimeout);

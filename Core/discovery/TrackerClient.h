@@ -52,9 +52,9 @@ public:
     /// Enough for the most peers that are taken from a reply, each as a dictionary with every known key.
     static constexpr std::size_t maxReplyBytes = std::size_t{1} << 20U;
 
-    /// `peerID` has 20 bytes, `port` is where we listen. `localAddress` is where announces are sent from.
+    /// `peerID` has 20 bytes, `port` is where we listen.
     TrackerClient(const asio::any_io_executor& pool, const TrackerServices& services, Bytes peerID,
-                  std::uint16_t port = defaultPort, std::optional<IPAddress> localAddress = {});
+                  std::uint16_t port = defaultPort);
 
     /// Announces to every tracker of every tier at once and returns each peer found, once. A tracker that fails
     /// contributes nothing. Throws only boost::system::system_error (operation_aborted) when cancelled or stopped.
@@ -82,7 +82,6 @@ private:
     const TrackerServices services_;
     const Bytes peerID_;
     const std::uint16_t port_;
-    const std::optional<IPAddress> localAddress_;
     UDPHelper udp_;
     TaskGroup tasks_;  // last, so that it goes first
 };

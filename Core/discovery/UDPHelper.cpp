@@ -25,18 +25,17 @@ asio::awaitable<Bytes> exchange(DatagramConnection& connection, Bytes data) {
 
 }  // namespace
 
-UDPHelper::UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams,
-                     std::optional<IPAddress> localAddress)
-    : clock_(clock), resolver_(resolver), datagrams_(datagrams), localAddress_(localAddress) {}
+UDPHelper::UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams)
+    : clock_(clock), resolver_(resolver), datagrams_(datagrams) {}
 
-asio::awaitable<std::unique_ptr<DatagramConnection>> UDPHelper::connect(std::string host, std::uint16_t port) try {
+asio::awaitable<std::unique_ptr<DatagramConnection>> UDPHelper::connect(std::string host, std::uint16_t port,
+                                                                        AddressOrigin origin) try {
     const auto executor = co_await asio::this_coro::executor;
     const auto addresses = co_await within(clock_, connectTimeout, resolver_.resolve(std::move(host)));
     boost::system::error_code failure = asio::error::address_family_not_supported;
     for (const IPAddress& address : addresses) {
-        if (localAddress_ && localAddress_->isIPv4() != address.isIPv4()) continue;
         try {
-            co_return datagrams_.connect(executor, address, port, localAddress_);
+            co_return datagrams_.connect(executor, address, port, origin);
         } catch (const boost::system::system_error& error) {
             failure = error.code();  // no route by this protocol, perhaps by the other
         }

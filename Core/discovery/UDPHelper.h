@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace skein {
@@ -19,12 +18,12 @@ public:
     /// For looking up the name; the socket itself is ready at once.
     static constexpr std::chrono::seconds connectTimeout{15};
 
-    UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams,
-              std::optional<IPAddress> localAddress);
+    UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams);
 
-    /// A socket to the first address of `host` that can be reached from the local address. Throws TrackerException
+    /// A socket to the first address of `host`, named by `origin`, to which one can be had. Throws TrackerException
     /// (timeout), boost::system::system_error.
-    asio::awaitable<std::unique_ptr<DatagramConnection>> connect(std::string host, std::uint16_t port);
+    asio::awaitable<std::unique_ptr<DatagramConnection>> connect(std::string host, std::uint16_t port,
+                                                                 AddressOrigin origin);
     /// Sends `data`, a request of TrackerRequest, once and returns the answer to it. Datagrams that do not answer it
     /// are passed over: waiting ends with the answer or the time. Throws TrackerException (timeout),
     /// boost::system::system_error.
@@ -34,7 +33,6 @@ private:
     Clock& clock_;
     NameResolver& resolver_;
     DatagramConnector& datagrams_;
-    const std::optional<IPAddress> localAddress_;
 };
 
 }  // namespace skein

@@ -57,7 +57,6 @@ asio::awaitable<std::optional<HTTPResponse>> CacheSites::fetch(std::string url) 
     request.headers.push_back({"User-Agent", "Mozilla/5.0"});
     request.connectTimeout = request.totalTimeout = timeout;
     request.maxBodyBytes = TorrentFile::maxBytes;
-    request.localAddress = environment_.bindAddress;
     std::optional<HTTPResponse> response;
     std::string failure;
     try {

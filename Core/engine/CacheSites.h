@@ -31,7 +31,6 @@ public:
         asio::any_io_executor disk;
         HTTPFetcher& http;
         FileLogger& log;
-        std::string bindAddress;
     };
 
     struct Torrent {

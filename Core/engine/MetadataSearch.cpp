@@ -30,8 +30,7 @@ MetadataSearch::MetadataSearch(const Environment& environment, MagnetLink magnet
       peersSpoke_(environment.strand),
       tasks_(environment.strand) {
     if (cacheSites.empty()) return;
-    const CacheSites::Environment sites{environment.strand, environment.disk, environment.http, environment.log,
-                                        environment.bindAddress};
+    const CacheSites::Environment sites{environment.strand, environment.disk, environment.http, environment.log};
     cacheSites_ = std::make_unique<CacheSites>(sites, std::move(cacheSites), magnet_.infoHash);
 }
 

@@ -34,7 +34,6 @@ public:
         FileLogger& log;
         HTTPFetcher& http;
         PeerPool& pool;
-        std::string bindAddress;
     };
 
     struct Callbacks {

@@ -56,7 +56,24 @@ void PeerDialer::connectToPeer(const DialRequest& request) {
         environment_.log.debug("[Direct] skip recently failed public BT peer ", request.address.description());
         return;
     }
+    if (!canReach(request.address)) {
+        environment_.log.debug("[Direct] skip ", request.address.description(), ": it cannot be reached from ",
+                               environment_.binding.name());
+        return skip(request);
+    }
     startOrQueue(request);
+}
+
+/// A name is judged by its addresses when it is dialled.
+bool PeerDialer::canReach(const PeerAddress& address) const {
+    const std::optional<IPAddress> literal = address.literal();
+    return !literal || environment_.binding.canReach(*literal);
+}
+
+/// Nothing is held against a peer to which there is no way from here.
+void PeerDialer::skip(const DialRequest& request) {
+    if (request.isNamedByUser && environment_.binding.isInterface()) retryLater(request);
+    callbacks_.onOutOfReach(request);
 }
 
 bool PeerDialer::isResting(const DialRequest& request) {

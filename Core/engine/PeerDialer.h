@@ -8,6 +8,7 @@
 #include "Core/wire/PeerRuntimeInfo.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
+#include "public/common/LocalBinding.h"
 #include "public/common/TaskGroup.h"
 
 #include <chrono>
@@ -50,6 +51,7 @@ public:
         FileLogger& log;
         DialOptions options;
         Dial dial;
+        LocalBinding binding;
     };
 
     struct Callbacks {
@@ -62,6 +64,8 @@ public:
         std::function<void(const DialRequest&, std::unique_ptr<PeerConnection>)> onConnected;
         /// A dial came to nothing.
         std::function<void(const DialRequest&)> onFailed;
+        /// There is no way to the peer from where traffic may leave: it was not dialled.
+        std::function<void(const DialRequest&)> onOutOfReach;
         /// What is to be shown of a peer that is not connected.
         std::function<void(PeerRuntimeInfo)> onRow;
     };
@@ -92,6 +96,8 @@ public:
 
 private:
     bool isBusyWith(const PeerAddress& address) const;
+    bool canReach(const PeerAddress& address) const;
+    void skip(const DialRequest& request);
     bool isResting(const DialRequest& request);
     bool isFull() const;
     bool isFullFor(const DialRequest& request) const;

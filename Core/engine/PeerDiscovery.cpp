@@ -16,10 +16,6 @@ namespace {
 constexpr std::size_t enoughPeers = 25;
 constexpr std::size_t fewPeers = 5;
 
-std::optional<std::string> optionalAddress(const std::string& address) {
-    return address.empty() ? std::nullopt : std::optional(address);
-}
-
 /// "1.2.3.4:1, 1.2.3.5:1"; the first few of a long list.
 template <class List, class Text>
 std::string joined(const List& list, Text textOf) {
@@ -135,12 +131,13 @@ void PeerDiscovery::startTrackers() {
     if (announcer_ || tiers.empty()) return;
     TrackerAnnouncer::Callbacks callbacks;
     callbacks.totals = callbacks_.totals;
+    callbacks.originOf = [this](const std::string& tracker) { return originOf(tracker); };
     callbacks.isShortOfPeers = [this] { return callbacks_.isDownloading() && callbacks_.connectedPeers() < fewPeers; };
     callbacks.onAnswer = [this](const TrackerAnnounceOutcome& outcome) { handleTrackerAnswer(outcome); };
     callbacks.onRowsChanged = callbacks_.onTrackerRowsChanged;
     const Bytes peerID(environment_.peerID.begin(), environment_.peerID.end());
-    auto client = std::make_unique<TrackerClient>(environment_.io, environment_.trackers, peerID,
-                                                  environment_.listenPort, IPAddress::parse(options_.bindAddress));
+    auto client =
+        std::make_unique<TrackerClient>(environment_.io, environment_.trackers, peerID, environment_.listenPort);
     const TrackerAnnouncer::Environment environment{environment_.strand, environment_.clock, environment_.log,
                                                     environment_.infoHash};
     announcer_ = std::make_unique<TrackerAnnouncer>(environment, std::move(client), tiers, std::move(callbacks));
@@ -151,11 +148,20 @@ PeerDiscovery::Tiers PeerDiscovery::effectiveTrackers() const {
     Tiers tiers;
     if (options_.usesTrackers) {
         tiers = torrentTrackers_;
+        for (const std::string& tracker : options_.linkTrackers) tiers.push_back({tracker});
         if (tiers.empty() && !isPrivate_)
             for (const std::string& tracker : options_.fallbackTrackers) tiers.push_back({tracker});
     }
     for (const std::string& tracker : options_.extraTrackers) tiers.push_back({tracker});
     return tiers;
+}
+
+AddressOrigin PeerDiscovery::originOf(const std::string& tracker) const {
+    const auto isAmong = [&](const std::vector<std::string>& named) {
+        return std::find(named.begin(), named.end(), tracker) != named.end();
+    };
+    const bool isNamed = isAmong(options_.extraTrackers) || isAmong(options_.fallbackTrackers);
+    return isNamed || options_.allowsLocalPeers ? AddressOrigin::userNamed : AddressOrigin::fromOutside;
 }
 
 std::size_t PeerDiscovery::trackerCount() const {
@@ -256,7 +262,7 @@ void PeerDiscovery::startLSD() {
 
 asio::awaitable<void> PeerDiscovery::runLSD() {
     LSDOptions options;
-    options.bindAddress = optionalAddress(options_.bindAddress);
+    options.binding = environment_.binding;
     options.multicastLoop = options.allowsLocalPeers = options_.allowsLocalPeers;
     // `stop` ends the service before us, so that what it posts still finds us.
     LSDService::PeerFound onFound = [this](PeerAddress peer) {
@@ -294,14 +300,12 @@ void PeerDiscovery::startLANPortScanIfNeeded() {
 asio::awaitable<void> PeerDiscovery::scanLAN() {
     const Search search(*this);
     const auto interfaces = localIPv4Interfaces(environment_.log);
-    const auto targets =
-        LANScanTargets::around(interfaces, environment_.listenPort, optionalAddress(options_.bindAddress));
+    const auto targets = LANScanTargets::around(interfaces, environment_.listenPort, environment_.binding);
     environment_.log.info("[LANScan] start hosts=", targets.hosts.size(),
                           " ports=", joined(targets.ports, [](std::uint16_t port) { return std::to_string(port); }),
                           " hash=", infoHashHex());
     if (!lanScanner_)
-        lanScanner_ = std::make_unique<LANPeerScanner>(environment_.io, environment_.clock,
-                                                       optionalAddress(options_.bindAddress));
+        lanScanner_ = std::make_unique<LANPeerScanner>(environment_.io, environment_.clock, environment_.binding);
     LANPeerScanner::OpenPortFound onOpenPort = [this](PeerAddress peer) {
         asio::dispatch(environment_.strand, [this, peer = std::move(peer)] {
             environment_.log.info("[LANScan] open TCP ", peer.description(), ", trying BT handshake");

@@ -27,12 +27,12 @@ struct DiscoveryOptions {
     bool usesHistory = true;
     bool usesPex = true;
     bool allowsLocalPeers = false;              ///< any source may name loopback and private addresses
-    std::vector<std::string> extraTrackers;     ///< one tier each
+    std::vector<std::string> extraTrackers;     ///< named by the user; one tier each
+    std::vector<std::string> linkTrackers;      ///< of a link to this torrent, beside the torrent's own
     std::vector<std::string> fallbackTrackers;  ///< for a public torrent that names none
     std::vector<PeerAddress> namedPeers;        ///< dialled whatever the address rules say
     std::vector<PeerAddress> manualLANPeers;    ///< the settings' list, for every torrent
     bool scansLAN = false;
-    std::string bindAddress;  ///< of all traffic; empty = any
 };
 
 /// Looks for the peers of one torrent wherever that is allowed: trackers, the DHT, the local network, the peers
@@ -60,6 +60,7 @@ public:
         TrackerServices trackers;
         DHTNode* dht = nullptr;               ///< none: not used
         PeerHistoryStore* history = nullptr;  ///< none: not used
+        LocalBinding binding;
         SHA1Digest infoHash{};
         PeerID peerID{};
         std::uint16_t listenPort = 0;
@@ -113,6 +114,7 @@ private:
 
     void startTrackers();
     Tiers effectiveTrackers() const;
+    AddressOrigin originOf(const std::string& tracker) const;
     void handleTrackerAnswer(const TrackerAnnounceOutcome& outcome);
     asio::awaitable<void> findPeersFromDHT();
     asio::awaitable<void> findPeersFromHistory();

@@ -18,7 +18,8 @@ constexpr std::chrono::seconds shortConversation{10};
 PeerPool::PeerPool(const Environment& environment, Callbacks callbacks)
     : environment_(environment),
       callbacks_(std::move(callbacks)),
-      dialer_({environment.strand, environment.clock, environment.log, environment.dialOptions, environment.dial},
+      dialer_({environment.strand, environment.clock, environment.log, environment.dialOptions, environment.dial,
+               environment.binding},
               dialerCallbacks()),
       retired_(environment.strand),
       tasks_(environment.strand) {}
@@ -38,6 +39,7 @@ PeerDialer::Callbacks PeerPool::dialerCallbacks() {
         admit(makePeer(request, std::move(connection)));
     };
     callbacks.onFailed = [this](const DialRequest& request) { callbacks_.onDialFailed(request); };
+    callbacks.onOutOfReach = [this](const DialRequest& request) { callbacks_.onOutOfReach(request); };
     callbacks.onRow = [this](PeerRuntimeInfo row) { remember(std::move(row)); };
     return callbacks;
 }

@@ -36,6 +36,7 @@ public:
         std::size_t maxConnections = 50;
         DialOptions dialOptions;
         PeerDialer::Dial dial;
+        LocalBinding binding = {};
     };
 
     /// A connected peer. Lives until `onPeerGone` returned.
@@ -57,6 +58,8 @@ public:
         std::function<void(Peer&)> onPeerReady;
         /// A dial came to nothing.
         std::function<void(const DialRequest&)> onDialFailed;
+        /// A peer was not dialled: there is no way to it from where traffic may leave.
+        std::function<void(const DialRequest&)> onOutOfReach;
         /// An established peer left.
         std::function<void(const Peer&)> onPeerGone;
     };

@@ -43,6 +43,7 @@ public:
         PeerPool& pool;
         std::string infoHash;
         std::uint16_t listenPort = 0;
+        LocalBinding binding;
         UploadMode uploadMode = UploadMode::paid;
         bool allowsLocalPeers = false;
         bool accelerates = false;

@@ -12,18 +12,16 @@ std::unique_ptr<PeerWireTransport> SessionTransports::make(const PeerAddress& ad
     if (how.transport == PeerTransport::utp) {
         Bytes expectedStart;
         if (!how.isEncrypted()) expectedStart = PeerHandshake::opening();
-        return std::make_unique<UTPPeerWireTransport>(environment_.clock, environment_.log, address,
-                                                      PeerDialer::publicBTConnectTimeout, environment_.bindAddress,
-                                                      std::move(expectedStart));
+        return std::make_unique<UTPPeerWireTransport>(environment_.clock, environment_.log, environment_.way, address,
+                                                      PeerDialer::publicBTConnectTimeout, std::move(expectedStart));
     }
-    return std::make_unique<NWPeerWireTransport>(environment_.io, environment_.clock, address,
-                                                 PeerDialer::publicBTConnectTimeout, environment_.bindAddress);
+    return std::make_unique<NWPeerWireTransport>(environment_.io, environment_.clock, environment_.way, address,
+                                                 PeerDialer::publicBTConnectTimeout);
 }
 
 std::unique_ptr<PeerWireTransport> SessionTransports::makeRelay(const ServiceAccess& access, std::string infoHash,
                                                                 std::string role, std::string mode) const {
-    const RelayTransport::Environment environment{environment_.strand, environment_.clock, environment_.resolver,
-                                                  environment_.bindAddress};
+    const RelayTransport::Environment environment{environment_.strand, environment_.clock, environment_.way};
     const RelayTransport::Request request{access.serverURL, std::move(infoHash), std::move(role), access.userID,
                                           access.token,     access.deviceId,     std::move(mode)};
     return std::make_unique<RelayPeerWireTransport>(std::make_unique<RelayTransport>(environment, request), true);

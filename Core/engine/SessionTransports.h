@@ -6,8 +6,8 @@
 #include "Core/wire/PeerWireTransport.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
-#include "public/common/NameResolver.h"
 #include "public/common/TaskGroup.h"
+#include "public/common/WayOut.h"
 
 #include <boost/asio/any_io_executor.hpp>
 
@@ -27,8 +27,7 @@ public:
         asio::any_io_executor io;
         Clock& clock;
         FileLogger& log;
-        NameResolver& resolver;
-        std::string bindAddress;  ///< empty: any
+        WayOut way;
     };
 
     explicit SessionTransports(Environment environment) : environment_(std::move(environment)) {}

@@ -30,6 +30,10 @@ StallReason unconnectedReason(const StallFacts& facts) {
 std::optional<StallReason> stallReasonOf(const StallFacts& facts) {
     if (facts.isPaused) return StallReason{StallCause::paused, "Paused", "Resume it"};
     if (facts.storageProblem) return storageReason(facts);
+    if (facts.goneInterface)
+        return StallReason{StallCause::interfaceGone,
+                           "The network interface " + *facts.goneInterface + " (--bind) is not there",
+                           "Connect it again; the download goes on by itself"};
     if (facts.waitsToRetry)
         return StallReason{StallCause::waitingToRetry, "The connection was lost and is tried again soon",
                            "Wait, or check the network"};
@@ -63,6 +67,7 @@ std::string_view textOf(StallCause cause) noexcept {
         case StallCause::trackersRefuse: return "trackersRefuse";
         case StallCause::paused: return "paused";
         case StallCause::waitingToRetry: return "waitingToRetry";
+        case StallCause::interfaceGone: return "interfaceGone";
     }
     return "";
 }

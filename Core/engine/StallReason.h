@@ -20,6 +20,7 @@ enum class StallCause : std::uint8_t {
     trackersRefuse,
     paused,
     waitingToRetry,
+    interfaceGone,
 };
 
 /// The one cause that a user is told, in words, and the one thing to do about it.
@@ -47,6 +48,7 @@ struct StallFacts {
     std::size_t unchoking = 0;                  ///< of those
     std::optional<std::string> trackerRefusal;  ///< the text of a tracker, when every tracker failed
     bool waitsToRetry = false;                  ///< a download that failed is tried again by itself
+    std::optional<std::string> goneInterface;   ///< the name of the one to use, while nothing can leave
 };
 
 /// Nothing while there is hope that bytes are about to move.

@@ -26,8 +26,11 @@ TorrentSession::TorrentSession(SHA1Digest infoHash, PeerID peerID, const Service
       options_(std::move(options)),
       tasks_(services.io),
       pauseStep_(tasks_.strand()),
-      transports_({tasks_.strand(), services_.io, services_.clock, services_.log, services_.trackers.resolver,
-                   options_.discovery.bindAddress}),
+      transports_({tasks_.strand(),
+                   services_.io,
+                   services_.clock,
+                   services_.log,
+                   {services_.trackers.resolver, services_.binding}}),
       peerPool_(poolEnvironment(), poolCallbacks()),
       resumeKeeper_({tasks_.strand(), services.disk, services.clock, services.log, infoHash, options_.archive}) {
     peerPool_.setSpeedLimits(options_.downloadLimit, options_.uploadLimit);
@@ -233,8 +236,8 @@ asio::awaitable<void> TorrentSession::startListening() {
 void TorrentSession::makeDiscovery() {
     if (discovery_) return;
     PeerDiscovery::Environment environment{
-        tasks_.strand(), services_.io,      services_.clock, services_.log, services_.trackers,
-        services_.dht,   services_.history, infoHash_,       peerID_,       services_.listener.port()};
+        tasks_.strand(),   services_.io,      services_.clock, services_.log, services_.trackers,       services_.dht,
+        services_.history, services_.binding, infoHash_,       peerID_,       services_.listener.port()};
     PeerDiscovery::Callbacks callbacks;
     callbacks.onPeer = [this](const DialRequest& request) { peerPool_.connectToPeer(request); };
     callbacks.totals = [this] { return totals(); };
@@ -268,7 +271,8 @@ PeerPool::Environment TorrentSession::poolEnvironment() {
             identity,
             options_.maxConnections,
             options_.dial,
-            [this](const PeerAddress& address, const DialAttempt& how) { return transports_.make(address, how); }};
+            [this](const PeerAddress& address, const DialAttempt& how) { return transports_.make(address, how); },
+            services_.binding};
 }
 
 PeerPool::Callbacks TorrentSession::poolCallbacks() {
@@ -277,6 +281,9 @@ PeerPool::Callbacks TorrentSession::poolCallbacks() {
     callbacks.onPeerReady = [this](PeerPool::Peer& peer) { onPeerReady(peer); };
     callbacks.onDialFailed = [this](const DialRequest& request) {
         if (discovery_ && !request.isNamedByUser) discovery_->recordFailure(request.address, request.source);
+        if (service_ && request.servicePeer) service_->onDialFailed(request);
+    };
+    callbacks.onOutOfReach = [this](const DialRequest& request) {
         if (service_ && request.servicePeer) service_->onDialFailed(request);
     };
     callbacks.onPeerGone = [this](const PeerPool::Peer& peer) { onPeerGone(peer); };

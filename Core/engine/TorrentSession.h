@@ -85,6 +85,7 @@ public:
         PeerHistoryStore* history = nullptr;   ///< none: no peers are remembered
         ResourceGateway* resources = nullptr;  ///< none: the resource service is not used
         FileClaims* claims = nullptr;          ///< none: what earlier starts began is not remembered
+        LocalBinding binding = {};             ///< where all traffic leaves from
     };
 
     struct Options {

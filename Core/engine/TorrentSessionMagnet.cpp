@@ -40,13 +40,8 @@ asio::awaitable<void> TorrentSession::fetchMetadata(MagnetLink magnet) {
 }
 
 void TorrentSession::makeMetadataSearch() {
-    const MetadataSearch::Environment environment{tasks_.strand(),
-                                                  services_.disk,
-                                                  services_.clock,
-                                                  services_.log,
-                                                  services_.trackers.http,
-                                                  peerPool_,
-                                                  options_.discovery.bindAddress};
+    const MetadataSearch::Environment environment{tasks_.strand(), services_.disk,          services_.clock,
+                                                  services_.log,   services_.trackers.http, peerPool_};
     MetadataSearch::Callbacks callbacks;
     callbacks.onStatusMessage = [this](const std::string& text) { setStatus(text); };
     callbacks.startDiscovery = [this] { startPeerStrategy(); };

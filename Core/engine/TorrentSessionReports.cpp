@@ -79,6 +79,7 @@ void TorrentSession::reportStall() {
 
 StallFacts TorrentSession::stallFacts() const {
     StallFacts facts;
+    if (services_.binding.isGone()) facts.goneInterface = services_.binding.name();
     facts.isFetchingMetadata = state_.kind == Kind::fetchingMetadata;
     if (pieceManager_) {
         facts.storageProblem = pieceManager_->storageProblem();

@@ -18,7 +18,7 @@ SessionService::Environment TorrentSession::serviceEnvironment() {
     SessionService::Environment environment{
         tasks_.strand(),           services_.disk,       services_.clock, services_.log,
         services_.trackers.random, *services_.resources, peerPool_,       toHex(infoHash_),
-        services_.listener.port()};
+        services_.listener.port(), services_.binding};
     environment.uploadMode = options_.uploadMode;
     environment.allowsLocalPeers = options_.discovery.allowsLocalPeers;
     environment.accelerates = options_.accelerates;

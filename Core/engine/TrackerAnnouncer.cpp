@@ -65,7 +65,7 @@ void TrackerAnnouncer::announceDue() {
 }
 
 asio::awaitable<void> TrackerAnnouncer::announce(AnnounceSchedule::Due due) {
-    const TrackerAnnounceOutcome outcome = co_await client_->announceOneDetailed(due.tracker, announceOf(due.event));
+    const TrackerAnnounceOutcome outcome = co_await client_->announceOneDetailed(due.tracker, announceOf(due));
     schedule_.report(due, outcome, moment());
     reportRows();
     callbacks_.onAnswer(outcome);
@@ -73,9 +73,10 @@ asio::awaitable<void> TrackerAnnouncer::announce(AnnounceSchedule::Due due) {
     wake_.notify();  // the loop waits for what this tracker is due next
 }
 
-TrackerAnnounce TrackerAnnouncer::announceOf(TrackerEvent event) const {
+TrackerAnnounce TrackerAnnouncer::announceOf(const AnnounceSchedule::Due& due) const {
     const Totals totals = callbacks_.totals();
-    return {environment_.infoHash, totals.downloaded, totals.uploaded, totals.left, event};
+    return {environment_.infoHash, totals.downloaded, totals.uploaded,
+            totals.left,           due.event,         callbacks_.originOf(due.tracker)};
 }
 
 AnnounceSchedule::Moment TrackerAnnouncer::moment() const {
@@ -106,7 +107,7 @@ asio::awaitable<void> TrackerAnnouncer::sendStopped() {
 }
 
 asio::awaitable<void> TrackerAnnouncer::sendOneStopped(AnnounceSchedule::Due due) {
-    co_await client_->announceOneDetailed(due.tracker, announceOf(due.event));
+    co_await client_->announceOneDetailed(due.tracker, announceOf(due));
     --farewellsRunning_;
     farewellEnded_.notify();
 }

@@ -37,6 +37,8 @@ public:
 
     struct Callbacks {
         std::function<Totals()> totals;
+        /// Who named the tracker.
+        std::function<AddressOrigin(const std::string& tracker)> originOf;
         /// Whether the torrent downloads with too few peers: the schedule may then ask earlier.
         std::function<bool()> isShortOfPeers;
         /// A tracker answered, as soon as it did.
@@ -68,7 +70,7 @@ private:
     asio::awaitable<void> announce(AnnounceSchedule::Due due);
     asio::awaitable<void> sendStopped();
     asio::awaitable<void> sendOneStopped(AnnounceSchedule::Due due);
-    TrackerAnnounce announceOf(TrackerEvent event) const;
+    TrackerAnnounce announceOf(const AnnounceSchedule::Due& due) const;
     AnnounceSchedule::Moment moment() const;
     void reportRows();
 

@@ -1,6 +1,8 @@
 #include "Core/wire/NWPeerWireTransport.h"
 
 #include "Core/wire/PeerError.h"
+#include "public/common/AsioAddress.h"
+#include "public/common/BoundSocket.h"
 #include "public/common/Within.h"
 
 #include <boost/asio/buffer.hpp>
@@ -14,9 +16,9 @@ namespace skein {
 
 using asio::ip::tcp;
 
-NWPeerWireTransport::NWPeerWireTransport(const asio::any_io_executor& io, Clock& clock, PeerAddress address,
-                                         std::chrono::seconds timeout, std::string bindAddress)
-    : startMode_(Outgoing{clock, std::move(address), timeout, std::move(bindAddress)}), connection_(io) {}
+NWPeerWireTransport::NWPeerWireTransport(const asio::any_io_executor& io, Clock& clock, WayOut way, PeerAddress address,
+                                         std::chrono::seconds timeout)
+    : startMode_(Outgoing{clock, std::move(way), std::move(address), timeout}), connection_(io) {}
 
 NWPeerWireTransport::NWPeerWireTransport(tcp::socket incoming)
     : startMode_(Incoming{}), connection_(std::move(incoming)) {}
@@ -42,20 +44,9 @@ asio::awaitable<void> NWPeerWireTransport::start() {
 
 asio::awaitable<void> NWPeerWireTransport::connect() {
     const auto& outgoing = std::get<Outgoing>(startMode_);
-    boost::system::error_code notLiteral;
-    const asio::ip::address literal = asio::ip::make_address(outgoing.address.host, notLiteral);
-    tcp::endpoint remote(literal, outgoing.address.port);
-    if (notLiteral) {
-        tcp::resolver resolver(connection_.get_executor());
-        const auto found = co_await resolver.async_resolve(outgoing.address.host, std::to_string(outgoing.address.port),
-                                                           asio::use_awaitable);
-        remote = found.begin()->endpoint();
-    }
-    connection_.open(remote.protocol());
-    if (!outgoing.bindAddress.empty()) {
-        const asio::ip::address local = asio::ip::make_address(outgoing.bindAddress);
-        if (local.is_v4() == remote.address().is_v4()) connection_.bind(tcp::endpoint(local, 0));
-    }
+    const std::vector<IPAddress> addresses = co_await outgoing.way.resolver.resolve(outgoing.address.host);
+    const tcp::endpoint remote(toAsio(addresses.front()), outgoing.address.port);
+    openBound(connection_, remote, outgoing.way.binding);
     co_await connection_.async_connect(remote, asio::use_awaitable);
 }
 

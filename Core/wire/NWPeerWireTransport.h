@@ -3,13 +3,12 @@
 #include "Core/wire/PeerAddress.h"
 #include "Core/wire/PeerWireTransport.h"
 #include "public/common/Clock.h"
+#include "public/common/WayOut.h"
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
 #include <chrono>
-#include <optional>
-#include <string>
 #include <variant>
 
 namespace skein {
@@ -17,15 +16,16 @@ namespace skein {
 /// A peer-wire stream over TCP, dialled or accepted.
 class NWPeerWireTransport final : public PeerWireTransport {
 public:
-    /// For a dial to `address`, whose host may be a name. `bindAddress` is the local address, or empty.
-    NWPeerWireTransport(const asio::any_io_executor& io, Clock& clock, PeerAddress address,
-                        std::chrono::seconds timeout, std::string bindAddress);
+    /// For a dial to `address`, whose host may be a name.
+    NWPeerWireTransport(const asio::any_io_executor& io, Clock& clock, WayOut way, PeerAddress address,
+                        std::chrono::seconds timeout);
     /// Wraps an accepted socket, whose executor is the io pool.
     explicit NWPeerWireTransport(asio::ip::tcp::socket incoming);
     ~NWPeerWireTransport() override;
 
     PeerTransport kind() const noexcept override { return PeerTransport::tcp; }
-    /// Throws PeerException (timeout) when an outgoing connection is not made in time.
+    /// Throws PeerException (timeout) when an outgoing connection is not made in time, boost::system::system_error when
+    /// there is no way to the peer.
     asio::awaitable<void> start() override;
     asio::awaitable<void> send(ByteView data) override;
     asio::awaitable<std::size_t> receiveSome(std::span<std::uint8_t> into) override;
@@ -37,9 +37,9 @@ public:
 private:
     struct Outgoing {
         Clock& clock;
+        WayOut way;
         PeerAddress address;
         std::chrono::seconds timeout;
-        std::string bindAddress;
     };
     struct Incoming {};
 

@@ -2,6 +2,7 @@
 
 #include "Core/wire/NWPeerWireTransport.h"
 #include "Core/wire/PeerHandshake.h"
+#include "public/common/AsioAddress.h"
 #include "public/common/ErrorText.h"
 #include "public/common/Within.h"
 
@@ -20,8 +21,8 @@ constexpr std::chrono::seconds acceptPause{1};
 
 }  // namespace
 
-PeerListener::PeerListener(const asio::any_io_executor& io, Clock& clock, FileLogger& log, std::string bindAddress)
-    : io_(io), clock_(clock), log_(log), bindAddress_(std::move(bindAddress)), tasks_(io) {}
+PeerListener::PeerListener(const asio::any_io_executor& io, Clock& clock, FileLogger& log, LocalBinding binding)
+    : io_(io), clock_(clock), log_(log), binding_(std::move(binding)), tasks_(io) {}
 
 PeerListener::~PeerListener() = default;
 
@@ -39,27 +40,44 @@ asio::awaitable<void> PeerListener::stop() {
 }
 
 asio::awaitable<void> PeerListener::open(std::uint16_t port) {
-    tcp::endpoint first(
-        bindAddress_.empty() ? asio::ip::address(asio::ip::address_v4::any()) : asio::ip::make_address(bindAddress_),
-        port);
+    port_ = port;
     try {
-        listenOn(first);
+        openAll(port);
     } catch (const boost::system::system_error& error) {
         if (error.code() != asio::error::address_in_use || port == 0) throw;
-        first.port(0);
-        listenOn(first);
+        openAll(0);
     }
-    port_ = acceptors_.front().local_endpoint().port();
-    if (bindAddress_.empty()) listenOnIPv6Too();
-    for (Acceptor& acceptor : acceptors_) tasks_.spawn(acceptPeers(acceptor));
+    if (binding_.isInterface()) tasks_.spawn(followInterface());
     co_return;
 }
 
-void PeerListener::listenOnIPv6Too() {
-    try {
-        listenOn({asio::ip::address_v6::any(), port_});
-    } catch (const boost::system::system_error& error) {
-        log_.info("[Session] no IPv6 listener: ", textOf(error));
+/// On the first address, which must be had, and on that of the other family if there is one.
+void PeerListener::openAll(std::uint16_t port) {
+    acceptors_.clear();
+    listensOn_ = binding_.addresses();
+    for (const IPAddress& address : listensOn_) {
+        try {
+            listenOn({toAsio(address), acceptors_.empty() ? port : port_.load()});
+            port_ = acceptors_.front().local_endpoint().port();
+        } catch (const boost::system::system_error& error) {
+            if (acceptors_.empty()) throw;
+            log_.info("[Session] no IPv6 listener: ", textOf(error));
+        }
+    }
+    for (Acceptor& acceptor : acceptors_) tasks_.spawn(acceptPeers(acceptor));
+}
+
+asio::awaitable<void> PeerListener::followInterface() {
+    for (;;) {
+        co_await clock_.sleep(interfaceCheckInterval);
+        if (binding_.addresses() == listensOn_) continue;
+        try {
+            openAll(port_);
+            log_.info("[Session] the listener follows ", binding_.name(), ": ", acceptors_.size(), " address(es)");
+        } catch (const boost::system::system_error& error) {
+            log_.warning("[Session] listening on ", binding_.name(), " failed: ", textOf(error));
+            listensOn_.clear();  // tried again
+        }
     }
 }
 
@@ -68,6 +86,7 @@ void PeerListener::listenOn(const tcp::endpoint& endpoint) {
     acceptor.open(endpoint.protocol());
     acceptor.set_option(tcp::acceptor::reuse_address(true));
     if (endpoint.address().is_v6()) acceptor.set_option(asio::ip::v6_only(true));
+    binding_.tieToInterface(acceptor.native_handle());
     acceptor.bind(endpoint);
     acceptor.listen();
     acceptors_.push_back(std::move(acceptor));

@@ -4,17 +4,19 @@
 #include "Core/wire/PeerWireTransport.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
+#include "public/common/LocalBinding.h"
 #include "public/common/SHA1.h"
 #include "public/common/TaskGroup.h"
 
 #include <boost/asio/ip/tcp.hpp>
 
 #include <array>
+#include <atomic>
 #include <functional>
 #include <list>
 #include <map>
 #include <memory>
-#include <string>
+#include <vector>
 
 namespace skein {
 
@@ -26,15 +28,17 @@ public:
     /// Peers that connected and have not yet said for which torrent; more are turned away.
     static constexpr std::size_t maxHalfOpen = 64;
     static constexpr std::chrono::seconds handshakeTimeout{10};
+    /// How soon it is noticed that a network interface came, went or changed its addresses.
+    static constexpr std::chrono::seconds interfaceCheckInterval{5};
 
     /// Gets a connection whose handshake is still to be read. Called on the listener's strand.
     using Handler = std::function<void(std::unique_ptr<PeerWireTransport> transport, PeerAddress address)>;
 
-    /// `bindAddress` is the local address, or empty for all of them.
-    PeerListener(const asio::any_io_executor& io, Clock& clock, FileLogger& log, std::string bindAddress);
+    PeerListener(const asio::any_io_executor& io, Clock& clock, FileLogger& log, LocalBinding binding = {});
     ~PeerListener();
 
-    /// Listens on `port`, or on a free one when it is taken or 0. Throws boost::system::system_error.
+    /// Listens on `port`, or on a free one when it is taken or 0. Where an interface is bound, it listens on that from
+    /// when it comes until it goes. Throws boost::system::system_error.
     asio::awaitable<void> start(std::uint16_t port);
     /// The port in use; 0 before `start`.
     std::uint16_t port() const noexcept { return port_; }
@@ -47,8 +51,9 @@ private:
     using Acceptor = asio::ip::tcp::acceptor;
 
     asio::awaitable<void> open(std::uint16_t port);
+    void openAll(std::uint16_t port);
     void listenOn(const asio::ip::tcp::endpoint& endpoint);
-    void listenOnIPv6Too();
+    asio::awaitable<void> followInterface();
     asio::awaitable<void> acceptPeers(Acceptor& acceptor);
     asio::awaitable<void> route(asio::ip::tcp::socket socket);
     asio::awaitable<void> insert(SHA1Digest infoHash, Handler handler);
@@ -57,8 +62,9 @@ private:
     const asio::any_io_executor io_;
     Clock& clock_;
     FileLogger& log_;
-    const std::string bindAddress_;
-    std::uint16_t port_ = 0;
+    const LocalBinding binding_;
+    std::vector<IPAddress> listensOn_;
+    std::atomic<std::uint16_t> port_ = 0;
     std::list<Acceptor> acceptors_;
     std::map<SHA1Digest, Handler> handlers_;
     std::size_t halfOpen_ = 0;

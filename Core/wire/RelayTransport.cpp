@@ -50,7 +50,7 @@ std::string urlOf(const RelayTransport::Request& request) {
     return url;
 }
 
-WebSocketRequest upgradeFor(const RelayTransport::Environment& environment, const RelayTransport::Request& request) {
+WebSocketRequest upgradeFor(const RelayTransport::Request& request) {
     WebSocketRequest upgrade;
     upgrade.url = urlOf(request);
     upgrade.headers = {
@@ -58,7 +58,6 @@ WebSocketRequest upgradeFor(const RelayTransport::Environment& environment, cons
     upgrade.openTimeout = RelayTransport::pairingTimeout;
     upgrade.sendTimeout = sendPatience;
     upgrade.maxMessageBytes = RelayTransport::maxMessageBytes;
-    upgrade.localAddress = environment.bindAddress;
     return upgrade;
 }
 
@@ -83,7 +82,7 @@ public:
     Link(const Environment& environment, const Request& request)
         : inbox(environment.strand),
           clock_(environment.clock),
-          task_(environment.strand, environment.clock, environment.resolver, upgradeFor(environment, request)),
+          task_(environment.strand, environment.clock, environment.way, upgradeFor(request)),
           loop_(environment.strand) {}
 
     RelayInbox inbox;

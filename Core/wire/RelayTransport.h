@@ -2,8 +2,8 @@
 
 #include "public/common/Bytes.h"
 #include "public/common/Clock.h"
-#include "public/common/NameResolver.h"
 #include "public/common/TaskGroup.h"
+#include "public/common/WayOut.h"
 
 #include <boost/asio/awaitable.hpp>
 
@@ -35,8 +35,7 @@ public:
     struct Environment {
         Strand strand;  ///< the owner's
         Clock& clock;
-        NameResolver& resolver;
-        std::string bindAddress;  ///< the literal address to connect from; empty for any
+        WayOut way;
     };
 
     struct Request {

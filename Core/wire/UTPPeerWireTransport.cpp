@@ -3,6 +3,8 @@
 #include "Core/wire/PeerError.h"
 #include "Core/wire/UTPException.h"
 #include "Core/wire/UTPStream.h"
+#include "public/common/AsioAddress.h"
+#include "public/common/BoundSocket.h"
 #include "public/common/ErrorText.h"
 #include "public/common/FatalFault.h"
 #include "public/common/Notifier.h"
@@ -39,16 +41,6 @@ std::uint16_t drawConnectionID() {
     return static_cast<std::uint16_t>(1 + random.number() % largestConnectionID);
 }
 
-asio::awaitable<udp::endpoint> resolve(PeerAddress address) {
-    boost::system::error_code notLiteral;
-    const asio::ip::address literal = asio::ip::make_address(address.host, notLiteral);
-    if (!notLiteral) co_return udp::endpoint(literal, address.port);
-    const asio::any_io_executor strand = co_await asio::this_coro::executor;
-    udp::resolver resolver(strand);
-    const auto found = co_await resolver.async_resolve(address.host, std::to_string(address.port), asio::use_awaitable);
-    co_return found.begin()->endpoint();
-}
-
 }  // namespace
 
 /// The socket and the stream over it. Reads whenever there is something; whoever waits for a change is told.
@@ -62,12 +54,8 @@ public:
     Notifier readable;
 
     /// Throws boost::system::system_error.
-    void connect(const udp::endpoint& remote, const std::string& bindAddress) {
-        socket_.open(remote.protocol());
-        if (!bindAddress.empty()) {
-            const asio::ip::address local = asio::ip::make_address(bindAddress);
-            if (local.is_v4() == remote.address().is_v4()) socket_.bind(udp::endpoint(local, 0));
-        }
+    void connect(const udp::endpoint& remote, const LocalBinding& binding) {
+        openBound(socket_, remote, binding);
         boost::system::error_code ignored;
         socket_.set_option(udp::socket::receive_buffer_size(socketBufferSize), ignored);
         socket_.connect(remote);
@@ -168,13 +156,13 @@ private:
     std::exception_ptr failure_;
 };
 
-UTPPeerWireTransport::UTPPeerWireTransport(Clock& clock, FileLogger& log, PeerAddress address,
-                                           std::chrono::seconds timeout, std::string bindAddress, Bytes expectedStart)
+UTPPeerWireTransport::UTPPeerWireTransport(Clock& clock, FileLogger& log, WayOut way, PeerAddress address,
+                                           std::chrono::seconds timeout, Bytes expectedStart)
     : clock_(clock),
       log_(log),
+      way_(std::move(way)),
       address_(std::move(address)),
       timeout_(timeout),
-      bindAddress_(std::move(bindAddress)),
       expectedStart_(std::move(expectedStart)) {}
 
 UTPPeerWireTransport::~UTPPeerWireTransport() { cancel(); }
@@ -184,11 +172,11 @@ UTPPeerWireTransport::~UTPPeerWireTransport() { cancel(); }
 asio::awaitable<void> UTPPeerWireTransport::start() {
     log_.debug("[uTP][Transport] wait udp ready ", address_.description());
     const asio::any_io_executor strand = co_await asio::this_coro::executor;
-    const udp::endpoint remote = co_await resolve(address_);
+    const std::vector<IPAddress> addresses = co_await way_.resolver.resolve(address_.host);
     if (isCancelled_) throw PeerException(PeerError::connectionClosed);
     link_ = std::make_shared<Link>(strand, clock_, log_, address_.description());
     link_->stream.expectStart(expectedStart_);
-    link_->connect(remote, bindAddress_);
+    link_->connect({toAsio(addresses.front()), address_.port}, way_.binding);
     log_.debug("[uTP][Transport] udp ready ", address_.description());
     bool isLate = false;
     try {

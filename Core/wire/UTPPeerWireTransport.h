@@ -4,6 +4,7 @@
 #include "Core/wire/PeerWireTransport.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
+#include "public/common/WayOut.h"
 
 #include <chrono>
 #include <memory>
@@ -16,11 +17,10 @@ namespace skein {
 /// `start` runs on the owner's strand, as all else does: datagrams are answered there whether or not anybody reads.
 class UTPPeerWireTransport final : public PeerWireTransport {
 public:
-    /// The host of `address` may be a name. `bindAddress` is the local address, or empty. `expectedStart`: the bytes
-    /// with which what the peer sends begins, or nothing when they are not known. `clock` and `log` outlive the
-    /// transport.
-    UTPPeerWireTransport(Clock& clock, FileLogger& log, PeerAddress address, std::chrono::seconds timeout,
-                         std::string bindAddress, Bytes expectedStart = {});
+    /// The host of `address` may be a name. `expectedStart`: the bytes with which what the peer sends begins, or
+    /// nothing when they are not known. `clock` and `log` outlive the transport.
+    UTPPeerWireTransport(Clock& clock, FileLogger& log, WayOut way, PeerAddress address, std::chrono::seconds timeout,
+                         Bytes expectedStart = {});
     /// As `cancel`.
     ~UTPPeerWireTransport() override;
 
@@ -43,9 +43,9 @@ private:
 
     Clock& clock_;
     FileLogger& log_;
+    const WayOut way_;
     const PeerAddress address_;
     const std::chrono::seconds timeout_;
-    const std::string bindAddress_;
     const Bytes expectedStart_;
     bool isCancelled_ = false;
     bool isReading_ = false;

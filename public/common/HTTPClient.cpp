@@ -11,6 +11,7 @@ namespace skein {
 std::string_view textOf(HTTPError error) noexcept {
     switch (error) {
         case HTTPError::invalidRequest: return "Not a valid HTTP request: ";
+        case HTTPError::forbiddenAddress: return "The host is not asked: ";
         case HTTPError::cannotResolve: return "The host was not found: ";
         case HTTPError::cannotConnect: return "The host cannot be reached: ";
         case HTTPError::timeout: return "The request timed out: ";

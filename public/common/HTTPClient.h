@@ -2,6 +2,7 @@
 
 #include "public/common/HTTPFetcher.h"
 #include "public/common/IPAddress.h"
+#include "public/common/LocalBinding.h"
 
 #include <cstdint>
 #include <functional>
@@ -22,11 +23,11 @@ enum class HTTPBody : std::uint8_t {
 /// Fetches over HTTP and HTTPS; the connections of GET and HEAD are kept and used again, other requests are never sent
 /// twice.
 ///
-/// Redirects are followed at most `maxRedirects` times, and never from a public host to an address that is not public:
-/// what counts is the address connected to, not the name. (Behind an HTTP proxy that is the proxy's; what lies behind
-/// it is the proxy's to judge.) To another host go only the headers that say what is wanted (Accept, Range, If-…), and
-/// no body. There are no cookies. Certificates are verified.
-/// Time-outs run in real time.
+/// Redirects are followed at most `maxRedirects` times, and never further into the user's network than the host that
+/// sent them: from a public host to public ones alone. A URL from outside counts as sent by a public host. What counts
+/// is the address connected to, not the name. (Behind an HTTP proxy, what a name leads to is the proxy's to judge.) To
+/// another host go only the headers that say what is wanted (Accept, Range, If-…), and no body. There are no cookies.
+/// Certificates are verified. Time-outs run in real time.
 ///
 /// Owner: the program, one for all; it stops before the pools go on which its callers run. Thread: any; the transfers
 /// live on a thread of the client's own, which the first fetch starts.
@@ -36,6 +37,7 @@ public:
 
     struct Options {
         std::string userAgent = "skein/" SKEIN_VERSION;
+        LocalBinding binding;  ///< where requests leave from; what cannot be reached from there is not asked
         /// Says which addresses are public; tests have only loopback addresses, and say it otherwise.
         std::function<AddressScope(const IPAddress&)> scopeOf = [](const IPAddress& address) {
             return address.scope();

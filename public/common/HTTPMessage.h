@@ -1,5 +1,6 @@
 #pragma once
 
+#include "public/common/AddressOrigin.h"
 #include "public/common/Bytes.h"
 #include "public/common/IPAddress.h"
 
@@ -27,9 +28,9 @@ struct HTTPRequest {
     /// Headers are limited by themselves. The default is the largest `.torrent` that is accepted from the network.
     std::size_t maxBodyBytes = std::size_t{32} << 20U;
     bool acceptsCompression = false;  ///< offers gzip and deflate; `maxBodyBytes` counts what comes of it
-    std::string localAddress;         ///< the literal address to send from; empty for any
-    bool usesProxy = true;            ///< false goes straight to the host, whatever the environment names
-    bool followsRedirects = true;     ///< false takes a redirect for the response
+    AddressOrigin origin = AddressOrigin::userNamed;  ///< of `url`; a redirect is the server's
+    bool usesProxy = true;         ///< false goes straight to the host, whatever the environment names
+    bool followsRedirects = true;  ///< false takes a redirect for the response
 };
 
 struct HTTPResponse {

@@ -1,5 +1,7 @@
 #include "public/common/HTTPTransfer.h"
 
+#include "public/common/NetworkRefusal.h"
+
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -53,8 +55,16 @@ HTTPError errorOf(CURLcode code) noexcept {
     }
 }
 
-/// Scheme, host and port of a URL; nothing when it is no http or https URL.
-std::optional<std::string> originOf(const std::string& url) {
+struct URLParts {
+    std::string scheme;
+    std::string host;  ///< a literal IPv6 address in brackets
+    std::string port;
+
+    std::string origin() const { return scheme + "://" + host + ":" + port; }
+};
+
+/// Nothing when it is no http or https URL.
+std::optional<URLParts> partsOf(const std::string& url) {
     const std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), curl_url_cleanup);
     if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return std::nullopt;
     const auto part = [&](CURLUPart which, unsigned flags) {
@@ -63,9 +73,22 @@ std::optional<std::string> originOf(const std::string& url) {
         const std::unique_ptr<char, void (*)(void*)> owned(text, curl_free);
         return lowerCase(text);
     };
-    const std::string scheme = part(CURLUPART_SCHEME, 0);
-    if (scheme != "http" && scheme != "https") return std::nullopt;
-    return scheme + "://" + part(CURLUPART_HOST, 0) + ":" + part(CURLUPART_PORT, CURLU_DEFAULT_PORT);
+    URLParts parts{part(CURLUPART_SCHEME, 0), part(CURLUPART_HOST, 0), part(CURLUPART_PORT, CURLU_DEFAULT_PORT)};
+    if (parts.scheme != "http" && parts.scheme != "https") return std::nullopt;
+    return parts;
+}
+
+std::optional<std::string> originOf(const std::string& url) {
+    const auto parts = partsOf(url);
+    return parts ? std::optional(parts->origin()) : std::nullopt;
+}
+
+/// As far as a host says by itself where it leads.
+AddressDepth depthOfHost(std::string_view host) {
+    if (host.starts_with('[') && host.ends_with(']')) host = host.substr(1, host.size() - 2);
+    while (host.ends_with('.')) host.remove_suffix(1);
+    if (const auto literal = IPAddress::parse(host)) return depthOf(literal->scope());
+    return host == "localhost" || host.ends_with(".localhost") ? AddressDepth::machine : AddressDepth::outside;
 }
 
 bool isRedirect(long status) noexcept {
@@ -78,16 +101,21 @@ bool mayGoToAnotherHost(const HTTPHeader& header) {
     return name.starts_with("accept") || name == "range" || name == "user-agent" || name.starts_with("if-");
 }
 
+bool isSet(const char* name) {
+    const char* const value = std::getenv(name);
+    return value != nullptr && *value != '\0';
+}
+
 /// curl takes proxies from the environment.
 bool mayUseProxy() {
-    static const bool isAnySet = [] {
-        for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
-            const char* const value = std::getenv(name);
-            if (value != nullptr && *value != '\0') return true;
-        }
-        return false;
-    }();
+    static const bool isAnySet =
+        isSet("http_proxy") || isSet("https_proxy") || isSet("HTTPS_PROXY") || isSet("all_proxy") || isSet("ALL_PROXY");
     return isAnySet;
+}
+
+bool hasProxyFor(const std::string& scheme) {
+    const bool hasOwn = scheme == "http" ? isSet("http_proxy") : isSet("https_proxy") || isSet("HTTPS_PROXY");
+    return hasOwn || isSet("all_proxy") || isSet("ALL_PROXY");
 }
 
 std::optional<IPAddress> addressOf(const curl_sockaddr& given) noexcept {
@@ -128,8 +156,11 @@ struct HTTPTransfer::Callbacks {
         const auto target = addressOf(*address);
         if (target && !static_cast<HTTPTransfer*>(self)->mayConnectTo(*target)) return CURL_SOCKET_BAD;
         const int number = ::socket(address->family, address->socktype, address->protocol);
-        if (number >= 0) ::fcntl(number, F_SETFD, FD_CLOEXEC);
-        return number;
+        if (number < 0) return CURL_SOCKET_BAD;
+        ::fcntl(number, F_SETFD, FD_CLOEXEC);
+        if (static_cast<HTTPTransfer*>(self)->leaveFromBinding(number, address->family == AF_INET)) return number;
+        ::close(number);
+        return CURL_SOCKET_BAD;
     }
 
     /// Comes after connecting and before the request is sent, and also when a connection is used again, of which the
@@ -140,7 +171,8 @@ struct HTTPTransfer::Callbacks {
         if (!target) return CURL_PREREQFUNC_OK;
         if (!transfer.mayConnectTo(*target)) return CURL_PREREQFUNC_ABORT;
         transfer.stoppedBy_.reset();  // one address of several was refused, and another one taken
-        if (transfer.options_.scopeOf(*target) == AddressScope::global) transfer.reachedPublicHost_ = true;
+        if (!transfer.isProxied_)
+            transfer.deepest_ = std::min(transfer.deepest_, depthOf(transfer.options_.scopeOf(*target)));
         return CURL_PREREQFUNC_OK;
     }
 };
@@ -148,11 +180,12 @@ struct HTTPTransfer::Callbacks {
 void HTTPTransfer::FreeList::operator()(curl_slist* list) const noexcept { curl_slist_free_all(list); }
 
 HTTPTransfer::HTTPTransfer(HTTPRequest request, HTTPBody body, const HTTPClient::Options& options)
-    : request_(std::move(request)), body_(body), options_(options) {
+    : request_(std::move(request)), body_(body), options_(options), deepest_(deepestFor(request_.origin)) {
     if (!isWellFormed()) {
         refuse(HTTPError::invalidRequest, request_.url);
         return;
     }
+    if (isRefusedUnasked()) return;
     handle_ = curl_easy_init();
     if (handle_ == nullptr) throw std::bad_alloc();
     setUp();
@@ -165,6 +198,25 @@ void HTTPTransfer::refuse(HTTPError error, std::string_view detail) {
     outcome_.error = error;
     outcome_.detail = detail;
     isEnded_ = true;
+}
+
+/// What can be refused without looking up the name. What a name leads to is seen when it is connected to; through a
+/// proxy it is not, so that the host must at least not say itself that it lies inside.
+bool HTTPTransfer::isRefusedUnasked() {
+    if (options_.binding.isGone()) {
+        refuse(HTTPError::cannotConnect, make_error_code(NetworkRefusal::interfaceGone).message());
+        return true;
+    }
+    const auto parts = partsOf(request_.url);
+    isProxied_ = deepest_ == AddressDepth::outside && request_.usesProxy && parts && hasProxyFor(parts->scheme);
+    if (!isProxied_ || depthOfHost(parts->host) <= deepest_) return false;
+    stoppedBy_ = refusalOfDepth();
+    refuse(*stoppedBy_, detailOf(CURLE_OK));
+    return true;
+}
+
+HTTPError HTTPTransfer::refusalOfDepth() const noexcept {
+    return redirects_ > 0 ? HTTPError::forbiddenRedirect : HTTPError::forbiddenAddress;
 }
 
 bool HTTPTransfer::isWellFormed() const {
@@ -182,6 +234,7 @@ void HTTPTransfer::setUp() {
     errorText_[0] = '\0';
     response_ = {};
     headerBytes_ = 0;
+    hasTried_ = false;
 
     curl_slist* list = nullptr;
     const auto add = [&](const std::string& line) { list = curl_slist_append(list, line.c_str()); };
@@ -203,7 +256,7 @@ void HTTPTransfer::setUp() {
     set(CURLOPT_USERAGENT, options_.userAgent.c_str());
     if (request_.acceptsCompression) set(CURLOPT_ACCEPT_ENCODING, "gzip, deflate");
     if (!request_.usesProxy) set(CURLOPT_PROXY, "");
-    if (!request_.localAddress.empty()) set(CURLOPT_INTERFACE, ("host!" + request_.localAddress).c_str());
+    if (isProxied_) set(CURLOPT_NOPROXY, "");  // an exception to the proxy is for hosts that the user names
     set(CURLOPT_ERRORBUFFER, errorText_.data());
     set(CURLOPT_NOSIGNAL, 1L);
     // A name that nobody answers for is looked up by a thread of curl's; nobody waits for that once we have given up.
@@ -279,6 +332,8 @@ void HTTPTransfer::describeResponse() {
 
 std::string HTTPTransfer::detailOf(int curlCode) const {
     if (stoppedBy_ == HTTPError::forbiddenRedirect) return request_.url;
+    if (stoppedBy_ == HTTPError::forbiddenAddress) return make_error_code(NetworkRefusal::notPublic).message();
+    if (stoppedBy_ == HTTPError::cannotConnect) return bindingFault_.message();
     if (stoppedBy_ == HTTPError::bodyTooLarge) return "more than " + std::to_string(request_.maxBodyBytes) + " bytes";
     if (stoppedBy_ == HTTPError::transferFailed) return "too many headers";
     return errorText_[0] != '\0' ? errorText_.data() : curl_easy_strerror(static_cast<CURLcode>(curlCode));
@@ -305,6 +360,7 @@ bool HTTPTransfer::follow(const std::string& location) {
     if (from != to)
         std::erase_if(request_.headers, [](const HTTPHeader& header) { return !mayGoToAnotherHost(header); });
     request_.url = location;
+    if (isRefusedUnasked()) return false;
     setUp();
     return true;
 }
@@ -369,9 +425,21 @@ bool HTTPTransfer::collect(ByteView bytes) {
     return true;
 }
 
+/// What the binding refuses is the reason of a failure only where no other address of the host could be tried.
+bool HTTPTransfer::leaveFromBinding(int socket, bool isIPv4) {
+    bindingFault_ = options_.binding.bind(socket, isIPv4);
+    if (!bindingFault_) {
+        hasTried_ = true;
+        stoppedBy_.reset();
+    } else if (!hasTried_) {
+        stoppedBy_ = HTTPError::cannotConnect;
+    }
+    return !bindingFault_;
+}
+
 bool HTTPTransfer::mayConnectTo(const IPAddress& address) {
-    if (!reachedPublicHost_ || options_.scopeOf(address) == AddressScope::global) return true;
-    stoppedBy_ = HTTPError::forbiddenRedirect;
+    if (isProxied_ || depthOf(options_.scopeOf(address)) <= deepest_) return true;
+    stoppedBy_ = refusalOfDepth();
     return false;
 }
 

@@ -5,6 +5,8 @@
 #include "public/common/HTTPError.h"
 #include "public/common/HTTPMessage.h"
 
+#include <boost/system/error_code.hpp>
+
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -61,6 +63,9 @@ private:
 
     void refuse(HTTPError error, std::string_view detail);
     bool isWellFormed() const;
+    bool isRefusedUnasked();
+    HTTPError refusalOfDepth() const noexcept;
+    bool leaveFromBinding(int socket, bool isIPv4);
     void setUp();
     void setMethod();
     bool follow(const std::string& location);
@@ -85,8 +90,11 @@ private:
     HTTPResponse response_;
     std::size_t headerBytes_ = 0;
     int redirects_ = 0;
-    bool reachedPublicHost_ = false;
+    AddressDepth deepest_;                ///< to which the next connection may go
     std::optional<HTTPError> stoppedBy_;  ///< why a callback of ours made curl end the run
+    boost::system::error_code bindingFault_;
+    bool isProxied_ = false;  ///< connections are to the proxy, which is the user's
+    bool hasTried_ = false;   ///< a socket was opened to an address of the host
     HTTPOutcome outcome_;
 
     // Of a streamed body:

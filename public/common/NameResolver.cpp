@@ -1,5 +1,7 @@
 #include "public/common/NameResolver.h"
 
+#include "public/common/NetworkRefusal.h"
+
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
@@ -127,11 +129,13 @@ private:
     bool isClosed_ = false;
 };
 
-SystemNameResolver::SystemNameResolver() : desk_(std::make_shared<Desk>()) {}
+SystemNameResolver::SystemNameResolver(LocalBinding binding)
+    : binding_(std::move(binding)), desk_(std::make_shared<Desk>()) {}
 SystemNameResolver::~SystemNameResolver() { desk_->close(); }
 
 asio::awaitable<std::vector<IPAddress>> SystemNameResolver::resolve(std::string host) {
     if (const auto literal = IPAddress::parse(host)) co_return std::vector<IPAddress>{*literal};
+    if (binding_.isGone()) throw boost::system::system_error(NetworkRefusal::interfaceGone);
     const auto query = std::make_shared<Desk::Query>();
     query->host = std::move(host);
     const auto initiate = [desk = desk_, &query](auto handler) {
@@ -148,6 +152,8 @@ asio::awaitable<std::vector<IPAddress>> SystemNameResolver::resolve(std::string 
     co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(initiate, asio::use_awaitable);
     if (query->isAborted) throw boost::system::system_error(asio::error::operation_aborted);
     if (query->addresses.empty()) throw boost::system::system_error(asio::error::host_not_found);
+    std::erase_if(query->addresses, [this](const IPAddress& address) { return !binding_.canReach(address); });
+    if (query->addresses.empty()) throw boost::system::system_error(NetworkRefusal::familyNotBound);
     co_return std::move(query->addresses);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "public/common/IPAddress.h"
+#include "public/common/LocalBinding.h"
 
 #include <boost/asio/awaitable.hpp>
 
@@ -20,8 +21,9 @@ public:
     NameResolver& operator=(const NameResolver&) = delete;
     virtual ~NameResolver() = default;
 
-    /// At least one address, best first; a literal is its own. Throws boost::system::system_error: host_not_found, or
-    /// operation_aborted when the caller is cancelled or the resolver stops.
+    /// At least one address, best first; a literal is its own. Throws boost::system::system_error: host_not_found,
+    /// NetworkRefusal where none can be reached, or operation_aborted when the caller is cancelled or the resolver
+    /// stops.
     virtual asio::awaitable<std::vector<IPAddress>> resolve(std::string host) = 0;
 };
 
@@ -34,13 +36,15 @@ class SystemNameResolver final : public NameResolver {
 public:
     static constexpr int maxThreads = 8;
 
-    SystemNameResolver();
+    /// Only addresses that can be reached from `binding` are found; nobody is asked while nothing can leave.
+    explicit SystemNameResolver(LocalBinding binding = {});
     ~SystemNameResolver() override;
 
     asio::awaitable<std::vector<IPAddress>> resolve(std::string host) override;
 
 private:
     class Desk;
+    const LocalBinding binding_;
     std::shared_ptr<Desk> desk_;
 };
 

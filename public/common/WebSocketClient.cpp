@@ -1,5 +1,7 @@
 #include "public/common/WebSocketClient.h"
 
+#include "public/common/AsioAddress.h"
+#include "public/common/BoundSocket.h"
 #include "public/common/ErrorText.h"
 #include "public/common/Within.h"
 
@@ -146,13 +148,12 @@ private:
     boost::beast::flat_buffer buffer_;
 };
 
-WebSocketClient::WebSocketClient(const asio::any_io_executor& pool, Clock& clock, NameResolver& resolver,
-                                 WebSocketRequest request)
-    : WebSocketClient(asio::make_strand(pool), clock, resolver, std::move(request)) {}
+WebSocketClient::WebSocketClient(const asio::any_io_executor& pool, Clock& clock, WayOut way, WebSocketRequest request)
+    : WebSocketClient(asio::make_strand(pool), clock, std::move(way), std::move(request)) {}
 
-WebSocketClient::WebSocketClient(const Strand& strand, Clock& clock, NameResolver& resolver, WebSocketRequest request)
+WebSocketClient::WebSocketClient(const Strand& strand, Clock& clock, WayOut way, WebSocketRequest request)
     : clock_(clock),
-      resolver_(resolver),
+      way_(std::move(way)),
       request_(std::move(request)),
       sendEnded_(strand),
       goodbyeLimit_(strand),
@@ -185,7 +186,7 @@ asio::awaitable<void> WebSocketClient::connectAndUpgrade() {
     const Target target = targetOf(request_.url);
     auto step = WebSocketError::cannotConnect;
     try {
-        const std::vector<IPAddress> addresses = co_await resolver_.resolve(target.host);
+        const std::vector<IPAddress> addresses = co_await way_.resolver.resolve(target.host);
         if (target.isSecure) {
             stream_ = std::make_unique<StreamOver<TLSStream>>(request_.maxMessageBytes, tasks_.strand(), trust());
         } else {
@@ -207,13 +208,13 @@ asio::awaitable<void> WebSocketClient::connect(std::vector<IPAddress> addresses,
     boost::system::error_code error = asio::error::host_not_found;
     for (const IPAddress& address : addresses) {
         tcp::socket& socket = stream_->socket();
-        const tcp::endpoint remote(asio::ip::make_address(address.text()), port);
+        const tcp::endpoint remote(toAsio(address), port);
         socket.close(error);
-        socket.open(remote.protocol());
-        if (!request_.localAddress.empty()) {
-            const auto local = asio::ip::make_address(request_.localAddress);
-            if (local.is_v4() != address.isIPv4()) continue;
-            socket.bind(tcp::endpoint(local, 0));
+        try {
+            openBound(socket, remote, way_.binding);
+        } catch (const boost::system::system_error& refused) {
+            error = refused.code();
+            continue;
         }
         co_await socket.async_connect(remote, asio::redirect_error(asio::use_awaitable, error));
         if (!error) {

@@ -3,9 +3,9 @@
 #include "public/common/Bytes.h"
 #include "public/common/Clock.h"
 #include "public/common/HTTPMessage.h"
-#include "public/common/NameResolver.h"
 #include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
+#include "public/common/WayOut.h"
 #include "public/common/WebSocketError.h"
 
 #include <boost/asio/any_io_executor.hpp>
@@ -29,7 +29,6 @@ struct WebSocketRequest {
     std::chrono::milliseconds openTimeout{15'000};  ///< for the name, TCP, TLS and the upgrade together
     std::chrono::milliseconds sendTimeout{30'000};  ///< for one message to be taken
     std::size_t maxMessageBytes = std::size_t{1} << 20U;
-    std::string localAddress;  ///< the literal address to connect from; empty for any
 };
 
 struct WebSocketMessage {
@@ -51,9 +50,9 @@ class WebSocketClient {
 public:
     static constexpr std::chrono::milliseconds goodbyePatience{200};
 
-    WebSocketClient(const asio::any_io_executor& pool, Clock& clock, NameResolver& resolver, WebSocketRequest request);
+    WebSocketClient(const asio::any_io_executor& pool, Clock& clock, WayOut way, WebSocketRequest request);
     /// On an actor's strand: its calls change no thread.
-    WebSocketClient(const Strand& strand, Clock& clock, NameResolver& resolver, WebSocketRequest request);
+    WebSocketClient(const Strand& strand, Clock& clock, WayOut way, WebSocketRequest request);
     WebSocketClient(const WebSocketClient&) = delete;
     WebSocketClient& operator=(const WebSocketClient&) = delete;
     ~WebSocketClient();
@@ -84,7 +83,7 @@ private:
     void breakOff() noexcept;
 
     Clock& clock_;
-    NameResolver& resolver_;
+    const WayOut way_;
     const WebSocketRequest request_;
     std::unique_ptr<Stream> stream_;
     std::uint64_t sendsBegun_ = 0;

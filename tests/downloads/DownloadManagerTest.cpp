@@ -273,6 +273,7 @@ TEST_F(DownloadManagerTest, commandsAndSessionsStopSideBySide) {
         if (request.target.find("event=stopped") != std::string::npos) reply.stallAfter = 0;
         return reply;
     };
+    host.sessionOptions.discovery.allowsLocalPeers = true;  // the trackers are on loopback
     const std::string tail = "&tr=" + web.url("/announce");
     const Task first = manager->addMagnet(magnet + tail);
     const Task second = manager->addMagnet("magnet:?xt=urn:btih:" + std::string(40, 'a') + tail);

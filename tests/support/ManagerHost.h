@@ -76,7 +76,7 @@ public:
     TemporaryFolder downloads;
     SettingsStore settings{home.path() / "settings.db", log};
     FileClaims claims{home.path() / "claims.db", log};
-    PeerListener listener{simulation.executor(), simulation, log, "127.0.0.1"};
+    PeerListener listener{simulation.executor(), simulation, log, LocalBinding("127.0.0.1")};
     std::unique_ptr<DownloadManager> manager;
 
     // For the next `open`, or the next session.

@@ -12,10 +12,20 @@ namespace skein {
 
 using asio::ip::tcp;
 
-ScriptedPeer::ScriptedPeer(const asio::any_io_executor& executor)
-    : acceptor_(executor, tcp::endpoint(asio::ip::address_v4::loopback(), 0)), socket_(executor) {}
+ScriptedPeer::ScriptedPeer(const asio::any_io_executor& executor, const std::string& host)
+    : acceptor_(executor, tcp::endpoint(asio::ip::make_address(host), 0)), socket_(executor) {}
 
-PeerAddress ScriptedPeer::address() const { return {"127.0.0.1", acceptor_.local_endpoint().port()}; }
+PeerAddress ScriptedPeer::address() const {
+    const tcp::endpoint local = acceptor_.local_endpoint();
+    return {local.address().to_string(), local.port()};
+}
+
+bool ScriptedPeer::isKnockedAt() {
+    acceptor_.non_blocking(true);
+    boost::system::error_code error;
+    const tcp::socket socket = acceptor_.accept(error);
+    return !error;
+}
 
 asio::awaitable<void> ScriptedPeer::accept() { socket_ = co_await acceptor_.async_accept(asio::use_awaitable); }
 

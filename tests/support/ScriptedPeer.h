@@ -9,6 +9,8 @@
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
+#include <string>
+
 namespace skein {
 
 namespace asio = boost::asio;
@@ -21,8 +23,8 @@ public:
         Bytes body;
     };
 
-    /// Listens on a free port of 127.0.0.1.
-    explicit ScriptedPeer(const asio::any_io_executor& executor);
+    /// Listens on a free port of `host`.
+    explicit ScriptedPeer(const asio::any_io_executor& executor, const std::string& host = "127.0.0.1");
 
     PeerAddress address() const;
     asio::awaitable<void> accept();
@@ -39,6 +41,10 @@ public:
     /// Returns when the other side has closed the connection; what it sends meanwhile is dropped.
     asio::awaitable<void> waitForClose();
     void close();
+    /// From where the other side has connected.
+    std::string remoteHost() const { return socket_.remote_endpoint().address().to_string(); }
+    /// Whether somebody has connected who was not accepted yet; hangs up.
+    bool isKnockedAt();
     /// Bytes that have arrived and were not read.
     std::size_t available() { return socket_.available(); }
 

@@ -23,7 +23,8 @@ public:
 
     /// Local discovery is off: it would reach beyond the test. With a bootstrap node the session has a DHT node.
     TestSession(Simulation& simulation, const SHA1Digest& infoHash, char peerID, TorrentSession::Options options,
-                const asio::any_io_executor& disk, const std::optional<PeerAddress>& bootstrapNode = {});
+                const asio::any_io_executor& disk, const std::optional<PeerAddress>& bootstrapNode = {},
+                const LocalBinding& binding = {});
     TestSession(const TestSession&) = delete;
     TestSession& operator=(const TestSession&) = delete;
     ~TestSession();
@@ -47,6 +48,7 @@ public:
     std::vector<PeerRuntimeInfo> peers;
     std::vector<TrackerRuntimeInfo> trackers;
     TorrentSession::Progress progress;
+    std::optional<StallReason> stall;
 
 private:
     void listen(const std::optional<PeerAddress>& bootstrapNode);
@@ -54,9 +56,10 @@ private:
     Simulation& simulation_;
     RecordingLogger log_{LogLevel::debug};
     SecureRandom random_;
-    SystemDatagrams datagrams_;
-    SystemNameResolver resolver_;
-    HTTPClient http_;
+    const LocalBinding binding_;
+    SystemDatagrams datagrams_{binding_};
+    SystemNameResolver resolver_{binding_};
+    HTTPClient http_{HTTPClient::Options{.binding = binding_}};
     std::unique_ptr<PeerListener> listener_;
     std::unique_ptr<DHTNode> dht_;
     std::unique_ptr<TorrentSession> session_;

@@ -54,7 +54,7 @@ protected:
     const PeerAddress seeder{GetParam(), 1};
     LoopbackDHT dht{simulation.executor(), {30, GetParam()}};
     const DHTNode::Environment environment{simulation.executor(), simulation, log, random, resolver};
-    const DHTNode::Options options{GetParam(), 0, {dht.bootstrapNode()}};
+    const DHTNode::Options options{LocalBinding(GetParam()), 0, {dht.bootstrapNode()}};
     DHTNode node{environment, options};
 };
 
@@ -114,7 +114,7 @@ TEST_P(DHTNodeTest, aLookupWaitsForTheBootstrapAndEndsWhenNobodyWantsItOrTheNode
 
 TEST_P(DHTNodeTest, aPortThatIsTakenIsReported) {
     start(node);
-    DHTNode second(environment, {GetParam(), node.port(), {}});
+    DHTNode second(environment, {LocalBinding(GetParam()), node.port(), {}});
     EXPECT_THROW(simulation.finish(second.start()), boost::system::system_error);
     EXPECT_THAT(log.lines(), Contains("[DHT] Listener failed: Address already in use"));
     EXPECT_EQ(simulation.finish(second.findPeers(infoHash)->next()), std::nullopt);
@@ -125,7 +125,7 @@ TEST_P(DHTNodeTest, servesSessionsOnManyThreads) {
     dht.addPeer(infoHash, seeder);
     ThreadPools pools;
     QuickClock clock;
-    DHTNode busy({pools.io(), clock, log, random, resolver}, {"", 0, {dht.bootstrapNode()}});
+    DHTNode busy({pools.io(), clock, log, random, resolver}, {LocalBinding(), 0, {dht.bootstrapNode()}});
     auto started = asio::co_spawn(pools.io(), busy.start(), asio::use_future);
     // Again while the bootstrap node's answer is on its way for longer than the quick two seconds.
     for (bool areServed = false; !areServed;) {

@@ -25,7 +25,7 @@ TEST(LANScanTargetsTest, areTheOtherHostsOfLocalNetworksUpToASlash24) {
     EXPECT_EQ(targets.hosts.back(), "192.168.1.6");
     EXPECT_THAT(targets.hosts, testing::Not(testing::Contains("10.1.2.4")));
     EXPECT_THAT(targets.ports, ElementsAre(6881, 6882, 6883, 6884, 6885, 6886, 6887, 6888, 6889, 7000));
-    EXPECT_THAT(LANScanTargets::around(all, 6889, "192.168.1.5").hosts, ElementsAre("192.168.1.6"));
+    EXPECT_THAT(LANScanTargets::around(all, 6889, LocalBinding("192.168.1.5")).hosts, ElementsAre("192.168.1.6"));
     EXPECT_THAT(LANScanTargets::around(all, 6889).ports, SizeIs(9));
     const IPv4Interface pair{"tun1", "10.0.0.1", 1, 31};
     EXPECT_THAT(LANScanTargets::around({&pair, 1}, 1).hosts, ElementsAre("10.0.0.0"));
@@ -40,10 +40,11 @@ protected:
 
     static std::uint16_t portOf(const tcp::acceptor& acceptor) { return acceptor.local_endpoint().port(); }
     bool isOpen(std::uint16_t port, std::string host = "127.0.0.1", std::string local = "127.0.0.1") {
-        return simulation.finish(isTCPPortOpen(simulation, std::move(host), port, 300ms, std::move(local)));
+        return simulation.finish(
+            isTCPPortOpen(simulation, std::move(host), port, 300ms, LocalBinding(std::move(local))));
     }
     Simulation simulation;
-    LANPeerScanner scanner{simulation.executor(), simulation, "127.0.0.1"};
+    LANPeerScanner scanner{simulation.executor(), simulation, LocalBinding("127.0.0.1")};
     tcp::acceptor listener{simulation.executor(), tcp::endpoint(asio::ip::address_v4::loopback(), 0)};
     tcp::acceptor silent{simulation.executor(), tcp::v4()};
     std::vector<std::uint16_t> found;

@@ -68,7 +68,7 @@ protected:
         for (auto& service : services) simulation.finish(service->stop());
     }
 
-    LSDService& make(std::uint16_t port, LSDService::Options options = {"127.0.0.1", true, true}) {
+    LSDService& make(std::uint16_t port, LSDService::Options options = {LocalBinding("127.0.0.1"), true, true}) {
         const LSDService::Torrent torrent{infoHash, port, {}};
         auto onPeerFound = [this, port](const PeerAddress& peer) {
             found.push_back(std::to_string(port) + " found " + peer.description());
@@ -123,7 +123,7 @@ TEST_F(LSDServiceTest, twoServicesMeetAndAnnounceAfterASecondAndThenEveryMinute)
 
 TEST_F(LSDServiceTest, takesOnlyUsableAnnouncesOfItsOwnTorrent) {
     ASSERT_TRUE(simulation.finish(make(7001).start()));
-    ASSERT_TRUE(simulation.finish(make(7002, {"127.0.0.1", true, false}).start()));
+    ASSERT_TRUE(simulation.finish(make(7002, {LocalBinding("127.0.0.1"), true, false}).start()));
     const std::string upper = "Infohash: " + toUpperHex(infoHash) + "\r\n";
     send(upper);
     send("Port: 1\r\nInfohash: " + hash + "\r\n");
@@ -135,7 +135,7 @@ TEST_F(LSDServiceTest, takesOnlyUsableAnnouncesOfItsOwnTorrent) {
 }
 
 TEST_F(LSDServiceTest, staysStoppedRatherThanUseAnotherInterfaceThanTheOneAskedFor) {
-    LSDService& service = make(7001, {"203.0.113.77"});
+    LSDService& service = make(7001, {LocalBinding("203.0.113.77")});
     EXPECT_FALSE(simulation.finish(service.start()));
     simulation.advance(2min);
     EXPECT_EQ(simulation.sleepers(), 0U);

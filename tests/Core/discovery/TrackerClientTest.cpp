@@ -37,7 +37,10 @@ public:
 
 class TrackerClientTest : public testing::Test {
 protected:
-    TrackerClientTest() { what.infoHash.fill(0x20); }
+    TrackerClientTest() {
+        what.infoHash.fill(0x20);
+        what.origin = AddressOrigin::userNamed;  // all of them are on loopback
+    }
     ~TrackerClientTest() override {
         simulation.finish(client.stop());
         http.stop();
@@ -176,12 +179,18 @@ TEST_F(TrackerClientTest, aUDPHostIsLookedUpAndItsAddressesTriedInTurn) {
     EXPECT_EQ(simulation.finish(std::move(silent)).error, "Tracker request timed out");
 }
 
-TEST_F(TrackerClientTest, announcesFromTheAddressItIsTold) {
-    TrackerClient bound(simulation.executor(), services, Bytes(20, 'p'), 7001, IPAddress::parse("127.0.0.1"));
-    for (const std::string& url : {tracker.udpURL(), tracker.httpURL()})
-        EXPECT_TRUE(simulation.finish(bound.announceOneDetailed(url, what)).isSuccess());
-    EXPECT_FALSE(simulation.finish(bound.announceOneDetailed("udp://[::1]:80/", what)).isSuccess());
-    simulation.finish(bound.stop());
+TEST_F(TrackerClientTest, aTrackerOfATorrentIsNotAskedWithinTheUsersNetwork) {
+    const std::string refusal =
+        "The address is not public, and was not named by the user (--tracker, --allow-local-peers)";
+    const std::string port = tracker.udpURL().substr(tracker.udpURL().rfind(':'));
+    what.origin = AddressOrigin::fromOutside;
+    EXPECT_EQ(announce(tracker.udpURL()).error, refusal);
+    EXPECT_EQ(announce("udp://tracker.example" + port).error, refusal) << "what counts is where the name leads";
+    EXPECT_EQ(announce(tracker.httpURL()).error, "The host is not asked: " + refusal);
+    webAnswer = HTTPReply::redirect(tracker.httpURL());
+    EXPECT_EQ(announce(web.url()).error, "The host is not asked: " + refusal);
+    EXPECT_THAT(tracker.announces(), IsEmpty());
+    EXPECT_EQ(web.acceptedConnections(), 0);
 }
 
 TEST_F(TrackerClientTest, aHostileHTTPTrackerCostsItsOwnAnnounceAndNoMore) {

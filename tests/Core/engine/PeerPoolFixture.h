@@ -61,6 +61,7 @@ protected:
         PeerPool::Callbacks callbacks;
         callbacks.connectionCallbacks = [](PeerKey) { return PeerConnection::Callbacks(); };
         callbacks.onDialFailed = [this](const DialRequest& request) { onDialFailed(request); };
+        callbacks.onOutOfReach = [](const DialRequest&) { ADD_FAILURE() << "everybody can be reached"; };
         callbacks.onPeerReady = [](const PeerPool::Peer&) { ADD_FAILURE() << "nobody answers here"; };
         callbacks.onPeerGone = [](const PeerPool::Peer&) {};
         return callbacks;

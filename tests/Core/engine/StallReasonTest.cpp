@@ -32,6 +32,8 @@ TEST(StallReason, namesTheCauseThatIsNearestToTheUser) {
     EXPECT_EQ(cause(), StallCause::folderUnusable);
     facts.storageErrno = ENOSPC;
     EXPECT_EQ(cause(), StallCause::diskFull);
+    facts.goneInterface = "tun0";
+    EXPECT_EQ(cause(), StallCause::diskFull) << "what is there already";
     facts.isPaused = true;
     EXPECT_EQ(stallReasonOf(facts)->sentence(), "Paused. Resume it.");
 }

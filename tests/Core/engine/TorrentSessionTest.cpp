@@ -109,6 +109,23 @@ TEST_F(TorrentSessionTest, findsItsPeersThroughTrackersAndTellsThemHowItGoes) {
     simulation.finish(tracker.stop());
 }
 
+TEST_F(TorrentSessionTest, asksATrackerInsideTheUsersNetworkOnlyWhereTheUserNamedIt) {
+    LoopbackTracker tracker(simulation.executor());
+    torrent.metaInfo->announceList = {{tracker.httpURL()}};
+    useTorrent(TorrentWriter::write(*torrent.metaInfo));
+    const auto getter = start('g', {});
+    simulation.runUntil([&] { return getter->trackers.size() == 1 && getter->trackers[0].lastError; });
+    EXPECT_THAT(*getter->trackers[0].lastError, HasSubstr("The address is not public"));
+    getter->stop();
+    EXPECT_TRUE(tracker.announces().empty());
+    Options options;
+    options.discovery.extraTrackers = {tracker.httpURL()};
+    const auto other = start('o', std::move(options));
+    simulation.runUntil([&] { return tracker.announces().size() == 1; });
+    other->stop();
+    simulation.finish(tracker.stop());
+}
+
 TEST_F(TorrentSessionTest, pausesRechecksAndResumes) {
     const auto seeder = startSeeder();
     const auto getter = startGetter(seeder->address());

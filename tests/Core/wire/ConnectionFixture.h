@@ -42,7 +42,8 @@ protected:
     /// Dials `peer` over TCP, which accepts and says nothing yet.
     void startDial(PeerConnection::EncryptionPreference encryption = PeerConnection::EncryptionPreference::plaintext) {
         const PeerAddress to = peer.address();
-        makeConnection(std::make_unique<NWPeerWireTransport>(simulation.executor(), simulation, to, timeout, ""), to);
+        makeConnection(std::make_unique<NWPeerWireTransport>(simulation.executor(), simulation, resolver, to, timeout),
+                       to);
         dial = simulation.begin(connection->connect(timeout, encryption, MSEPrime::deployed));
         simulation.finish(peer.accept());
     }
@@ -62,6 +63,7 @@ protected:
     }
 
     Simulation simulation;
+    SystemNameResolver resolver;
     RecordingLogger log{LogLevel::debug};
     Throttle download;
     Throttle upload;

@@ -59,7 +59,7 @@ protected:
 
     SystemNameResolver resolver;
     const std::string hash = std::string(40, 'a');
-    const RelayTransport::Environment environment{strand, simulation, resolver, ""};
+    const RelayTransport::Environment environment{strand, simulation, resolver};
     std::optional<std::string> mode;
     std::optional<WebSocketMessage> word = WebSocketMessage::text("ready");
     std::function<asio::awaitable<void>(ServerWebSocket&)> script = [this](ServerWebSocket& socket) {

@@ -128,7 +128,7 @@ protected:
         acceptor.emplace(simulation.executor(), simulation, path);
     }
     std::unique_ptr<UTPPeerWireTransport> makeTransport(const PeerAddress& address) {
-        return std::make_unique<UTPPeerWireTransport>(simulation, log, address, 5s, "");
+        return std::make_unique<UTPPeerWireTransport>(simulation, log, resolver, address, 5s);
     }
 
     std::optional<UTPAcceptor> acceptor;

@@ -52,7 +52,7 @@ TEST_F(LocalAPITest, offersTheListAndTheCommands) {
 }
 
 TEST_F(LocalAPITest, isDescribedRouteByRoute) {
-    EngineHost engine(host.home.path() / "chatting", "127.0.0.1");
+    EngineHost engine(host.home.path() / "chatting", LocalBinding("127.0.0.1"));
     ChatHost chat(engine, center);
     ChatRoutes chatRoutes(chat);
     chatRoutes.addTo(api.router());

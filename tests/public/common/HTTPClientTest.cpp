@@ -120,8 +120,18 @@ TEST_F(HTTPClientTest, aServerThatFallsSilentIsATimeout) {
 }
 
 TEST_F(HTTPClientTest, sendsFromTheAddressItIsTold) {
-    const std::string failure = failureOf({.url = server.url(), .localAddress = "192.0.2.1"});  // nobody's
-    EXPECT_THAT(failure, StartsWith("The host cannot be reached"));
+    HTTPClient bound(HTTPClient::Options{.binding = LocalBinding("192.0.2.1")});  // nobody's
+    EXPECT_THAT(simulation.failureOf(bound.fetch({.url = server.url()})), StartsWith("The host cannot be reached"));
+}
+
+TEST_F(HTTPClientTest, aURLFromOutsideLeadsToPublicAddressesAlone) {
+    const std::string port = server.url().substr(server.url().rfind(':'));
+    get(server.url());  // whose connection would be used again
+    for (const char* host : {"127.0.0.1", "localhost", "2130706433", "[::ffff:127.0.0.1]", "0.0.0.0"}) {
+        const std::string failure = failureOf({.url = "http://" + (host + port), .origin = AddressOrigin::fromOutside});
+        EXPECT_THAT(failure, StartsWith("The host is not asked: The address is not public")) << host;
+    }
+    EXPECT_EQ(server.requests().size(), 1U);
 }
 
 TEST_F(HTTPClientTest, followsFiveRedirectsAndNoSixth) {
