@@ -50,7 +50,7 @@ void PeerDialer::close() {
 // --- whom and when ---------------------------------------------------------------------------------------------------
 
 void PeerDialer::connectToPeer(const DialRequest& request) {
-    if (!isOpen_ || isBusyWith(request.address)) return;
+    if (!isOpen_ || isShutOut(request) || isBusyWith(request.address)) return;
     ++addressesOffered_;
     if (isResting(request)) {
         environment_.log.debug("[Direct] skip recently failed public BT peer ", request.address.description());
@@ -103,7 +103,7 @@ void PeerDialer::startOrQueue(const DialRequest& request) {
         if (!request.servicePeer) enqueuePendingPublicPeerDial(request);
         return;
     }
-    publicPeerDialInFlight_.insert(request.address);
+    publicPeerDialInFlight_.emplace(request.address, Flight{request});
     tasks_.spawn(dial(request));
 }
 
@@ -134,6 +134,16 @@ void PeerDialer::drainPendingPublicPeerDials() {
 
 void PeerDialer::leaveAlone(const PeerAddress& address, Clock::Duration cooldown) {
     unwanted_.rest(address, environment_.clock.now() + cooldown);
+}
+
+void PeerDialer::givePublicPeersUp() {
+    isPrivate_ = true;
+    std::erase_if(pendingPublicPeerDials_, [this](const DialRequest& request) {
+        return isShutOut(request) && pendingPublicPeerDialAddresses_.erase(request.address) > 0;
+    });
+    for (auto& [address, flight] : publicPeerDialInFlight_)
+        if (isShutOut(flight.request) && flight.connection != nullptr) flight.connection->disconnect();
+    prober_.giveUp([this](const DialRequest& request) { return isShutOut(request); });
 }
 
 void PeerDialer::restAfterFailure(const PeerAddress& address) {
@@ -172,16 +182,18 @@ asio::awaitable<void> PeerDialer::dial(DialRequest request) {
     for (bool goesOn = true; goesOn;) {
         const DialAttempt how = plan.current();
         connection = callbacks_.makeConnection(request.address, environment_.dial(request.address, how));
+        publicPeerDialInFlight_.at(request.address).connection = connection.get();
         failure = co_await attempt(request, *connection, how);
-        if (tasks_.isStopping()) break;
+        if (tasks_.isStopping() || isShutOut(request)) break;
         learn(*connection, how);
         if (failure.empty()) break;
         co_await connection->stop();
         goesOn = isOpen_ && !tasks_.isStopping() && plan.advance(failureOf(*connection));
     }
     publicPeerDialInFlight_.erase(request.address);
-    if (tasks_.isStopping()) {
+    if (tasks_.isStopping() || isShutOut(request)) {
         co_await connection->stop();
+        if (!tasks_.isStopping()) drainPendingPublicPeerDials();
         co_return;
     }
     if (failure.empty()) {
@@ -252,7 +264,7 @@ void PeerDialer::rememberFailedDial(const DialRequest& request, const PeerConnec
 
 void PeerDialer::handleUTPAnswer(const DialRequest& request) {
     experienceWith(request.address).answersUTP = true;
-    if (!isOpen_ || isBusyWith(request.address)) return;
+    if (!isOpen_ || isShutOut(request) || isBusyWith(request.address)) return;
     PeerRuntimeInfo row;
     row.address = request.address;
     row.source = request.source;

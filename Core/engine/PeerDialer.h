@@ -77,6 +77,9 @@ public:
     /// There may be room for a dial that waits.
     void drainPendingPublicPeerDials();
     void leaveAlone(const PeerAddress& address, Clock::Duration cooldown);
+    /// The torrent is private: peers of public sources are given up, those being dialled too, and are not dialled
+    /// again.
+    void givePublicPeersUp();
     /// A connection that `origin` led to has ended; `wasFruitless` when nothing came of it, not even time.
     void noteDisconnect(const DialRequest& origin, bool wasFruitless);
     /// Forgets what waits, and dials nobody until `open`.
@@ -99,6 +102,7 @@ private:
     bool canReach(const PeerAddress& address) const;
     void skip(const DialRequest& request);
     bool isResting(const DialRequest& request);
+    bool isShutOut(const DialRequest& request) const { return isPrivate_ && !request.mayServePrivate(); }
     bool isFull() const;
     bool isFullFor(const DialRequest& request) const;
     void startOrQueue(const DialRequest& request);
@@ -115,7 +119,11 @@ private:
 
     const Environment environment_;
     const Callbacks callbacks_;
-    std::unordered_set<PeerAddress> publicPeerDialInFlight_;
+    struct Flight {
+        DialRequest request;
+        PeerConnection* connection = nullptr;  ///< of the attempt that is made
+    };
+    std::unordered_map<PeerAddress, Flight> publicPeerDialInFlight_;
     std::deque<DialRequest> pendingPublicPeerDials_;
     std::unordered_set<PeerAddress> pendingPublicPeerDialAddresses_;
     AddressCooldowns publicPeerRetryAfter_;  // after a failed dial
@@ -124,6 +132,7 @@ private:
     std::unordered_map<PeerAddress, DialExperience> experiences_;  // of peers that differ from what is usual
     std::size_t addressesOffered_ = 0;
     bool isOpen_ = true;
+    bool isPrivate_ = false;
     UTPProber prober_;
     TaskGroup tasks_;
 };

@@ -46,6 +46,7 @@ PeerDiscovery::PeerDiscovery(Environment environment, DiscoveryOptions options, 
     : environment_(std::move(environment)),
       options_(std::move(options)),
       callbacks_(std::move(callbacks)),
+      publicTasks_(environment_.strand),
       tasks_(environment_.strand) {}
 
 PeerDiscovery::~PeerDiscovery() = default;
@@ -64,9 +65,12 @@ void PeerDiscovery::setTorrent(std::string name, const Tiers& trackers, bool isP
 
 /// A magnet link does not say that its torrent is private; its metadata may.
 asio::awaitable<void> PeerDiscovery::leavePublicSources() {
-    formerLSDService_ = std::move(lsdService_);
     formerAnnouncer_ = std::move(announcer_);
     startTrackers();
+    co_await publicTasks_.stop();
+    publicBTDiscoveryRunning_ = false;
+    if (lanScanner_) co_await lanScanner_->stop();
+    formerLSDService_ = std::move(lsdService_);
     if (formerLSDService_) co_await formerLSDService_->stop();
     if (formerAnnouncer_) co_await formerAnnouncer_->stop();
 }
@@ -92,7 +96,8 @@ void PeerDiscovery::start() {
 
 void PeerDiscovery::lookEverywhere() {
     rediscoverPublicBTPeers("all sources", std::chrono::seconds(0));
-    if (options_.usesHistory && !isPrivate_ && environment_.history != nullptr) tasks_.spawn(findPeersFromHistory());
+    if (options_.usesHistory && !isPrivate_ && environment_.history != nullptr)
+        publicTasks_.spawn(findPeersFromHistory());
     findPeersFromManualLAN();
     startLANPortScanIfNeeded();
 }
@@ -104,7 +109,7 @@ void PeerDiscovery::rediscoverPublicBTPeers(std::string_view reason, std::chrono
     lastPublicBTDiscoveryAt_ = now;
     environment_.log.debug("[Session] Rediscovering public BT peers (", reason, ")...");
     findPeersFromTrackers();
-    if (usesDHT() && callbacks_.connectedPeers() < enoughPeers) tasks_.spawn(findPeersFromDHT());
+    if (usesDHT() && callbacks_.connectedPeers() < enoughPeers) publicTasks_.spawn(findPeersFromDHT());
 }
 
 /// Trackers know by themselves when they want to be asked: for a seeder only the DHT needs a reminder.
@@ -117,10 +122,11 @@ asio::awaitable<void> PeerDiscovery::discoveryLoop() {
 }
 
 /// Whether the address may be dialled, and hands it on when it may.
-bool PeerDiscovery::offer(const PeerAddress& peer, PeerSource source, bool allowsLocal) {
+bool PeerDiscovery::offer(const PeerAddress& peer, PeerSource source, bool allowsLocal, bool isOfOwnSource) {
+    if (isPrivate_ && !isOfOwnSource) return false;
     const bool isUsable =
         peer.isUsablePublicBTPeer() || ((allowsLocal || options_.allowsLocalPeers) && peer.isLocal() && peer.port > 0);
-    if (isUsable) callbacks_.onPeer({peer, source, false});
+    if (isUsable) callbacks_.onPeer({peer, source, false, std::nullopt, isOfOwnSource});
     return isUsable;
 }
 
@@ -164,6 +170,15 @@ AddressOrigin PeerDiscovery::originOf(const std::string& tracker) const {
     return isNamed || options_.allowsLocalPeers ? AddressOrigin::userNamed : AddressOrigin::fromOutside;
 }
 
+/// Of the torrent, of the link to it, or of the user.
+bool PeerDiscovery::isOwnTracker(const std::string& tracker) const {
+    const auto isIn = [&](const std::vector<std::string>& some) {
+        return std::find(some.begin(), some.end(), tracker) != some.end();
+    };
+    return std::any_of(torrentTrackers_.begin(), torrentTrackers_.end(), isIn) || isIn(options_.linkTrackers) ||
+           isIn(options_.extraTrackers);
+}
+
 std::size_t PeerDiscovery::trackerCount() const {
     std::size_t count = 0;
     for (const auto& tier : effectiveTrackers()) count += tier.size();
@@ -181,8 +196,9 @@ void PeerDiscovery::handleTrackerAnswer(const TrackerAnnounceOutcome& outcome) {
     if (callbacks_.isDownloading())
         callbacks_.onStatusMessage("Tracker found " + std::to_string(count) + " peers, connecting...");
     // A tracker on this machine or site knows its peers by their local addresses.
+    const bool isOwn = isOwnTracker(outcome.tracker);
     for (const PeerAddress& peer : outcome.peers)
-        if (!offer(peer, PeerSource::publicTracker, outcome.isTrackerLocal))
+        if (!offer(peer, PeerSource::publicTracker, outcome.isTrackerLocal, isOwn))
             environment_.log.debug("[Session] Tracker skipped unusable peer: ", peer.description());
 }
 
@@ -211,7 +227,6 @@ asio::awaitable<void> PeerDiscovery::findPeersFromDHT() {
     for (;;) {
         const std::optional<PeerAddress> peer = co_await stream->next();
         if (!peer) break;
-        if (isPrivate_) continue;
         if (offer(*peer, PeerSource::dht, false)) {
             environment_.log.debug("[Session] DHT found peer #", ++found, ": ", peer->description());
         } else {
@@ -221,7 +236,7 @@ asio::awaitable<void> PeerDiscovery::findPeersFromDHT() {
     environment_.log.info("[Session] DHT discovery finished, found ", found, " peers");
     publicBTDiscoveryRunning_ = false;
     const Clock::TimePoint now = environment_.clock.now();
-    if (isPrivate_ || (lastDHTAnnounceAt_ && now - *lastDHTAnnounceAt_ < announceInterval)) co_return;
+    if (lastDHTAnnounceAt_ && now - *lastDHTAnnounceAt_ < announceInterval) co_return;
     lastDHTAnnounceAt_ = now;
     co_await environment_.dht->announcePeer(environment_.infoHash, environment_.listenPort);
 }
@@ -257,7 +272,7 @@ void PeerDiscovery::recordFailure(const PeerAddress& peer, PeerSource source) {
 // --- the local network -----------------------------------------------------------------------------------------------
 
 void PeerDiscovery::startLSD() {
-    if (options_.usesLSD && !isPrivate_ && !lsdService_) tasks_.spawn(runLSD());
+    if (options_.usesLSD && !isPrivate_ && !lsdService_) publicTasks_.spawn(runLSD());
 }
 
 asio::awaitable<void> PeerDiscovery::runLSD() {
@@ -266,9 +281,7 @@ asio::awaitable<void> PeerDiscovery::runLSD() {
     options.multicastLoop = options.allowsLocalPeers = options_.allowsLocalPeers;
     // `stop` ends the service before us, so that what it posts still finds us.
     LSDService::PeerFound onFound = [this](PeerAddress peer) {
-        asio::dispatch(environment_.strand, [this, peer = std::move(peer)] {
-            if (!isPrivate_) offer(peer, PeerSource::lsd, true);
-        });
+        asio::dispatch(environment_.strand, [this, peer = std::move(peer)] { offer(peer, PeerSource::lsd, true); });
     };
     const LSDService::Torrent torrent{environment_.infoHash, environment_.listenPort, environment_.peerID};
     lsdService_ = std::make_unique<LSDService>(environment_.io, environment_.clock, environment_.trackers.random,
@@ -284,7 +297,7 @@ void PeerDiscovery::findPeersFromManualLAN() {
         if (peer.port == 0 || peer.host.empty()) {
             environment_.log.info("[LAN] skip unusable peer ", peer.description());
         } else {
-            callbacks_.onPeer({peer, PeerSource::manualLAN, false});
+            callbacks_.onPeer({peer, PeerSource::manualLAN, false, std::nullopt, true});
         }
     }
 }
@@ -294,7 +307,7 @@ void PeerDiscovery::startLANPortScanIfNeeded() {
     if (!options_.scansLAN || isPrivate_ || !callbacks_.isDownloading()) return;
     if (lastLANPortScanAt_ && now - *lastLANPortScanAt_ < lanPortScanCooldown) return;
     lastLANPortScanAt_ = now;
-    tasks_.spawn(scanLAN());
+    publicTasks_.spawn(scanLAN());
 }
 
 asio::awaitable<void> PeerDiscovery::scanLAN() {
@@ -319,6 +332,7 @@ asio::awaitable<void> PeerDiscovery::scanLAN() {
 
 asio::awaitable<void> PeerDiscovery::stop() {
     co_await tasks_.stop();
+    co_await publicTasks_.stop();
     if (lsdService_) co_await lsdService_->stop();
     if (lanScanner_) co_await lanScanner_->stop();
     if (announcer_) co_await announcer_->stop();

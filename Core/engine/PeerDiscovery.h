@@ -126,7 +126,8 @@ private:
     asio::awaitable<void> leavePublicSources();
     asio::awaitable<void> discoveryLoop();
     bool usesDHT() const noexcept { return options_.usesDHT && !isPrivate_ && environment_.dht != nullptr; }
-    bool offer(const PeerAddress& peer, PeerSource source, bool allowsLocal);
+    bool offer(const PeerAddress& peer, PeerSource source, bool allowsLocal, bool isOfOwnSource = false);
+    bool isOwnTracker(const std::string& tracker) const;
     std::string infoHashHex() const;
 
     const Environment environment_;
@@ -149,6 +150,7 @@ private:
     // Of before the torrent turned out to be private. They are kept because `stop` may come before they have ended.
     std::unique_ptr<LSDService> formerLSDService_;
     std::unique_ptr<TrackerAnnouncer> formerAnnouncer_;
+    TaskGroup publicTasks_;  // of the sources that a private torrent has not; on the session's strand too
     TaskGroup tasks_;
 };
 

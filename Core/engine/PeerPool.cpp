@@ -124,6 +124,7 @@ std::unique_ptr<PeerPool::Peer> PeerPool::makePeer(const DialRequest& origin,
     peer->key = nextKey_++;
     peer->source = origin.source;
     peer->isNamedByUser = origin.isNamedByUser;
+    peer->isOfOwnSource = origin.isOfOwnSource;
     peer->connection = std::move(connection);
     if (origin.servicePeer) setServicePeer(*peer, *origin.servicePeer);
     return peer;
@@ -212,8 +213,7 @@ void PeerPool::rememberDisconnectedPeer(const Peer& peer, const std::string& err
     info.lastError = error;
     const bool isShort = environment_.clock.now() - *peer.connection->connectedAt() < shortConversation;
     if (peer.connection->direction() == PeerDirection::outgoing)
-        dialer_.noteDisconnect({info.address, peer.source, peer.isNamedByUser, peer.servicePeer},
-                               isShort && info.downloaded + info.uploaded == 0);
+        dialer_.noteDisconnect(peer.origin(), isShort && info.downloaded + info.uploaded == 0);
     remember(std::move(info));
 }
 
@@ -239,6 +239,15 @@ asio::awaitable<void> PeerPool::retireSlowly(std::unique_ptr<Peer> peer) {
     peer.reset();
     --retiring_;
     retired_.notify();
+}
+
+void PeerPool::dropPublicPeers() {
+    dialer_.givePublicPeersUp();
+    std::vector<PeerKey> leaving;
+    for (const auto& [key, peer] : connected_)
+        if (peer->connection->direction() == PeerDirection::outgoing && !peer->origin().mayServePrivate())
+            leaving.push_back(key);
+    for (const PeerKey key : leaving) drop(key, "The torrent is private");
 }
 
 void PeerPool::shedPeers(std::size_t keepAtMost) {

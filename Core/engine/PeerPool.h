@@ -44,10 +44,14 @@ public:
         PeerKey key = 0;
         PeerSource source = PeerSource::incoming;
         bool isNamedByUser = false;
+        bool isOfOwnSource = false;  ///< as its DialRequest says
         int badPieces = 0;
         std::optional<ServicePeer> servicePeer;  ///< who it is to the resource service, if that is known
         std::unique_ptr<PeerConnection> connection;
 
+        DialRequest origin() const {
+            return {connection->address(), source, isNamedByUser, servicePeer, isOfOwnSource};
+        }
         bool isRelayed() const { return connection->transportKind() == PeerTransport::relay; }
     };
 
@@ -77,6 +81,8 @@ public:
     void renewCallbacks();
     /// Drops the peer; with a cooldown it is not dialled again until that is over.
     void drop(PeerKey key, const std::string& reason, Clock::Duration cooldown = Clock::Duration::zero());
+    /// The torrent is private: peers of public sources are dropped, and not dialled again. Whoever dialled us stays.
+    void dropPublicPeers();
     /// Closes all but the best `keepAtMost` peers: those that move most bytes, the longest connected among equals.
     void shedPeers(std::size_t keepAtMost);
     /// Closes every connection and forgets queued dials; until `allowPeers`, nobody gets in.

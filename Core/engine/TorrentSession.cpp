@@ -256,9 +256,14 @@ void TorrentSession::makeDiscovery() {
 
 void TorrentSession::startPeerDiscoveryForDownload() {
     makeDiscovery();
-    discovery_->setTorrent(metaInfo_->name, metaInfo_->announceList, metaInfo_->isPrivate);
+    describeToDiscovery();
     discovery_->start();
     services_.log.info("[Session] Peer discovery for download finished. Peers: ", peerPool_.connected().size());
+}
+
+void TorrentSession::describeToDiscovery() {
+    discovery_->setTorrent(metaInfo_->name, metaInfo_->announceList, metaInfo_->isPrivate);
+    if (metaInfo_->isPrivate) peerPool_.dropPublicPeers();
 }
 
 // --- peers -----------------------------------------------------------------------------------------------------------

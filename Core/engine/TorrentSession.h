@@ -165,6 +165,7 @@ private:
 
     void makeDiscovery();
     void startPeerDiscoveryForDownload();
+    void describeToDiscovery();
     asio::awaitable<void> closeTraffic();
     asio::awaitable<void> doPause();
     asio::awaitable<void> doResume();

@@ -21,7 +21,7 @@ void UTPProber::scheduleUTPProbe(const DialRequest& request) {
         return;
     }
     utpProbeRetryAfter_.rest(request.address, now + utpProbeCooldownSeconds);
-    utpProbeInFlight_.insert(request.address);
+    utpProbeInFlight_.emplace(request.address, Flight{request});
     tasks_.spawn(probe(request));
 }
 
@@ -33,10 +33,17 @@ void UTPProber::startDeferred() {
     }
 }
 
+void UTPProber::giveUp(const std::function<bool(const DialRequest&)>& whom) {
+    std::erase_if(deferred_, whom);
+    for (auto& [address, flight] : utpProbeInFlight_)
+        if (whom(flight.request) && flight.transport != nullptr) flight.transport->cancel();
+}
+
 asio::awaitable<void> UTPProber::probe(DialRequest request) {
     co_await asio::this_coro::throw_if_cancelled(false);
     const Clock::TimePoint startedAt = environment_.clock.now();
     const auto transport = environment_.dial(request.address);
+    utpProbeInFlight_.at(request.address).transport = transport.get();
     const std::string failure = co_await open(*transport);
     transport->cancel();
     utpProbeInFlight_.erase(request.address);

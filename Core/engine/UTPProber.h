@@ -12,7 +12,7 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <unordered_set>
+#include <unordered_map>
 
 namespace skein {
 
@@ -46,6 +46,8 @@ public:
     void scheduleUTPProbe(const DialRequest& request);
     std::size_t probesInFlight() const noexcept { return utpProbeInFlight_.size(); }
     void forgetDeferred() { deferred_.clear(); }
+    /// Ends the probes of those peers, and forgets who of them waits for one.
+    void giveUp(const std::function<bool(const DialRequest&)>& whom);
     /// Returns when nothing of the prober runs any more.
     asio::awaitable<void> stop() { return tasks_.stop(); }
 
@@ -55,7 +57,11 @@ private:
     asio::awaitable<std::string> open(PeerWireTransport& transport);
 
     const Environment environment_;
-    std::unordered_set<PeerAddress> utpProbeInFlight_;
+    struct Flight {
+        DialRequest request;
+        PeerWireTransport* transport = nullptr;
+    };
+    std::unordered_map<PeerAddress, Flight> utpProbeInFlight_;
     AddressCooldowns utpProbeRetryAfter_;
     std::deque<DialRequest> deferred_;
     TaskGroup tasks_;

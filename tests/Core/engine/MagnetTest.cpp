@@ -156,15 +156,39 @@ TEST_F(MagnetTest, leavesPublicSourcesWhenTheTorrentTurnsOutToBePrivate) {
     torrent.metaInfo->isPrivate = true;
     useTorrent(TorrentWriter::write(*torrent.metaInfo));
     LoopbackTracker fallback(simulation.executor());
+    ScriptedPeer stranger(simulation.executor());
+    ScriptedPeer silent(simulation.executor());
+    fallback.addPeer(infoHash, stranger.address());
+    fallback.addPeer(infoHash, silent.address());
     Options options;
     options.discovery.fallbackTrackers = {fallback.httpURL()};
     const auto getter = startMagnet(std::move(options));
-    simulation.runUntil([&] { return fallback.announces().size() == 1; });
+    simulation.finish(stranger.accept());
+    simulation.finish(silent.accept());  // whose dial is still in flight
+    simulation.finish(stranger.shakeHands(infoHash, peerIDOf('x')));
     complete(*getter);
+    simulation.finish(stranger.waitForClose());
+    simulation.finish(silent.waitForClose());
     simulation.runUntil([&] { return fallback.announces().back().event == "stopped"; });
     EXPECT_EQ(fallback.announces().front().left, 16384) << "the size was not known, but something was missing";
     getter->stop();
     simulation.finish(fallback.stop());
+}
+
+TEST_F(MagnetTest, keepsThePeersOfItsOwnTrackersWhenTheTorrentTurnsOutToBePrivate) {
+    torrent.metaInfo->isPrivate = true;
+    useTorrent(TorrentWriter::write(*torrent.metaInfo));
+    LoopbackTracker own(simulation.executor());
+    const auto seeder = startSeeder();
+    own.addPeer(infoHash, seeder->address());
+    magnet.trackers = {own.httpURL()};
+    Options options;
+    options.discovery.allowsLocalPeers = true;
+    const auto getter = startMagnet(std::move(options));
+    waitUntilWhole(*getter);
+    EXPECT_EQ(seeder->countLogged("✓ Accepted peer"), 1) << "over the connection that brought the metadata";
+    getter->stop();
+    simulation.finish(own.stop());
 }
 
 TEST_F(MagnetTest, findsItsPeersThroughTheDHTAlone) {
