@@ -77,6 +77,12 @@ asio::awaitable<std::string> PeerPool::connectOver(std::unique_ptr<PeerWireTrans
 
 void PeerPool::handleIncomingConnection(std::unique_ptr<PeerWireTransport> transport, PeerAddress address) {
     environment_.log.debug("[Session] Incoming peer connecting: ", address.description());
+    if (environment_.dialOptions.encryption == EncryptionChoice::mse) {
+        // What the listener hands over began with a handshake in plain text.
+        environment_.log.info("[Session] Incoming peer ", address.description(),
+                              " turned away: only encrypted connections are allowed");
+        return transport->cancel();
+    }
     if (!isOpen_ || tasks_.isStopping() || room() <= dialer_.dialsInFlight()) return transport->cancel();
     auto connection = makeConnection(address, std::move(transport), PeerDirection::incoming);
     const DialRequest origin{std::move(address), PeerSource::incoming};

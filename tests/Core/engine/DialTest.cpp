@@ -116,6 +116,14 @@ TEST_F(DialTest, fallsBackToPlaintextOnANewConnectionOnlyWhereThatIsAllowed) {
     EXPECT_EQ(encryptionShown(), PeerEncryptionStatus::plaintext);
 }
 
+TEST_F(DialTest, whoWantsOnlyEncryptedConnectionsTurnsPlainOnesAway) {
+    const auto seeder = start('s', {.seedsOnly = true, .dial = {EncryptionChoice::mse}});
+    getter = startGetter(seeder->address());
+    simulation.runUntil([&] { return hasLogged("[Direct] ✗ ", seeder->address()); });
+    EXPECT_TRUE(seeder->hasLogged("turned away: only encrypted connections are allowed"));
+    EXPECT_FALSE(seeder->hasLogged("✓ Accepted peer"));
+}
+
 TEST_F(DialTest, findsOutWhoAnswersOverUTPAndOutlivesOneThatEndsInMidPiece) {
     for (const auto how : {UTPAcceptor::fin, UTPAcceptor::reset}) {
         UTPAcceptor& leaver = listenOverUTP({});
