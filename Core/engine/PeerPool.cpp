@@ -258,22 +258,24 @@ void PeerPool::dropPublicPeers() {
 
 void PeerPool::shedPeers(std::size_t keepAtMost) {
     if (connected_.size() <= keepAtMost) return;
-    std::vector<const Peer*> ranked;
-    for (const auto& [key, peer] : connected_) ranked.push_back(peer.get());
-    std::sort(ranked.begin(), ranked.end(), [](const Peer* a, const Peer* b) {
-        const auto ratesOf = [](const Peer* peer) {
-            const auto stats = peer->connection->runtimeStats();
-            return stats.downloadRate + stats.uploadRate;
-        };
-        const double left = ratesOf(a);
-        const double right = ratesOf(b);
-        return left != right ? left > right : a->connection->connectedAt() < b->connection->connectedAt();
+    struct Ranked {
+        double rate = 0;  // of one moment: it changes with the clock, and an order must not while it is made
+        std::optional<Clock::TimePoint> connectedAt;
+        PeerKey key = 0;
+    };
+    std::vector<Ranked> ranked;
+    ranked.reserve(connected_.size());
+    for (const auto& [key, peer] : connected_) {
+        const PeerConnection::RuntimeStats stats = peer->connection->runtimeStats();
+        ranked.push_back({stats.downloadRate + stats.uploadRate, peer->connection->connectedAt(), key});
+    }
+    std::sort(ranked.begin(), ranked.end(), [](const Ranked& a, const Ranked& b) {
+        return a.rate != b.rate ? a.rate > b.rate : a.connectedAt < b.connectedAt;
     });
     environment_.log.info("[Session] memory pressure: dropping ", ranked.size() - keepAtMost, " of ", ranked.size(),
                           " peers");
-    std::vector<PeerKey> dropped;
-    for (std::size_t i = keepAtMost; i < ranked.size(); ++i) dropped.push_back(ranked[i]->key);
-    for (const PeerKey key : dropped) drop(key, "memory pressure", PeerDialer::publicPeerFailureCooldown);
+    for (std::size_t i = keepAtMost; i < ranked.size(); ++i)
+        drop(ranked[i].key, "memory pressure", PeerDialer::publicPeerFailureCooldown);
 }
 
 asio::awaitable<void> PeerPool::disconnectAll() {
