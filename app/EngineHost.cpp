@@ -101,6 +101,7 @@ TorrentSession::Services EngineHost::services() {
                                       &history_};
     services.claims = &claims_;
     services.binding = binding_;
+    services.descriptors = descriptors_;
     return services;
 }
 

@@ -8,6 +8,7 @@
 #include "Core/wire/PeerListener.h"
 #include "downloads/HTTPDownloadSession.h"
 #include "public/common/Clock.h"
+#include "public/common/DescriptorBudget.h"
 #include "public/common/FileLogger.h"
 #include "public/common/HTTPClient.h"
 #include "public/common/NameResolver.h"
@@ -90,6 +91,7 @@ private:
     FileClaims claims_;
     RealClock clock_;
     SecureRandom random_;
+    const DescriptorBudget descriptors_ = DescriptorBudget::ofProcess();
     SystemDatagrams datagrams_;
     ThreadPools pools_;
     SystemNameResolver resolver_;

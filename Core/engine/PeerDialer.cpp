@@ -89,19 +89,21 @@ bool PeerDialer::isBusyWith(const PeerAddress& address) const {
 
 bool PeerDialer::isFull() const {
     return publicPeerDialInFlight_.size() >= maxPublicPeerDialInFlight ||
-           publicPeerDialInFlight_.size() >= callbacks_.room();
+           publicPeerDialInFlight_.size() >= callbacks_.room() || !environment_.descriptors.hasRoom();
 }
 
-/// The budget is for strangers.
+/// The budget of dials is for strangers.
 bool PeerDialer::isFullFor(const DialRequest& request) const {
-    return request.servicePeer ? publicPeerDialInFlight_.size() >= callbacks_.room() : isFull();
+    if (!request.servicePeer) return isFull();
+    return publicPeerDialInFlight_.size() >= callbacks_.room() || !environment_.descriptors.hasRoom();
 }
 
 void PeerDialer::startOrQueue(const DialRequest& request) {
     if (isFullFor(request)) {
         // The service lists its peers again before long.
-        if (!request.servicePeer) enqueuePendingPublicPeerDial(request);
-        return;
+        if (request.servicePeer) return;
+        if (environment_.descriptors.hasRoom()) return enqueuePendingPublicPeerDial(request);
+        return waitForDescriptors(request);
     }
     publicPeerDialInFlight_.emplace(request.address, Flight{request});
     tasks_.spawn(dial(request));
@@ -119,6 +121,19 @@ void PeerDialer::enqueuePendingPublicPeerDial(const DialRequest& request) {
     pendingPublicPeerDialAddresses_.insert(request.address);
     environment_.log.debug("[Direct] public BT dial budget full; queued ", request.address.description(),
                            " pending=", pendingPublicPeerDials_.size());
+}
+
+/// No descriptors are left for a socket: that says nothing of the peer, which is dialled when there are some again.
+void PeerDialer::waitForDescriptors(const DialRequest& request) {
+    enqueuePendingPublicPeerDial(request);
+    if (!std::exchange(awaitsDescriptors_, true)) tasks_.spawn(drainOnceThereIsRoom());
+}
+
+asio::awaitable<void> PeerDialer::drainOnceThereIsRoom() {
+    do co_await environment_.clock.sleep(descriptorPause);
+    while (!environment_.descriptors.hasRoom() && !pendingPublicPeerDials_.empty());
+    awaitsDescriptors_ = false;
+    drainPendingPublicPeerDials();
 }
 
 void PeerDialer::drainPendingPublicPeerDials() {
@@ -178,17 +193,17 @@ asio::awaitable<void> PeerDialer::dial(DialRequest request) {
     const auto known = experiences_.find(request.address);
     DialPlan plan(environment_.options, known == experiences_.end() ? DialExperience() : known->second);
     std::unique_ptr<PeerConnection> connection;
-    std::string failure;
+    Outcome outcome;
     for (bool goesOn = true; goesOn;) {
         const DialAttempt how = plan.current();
         connection = callbacks_.makeConnection(request.address, environment_.dial(request.address, how));
         publicPeerDialInFlight_.at(request.address).connection = connection.get();
-        failure = co_await attempt(request, *connection, how);
+        outcome = co_await attempt(request, *connection, how);
         if (tasks_.isStopping() || isShutOut(request)) break;
         learn(*connection, how);
-        if (failure.empty()) break;
+        if (outcome.failure.empty()) break;
         co_await connection->stop();
-        goesOn = isOpen_ && !tasks_.isStopping() && plan.advance(failureOf(*connection));
+        goesOn = !outcome.isOutOfDescriptors && isOpen_ && !tasks_.isStopping() && plan.advance(failureOf(*connection));
     }
     publicPeerDialInFlight_.erase(request.address);
     if (tasks_.isStopping() || isShutOut(request)) {
@@ -196,36 +211,41 @@ asio::awaitable<void> PeerDialer::dial(DialRequest request) {
         if (!tasks_.isStopping()) drainPendingPublicPeerDials();
         co_return;
     }
-    if (failure.empty()) {
+    if (outcome.isOutOfDescriptors) {
+        if (isOpen_) waitForDescriptors(request);
+        co_return;
+    }
+    if (outcome.failure.empty()) {
         callbacks_.onConnected(request, std::move(connection));
     } else {
-        rememberFailedDial(request, *connection, failure);
+        rememberFailedDial(request, *connection, outcome.failure);
         if (plan.suggestsUTPProbe()) prober_.scheduleUTPProbe(request);
     }
     drainPendingPublicPeerDials();
 }
 
-/// The error's text, or nothing when the handshake is done.
-asio::awaitable<std::string> PeerDialer::attempt(const DialRequest& request, PeerConnection& connection,
-                                                 DialAttempt how) {
+asio::awaitable<PeerDialer::Outcome> PeerDialer::attempt(const DialRequest& request, PeerConnection& connection,
+                                                         DialAttempt how) {
     const std::string_view tag = tagOf(request, how);
     const std::string address = connection.address().description();
     environment_.log.debug(tag, "→ ", address);
     const std::chrono::seconds plainTimeout = request.servicePeer ? platformConnectTimeout : publicBTConnectTimeout;
-    std::string failure;
+    Outcome outcome;
     try {
         co_await connection.connect(how.isEncrypted() ? encryptedConnectTimeout : plainTimeout, how.encryption,
                                     how.prime);
+    } catch (const boost::system::system_error& error) {
+        outcome = {textOf(error), isOutOfDescriptors(error.code())};
     } catch (const std::exception& error) {
-        failure = textOf(error);
+        outcome.failure = textOf(error);
     }
-    if (failure.empty()) {
+    if (outcome.failure.empty()) {
         environment_.log.info(tag, "✓ ", address);
     } else if (!tasks_.isStopping()) {
         const bool isUnreachedLeecher = tag == seederTag && !connection.hasReachedPeer();
-        environment_.log.info(tag, "✗ ", address, " — ", isUnreachedLeecher ? "seeder tcp failed" : failure);
+        environment_.log.info(tag, "✗ ", address, " — ", isUnreachedLeecher ? "seeder tcp failed" : outcome.failure);
     }
-    co_return failure;
+    co_return outcome;
 }
 
 void PeerDialer::learn(const PeerConnection& connection, const DialAttempt& how) {

@@ -7,6 +7,7 @@
 #include "Core/wire/PeerConnection.h"
 #include "Core/wire/PeerRuntimeInfo.h"
 #include "public/common/Clock.h"
+#include "public/common/DescriptorBudget.h"
 #include "public/common/FileLogger.h"
 #include "public/common/LocalBinding.h"
 #include "public/common/TaskGroup.h"
@@ -37,6 +38,8 @@ public:
     static constexpr std::chrono::seconds encryptedConnectTimeout{10};
     static constexpr std::chrono::seconds publicPeerFailureCooldown{600};
     static constexpr std::chrono::seconds namedPeerRetry{5};
+    /// Between two looks whether there are descriptors again for the dials that wait.
+    static constexpr std::chrono::seconds descriptorPause{1};
     /// What is remembered of more peers than this makes room for the new.
     static constexpr std::size_t maxExperiences = 1024;
     /// Marks a peer in its row.
@@ -52,6 +55,7 @@ public:
         DialOptions options;
         Dial dial;
         LocalBinding binding;
+        DescriptorBudget descriptors;
     };
 
     struct Callbacks {
@@ -98,6 +102,12 @@ public:
     bool isDetectedUTPPeer(const PeerAddress& address) const;
 
 private:
+    /// Of an attempt.
+    struct Outcome {
+        std::string failure;  ///< the error's text; empty: the handshake is done
+        bool isOutOfDescriptors = false;
+    };
+
     bool isBusyWith(const PeerAddress& address) const;
     bool canReach(const PeerAddress& address) const;
     void skip(const DialRequest& request);
@@ -108,7 +118,9 @@ private:
     void startOrQueue(const DialRequest& request);
     void enqueuePendingPublicPeerDial(const DialRequest& request);
     asio::awaitable<void> dial(DialRequest request);
-    asio::awaitable<std::string> attempt(const DialRequest& request, PeerConnection& connection, DialAttempt how);
+    asio::awaitable<Outcome> attempt(const DialRequest& request, PeerConnection& connection, DialAttempt how);
+    void waitForDescriptors(const DialRequest& request);
+    asio::awaitable<void> drainOnceThereIsRoom();
     void learn(const PeerConnection& connection, const DialAttempt& how);
     DialExperience& experienceWith(const PeerAddress& address);
     void rememberFailedDial(const DialRequest& request, const PeerConnection& last, const std::string& error);
@@ -133,6 +145,7 @@ private:
     std::size_t addressesOffered_ = 0;
     bool isOpen_ = true;
     bool isPrivate_ = false;
+    bool awaitsDescriptors_ = false;
     UTPProber prober_;
     TaskGroup tasks_;
 };

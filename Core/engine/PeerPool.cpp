@@ -19,7 +19,7 @@ PeerPool::PeerPool(const Environment& environment, Callbacks callbacks)
     : environment_(environment),
       callbacks_(std::move(callbacks)),
       dialer_({environment.strand, environment.clock, environment.log, environment.dialOptions, environment.dial,
-               environment.binding},
+               environment.binding, environment.descriptors},
               dialerCallbacks()),
       retired_(environment.strand),
       tasks_(environment.strand) {}
@@ -83,7 +83,9 @@ void PeerPool::handleIncomingConnection(std::unique_ptr<PeerWireTransport> trans
                               " turned away: only encrypted connections are allowed");
         return transport->cancel();
     }
-    if (!isOpen_ || tasks_.isStopping() || room() <= dialer_.dialsInFlight()) return transport->cancel();
+    if (isFull()) makeRoom();
+    if (!isOpen_ || tasks_.isStopping() || isFull() || !environment_.descriptors.hasRoom()) return transport->cancel();
+    transport->hold(environment_.descriptors.take());
     auto connection = makeConnection(address, std::move(transport), PeerDirection::incoming);
     const DialRequest origin{std::move(address), PeerSource::incoming};
     ++accepting_;
@@ -158,6 +160,7 @@ void PeerPool::admit(std::unique_ptr<Peer> peer) {
         drop(other->key, "Connected twice");
     }
     Peer& admitted = *peer;
+    admitted.lastUsefulAt = environment_.clock.now();
     forgetRow(admitted.connection->address());
     setCallbacks(admitted);
     connected_.emplace(admitted.key, std::move(peer));
@@ -245,6 +248,30 @@ asio::awaitable<void> PeerPool::retireSlowly(std::unique_ptr<Peer> peer) {
     peer.reset();
     --retiring_;
     retired_.notify();
+}
+
+void PeerPool::review() {
+    noteUse();
+    if (isFull() && dialer_.pendingDials() > 0) makeRoom();
+}
+
+void PeerPool::noteUse() {
+    for (const auto& [key, peer] : connected_) {
+        const PeerConnection::TrafficCounters counters = peer->connection->snapshotTrafficCounters();
+        const std::int64_t moved = counters.uiBytesDownloaded + counters.uiBytesUploaded;
+        if (std::exchange(peer->bytesMoved, moved) != moved) peer->lastUsefulAt = environment_.clock.now();
+    }
+}
+
+/// Lets the peer go that has been of no use for longest, if it has been so for long enough. Those whom the user named
+/// stay.
+void PeerPool::makeRoom() {
+    noteUse();
+    const Peer* least = nullptr;
+    for (const auto& [key, peer] : connected_)
+        if (!peer->isNamedByUser && (least == nullptr || peer->lastUsefulAt < least->lastUsefulAt)) least = peer.get();
+    if (least != nullptr && environment_.clock.now() - least->lastUsefulAt >= uselessLimit)
+        drop(least->key, "Of no use for 5 minutes while others wait", PeerDialer::publicPeerFailureCooldown);
 }
 
 void PeerPool::dropPublicPeers() {

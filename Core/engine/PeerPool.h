@@ -27,6 +27,8 @@ namespace skein {
 class PeerPool {
 public:
     static constexpr std::chrono::hours badPeerCooldown{1};
+    /// Who moved no bytes for so long, in either direction, makes room when others wait.
+    static constexpr std::chrono::minutes uselessLimit{5};
 
     struct Environment {
         Strand strand;
@@ -37,6 +39,7 @@ public:
         DialOptions dialOptions;
         PeerDialer::Dial dial;
         LocalBinding binding = {};
+        DescriptorBudget descriptors = DescriptorBudget();
     };
 
     /// A connected peer. Lives until `onPeerGone` returned.
@@ -46,6 +49,8 @@ public:
         bool isNamedByUser = false;
         bool isOfOwnSource = false;  ///< as its DialRequest says
         int badPieces = 0;
+        std::int64_t bytesMoved = 0;  ///< both ways, when that was last looked at
+        Clock::TimePoint lastUsefulAt{};
         std::optional<ServicePeer> servicePeer;  ///< who it is to the resource service, if that is known
         std::unique_ptr<PeerConnection> connection;
 
@@ -81,6 +86,8 @@ public:
     void renewCallbacks();
     /// Drops the peer; with a cooldown it is not dialled again until that is over.
     void drop(PeerKey key, const std::string& reason, Clock::Duration cooldown = Clock::Duration::zero());
+    /// Notes who is of use, and lets one go who is not when dials wait for room. From time to time.
+    void review();
     /// The torrent is private: peers of public sources are dropped, and not dialled again. Whoever dialled us stays.
     void dropPublicPeers();
     /// Closes all but the best `keepAtMost` peers: those that move most bytes, the longest connected among equals.
@@ -119,6 +126,9 @@ private:
     void rememberDisconnectedPeer(const Peer& peer, const std::string& error);
     void remember(PeerRuntimeInfo info);
     void forgetRow(const PeerAddress& address);
+    bool isFull() const noexcept { return room() <= dialer_.dialsInFlight(); }
+    void noteUse();
+    void makeRoom();
     PeerRuntimeInfo infoOf(const Peer& peer) const;
 
     const Environment environment_;

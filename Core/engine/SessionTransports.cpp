@@ -9,6 +9,13 @@
 namespace skein {
 
 std::unique_ptr<PeerWireTransport> SessionTransports::make(const PeerAddress& address, const DialAttempt& how) const {
+    std::unique_ptr<PeerWireTransport> transport = unopened(address, how);
+    transport->hold(environment_.descriptors.take());
+    return transport;
+}
+
+std::unique_ptr<PeerWireTransport> SessionTransports::unopened(const PeerAddress& address,
+                                                               const DialAttempt& how) const {
     if (how.transport == PeerTransport::utp) {
         Bytes expectedStart;
         if (!how.isEncrypted()) expectedStart = PeerHandshake::opening();
@@ -24,7 +31,9 @@ std::unique_ptr<PeerWireTransport> SessionTransports::makeRelay(const ServiceAcc
     const RelayTransport::Environment environment{environment_.strand, environment_.clock, environment_.way};
     const RelayTransport::Request request{access.serverURL, std::move(infoHash), std::move(role), access.userID,
                                           access.token,     access.deviceId,     std::move(mode)};
-    return std::make_unique<RelayPeerWireTransport>(std::make_unique<RelayTransport>(environment, request), true);
+    auto relay = std::make_unique<RelayPeerWireTransport>(std::make_unique<RelayTransport>(environment, request), true);
+    relay->hold(environment_.descriptors.take());
+    return relay;
 }
 
 }  // namespace skein

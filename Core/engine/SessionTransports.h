@@ -28,6 +28,7 @@ public:
         Clock& clock;
         FileLogger& log;
         WayOut way;
+        DescriptorBudget descriptors;
     };
 
     explicit SessionTransports(Environment environment) : environment_(std::move(environment)) {}
@@ -38,6 +39,8 @@ public:
                                                  std::string mode) const;
 
 private:
+    std::unique_ptr<PeerWireTransport> unopened(const PeerAddress& address, const DialAttempt& how) const;
+
     const Environment environment_;
 };
 

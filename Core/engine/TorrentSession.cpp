@@ -30,7 +30,8 @@ TorrentSession::TorrentSession(SHA1Digest infoHash, PeerID peerID, const Service
                    services_.io,
                    services_.clock,
                    services_.log,
-                   {services_.trackers.resolver, services_.binding}}),
+                   {services_.trackers.resolver, services_.binding},
+                   services_.descriptors}),
       peerPool_(poolEnvironment(), poolCallbacks()),
       resumeKeeper_({tasks_.strand(), services.disk, services.clock, services.log, infoHash, options_.archive}) {
     peerPool_.setSpeedLimits(options_.downloadLimit, options_.uploadLimit);
@@ -277,7 +278,8 @@ PeerPool::Environment TorrentSession::poolEnvironment() {
             options_.maxConnections,
             options_.dial,
             [this](const PeerAddress& address, const DialAttempt& how) { return transports_.make(address, how); },
-            services_.binding};
+            services_.binding,
+            services_.descriptors};
 }
 
 PeerPool::Callbacks TorrentSession::poolCallbacks() {

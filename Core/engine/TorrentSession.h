@@ -86,6 +86,7 @@ public:
         ResourceGateway* resources = nullptr;  ///< none: the resource service is not used
         FileClaims* claims = nullptr;          ///< none: what earlier starts began is not remembered
         LocalBinding binding = {};             ///< where all traffic leaves from
+        DescriptorBudget descriptors = DescriptorBudget();
     };
 
     struct Options {

@@ -32,6 +32,7 @@ asio::awaitable<void> TorrentSession::progressLoop() {
             resumeKeeper_.noteProgress(pieceManager_);
         }
         if (exchange_) exchange_->flush();
+        peerPool_.review();
         if (service_) service_->onTick();
         reportPeers();
         updateProgress();

@@ -1,5 +1,6 @@
 #include "Core/engine/UTPProber.h"
 
+#include "public/common/DescriptorBudget.h"
 #include "public/common/ErrorText.h"
 #include "public/common/Within.h"
 
@@ -44,7 +45,7 @@ asio::awaitable<void> UTPProber::probe(DialRequest request) {
     const Clock::TimePoint startedAt = environment_.clock.now();
     const auto transport = environment_.dial(request.address);
     utpProbeInFlight_.at(request.address).transport = transport.get();
-    const std::string failure = co_await open(*transport);
+    const std::string failure = co_await open(request.address, *transport);
     transport->cancel();
     utpProbeInFlight_.erase(request.address);
     if (tasks_.isStopping()) co_return;
@@ -60,9 +61,13 @@ asio::awaitable<void> UTPProber::probe(DialRequest request) {
 }
 
 /// The error's text, or nothing when the peer answered.
-asio::awaitable<std::string> UTPProber::open(PeerWireTransport& transport) {
+asio::awaitable<std::string> UTPProber::open(const PeerAddress& address, PeerWireTransport& transport) {
     try {
         co_await within(environment_.clock, probeTimeout, transport.start());
+    } catch (const boost::system::system_error& error) {
+        // Nothing was asked of the peer then.
+        if (isOutOfDescriptors(error.code())) utpProbeRetryAfter_.forget(address);
+        co_return textOf(error);
     } catch (const std::exception& error) {
         co_return textOf(error);
     }

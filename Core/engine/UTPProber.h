@@ -54,7 +54,7 @@ public:
 private:
     void startDeferred();
     asio::awaitable<void> probe(DialRequest request);
-    asio::awaitable<std::string> open(PeerWireTransport& transport);
+    asio::awaitable<std::string> open(const PeerAddress& address, PeerWireTransport& transport);
 
     const Environment environment_;
     struct Flight {

@@ -10,6 +10,9 @@
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
+#include <algorithm>
+#include <utility>
+
 namespace skein {
 
 using asio::ip::tcp;
@@ -18,8 +21,38 @@ namespace {
 
 /// How long to leave a listener alone that cannot accept (no descriptors left).
 constexpr std::chrono::seconds acceptPause{1};
+/// Of the 16 bytes of an IPv6 address, those that name the network of one host.
+constexpr std::size_t networkBytes = 8;
+
+IPAddress hostOf(const IPAddress& address) {
+    if (address.isIPv4()) return address;
+    IPAddress::V6Bytes network{};
+    std::copy_n(address.bytes().begin(), networkBytes, network.begin());
+    return IPAddress(network);
+}
 
 }  // namespace
+
+/// A place among those that have yet to say what they want, from the connection until the handshake is read.
+class PeerListener::HalfOpen {
+public:
+    HalfOpen(PeerListener& of, const IPAddress& host) : of_(&of), host_(host) {
+        ++of.halfOpen_;
+        ++of.halfOpenOfHost_[host];
+    }
+    HalfOpen(HalfOpen&& other) noexcept : of_(std::exchange(other.of_, nullptr)), host_(other.host_) {}
+    HalfOpen& operator=(HalfOpen&&) = delete;
+    ~HalfOpen() {
+        if (of_ == nullptr) return;
+        --of_->halfOpen_;
+        const auto entry = of_->halfOpenOfHost_.find(host_);
+        if (--entry->second == 0) of_->halfOpenOfHost_.erase(entry);
+    }
+
+private:
+    PeerListener* of_;
+    const IPAddress host_;
+};
 
 PeerListener::PeerListener(const asio::any_io_executor& io, Clock& clock, FileLogger& log, LocalBinding binding)
     : io_(io), clock_(clock), log_(log), binding_(std::move(binding)), tasks_(io) {}
@@ -109,16 +142,30 @@ asio::awaitable<void> PeerListener::acceptPeers(Acceptor& acceptor) {
         if (error == asio::error::operation_aborted) co_return;
         if (error) {
             co_await clock_.sleep(acceptPause);
-        } else if (halfOpen_ < maxHalfOpen) {
-            tasks_.spawn(route(std::move(socket)));
+        } else {
+            admit(std::move(socket));
         }
     }
 }
 
+void PeerListener::admit(tcp::socket socket) {
+    boost::system::error_code hasLeft;
+    const tcp::endpoint remote = socket.remote_endpoint(hasLeft);
+    if (hasLeft) return;
+    const IPAddress host = hostOf(fromAsio(remote.address()));
+    const auto known = halfOpenOfHost_.find(host);
+    const bool isTooMuch = known != halfOpenOfHost_.end() && known->second >= maxHalfOpenOfHost;
+    if (isTooMuch || halfOpen_ >= maxHalfOpen) {
+        log_.debug("[Handshake] ✗ ", remote.address().to_string(), " turned away: too many connections say nothing");
+        return;
+    }
+    HalfOpen place(*this, host);
+    tasks_.spawn(route(std::move(socket), std::move(place)));
+}
+
 /// Reads the handshake to learn the torrent, puts it back and hands the connection on. Whoever asks for
 /// a torrent that we do not have, or says nothing in time, is dropped.
-asio::awaitable<void> PeerListener::route(tcp::socket socket) {
-    ++halfOpen_;
+asio::awaitable<void> PeerListener::route(tcp::socket socket, HalfOpen) {
     try {
         const tcp::endpoint remote = socket.remote_endpoint();
         auto transport = std::make_unique<NWPeerWireTransport>(std::move(socket));
@@ -133,7 +180,6 @@ asio::awaitable<void> PeerListener::route(tcp::socket socket) {
     } catch (const std::exception& error) {
         log_.debug("[Handshake] ✗ ", textOf(error));
     }
-    --halfOpen_;
 }
 
 }  // namespace skein

@@ -27,6 +27,8 @@ class PeerListener {
 public:
     /// Peers that connected and have not yet said for which torrent; more are turned away.
     static constexpr std::size_t maxHalfOpen = 64;
+    /// The same of one host, so that nobody shuts the others out. An IPv6 host has a whole /64 to choose from.
+    static constexpr std::size_t maxHalfOpenOfHost = 8;
     static constexpr std::chrono::seconds handshakeTimeout{10};
     /// How soon it is noticed that a network interface came, went or changed its addresses.
     static constexpr std::chrono::seconds interfaceCheckInterval{5};
@@ -49,13 +51,15 @@ public:
 
 private:
     using Acceptor = asio::ip::tcp::acceptor;
+    class HalfOpen;
 
     asio::awaitable<void> open(std::uint16_t port);
     void openAll(std::uint16_t port);
     void listenOn(const asio::ip::tcp::endpoint& endpoint);
     asio::awaitable<void> followInterface();
     asio::awaitable<void> acceptPeers(Acceptor& acceptor);
-    asio::awaitable<void> route(asio::ip::tcp::socket socket);
+    void admit(asio::ip::tcp::socket socket);
+    asio::awaitable<void> route(asio::ip::tcp::socket socket, HalfOpen place);
     asio::awaitable<void> insert(SHA1Digest infoHash, Handler handler);
     asio::awaitable<void> erase(SHA1Digest infoHash);
 
@@ -68,6 +72,7 @@ private:
     std::list<Acceptor> acceptors_;
     std::map<SHA1Digest, Handler> handlers_;
     std::size_t halfOpen_ = 0;
+    std::map<IPAddress, std::size_t> halfOpenOfHost_;
     TaskGroup tasks_;
 };
 

@@ -2,10 +2,12 @@
 
 #include "Core/wire/PeerTraits.h"
 #include "public/common/Bytes.h"
+#include "public/common/DescriptorBudget.h"
 
 #include <boost/asio/awaitable.hpp>
 
 #include <span>
+#include <utility>
 
 namespace skein {
 
@@ -35,6 +37,12 @@ public:
 
     /// Exactly `count` bytes, or throws as `receiveSome`.
     asio::awaitable<Bytes> receive(std::size_t count);
+
+    /// The transport's socket counts as open until the transport goes.
+    void hold(DescriptorBudget::Ticket ticket) { ticket_ = std::move(ticket); }
+
+private:
+    DescriptorBudget::Ticket ticket_;
 };
 
 }  // namespace skein

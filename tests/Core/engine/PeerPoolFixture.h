@@ -19,11 +19,13 @@ namespace skein {
 /// A transport whose connection is made, or refused, when the test says so.
 class HeldTransport final : public PeerWireTransport {
 public:
-    enum class Fate : std::uint8_t { open, fails, hangs };
+    enum class Fate : std::uint8_t { open, fails, hangs, hasNoSocket };
     HeldTransport(Clock& clock, PeerTransport kind, Fate& fate) : clock_(clock), kind_(kind), fate_(fate) {}
     PeerTransport kind() const noexcept override { return kind_; }
     asio::awaitable<void> start() override {
         while (fate_ == Fate::hangs) co_await clock_.sleep(std::chrono::seconds(1));
+        if (fate_ == Fate::hasNoSocket)
+            throw boost::system::system_error(make_error_code(boost::system::errc::too_many_files_open));
         if (fate_ == Fate::fails) throw PeerException(PeerError::connectionClosed);
     }
     asio::awaitable<void> send(ByteView) override { co_return; }
@@ -47,7 +49,8 @@ protected:
     explicit PeerPoolFixture(TransportChoice transport = TransportChoice::tcp)
         : pool{PeerPool::Environment{strand, simulation, log, PeerConnection::Identity{SHA1Digest{}, peerIDOf('m')}, 50,
                                      DialOptions{.transport = transport},
-                                     [this](const PeerAddress& to, const DialAttempt& how) { return dial(to, how); }},
+                                     [this](const PeerAddress& to, const DialAttempt& how) { return dial(to, how); },
+                                     LocalBinding(), budget},
                callbacks()} {}
     ~PeerPoolFixture() override { simulation.finish(pool.stop()); }
 
@@ -55,7 +58,9 @@ protected:
         const bool isTCP = how.transport == PeerTransport::tcp;
         (isTCP ? dialled : dialledOverUTP).push_back(address.port);
         dialledPeers.push_back(address.description());
-        return std::make_unique<HeldTransport>(simulation, how.transport, isTCP ? fate : utpFate);
+        auto transport = std::make_unique<HeldTransport>(simulation, how.transport, isTCP ? fate : utpFate);
+        transport->hold(budget.take());
+        return transport;
     }
     PeerPool::Callbacks callbacks() {
         PeerPool::Callbacks callbacks;
@@ -70,6 +75,7 @@ protected:
     Simulation simulation;
     Strand strand = asio::make_strand(simulation.executor());
     RecordingLogger log{LogLevel::debug};
+    DescriptorBudget budget{100};
     Fate fate = Fate::hangs;
     Fate utpFate = Fate::hangs;
     std::vector<int> dialled;  ///< the ports

@@ -59,6 +59,28 @@ TEST_F(PeerPoolTest, givesUpADialThatNobodyAnswersAndStopsWhileDialling) {
     simulation.finish(pool.stop());
 }
 
+TEST_F(PeerPoolTest, holdsALackOfSocketsAgainstNobodyAndWaits) {
+    onDialFailed = [](const DialRequest&) { ADD_FAILURE() << "the peer has no part in it"; };
+    fate = Fate::hasNoSocket;
+    offer(1);
+    EXPECT_THAT(dialled, ElementsAre(1));
+    simulation.advance(1s);
+    EXPECT_THAT(dialled, ElementsAre(1, 1));
+    fate = Fate::hangs;
+    simulation.advance(1s);
+    EXPECT_EQ(pool.dialer().dialsInFlight(), 1U);
+
+    std::vector<DescriptorBudget::Ticket> ofOthers;
+    while (budget.hasRoom()) ofOthers.push_back(budget.take());
+    dialled.clear();
+    offer(2);
+    simulation.advance(10s);
+    EXPECT_THAT(dialled, IsEmpty()) << "other sessions have all the sockets";
+    ofOthers.clear();
+    simulation.advance(1s);
+    EXPECT_THAT(dialled, ElementsAre(2));
+}
+
 class UTPProbeTest : public PeerPoolTest {
 protected:
     UTPProbeTest() : PeerPoolTest(TransportChoice::any) { fate = Fate::fails; }

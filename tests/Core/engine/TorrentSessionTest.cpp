@@ -7,7 +7,15 @@ namespace {
 using namespace std::chrono_literals;
 using testing::AllOf, testing::Contains, testing::ElementsAre, testing::Field, testing::HasSubstr;
 
-class TorrentSessionTest : public SwarmFixture {};
+class TorrentSessionTest : public SwarmFixture {
+protected:
+    asio::awaitable<void> keepAlive(ScriptedPeer& peer) {
+        for (;;) {
+            co_await simulation.sleep(1min);
+            co_await peer.send(Bytes(4));
+        }
+    }
+};
 
 TEST_F(TorrentSessionTest, downloadsFromASeederWhoThenRests) {
     const auto seeder = startSeeder();
@@ -106,6 +114,32 @@ TEST_F(TorrentSessionTest, findsItsPeersThroughTrackersAndTellsThemHowItGoes) {
     ASSERT_EQ(getter->trackers.size(), 3U);
     EXPECT_EQ(getter->trackers[2].lastError, "Invalid tracker URL");
     seeder->stop();
+    simulation.finish(tracker.stop());
+}
+
+TEST_F(TorrentSessionTest, letsAPeerGoThatIsOfNoUseForFiveMinutesWhenAnotherWaits) {
+    ScriptedPeer idle(simulation.executor());
+    LoopbackTracker tracker(simulation.executor());
+    tracker.addPeer(infoHash, idle.address());
+    Options options{.maxConnections = 1};
+    options.discovery.extraTrackers = {tracker.udpURL()};
+    const auto getter = start('g', std::move(options));
+    simulation.finish(idle.accept());
+    simulation.finish(idle.shakeHands(infoHash, peerIDOf('i')));
+    simulation.start(keepAlive(idle));
+    simulation.runUntil([&] { return getter->hasLogged("[Direct] ✓ "); });
+    Options seeding{.seedsOnly = true};
+    seeding.discovery.namedPeers = {getter->address()};
+    const auto seeder = start('s', std::move(seeding));
+    for (int minute = 0; minute < 4; ++minute) {
+        simulation.advance(1min);
+        simulation.runUntilStill([&] { return seeder->countLogged("[Direct] ✗ "); });
+    }
+    EXPECT_EQ(getter->progress.completedBytes, 0) << "who came first stays for five minutes";
+    waitUntilWhole(*getter, 1s);
+    EXPECT_TRUE(getter->hasLogged("Peer disconnected: " + idle.address().description()));
+    seeder->stop();
+    getter->stop();
     simulation.finish(tracker.stop());
 }
 
