@@ -1,6 +1,7 @@
 #include "app/Command.h"
 
 #include "public/common/Printable.h"
+#include "public/common/ShownURL.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -72,6 +73,8 @@ std::filesystem::path GlobalOptions::home() const {
 #endif
 }
 
-void reportFailure(std::string_view message) { std::cerr << "skein: " << printable(message) << std::endl; }
+void reportFailure(std::string_view message) {
+    std::cerr << "skein: " << printable(withShownURLs(message)) << std::endl;
+}
 
 }  // namespace skein

@@ -1,4 +1,5 @@
 #include "app/Command.h"
+#include "app/HomeFolder.h"
 #include "chat/ChatWSClient.h"
 #include "public/common/FileLogger.h"
 #include "public/common/Printable.h"
@@ -43,12 +44,9 @@ public:
     }
 
     int run(const GlobalOptions& global) override {
-        const std::filesystem::path home = global.home();
-        std::error_code error;
-        std::filesystem::create_directories(home, error);
-        if (error) throw CommandFailure(home.string(), error.message());
+        const HomeFolder home(global.home());
         FileLogger log;
-        SettingsStore settings(home / "settings.db", log);
+        SettingsStore settings(home.path() / "settings.db", log);
         if (*get_) return print(settings);
         if (*set_) settings.set(key_, value_);
         if (*unset_ && !settings.unset(key_)) throw CommandFailure(key_, "not set");

@@ -139,7 +139,7 @@ private:
 
     void write(const Bytes& file) const {
         try {
-            replaceWholeFile(output_, file);
+            replaceWholeFile(output_, file, sharedFile);
         } catch (const std::system_error& failure) {
             refuseOutput(failure.code().message());
         }

@@ -23,13 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const fs::path& created(const fs::path& home) {
-    std::error_code error;
-    fs::create_directories(home, error);
-    if (error) throw CommandFailure(home.string(), error.message());
-    return home;
-}
-
 /// One that is missing may be on a disk that is not mounted: making it would fill the disk below.
 bool isUsableFolder(const fs::path& folder) {
     std::error_code error;
@@ -39,16 +32,19 @@ bool isUsableFolder(const fs::path& folder) {
 }  // namespace
 
 EngineHost::EngineHost(const fs::path& home, LocalBinding binding)
-    : home_(created(home)),
+    : home_(home),
       binding_(std::move(binding)),
-      log_(home_ / "logs" / "skein.log", LogLevel::info),
-      settings_(home_ / "settings.db", log_),
-      claims_(home_ / "claims.db", log_),
+      log_(home / "logs" / "skein.log", LogLevel::info),
+      settings_(home / "settings.db", log_),
+      claims_(home / "claims.db", log_),
       datagrams_(binding_),
       resolver_(binding_),
       http_(HTTPClient::Options{.binding = binding_}),
       listener_(pools_.io(), clock_, log_, binding_),
       history_(pools_.io(), ActorSettings(settings_, pools_.disk()), clock_, log_) {
+    if (const std::size_t count = home_.narrowedCount(); count > 0)
+        log_.warning("[Home] Others had access to ", count, " file(s) or folder(s) of ", home.string(),
+                     ", which are now for their owner alone");
     // What one remote peer sends must not end the program, unless the user wants exactly that.
     if (!flagSetting("skein.stopOnFatalFault", false)) setFatalFaultHandler(throwOnFatalFault);
 }
@@ -107,8 +103,8 @@ TorrentSession::Services EngineHost::services() {
 
 std::unique_ptr<HTTPDownloadSession> EngineHost::makeHTTPSession(const std::string& url, const fs::path& folder,
                                                                  const std::optional<std::string>& fileName) {
-    const HTTPDownloadSession::Environment environment{pools_.io(), pools_.disk(), clock_,          random_,
-                                                       log_,        http_,         home_ / "resume"};
+    const HTTPDownloadSession::Environment environment{pools_.io(), pools_.disk(), clock_,           random_,
+                                                       log_,        http_,         home() / "resume"};
     return std::make_unique<HTTPDownloadSession>(environment, url, folder, fileName);
 }
 

@@ -6,6 +6,7 @@
 #include "Core/engine/FileClaims.h"
 #include "Core/engine/TorrentSession.h"
 #include "Core/wire/PeerListener.h"
+#include "app/HomeFolder.h"
 #include "downloads/HTTPDownloadSession.h"
 #include "public/common/Clock.h"
 #include "public/common/DescriptorBudget.h"
@@ -52,7 +53,7 @@ public:
     /// What the settings say of how a session works.
     TorrentSession::Options sessionDefaults();
     /// What is kept of torrents that were used before.
-    TorrentArchive archive() const { return TorrentArchive(home_); }
+    TorrentArchive archive() const { return TorrentArchive(home()); }
     FileClaims& claims() noexcept { return claims_; }
 
     ThreadPools& pools() noexcept { return pools_; }
@@ -65,7 +66,7 @@ public:
     PeerListener& listener() noexcept { return listener_; }
     ActorSettings settings() { return {settings_, pools_.disk()}; }
     ServiceAccount account() { return {settings(), random_}; }
-    const std::filesystem::path& home() const noexcept { return home_; }
+    const std::filesystem::path& home() const noexcept { return home_.path(); }
     /// The setting `memoryLimitMB`; 0: no limit.
     std::int64_t memoryLimitMB();
     /// 0 when the DHT does not run.
@@ -84,7 +85,7 @@ private:
     bool flagSetting(std::string_view key, bool unset);
     void startDHT(std::uint16_t port, const DHTOptions& options);
 
-    const std::filesystem::path home_;
+    const HomeFolder home_;
     const LocalBinding binding_;
     FileLogger log_;
     SettingsStore settings_;

@@ -1,5 +1,7 @@
 #include "app/RowJSON.h"
 
+#include "public/common/ShownURL.h"
+
 #include <boost/json/value.hpp>
 
 #include <chrono>
@@ -36,8 +38,8 @@ json::object toJSON(const PeerRuntimeInfo& peer) {
 }
 
 json::object toJSON(const TrackerRuntimeInfo& tracker) {
-    return {{"id", tracker.id},
-            {"url", tracker.url},
+    return {{"id", shownURL(tracker.id)},
+            {"url", shownURL(tracker.url)},
             {"scheme", tracker.scheme},
             {"status", textOf(tracker.status)},
             {"peersFound", tracker.peersFound},

@@ -4,6 +4,7 @@
 #include "app/Quantities.h"
 #include "app/SourceKind.h"
 #include "public/common/Printable.h"
+#include "public/common/ShownURL.h"
 #include "public/common/WholeFile.h"
 
 #include <CLI/CLI.hpp>
@@ -79,7 +80,7 @@ void printTrackers(const Tiers& tiers) {
     std::string_view label = "trackers:";
     for (const auto& tier : tiers) {
         std::string line;
-        for (const std::string& tracker : tier) line.append(line.empty() ? "" : ", ").append(tracker);
+        for (const std::string& tracker : tier) line.append(line.empty() ? "" : ", ").append(shownURL(tracker));
         printRow(std::exchange(label, ""), line);
     }
 }

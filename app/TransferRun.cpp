@@ -3,6 +3,7 @@
 #include "Core/formats/MagnetLink.h"
 #include "Core/formats/TorrentParser.h"
 #include "app/Command.h"
+#include "public/common/ShownURL.h"
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_future.hpp>
@@ -86,7 +87,7 @@ void TransferRun::addTorrent(std::unique_ptr<Transfer> transfer, const std::stri
 void TransferRun::addWebFile(std::unique_ptr<Transfer> transfer, const std::string& name) {
     const std::string& url = std::get<WebFile>(transfer->source).url;
     transfer->status.url = url;
-    transfer->status.name = url;
+    transfer->status.name = shownURL(url);
     if (isKnown(*transfer)) return;
     transfer->lock = lock(sha1(asBytes(url)), name);
     std::error_code error;

@@ -1,6 +1,7 @@
 #include "downloads/ResumeData.h"
 
 #include "downloads/BootIdentity.h"
+#include "public/common/PrivateFolder.h"
 #include "public/common/SHA1.h"
 #include "public/common/WholeFile.h"
 
@@ -114,8 +115,8 @@ void ResumeData::save(const std::filesystem::path& file) const {
                               {"syncedBytes", syncedBytes},
                               {"finishedName", finishedName},
                               {"bootID", bootID}};
-    std::filesystem::create_directories(file.parent_path());
-    replaceWholeFile(file, asBytes(json::serialize(fields)), std::filesystem::perms{0600});
+    createPrivateFolder(file.parent_path());
+    replaceWholeFile(file, asBytes(json::serialize(fields)));
 }
 
 }  // namespace skein

@@ -47,7 +47,7 @@ void saveTo(const fs::path& file, const std::vector<SavedTask>& tasks, bool isDa
     if (text.size() > TaskStore::maxBytes) throw std::system_error(std::make_error_code(std::errc::file_too_large));
     if (isDamaged && fs::exists(fs::symlink_status(file))) setAside(file);
     // Web addresses may hold passwords.
-    replaceWholeFile(file, asBytes(text), fs::perms::owner_read | fs::perms::owner_write);
+    replaceWholeFile(file, asBytes(text));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "downloads/TaskTargets.h"
 
 #include "downloads/TorrentTask.h"
+#include "public/common/PrivateFolder.h"
 #include "public/common/RunOn.h"
 #include "public/common/WholeFile.h"
 
@@ -54,7 +55,7 @@ asio::awaitable<std::unique_ptr<TaskTargets::Hold>> TaskTargets::take(SHA1Digest
         hold->folder = folder.value_or(downloadsDirectory_);
         hold->lock_.emplace(hold->folder, hold->key_);
         if (purpose != Purpose::write || folder) return;
-        fs::create_directories(records_);
+        createPrivateFolder(records_);
         replaceWholeFile(recordOf(hold->key_), asBytes(hold->folder.string()));
     };
     co_await runOn(disk_, std::move(work));

@@ -4,6 +4,7 @@
 #include "Core/discovery/TrackerReply.h"
 #include "Core/discovery/TrackerRequest.h"
 #include "Core/discovery/TrackerURL.h"
+#include "public/common/ShownURL.h"
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/deferred.hpp>
@@ -134,7 +135,7 @@ asio::awaitable<TrackerAnnounceOutcome> TrackerClient::announceDetailed(std::str
         if (caller.cancelled() != asio::cancellation_type::none) throw;
         outcome.error = textOf(error);
     } catch (const std::runtime_error& error) {
-        outcome.error = error.what();
+        outcome.error = withShownURLs(error.what());
     }
     logOutcome(outcome);
     co_return outcome;

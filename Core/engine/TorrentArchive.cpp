@@ -2,6 +2,7 @@
 
 #include "Core/engine/TorrentFile.h"
 #include "Core/formats/TorrentParser.h"
+#include "public/common/PrivateFolder.h"
 #include "public/common/WholeFile.h"
 
 #include <system_error>
@@ -50,13 +51,13 @@ fs::path TorrentArchive::resumeRecordOf(const SHA1Digest& infoHash) const {
 fs::path TorrentArchive::save(const SHA1Digest& infoHash, const fs::path& folder, std::string_view name,
                               ByteView data) const {
     const TorrentFile::Saved saved = TorrentFile::save(folder, name, data);
-    fs::create_directories(home_ / "torrents");
+    createPrivateFolder(home_ / "torrents");
     if (saved.isNew) replaceWholeFile(markOf(infoHash), asBytes(fs::absolute(saved.path).string()));
     return saved.path;
 }
 
 void TorrentArchive::keep(const SHA1Digest& infoHash, ByteView data) const {
-    fs::create_directories(home_ / "torrents");
+    createPrivateFolder(home_ / "torrents");
     replaceWholeFile(copyOf(infoHash), data);
 }
 
@@ -76,7 +77,7 @@ Bytes TorrentArchive::resumeRecord(const SHA1Digest& infoHash) const {
 
 void TorrentArchive::saveResumeRecord(const SHA1Digest& infoHash, ByteView record) const {
     const fs::path file = resumeRecordOf(infoHash);
-    fs::create_directories(file.parent_path());
+    createPrivateFolder(file.parent_path());
     replaceWholeFile(file, record);
 }
 

@@ -29,7 +29,7 @@ Saved save(const std::filesystem::path& folder, std::string_view name, ByteView 
         if (asText(readWholeFile(path, maxBytes)) == asText(data)) return {path, false};
         throw std::system_error(std::make_error_code(std::errc::file_exists), path.string());
     }
-    replaceWholeFile(path, data);
+    replaceWholeFile(path, data, sharedFile);
     return {path, true};
 }
 

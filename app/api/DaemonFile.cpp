@@ -105,8 +105,7 @@ void DaemonFile::publish(const DaemonAddress& daemon) {
     const json::object object{
         {"address", daemon.address}, {"port", daemon.port}, {"pid", daemon.processID}, {"token", daemon.token}};
     try {
-        replaceWholeFile(fileIn(home_), asBytes(json::serialize(object)),
-                         fs::perms::owner_read | fs::perms::owner_write);
+        replaceWholeFile(fileIn(home_), asBytes(json::serialize(object)));
     } catch (const std::system_error& error) {
         throw CommandFailure(fileIn(home_).string(), error.code().message());
     }

@@ -2,6 +2,7 @@
 
 #include "public/common/FileIdentity.h"
 #include "public/common/FileLogger.h"
+#include "public/common/PrivateFolder.h"
 
 #include <sqlite3.h>
 
@@ -68,9 +69,11 @@ private:
 };
 
 void createFolderOf(const std::filesystem::path& file) {
-    std::error_code error;
-    if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path(), error);
-    if (error) throw DatabaseException(DatabaseError::cannotOpen, error.message());
+    try {
+        createPrivateFolder(file.parent_path());
+    } catch (const std::system_error& error) {
+        throw DatabaseException(DatabaseError::cannotOpen, error.code().message());
+    }
 }
 
 void createPrivately(const std::filesystem::path& file) {

@@ -1,9 +1,13 @@
 #include "public/common/FileLogger.h"
 
+#include "public/common/PrivateFolder.h"
+#include "public/common/ShownURL.h"
+
 #include <spdlog/async.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 
 #include <cstdio>
+#include <sys/stat.h>
 #include <utility>
 
 namespace skein {
@@ -40,7 +44,13 @@ void replaceControls(std::string& line) {
 
 struct FileLogger::Sink {
     explicit Sink(const std::filesystem::path& file) {
-        auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file.string(), rotateAtBytes, keptFiles);
+        createPrivateFolder(file.parent_path());
+        spdlog::file_event_handlers handlers;
+        handlers.after_open = [](const spdlog::filename_t&, std::FILE* opened) {
+            ::fchmod(::fileno(opened), S_IRUSR | S_IWUSR);  // rotating opens a new file each time
+        };
+        auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file.string(), rotateAtBytes, keptFiles,
+                                                                           false, handlers);
         writer = std::make_shared<spdlog::details::thread_pool>(waitingLines, 1);
         logger = std::make_shared<spdlog::async_logger>("skein", std::move(sink), writer,
                                                         spdlog::async_overflow_policy::overrun_oldest);
@@ -60,7 +70,7 @@ FileLogger::FileLogger(LogLevel least) : least_(least) {}
 FileLogger::FileLogger(const std::filesystem::path& file, LogLevel least) : least_(least) {
     try {
         sink_ = std::make_unique<Sink>(file);
-    } catch (const spdlog::spdlog_ex& error) {
+    } catch (const std::exception& error) {
         std::fprintf(stderr, "skein: the log is off: %s\n", error.what());
         least_ = LogLevel::off;
     }
@@ -73,6 +83,7 @@ void FileLogger::write(LogLevel level, std::string_view line) {
     const bool isCut = line.size() > longestLineBytes;
     std::string clean(line.substr(0, longestLineBytes));
     replaceControls(clean);
+    clean = withShownURLs(clean);
     if (isCut) clean += "…";
     // As a view: spdlog would take a string for a format, and what a peer sent may hold braces.
     sink_->logger->log(levelOf(level), spdlog::string_view_t(clean));

@@ -1,6 +1,7 @@
 #include "public/common/HTTPTransfer.h"
 
 #include "public/common/NetworkRefusal.h"
+#include "public/common/ShownURL.h"
 
 #include <curl/curl.h>
 
@@ -182,7 +183,7 @@ void HTTPTransfer::FreeList::operator()(curl_slist* list) const noexcept { curl_
 HTTPTransfer::HTTPTransfer(HTTPRequest request, HTTPBody body, const HTTPClient::Options& options)
     : request_(std::move(request)), body_(body), options_(options), deepest_(deepestFor(request_.origin)) {
     if (!isWellFormed()) {
-        refuse(HTTPError::invalidRequest, request_.url);
+        refuse(HTTPError::invalidRequest, shownURL(request_.url));
         return;
     }
     if (isRefusedUnasked()) return;
@@ -331,19 +332,20 @@ void HTTPTransfer::describeResponse() {
 }
 
 std::string HTTPTransfer::detailOf(int curlCode) const {
-    if (stoppedBy_ == HTTPError::forbiddenRedirect) return request_.url;
+    if (stoppedBy_ == HTTPError::forbiddenRedirect) return shownURL(request_.url);
     if (stoppedBy_ == HTTPError::forbiddenAddress) return make_error_code(NetworkRefusal::notPublic).message();
     if (stoppedBy_ == HTTPError::cannotConnect) return bindingFault_.message();
     if (stoppedBy_ == HTTPError::bodyTooLarge) return "more than " + std::to_string(request_.maxBodyBytes) + " bytes";
     if (stoppedBy_ == HTTPError::transferFailed) return "too many headers";
-    return errorText_[0] != '\0' ? errorText_.data() : curl_easy_strerror(static_cast<CURLcode>(curlCode));
+    return withShownURLs(errorText_[0] != '\0' ? errorText_.data()
+                                               : curl_easy_strerror(static_cast<CURLcode>(curlCode)));
 }
 
 bool HTTPTransfer::follow(const std::string& location) {
     const auto from = originOf(request_.url);
     const auto to = originOf(location);
     if (++redirects_ > HTTPClient::maxRedirects) {
-        refuse(HTTPError::tooManyRedirects, location);
+        refuse(HTTPError::tooManyRedirects, shownURL(location));
         return false;
     }
     long status = 0;
@@ -354,7 +356,7 @@ bool HTTPTransfer::follow(const std::string& location) {
         request_.body.clear();
     }
     if (!to || hasControl(location) || (from != to && !request_.body.empty())) {
-        refuse(HTTPError::forbiddenRedirect, location);
+        refuse(HTTPError::forbiddenRedirect, shownURL(location));
         return false;
     }
     if (from != to)

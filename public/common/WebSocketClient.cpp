@@ -3,6 +3,7 @@
 #include "public/common/AsioAddress.h"
 #include "public/common/BoundSocket.h"
 #include "public/common/ErrorText.h"
+#include "public/common/ShownURL.h"
 #include "public/common/Within.h"
 
 #include <boost/asio/ip/tcp.hpp>
@@ -42,7 +43,7 @@ struct Target {
 
 Target targetOf(const std::string& url) {
     const auto parsed = boost::urls::parse_uri(url);
-    if (!parsed) throw WebSocketException(WebSocketError::invalidURL, url);
+    if (!parsed) throw WebSocketException(WebSocketError::invalidURL, shownURL(url));
     Target target;
     target.isSecure = parsed->scheme() == "wss";
     std::uint16_t port = target.isSecure ? 443 : 80;
@@ -53,7 +54,7 @@ Target targetOf(const std::string& url) {
         isPortGood = error == std::errc() && end == digits.data() + digits.size() && port != 0;
     }
     if ((!target.isSecure && parsed->scheme() != "ws") || parsed->host().empty() || !isPortGood)
-        throw WebSocketException(WebSocketError::invalidURL, url);
+        throw WebSocketException(WebSocketError::invalidURL, shownURL(url));
     target.host = parsed->host_address();
     target.port = port;
     target.authority = parsed->encoded_host_and_port();

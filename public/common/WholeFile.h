@@ -12,9 +12,13 @@ namespace skein {
 Bytes readWholeFile(const std::filesystem::path& file, std::size_t maxBytes);
 
 /// Has `file` hold `bytes`, or what it held before: whenever the program or the machine stops, it is never half
-/// written. A new file beside it is written, synced and renamed. `mode` holds the permissions, less the process's mask.
+/// written. A new file beside it is written, synced and renamed. `mode` holds the permissions, less the process's mask;
+/// unless it says otherwise, the file is for its owner alone.
 /// Throws std::system_error with the system's reason. Not for two writers of one file at a time. Blocks, as above.
 void replaceWholeFile(const std::filesystem::path& file, ByteView bytes,
-                      std::filesystem::perms mode = std::filesystem::perms{0666});
+                      std::filesystem::perms mode = std::filesystem::perms{0600});
+
+/// The `mode` of what a user asked for, which is as open as the user's mask lets it be.
+inline constexpr std::filesystem::perms sharedFile{0666};
 
 }  // namespace skein
