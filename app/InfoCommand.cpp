@@ -1,10 +1,10 @@
 #include "app/client/ClientCommand.h"
 #include "app/client/TaskTable.h"
+#include "public/common/PlainJSON.h"
 
 #include <CLI/CLI.hpp>
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <iostream>
 
@@ -27,7 +27,7 @@ protected:
     int talk(DaemonClient& daemon) override {
         const json::value task = daemon.get("api/v1/tasks/" + daemon.resolve({task_}).front());
         if (isJSON_) {
-            std::cout << json::serialize(task) << std::endl;
+            std::cout << plainJSON(task) << std::endl;
         } else {
             std::cout << taskDetails(task.as_object()) << std::flush;
         }

@@ -1,10 +1,10 @@
 #include "app/client/ClientCommand.h"
 #include "app/client/TaskTable.h"
+#include "public/common/PlainJSON.h"
 
 #include <CLI/CLI.hpp>
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <iostream>
 
@@ -24,7 +24,7 @@ protected:
     int talk(DaemonClient& daemon) override {
         const json::value tasks = daemon.get("api/v1/tasks");
         if (isJSON_) {
-            std::cout << json::serialize(tasks) << std::endl;
+            std::cout << plainJSON(tasks) << std::endl;
         } else {
             std::cout << taskTable(tasks.as_array(), terminalWidth()) << std::flush;
         }

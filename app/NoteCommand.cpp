@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <iostream>
 

@@ -3,6 +3,7 @@
 #include "app/Command.h"
 #include "app/Quantities.h"
 #include "app/SourceKind.h"
+#include "public/common/PlainJSON.h"
 #include "public/common/Printable.h"
 #include "public/common/ShownURL.h"
 #include "public/common/WholeFile.h"
@@ -10,7 +11,6 @@
 #include <CLI/CLI.hpp>
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <algorithm>
 #include <iostream>
@@ -168,7 +168,7 @@ private:
     template <class Description>
     void output(const Description& description) {
         if (asJson_) {
-            std::cout << json::serialize(toJson(description)) << '\n';
+            std::cout << plainJSON(toJson(description)) << '\n';
             return;
         }
         if (!std::exchange(isFirst_, false)) std::cout << '\n';

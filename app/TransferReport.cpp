@@ -3,11 +3,11 @@
 #include "app/Command.h"
 #include "app/Quantities.h"
 #include "app/RowJSON.h"
+#include "public/common/PlainJSON.h"
 #include "public/common/Printable.h"
 
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -70,7 +70,7 @@ public:
     }
     JSONLine(const JSONLine&) = delete;
     JSONLine& operator=(const JSONLine&) = delete;
-    ~JSONLine() { std::cout << json::serialize(object) << std::endl; }
+    ~JSONLine() { std::cout << plainJSON(object) << std::endl; }
 
     json::object object;
 };
@@ -172,9 +172,9 @@ void TransferReport::completed(const TransferStatus& of, double seconds, bool ha
 void TransferReport::error(const TransferStatus& of, const std::string& message) {
     if (isJSON_) {
         JSONLine(clock_, of, "error").object["message"] = message;
-        return;
+    } else {
+        line_ = std::make_unique<ProgressLine>(clock_);
     }
-    line_ = std::make_unique<ProgressLine>(clock_);
     reportFailure((of.name.empty() ? of.infoHashHex : of.name) + ": " + message);
 }
 

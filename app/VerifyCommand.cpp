@@ -5,6 +5,7 @@
 #include "app/Interrupt.h"
 #include "app/ProgressLine.h"
 #include "app/Quantities.h"
+#include "public/common/PlainJSON.h"
 #include "public/common/Printable.h"
 #include "public/common/ThreadPools.h"
 #include "public/common/WholeFile.h"
@@ -12,7 +13,6 @@
 #include <CLI/CLI.hpp>
 #include <boost/asio/use_future.hpp>
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <algorithm>
 #include <functional>
@@ -95,7 +95,7 @@ private:
                                            {"bad", bad},
                                            {"missing", missing},
                                            {"pieceCount", metaInfo.pieceCount()}};
-            std::cout << boost::json::serialize(line) << '\n';
+            std::cout << plainJSON(line) << '\n';
         } else {
             std::cout << printable(metaInfo.name) << ": " << good << " good, " << bad << " bad, " << missing
                       << " missing pieces\n";

@@ -1,11 +1,11 @@
 #include "app/client/AccountCommand.h"
 #include "public/common/ByteCountText.h"
+#include "public/common/PlainJSON.h"
 #include "public/common/Printable.h"
 
 #include <CLI/CLI.hpp>
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <cmath>
 #include <cstdio>
@@ -89,7 +89,7 @@ protected:
     int talk(APIPort& port) override {
         const json::value answer = ask(port);
         if (isJSON_) {
-            std::cout << json::serialize(answer) << '\n';
+            std::cout << plainJSON(answer) << '\n';
         } else if (*balance_) {
             std::cout << "balance " << credit(answer.at("walletBalance")) << " (confirmed "
                       << credit(answer.at("walletBalanceConfirmed")) << ", pending " << credit(answer.at("pendingNet"))

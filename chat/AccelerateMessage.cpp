@@ -1,10 +1,10 @@
 #include "chat/AccelerateMessage.h"
 
+#include "public/common/PlainJSON.h"
 #include "public/common/Printable.h"
 
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 
 namespace skein {
 
@@ -13,7 +13,7 @@ namespace json = boost::json;
 std::string AccelerateMessage::orderedJSONString() const {
     json::object fields{
         {"type", "下载加速"}, {"name", name}, {"user", user}, {"magnet", magnet}, {"totalSize", totalSize}};
-    std::string text = json::serialize(fields);
+    std::string text = plainJSON(fields);
     boost::system::error_code error;
     json::parse(text, error);
     if (!error) return text;
@@ -21,7 +21,7 @@ std::string AccelerateMessage::orderedJSONString() const {
     fields["name"] = printable(name);
     fields["user"] = printable(user);
     fields["magnet"] = printable(magnet);
-    return json::serialize(fields);
+    return plainJSON(fields);
 }
 
 }  // namespace skein

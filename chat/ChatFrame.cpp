@@ -1,7 +1,8 @@
 #include "chat/ChatFrame.h"
 
+#include "public/common/PlainJSON.h"
+
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <charconv>
 #include <cmath>
@@ -39,7 +40,7 @@ std::optional<ChatMessage> readMessage(const json::object& fields) {
     message.bundId = textOf(fields, "bundId");
     message.appType = textOf(fields, "appType");
     const json::value* const media = fields.if_contains("media");
-    if (media != nullptr && !media->is_null()) message.mediaJson = json::serialize(*media);
+    if (media != nullptr && !media->is_null()) message.mediaJson = plainJSON(*media);
     return message;
 }
 

@@ -3,8 +3,7 @@
 #include "chat/ChatFrame.h"
 #include "chat/ChatRequests.h"
 #include "public/common/ErrorText.h"
-
-#include <boost/json/serialize.hpp>
+#include "public/common/PlainJSON.h"
 
 #include <algorithm>
 #include <utility>
@@ -156,7 +155,7 @@ asio::awaitable<bool> ChatLink::send(boost::json::object request, std::int64_t s
     if (!socket || !isOpen_) co_return false;
     request.stable_erase("seq");
     request.emplace("seq", seq);
-    const std::string text = boost::json::serialize(request);
+    const std::string text = plainJSON(request);
     // A server ends the connection over a frame that is not UTF-8, and so over one user's odd message.
     if (text.size() > maxFrameBytes || !chatFrame::read(text)) co_return false;
     WebSocketMessage message = WebSocketMessage::text(text);

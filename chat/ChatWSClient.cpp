@@ -4,8 +4,7 @@
 #include "chat/ChatReplyReceived.h"
 #include "chat/ChatRequests.h"
 #include "chat/ChatStatusChanged.h"
-
-#include <boost/json/serialize.hpp>
+#include "public/common/PlainJSON.h"
 
 #include <algorithm>
 #include <utility>
@@ -159,7 +158,7 @@ asio::awaitable<void> ChatWSClient::frameCame(json::object frame) {
         co_await inbox_.takeGroupHistory(frame, me_);
         passOn(frame);
     } else if (cmd == "friendList" || cmd == "groupList") {
-        cacheList_ = json::serialize(frame);
+        cacheList_ = plainJSON(frame);
         passOn(frame);
     } else if (cmd == "addFriendResp" || cmd == "joinGroupResp" || cmd == "sendGroupMsgResp") {
         passOn(frame);
@@ -167,7 +166,7 @@ asio::awaitable<void> ChatWSClient::frameCame(json::object frame) {
 }
 
 void ChatWSClient::passOn(const json::object& frame) {
-    const ChatReplyReceived reply{chatFrame::textOf(frame, "cmd"), json::serialize(frame)};
+    const ChatReplyReceived reply{chatFrame::textOf(frame, "cmd"), plainJSON(frame)};
     parts_.center.publish(reply);
     answers_.offer(frame);
 }

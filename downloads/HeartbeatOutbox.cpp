@@ -1,10 +1,10 @@
 #include "downloads/HeartbeatOutbox.h"
 
 #include "Core/engine/ResourceTexts.h"
+#include "public/common/PlainJSON.h"
 
 #include <boost/describe/class.hpp>
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <boost/json/value_from.hpp>
 #include <boost/json/value_to.hpp>
 
@@ -128,7 +128,7 @@ asio::awaitable<void> HeartbeatOutbox::write() {
     std::vector<KeptReport> reports;
     reports.reserve(reports_.size());
     for (const HeartbeatPayload& report : reports_) reports.push_back(kept(report));
-    SettingValue text = json::serialize(json::value_from(reports));
+    SettingValue text = plainJSON(json::value_from(reports));
     std::string failure;
     try {
         if (reports.empty()) {

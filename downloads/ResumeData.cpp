@@ -1,13 +1,13 @@
 #include "downloads/ResumeData.h"
 
 #include "downloads/BootIdentity.h"
+#include "public/common/PlainJSON.h"
 #include "public/common/PrivateFolder.h"
 #include "public/common/SHA1.h"
 #include "public/common/WholeFile.h"
 
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 
 #include <algorithm>
@@ -116,7 +116,7 @@ void ResumeData::save(const std::filesystem::path& file) const {
                               {"finishedName", finishedName},
                               {"bootID", bootID}};
     createPrivateFolder(file.parent_path());
-    replaceWholeFile(file, asBytes(json::serialize(fields)));
+    replaceWholeFile(file, asBytes(plainJSON(fields)));
 }
 
 }  // namespace skein

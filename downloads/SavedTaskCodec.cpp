@@ -1,10 +1,11 @@
 #include "downloads/SavedTaskCodec.h"
 
+#include "public/common/PlainJSON.h"
+
 #include <boost/json/array.hpp>
 #include <boost/json/monotonic_resource.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 
 #include <algorithm>
@@ -136,7 +137,7 @@ std::string encode(std::span<const SavedTask> tasks) {
             return true;
         });
         if (text.size() > 1) text += ',';
-        text += json::serialize(fields);
+        text += plainJSON(fields);
     }
     return text += ']';
 }

@@ -1,6 +1,7 @@
 #include "downloads/TaskListJSON.h"
 
-#include <boost/json/serialize.hpp>
+#include "public/common/PlainJSON.h"
+
 #include <boost/json/value.hpp>
 
 namespace skein {
@@ -43,6 +44,6 @@ json::object taskAsObject(const TorrentTask& task) {
             {"uncommittedDlBytesFromRelay", task.uncommittedDlBytesFromRelay()}};
 }
 
-std::string taskAsJSON(const TorrentTask& task) { return json::serialize(taskAsObject(task)); }
+std::string taskAsJSON(const TorrentTask& task) { return plainJSON(taskAsObject(task)); }
 
 }  // namespace skein

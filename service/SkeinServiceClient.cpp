@@ -1,9 +1,8 @@
 #include "service/SkeinServiceClient.h"
 
+#include "public/common/PlainJSON.h"
 #include "public/common/Printable.h"
 #include "service/ServiceBody.h"
-
-#include <boost/json/serialize.hpp>
 
 #include <algorithm>
 #include <utility>
@@ -30,8 +29,7 @@ asio::awaitable<ServiceAccess> SkeinServiceClient::access() { return caller_.acc
 asio::awaitable<bool> SkeinServiceClient::registerResource(ResourceRegistration registration) {
     const std::string status(textOf(registration.status));
     const std::string tag = "register[" + status + "] hash=" + registration.infoHash;
-    auto request =
-        co_await caller_.makePost("/api/resource/register", json::serialize(JSONRecord::write(registration)), tag);
+    auto request = co_await caller_.makePost("/api/resource/register", plainJSON(JSONRecord::write(registration)), tag);
     if (!request) co_return false;
     info("→ register  user=", request->access.userID, " hash=", registration.infoHash, " status=", status,
          " mode=", textOf(registration.uploadMode), " localIP=[", joined(registration.localIP),
@@ -54,7 +52,7 @@ asio::awaitable<bool> SkeinServiceClient::deleteResource(std::string infoHash) {
 asio::awaitable<bool> SkeinServiceClient::fireForTorrent(std::string path, std::string name, std::string infoHash) {
     const std::string tag = name + " hash=" + infoHash;
     const json::object body{{"info_hash", infoHash}};
-    auto request = co_await caller_.makePost(std::move(path), json::serialize(body), tag);
+    auto request = co_await caller_.makePost(std::move(path), plainJSON(body), tag);
     if (!request) co_return false;
     info("→ ", name, "  user=", request->access.userID, " hash=", infoHash);
     co_return co_await caller_.fire(std::move(*request), tag);
@@ -71,7 +69,7 @@ asio::awaitable<bool> SkeinServiceClient::releaseResourcesForLogout() {
 asio::awaitable<std::optional<HeartbeatBatchResult>> SkeinServiceClient::batchHeartbeat(
     std::vector<HeartbeatPayload> items) {
     const json::object body{{"items", JSONRecord::write(items)}};
-    auto request = co_await caller_.makePost("/api/resource/heartbeat/batch", json::serialize(body), "heartbeat/batch");
+    auto request = co_await caller_.makePost("/api/resource/heartbeat/batch", plainJSON(body), "heartbeat/batch");
     if (!request) co_return std::nullopt;
     const bool isTheirs = std::all_of(items.begin(), items.end(), [&](const HeartbeatPayload& item) {
         return item.userID == request->access.userID;

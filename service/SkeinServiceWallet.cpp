@@ -1,7 +1,6 @@
+#include "public/common/PlainJSON.h"
 #include "service/ServiceBody.h"
 #include "service/SkeinServiceClient.h"
-
-#include <boost/json/serialize.hpp>
 
 #include <cmath>
 #include <utility>
@@ -44,7 +43,7 @@ asio::awaitable<WalletActionResult> SkeinServiceClient::walletTransfer(std::stri
     if (!std::isfinite(amount) || amount <= 0) co_return WalletError{"the amount must be above 0"};
     json::object body{{"to_user", toUser}, {"amount", amount}};
     if (note) body.emplace("note", *note);
-    co_return co_await postWalletAction("/api/wallet/transfer", json::serialize(body), "transfer");
+    co_return co_await postWalletAction("/api/wallet/transfer", plainJSON(body), "transfer");
 }
 
 asio::awaitable<WalletActionResult> SkeinServiceClient::postWalletAction(std::string path, std::string body,

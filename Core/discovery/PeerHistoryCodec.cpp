@@ -1,9 +1,10 @@
 #include "Core/discovery/PeerHistoryCodec.h"
 
+#include "public/common/PlainJSON.h"
+
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <boost/json/value.hpp>
 
 #include <algorithm>
@@ -46,7 +47,7 @@ std::string encode(const PeerHistory& history) {
         for (const PeerHistoryEntry& entry : entries) list.emplace_back(encode(entry));
         torrents[infoHash] = std::move(list);
     }
-    return json::serialize(torrents);
+    return plainJSON(torrents);
 }
 
 /// The integer at `key`, from 0 to `most`.
@@ -111,7 +112,7 @@ std::string encodePeerHistory(PeerHistory& history, std::size_t maxBytes) {
     std::size_t size = text.size();
     history.dropWorst([&](const PeerHistoryEntry& next) {
         if (size <= maxBytes) return true;
-        size -= std::min(size, json::serialize(encode(next)).size());
+        size -= std::min(size, plainJSON(encode(next)).size());
         return false;
     });
     return encode(history);

@@ -2,8 +2,7 @@
 
 #include "app/api/APIEvent.h"
 #include "app/api/ChatJSON.h"
-
-#include <boost/json/serialize.hpp>
+#include "public/common/PlainJSON.h"
 
 namespace skein {
 
@@ -12,7 +11,7 @@ namespace {
 template <class Message>
 Subscription passOn(MsgCenter& center, const Strand& strand) {
     return center.subscribe<Message>(strand, [&center](const Message& message) {
-        center.publish(APIEvent{std::make_shared<const std::string>(boost::json::serialize(eventOf(message)))});
+        center.publish(APIEvent{std::make_shared<const std::string>(plainJSON(eventOf(message)))});
     });
 }
 

@@ -1,12 +1,12 @@
 #include "app/api/DaemonFile.h"
 
 #include "app/Command.h"
+#include "public/common/PlainJSON.h"
 #include "public/common/WholeFile.h"
 
 #include <boost/asio/ip/address.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <cerrno>
 #include <chrono>
@@ -105,7 +105,7 @@ void DaemonFile::publish(const DaemonAddress& daemon) {
     const json::object object{
         {"address", daemon.address}, {"port", daemon.port}, {"pid", daemon.processID}, {"token", daemon.token}};
     try {
-        replaceWholeFile(fileIn(home_), asBytes(json::serialize(object)));
+        replaceWholeFile(fileIn(home_), asBytes(plainJSON(object)));
     } catch (const std::system_error& error) {
         throw CommandFailure(fileIn(home_).string(), error.code().message());
     }

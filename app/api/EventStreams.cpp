@@ -4,9 +4,9 @@
 #include "downloads/TaskChanged.h"
 #include "downloads/TaskListChanged.h"
 #include "downloads/TaskListJSON.h"
+#include "public/common/PlainJSON.h"
 
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <utility>
 
@@ -79,7 +79,7 @@ void EventStreams::enter(Stream& stream) {
     }));
     subscriptions_.push_back(center_.subscribe<DownloadCompleted>(strand, [this](const DownloadCompleted& completed) {
         const json::object event{{"type", "completed"}, {"infoHash", completed.infoHash}, {"name", completed.name}};
-        tell(std::make_shared<const std::string>(json::serialize(event)));
+        tell(std::make_shared<const std::string>(plainJSON(event)));
     }));
     subscriptions_.push_back(center_.subscribe<APIEvent>(strand, [this](const APIEvent& event) { tell(event.json); }));
 }

@@ -1,7 +1,8 @@
 #include "app/api/JSONBody.h"
 
+#include "public/common/PlainJSON.h"
+
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <stdexcept>
 
@@ -16,7 +17,7 @@ json::object objectIn(const HTTPServerRequest& request) {
     return value.as_object();
 }
 
-HTTPServerResponse jsonReply(const json::value& value) { return {200, "application/json", json::serialize(value), {}}; }
+HTTPServerResponse jsonReply(const json::value& value) { return {200, "application/json", plainJSON(value), {}}; }
 
 HTTPServerResponse jsonDone() { return jsonReply(json::object{{"ok", true}}); }
 

@@ -1,7 +1,8 @@
 #include "app/api/Router.h"
 
+#include "public/common/PlainJSON.h"
+
 #include <boost/json/object.hpp>
-#include <boost/json/serialize.hpp>
 #include <boost/url/pct_string_view.hpp>
 
 #include <optional>
@@ -46,7 +47,7 @@ asio::awaitable<HTTPServerResponse> Router::answer(HTTPServerRequest request) co
 }
 
 HTTPServerResponse Router::error(int status, std::string_view text) {
-    return {status, "application/json", boost::json::serialize(boost::json::object{{"error", text}})};
+    return {status, "application/json", plainJSON(boost::json::object{{"error", text}})};
 }
 
 }  // namespace skein

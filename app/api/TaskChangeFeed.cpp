@@ -1,7 +1,8 @@
 #include "app/api/TaskChangeFeed.h"
 
+#include "public/common/PlainJSON.h"
+
 #include <boost/json/array.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <utility>
 
@@ -12,7 +13,7 @@ namespace {
 namespace json = boost::json;
 
 std::string message(std::string_view type, std::string_view key, json::value content) {
-    return json::serialize(json::object{{"type", type}, {key, std::move(content)}});
+    return plainJSON(json::object{{"type", type}, {key, std::move(content)}});
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #include "app/chat/ChatAction.h"
 
+#include "public/common/PlainJSON.h"
+
 #include <CLI/CLI.hpp>
-#include <boost/json/serialize.hpp>
 
 #include <iostream>
 
@@ -20,6 +21,6 @@ void ChatAction::showDone(const boost::json::value& answer) const {
     if (isJSON_) showJSON(answer);
 }
 
-void ChatAction::showJSON(const boost::json::value& answer) { std::cout << boost::json::serialize(answer) << '\n'; }
+void ChatAction::showJSON(const boost::json::value& answer) { std::cout << plainJSON(answer) << '\n'; }
 
 }  // namespace skein

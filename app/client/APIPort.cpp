@@ -1,6 +1,7 @@
 #include "app/client/APIPort.h"
 
-#include <boost/json/serialize.hpp>
+#include "public/common/PlainJSON.h"
+
 #include <boost/url/encode.hpp>
 #include <boost/url/rfc/unreserved_chars.hpp>
 
@@ -17,11 +18,11 @@ constexpr const char* jsonType = "application/json";
 json::value APIPort::get(const std::string& path) { return send("GET", path, jsonType, {}); }
 
 json::value APIPort::post(const std::string& path, const json::value& body) {
-    return send("POST", path, jsonType, toBytes(body.is_null() ? "{}" : json::serialize(body)));
+    return send("POST", path, jsonType, toBytes(body.is_null() ? "{}" : plainJSON(body)));
 }
 
 json::value APIPort::patch(const std::string& path, const json::value& body) {
-    return send("PATCH", path, jsonType, toBytes(json::serialize(body)));
+    return send("PATCH", path, jsonType, toBytes(plainJSON(body)));
 }
 
 json::value APIPort::remove(const std::string& path) { return send("DELETE", path, jsonType, {}); }

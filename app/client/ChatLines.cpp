@@ -2,10 +2,9 @@
 
 #include "app/Command.h"
 #include "public/common/ByteCountText.h"
+#include "public/common/PlainJSON.h"
 #include "public/common/Printable.h"
 #include "public/common/RunOn.h"
-
-#include <boost/json/serialize.hpp>
 
 #include <ctime>
 #include <ostream>
@@ -54,7 +53,7 @@ asio::awaitable<void> ChatLines::take(boost::json::object message) {
     const std::string type = textIn(message, "type");
     const bool isChat = type == "chat";
     if (!isChat && !(isJSON_ && (type == "chatStatus" || type == "chatRead"))) co_return;
-    auto write = [this, line = isJSON_ ? boost::json::serialize(message) : chatLine(message)] {
+    auto write = [this, line = isJSON_ ? plainJSON(message) : chatLine(message)] {
         if (!(out_ << line << std::endl)) throw CommandFailure("chat", "writing the output failed");
     };
     co_await runOn(disk_, std::move(write));
