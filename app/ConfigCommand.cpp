@@ -1,9 +1,12 @@
 #include "app/Command.h"
 #include "app/HomeFolder.h"
+#include "app/SettingCatalogue.h"
+#include "app/api/DaemonFile.h"
 #include "chat/ChatWSClient.h"
 #include "public/common/FileLogger.h"
 #include "public/common/Printable.h"
 #include "public/common/SettingsStore.h"
+#include "public/common/ShownURL.h"
 #include "service/ServiceAccount.h"
 
 #include <CLI/CLI.hpp>
@@ -28,6 +31,28 @@ std::string shown(std::string_view key, const SettingValue& value) {
     return isSecret ? "(hidden)" : printable(describe(value));
 }
 
+std::string_view textOf(SettingEffect effect) noexcept {
+    switch (effect) {
+        case SettingEffect::atOnce: return "acts at once";
+        case SettingEffect::forNewTasks: return "acts in tasks that start from then on";
+        case SettingEffect::afterRestart: return "acts when the daemon is started again";
+    }
+    return "";
+}
+
+/// Ends with the exit status of a wrong command line.
+int refuse(std::string_view what) {
+    reportFailure("config: " + std::string(what));
+    return exitStatus::wrongCommandLine;
+}
+
+int refuseUnknown(const std::string& key) {
+    std::string known;
+    for (const SettingDescription& setting : settingCatalogue())
+        known.append(known.empty() ? "" : ", ").append(setting.key);
+    return refuse("unknown setting '" + key + "' - known are " + known);
+}
+
 class ConfigCommand final : public Command {
 public:
     ConfigCommand()
@@ -36,8 +61,8 @@ public:
     void declare(CLI::App& options) override {
         get_ = options.add_subcommand("get", "Print a setting's value");
         set_ = options.add_subcommand("set", "Give a setting a value");
-        unset_ = options.add_subcommand("unset", "Take a setting's value away");
-        list_ = options.add_subcommand("list", "Print all settings that have a value");
+        unset_ = options.add_subcommand("unset", "Take a setting's value away, so that its default holds");
+        list_ = options.add_subcommand("list", "Print all settings, their values and what they mean");
         for (CLI::App* const one : {get_, set_, unset_}) one->add_option("KEY", key_, "The setting")->required();
         set_->add_option("VALUE", value_, "Its value")->required();
         options.require_subcommand(1);
@@ -47,20 +72,48 @@ public:
         const HomeFolder home(global.home());
         FileLogger log;
         SettingsStore settings(home.path() / "settings.db", log);
-        if (*get_) return print(settings);
+        if (*list_) return list(settings);
+        const SettingDescription* const setting = findSetting(key_);
+        if (*get_) return print(settings, setting);
+        if (setting == nullptr) return refuseUnknown(key_);
+        if (*set_ && !setting->allows(value_))
+            return refuse(key_ + " cannot be '" + value_ + "' - allowed is: " + setting->allowed());
         if (*set_) settings.set(key_, value_);
-        if (*unset_ && !settings.unset(key_)) throw CommandFailure(key_, "not set");
-        if (*list_)
-            for (const auto& [key, value] : settings.list())
-                std::cout << printable(key) << " = " << shortened(shown(key, value)) << '\n';
+        if (*unset_ && !settings.unset(key_)) {
+            std::cerr << key_ << " was not set; its default holds: " << setting->standard << '\n';
+            return exitStatus::done;
+        }
+        if (setting->effect != SettingEffect::atOnce && DaemonAddress::isClaimed(home.path()))
+            std::cerr << key_ << ' ' << textOf(setting->effect) << '\n';
         return exitStatus::done;
     }
 
 private:
-    int print(SettingsStore& settings) const {
-        const auto value = settings.get(key_);
-        if (!value) throw CommandFailure(key_, "not set");
-        std::cout << shown(key_, *value) << '\n';
+    int print(SettingsStore& settings, const SettingDescription* setting) const {
+        if (const auto value = settings.get(key_)) {
+            std::cout << shown(key_, *value) << '\n';
+            return exitStatus::done;
+        }
+        if (setting == nullptr) return refuseUnknown(key_);
+        throw CommandFailure(key_, "not set; its default is: " + std::string(setting->standard));
+    }
+
+    static int list(SettingsStore& settings) {
+        auto stored = settings.list();
+        for (const SettingDescription& setting : settingCatalogue()) {
+            const auto value = stored.extract(std::string(setting.key));
+            std::cout << setting.key;
+            if (value) {
+                std::cout << " = " << shortened(withShownURLs(shown(setting.key, value.mapped()))) << '\n';
+            } else {
+                std::cout << " is not set (default: " << setting.standard << ")\n";
+            }
+            std::cout << "    " << setting.meaning << ".\n    Allowed: " << setting.allowed() << "; "
+                      << textOf(setting.effect) << ".\n";
+        }
+        if (!stored.empty()) std::cout << "\nKept by the program for itself:\n";
+        for (const auto& [key, value] : stored)
+            std::cout << "    " << printable(key) << " = " << shortened(withShownURLs(shown(key, value))) << '\n';
         return exitStatus::done;
     }
 

@@ -6,6 +6,7 @@
 #include "Core/engine/ResourceTexts.h"
 #include "app/Command.h"
 #include "app/PortChoice.h"
+#include "app/Quantities.h"
 #include "public/common/ErrorText.h"
 #include "public/common/FatalFault.h"
 
@@ -42,6 +43,7 @@ EngineHost::EngineHost(const fs::path& home, LocalBinding binding)
       http_(HTTPClient::Options{.binding = binding_}),
       listener_(pools_.io(), clock_, log_, binding_),
       history_(pools_.io(), ActorSettings(settings_, pools_.disk()), clock_, log_) {
+    log_.setLeast(logLevel());
     if (const std::size_t count = home_.narrowedCount(); count > 0)
         log_.warning("[Home] Others had access to ", count, " file(s) or folder(s) of ", home.string(),
                      ", which are now for their owner alone");
@@ -98,13 +100,14 @@ TorrentSession::Services EngineHost::services() {
     services.claims = &claims_;
     services.binding = binding_;
     services.descriptors = descriptors_;
+    services.rates = &rates_;
     return services;
 }
 
 std::unique_ptr<HTTPDownloadSession> EngineHost::makeHTTPSession(const std::string& url, const fs::path& folder,
                                                                  const std::optional<std::string>& fileName) {
-    const HTTPDownloadSession::Environment environment{pools_.io(), pools_.disk(), clock_,           random_,
-                                                       log_,        http_,         home() / "resume"};
+    const HTTPDownloadSession::Environment environment{pools_.io(), pools_.disk(),     clock_,          random_, log_,
+                                                       http_,       home() / "resume", &rates_.download};
     return std::make_unique<HTTPDownloadSession>(environment, url, folder, fileName);
 }
 
@@ -122,7 +125,24 @@ TorrentSession::Options EngineHost::sessionDefaults() {
     return options;
 }
 
-std::int64_t EngineHost::memoryLimitMB() { return numberSetting("memoryLimitMB"); }
+LiveSettings EngineHost::liveSettings() {
+    LiveSettings settings;
+    settings.sessions = sessionDefaults();
+    settings.downloadFolder = downloadFolder();
+    settings.memoryLimitMB = numberSetting("memoryLimitMB");
+    settings.downloadLimit = rateSetting("skein.downloadLimit");
+    settings.uploadLimit = rateSetting("skein.uploadLimit");
+    settings.logLevel = logLevel();
+    return settings;
+}
+
+LogLevel EngineHost::logLevel() {
+    return logLevelFrom(setting("skein.logLevel").value_or("")).value_or(LogLevel::info);
+}
+
+std::int64_t EngineHost::rateSetting(std::string_view key) {
+    return parseByteCount(setting(key).value_or("")).value_or(0);
+}
 
 /// 0 when it is not set, or cannot be read.
 std::int64_t EngineHost::numberSetting(std::string_view key) {

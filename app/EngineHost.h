@@ -7,6 +7,7 @@
 #include "Core/engine/TorrentSession.h"
 #include "Core/wire/PeerListener.h"
 #include "app/HomeFolder.h"
+#include "app/LiveSettings.h"
 #include "downloads/HTTPDownloadSession.h"
 #include "public/common/Clock.h"
 #include "public/common/DescriptorBudget.h"
@@ -15,6 +16,7 @@
 #include "public/common/NameResolver.h"
 #include "public/common/Random.h"
 #include "public/common/SettingsStore.h"
+#include "public/common/SharedThrottle.h"
 #include "public/common/ThreadPools.h"
 #include "service/ServiceAccount.h"
 
@@ -52,6 +54,10 @@ public:
                                                          const std::optional<std::string>& fileName = {});
     /// What the settings say of how a session works.
     TorrentSession::Options sessionDefaults();
+    /// Reads all at once: not on an `io` thread.
+    LiveSettings liveSettings();
+    /// Of all sessions together. Unlimited unless somebody limits them.
+    SharedRates& rates() noexcept { return rates_; }
     /// What is kept of torrents that were used before.
     TorrentArchive archive() const { return TorrentArchive(home()); }
     FileClaims& claims() noexcept { return claims_; }
@@ -67,8 +73,6 @@ public:
     ActorSettings settings() { return {settings_, pools_.disk()}; }
     ServiceAccount account() { return {settings(), random_}; }
     const std::filesystem::path& home() const noexcept { return home_.path(); }
-    /// The setting `memoryLimitMB`; 0: no limit.
-    std::int64_t memoryLimitMB();
     /// 0 when the DHT does not run.
     std::uint16_t dhtPort() const noexcept { return dht_ ? dht_->port() : std::uint16_t{0}; }
 
@@ -82,6 +86,9 @@ private:
     std::optional<std::vector<std::string>> listSetting(std::string_view key);
     std::vector<PeerAddress> addressesSetting(std::string_view key);
     std::int64_t numberSetting(std::string_view key);
+    /// Bytes a second; 0 when it is not set.
+    std::int64_t rateSetting(std::string_view key);
+    LogLevel logLevel();
     bool flagSetting(std::string_view key, bool unset);
     void startDHT(std::uint16_t port, const DHTOptions& options);
 
@@ -90,6 +97,7 @@ private:
     FileLogger log_;
     SettingsStore settings_;
     FileClaims claims_;
+    SharedRates rates_;
     RealClock clock_;
     SecureRandom random_;
     const DescriptorBudget descriptors_ = DescriptorBudget::ofProcess();

@@ -3,6 +3,7 @@
 #include "app/ChatHost.h"
 #include "app/EngineHost.h"
 #include "app/ServiceBridge.h"
+#include "app/SettingsWatch.h"
 #include "app/TransferOptions.h"
 #include "downloads/DesktopNotifier.h"
 #include "downloads/DownloadManager.h"
@@ -32,16 +33,20 @@ public:
 
 private:
     DownloadManager::Environment environment();
+    std::filesystem::path downloadFolder() const;
+    void applyRates();
+    asio::awaitable<void> onSettingsChanged(std::vector<std::string> keys);
 
     EngineHost& host_;
     const TransferOptions options_;
-    const TorrentSession::Options defaults_;  // what the settings said at the start
+    LiveSettings settings_;  // on the manager's strand, once that runs
     MsgCenter center_;
     SkeinServiceClient client_;
     ServiceBridge service_;
     ChatHost chat_;
     DesktopNotifier notifier_;
     std::unique_ptr<DownloadManager> manager_;
+    std::unique_ptr<SettingsWatch> settingsWatch_;
 };
 
 }  // namespace skein

@@ -31,6 +31,7 @@ bool isHTTPURL(const std::string& text) {
 
 DownloadManager::DownloadManager(Environment environment)
     : environment_(std::move(environment)),
+      uploadMode_(environment_.uploadMode),
       archive_(environment_.home),
       pendingDeletes_(environment_.settings, environment_.log),
       tasks_(environment_.io),
@@ -257,6 +258,21 @@ asio::awaitable<void> DownloadManager::shed(std::string reason) {
             co_await session->shedPeers(keepAtMost);
         } catch (const boost::system::system_error&) {
             // It stops already, which frees more.
+        }
+    }
+}
+
+asio::awaitable<void> DownloadManager::retune(Tuning tuning) { return tasks_.call(applyTuning(std::move(tuning))); }
+
+asio::awaitable<void> DownloadManager::applyTuning(Tuning tuning) {
+    targets_.setDownloadsDirectory(tuning.downloadsDirectory);
+    memoryMonitor_.setLimit(tuning.memoryLimitMB);
+    uploadMode_ = tuning.sessions.uploadMode;
+    for (const auto& session : sessions_.torrents()) {
+        try {
+            co_await session->retune(tuning.sessions);
+        } catch (const boost::system::system_error&) {
+            // It stops already.
         }
     }
 }

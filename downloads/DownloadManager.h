@@ -54,6 +54,13 @@ public:
         std::function<void(const TorrentTask&)> onAccelerate;
     };
 
+    /// What of the environment may change while the manager runs.
+    struct Tuning {
+        std::filesystem::path downloadsDirectory;  ///< of tasks that are begun from now on
+        std::int64_t memoryLimitMB = 0;
+        SessionTuning sessions;
+    };
+
     explicit DownloadManager(Environment environment);
     ~DownloadManager();
 
@@ -86,6 +93,8 @@ public:
     void setAccelerate(const Task& task, bool isEnabled);
     void setCategory(const Task& task, ResearchCategory category);
     void setNotes(const Task& task, std::string notes);
+    /// Acts at once, in sessions that run too.
+    asio::awaitable<void> retune(Tuning tuning);
     /// Asks every running torrent session to drop peers.
     asio::awaitable<void> shedAllSessionsPeers(std::string reason);
 
@@ -126,6 +135,7 @@ private:
     asio::awaitable<void> redownload(Task task);
     asio::awaitable<void> remove(Task task, bool deleteFiles);
     asio::awaitable<void> shed(std::string reason);
+    asio::awaitable<void> applyTuning(Tuning tuning);
 
     asio::awaitable<TorrentOrigin> originOf(Task task);
     asio::awaitable<std::optional<TorrentOrigin>> originFor(Task task, std::string missing);
@@ -159,6 +169,7 @@ private:
     std::vector<SavedTask> snapshot() const;
 
     const Environment environment_;
+    UploadMode uploadMode_;
     const TorrentArchive archive_;
     PendingDeletes pendingDeletes_;
     std::vector<Task> list_;

@@ -134,7 +134,7 @@ asio::awaitable<void> DownloadManager::registerOnly(Task task) {
     ResourceRegistration registration;
     registration.infoHash = task->infoHash;
     registration.status = ResourceStatus::seeding;
-    registration.uploadMode = environment_.uploadMode;
+    registration.uploadMode = uploadMode_;
     registration.totalBytes = task->totalSize();
     co_await environment_.service.registerResource(std::move(registration));
 }

@@ -79,7 +79,9 @@ HTTPDownloadSession::HTTPDownloadSession(const Environment& environment, std::st
       fileName_(fileName ? HTTPFileName::safe(*fileName) : std::nullopt),
       resumeDataURL_(ResumeData::fileFor(environment_.resumeFolder, url_, savePath_)),
       tasks_(environment_.io),
-      changed_(tasks_.strand()) {}
+      changed_(tasks_.strand()) {
+    throttle_.share(environment_.downloadRate);
+}
 
 HTTPDownloadSession::~HTTPDownloadSession() = default;
 

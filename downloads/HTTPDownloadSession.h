@@ -76,7 +76,8 @@ public:
         Random& random;
         FileLogger& log;
         HTTPClient& http;
-        std::filesystem::path resumeFolder;  ///< created when missing
+        std::filesystem::path resumeFolder;      ///< created when missing
+        SharedThrottle* downloadRate = nullptr;  ///< of all downloads together; none: not limited
     };
 
     /// `savePath` is an existing folder. A `fileName`, reduced to one path component, goes before what the server says.

@@ -77,7 +77,7 @@ asio::awaitable<void> HTTPDownloadSession::store(std::vector<Bytes>& chunks) {
     const std::int64_t total = progress_.expectedContentLength();
     if (total >= 0 && part_->size() + static_cast<std::int64_t>(size) > total)
         throw HTTPException(HTTPError::transferFailed, "more came than was announced");
-    if (throttle_.limit() > 0) {
+    if (throttle_.isLimited()) {
         for (const Bytes& chunk : chunks) co_await storeSlowly(chunk);
     } else {
         auto write = [this, &chunks] {

@@ -9,18 +9,38 @@
 
 namespace skein {
 
+namespace {
+
+/// More than there can be, where there is no limit.
+std::int64_t limitInBytes(std::int64_t limitMB) {
+    const bool isLimit = limitMB > 0 && limitMB < INT64_MAX / MemoryMonitor::bytesInMB;
+    return isLimit ? limitMB * MemoryMonitor::bytesInMB : INT64_MAX;
+}
+
+}  // namespace
+
 MemoryMonitor::MemoryMonitor(const Strand& main, asio::any_io_executor disk, Clock& clock, std::int64_t limitMB,
                              Handler handler, Measure measure)
     : disk_(std::move(disk)),
       clock_(clock),
-      limitBytes_(limitMB > 0 && limitMB < INT64_MAX / bytesInMB ? limitMB * bytesInMB : INT64_MAX),
+      limitBytes_(limitInBytes(limitMB)),
       handler_(std::move(handler)),
       measure_(std::move(measure)),
       tasks_(main) {}
 
 void MemoryMonitor::setRunningSessions(std::size_t count) {
     runningSessions_ = count;
-    if (count == 0 || limitBytes_ == INT64_MAX || tasks_.isStopping() || std::exchange(isWatching_, true)) return;
+    watchIfNeeded();
+}
+
+void MemoryMonitor::setLimit(std::int64_t limitMB) {
+    limitBytes_ = limitInBytes(limitMB);
+    watchIfNeeded();
+}
+
+void MemoryMonitor::watchIfNeeded() {
+    if (runningSessions_ == 0 || limitBytes_ == INT64_MAX || tasks_.isStopping() || std::exchange(isWatching_, true))
+        return;
     tasks_.spawn(watch());
 }
 
@@ -28,7 +48,7 @@ asio::awaitable<void> MemoryMonitor::watch() {
     std::optional<Clock::TimePoint> lastRelief;
     for (;;) {
         co_await clock_.sleep(checkInterval);
-        if (runningSessions_ == 0) break;
+        if (runningSessions_ == 0 || limitBytes_ == INT64_MAX) break;
         auto measuring = runOn(disk_, measure_);
         const std::int64_t bytes = co_await std::move(measuring);
         if (bytes <= limitBytes_ || (lastRelief && clock_.now() - *lastRelief < reliefInterval)) continue;

@@ -30,6 +30,7 @@ public:
     MemoryMonitor(const Strand& main, asio::any_io_executor disk, Clock& clock, std::int64_t limitMB, Handler handler,
                   Measure measure = residentMemoryBytes);
 
+    void setLimit(std::int64_t limitMB);
     /// While none runs, nothing wakes up.
     void setRunningSessions(std::size_t count);
     asio::awaitable<void> stop();
@@ -38,11 +39,12 @@ public:
     static std::string format(std::int64_t bytes);
 
 private:
+    void watchIfNeeded();
     asio::awaitable<void> watch();
 
     const asio::any_io_executor disk_;
     Clock& clock_;
-    const std::int64_t limitBytes_;
+    std::int64_t limitBytes_;
     const Handler handler_;
     const Measure measure_;
     std::size_t runningSessions_ = 0;

@@ -47,12 +47,14 @@ SHA1Digest TaskTargets::keyOf(const TorrentTask& task) {
     return key;
 }
 
+void TaskTargets::setDownloadsDirectory(const fs::path& folder) { downloadsDirectory_ = fs::absolute(folder); }
+
 asio::awaitable<std::unique_ptr<TaskTargets::Hold>> TaskTargets::take(SHA1Digest key, Purpose purpose) {
     co_await whenFree(key);
     auto hold = std::make_unique<Hold>(*this, key);
-    auto work = [this, purpose, hold = hold.get()] {
+    auto work = [this, purpose, hold = hold.get(), standard = downloadsDirectory_] {
         const auto folder = recorded(hold->key_);
-        hold->folder = folder.value_or(downloadsDirectory_);
+        hold->folder = folder.value_or(standard);
         hold->lock_.emplace(hold->folder, hold->key_);
         if (purpose != Purpose::write || folder) return;
         createPrivateFolder(records_);
@@ -67,7 +69,7 @@ asio::awaitable<void> TaskTargets::whenFree(SHA1Digest key) {
 }
 
 asio::awaitable<fs::path> TaskTargets::folderOf(SHA1Digest key) {
-    auto read = [this, key] { return recorded(key).value_or(downloadsDirectory_); };
+    auto read = [this, key, standard = downloadsDirectory_] { return recorded(key).value_or(standard); };
     co_return co_await runOn(disk_, std::move(read));
 }
 

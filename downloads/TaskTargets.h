@@ -48,6 +48,9 @@ public:
     TaskTargets(const Strand& main, asio::any_io_executor disk, const std::filesystem::path& home,
                 const std::filesystem::path& downloadsDirectory, FileClaims& claims);
 
+    /// Where the files of tasks go that are begun from now on.
+    void setDownloadsDirectory(const std::filesystem::path& folder);
+
     /// The info-hash of a torrent; for a web file what `skein get` locks, too.
     static SHA1Digest keyOf(const TorrentTask& task);
 
@@ -68,7 +71,7 @@ private:
 
     const asio::any_io_executor disk_;
     const std::filesystem::path records_;
-    const std::filesystem::path downloadsDirectory_;
+    std::filesystem::path downloadsDirectory_;
     FileClaims& claims_;
     std::set<SHA1Digest> held_;
     Notifier released_;

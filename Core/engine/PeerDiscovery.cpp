@@ -7,6 +7,7 @@
 #include "public/common/Within.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace skein {
 
@@ -65,14 +66,32 @@ void PeerDiscovery::setTorrent(std::string name, const Tiers& trackers, bool isP
 
 /// A magnet link does not say that its torrent is private; its metadata may.
 asio::awaitable<void> PeerDiscovery::leavePublicSources() {
-    formerAnnouncer_ = std::move(announcer_);
-    startTrackers();
+    tasks_.spawn(replaceTrackers());
     co_await publicTasks_.stop();
     publicBTDiscoveryRunning_ = false;
     if (lanScanner_) co_await lanScanner_->stop();
     formerLSDService_ = std::move(lsdService_);
     if (formerLSDService_) co_await formerLSDService_->stop();
-    if (formerAnnouncer_) co_await formerAnnouncer_->stop();
+}
+
+asio::awaitable<void> PeerDiscovery::replaceTrackers() {
+    TrackerAnnouncer* const former = announcer_.get();
+    if (former != nullptr) formerAnnouncers_.push_back(std::move(announcer_));
+    startTrackers();
+    if (former == nullptr) co_return;
+    co_await former->stop();
+    std::erase_if(formerAnnouncers_, [former](const auto& one) { return one.get() == former; });
+}
+
+void PeerDiscovery::retune(const SessionTuning& tuning) {
+    const Tiers trackersBefore = effectiveTrackers();
+    const auto peersBefore = std::exchange(options_.manualLANPeers, tuning.manualLANPeers);
+    options_.fallbackTrackers = tuning.fallbackTrackers;
+    options_.scansLAN = tuning.scansLAN;
+    if (!isStarted_) return;
+    if (effectiveTrackers() != trackersBefore) tasks_.spawn(replaceTrackers());
+    if (options_.manualLANPeers != peersBefore) findPeersFromManualLAN();
+    startLANPortScanIfNeeded();
 }
 
 void PeerDiscovery::dialNamedPeers() {
@@ -322,7 +341,7 @@ asio::awaitable<void> PeerDiscovery::scanLAN() {
     LANPeerScanner::OpenPortFound onOpenPort = [this](PeerAddress peer) {
         asio::dispatch(environment_.strand, [this, peer = std::move(peer)] {
             environment_.log.info("[LANScan] open TCP ", peer.description(), ", trying BT handshake");
-            offer(peer, PeerSource::manualLAN, true);
+            if (options_.scansLAN) offer(peer, PeerSource::manualLAN, true);
         });
     };
     co_await lanScanner_->scan(targets, std::move(onOpenPort));
@@ -337,7 +356,7 @@ asio::awaitable<void> PeerDiscovery::stop() {
     if (lanScanner_) co_await lanScanner_->stop();
     if (announcer_) co_await announcer_->stop();
     if (formerLSDService_) co_await formerLSDService_->stop();
-    if (formerAnnouncer_) co_await formerAnnouncer_->stop();
+    for (const auto& former : formerAnnouncers_) co_await former->stop();
 }
 
 std::string PeerDiscovery::infoHashHex() const { return toHex(environment_.infoHash); }

@@ -4,6 +4,7 @@
 #include "Core/discovery/LSDService.h"
 #include "Core/discovery/TrackerClient.h"
 #include "Core/engine/PeerPool.h"
+#include "Core/engine/SessionTuning.h"
 #include "Core/engine/TrackerAnnouncer.h"
 #include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
@@ -79,6 +80,8 @@ public:
     PeerDiscovery(Environment environment, DiscoveryOptions options, Callbacks callbacks);
     ~PeerDiscovery();
 
+    /// Acts at once: peers and trackers that are new are asked, trackers that are not named any more are left.
+    void retune(const SessionTuning& tuning);
     /// What is known of the torrent; told again when its metadata came. A private torrent is looked for at its own
     /// trackers alone, whatever was allowed before.
     void setTorrent(std::string name, const Tiers& trackers, bool isPrivate);
@@ -124,6 +127,7 @@ private:
     void startLSD();
     asio::awaitable<void> runLSD();
     asio::awaitable<void> leavePublicSources();
+    asio::awaitable<void> replaceTrackers();
     asio::awaitable<void> discoveryLoop();
     bool usesDHT() const noexcept { return options_.usesDHT && !isPrivate_ && environment_.dht != nullptr; }
     bool offer(const PeerAddress& peer, PeerSource source, bool allowsLocal, bool isOfOwnSource = false);
@@ -131,7 +135,7 @@ private:
     std::string infoHashHex() const;
 
     const Environment environment_;
-    const DiscoveryOptions options_;
+    DiscoveryOptions options_;
     const Callbacks callbacks_;
     std::string name_;
     Tiers torrentTrackers_;
@@ -147,9 +151,9 @@ private:
     std::unique_ptr<TrackerAnnouncer> announcer_;
     std::unique_ptr<LSDService> lsdService_;
     std::unique_ptr<LANPeerScanner> lanScanner_;
-    // Of before the torrent turned out to be private. They are kept because `stop` may come before they have ended.
+    // Not used any more. They are kept because `stop` may come before they have ended.
     std::unique_ptr<LSDService> formerLSDService_;
-    std::unique_ptr<TrackerAnnouncer> formerAnnouncer_;
+    std::vector<std::unique_ptr<TrackerAnnouncer>> formerAnnouncers_;
     TaskGroup publicTasks_;  // of the sources that a private torrent has not; on the session's strand too
     TaskGroup tasks_;
 };

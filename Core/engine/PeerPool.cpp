@@ -335,6 +335,11 @@ void PeerPool::setSpeedLimits(std::int64_t download, std::int64_t upload) {
     upload_.setLimit(upload);
 }
 
+void PeerPool::shareSpeedLimits(SharedRates& rates) {
+    download_.share(&rates.download);
+    upload_.share(&rates.upload);
+}
+
 std::vector<PeerRuntimeInfo> PeerPool::makePeerRuntimeInfos(const std::function<double(PeerKey)>& progressOf) const {
     std::vector<PeerRuntimeInfo> infos;
     infos.reserve(connected_.size() + recentDisconnectedPeers_.size());

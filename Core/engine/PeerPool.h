@@ -98,6 +98,8 @@ public:
     asio::awaitable<void> stop();
 
     void setSpeedLimits(std::int64_t download, std::int64_t upload);
+    /// What the pool moves counts towards `rates` too, which outlive it.
+    void shareSpeedLimits(SharedRates& rates);
     const std::unordered_map<PeerKey, std::unique_ptr<Peer>>& connected() const noexcept { return connected_; }
     Peer* find(PeerKey key);
     /// Whom we are connected to at that address, other than over the relay.

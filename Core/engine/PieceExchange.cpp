@@ -20,6 +20,7 @@ PieceExchange::PieceExchange(const Environment& environment, std::shared_ptr<Pie
     : environment_(environment),
       pieces_(std::move(pieces)),
       callbacks_(std::move(callbacks)),
+      servesPeers_(environment.servesPeers),
       scheduler_(*pieces_, environment.clock),
       tasks_(environment.strand) {}
 
@@ -85,9 +86,19 @@ void PieceExchange::adoptPeer(PeerPool::Peer& peer) {
 
 void PieceExchange::unchokeIfInterested(PeerKey key) {
     PeerPool::Peer* const peer = environment_.pool.find(key);
-    if (peer != nullptr && peer->connection->peerInterested() && peer->connection->amChoking() &&
-        environment_.servesPeers)
+    if (peer != nullptr && peer->connection->peerInterested() && peer->connection->amChoking() && servesPeers_)
         peer->connection->sendUnchoke();
+}
+
+void PieceExchange::setServing(bool servesPeers) {
+    servesPeers_ = servesPeers;
+    for (const auto& [key, peer] : environment_.pool.connected()) {
+        if (servesPeers) {
+            unchokeIfInterested(key);
+        } else if (!peer->connection->amChoking()) {
+            peer->connection->sendChoke();
+        }
+    }
 }
 
 void PieceExchange::removePeer(PeerKey key) {

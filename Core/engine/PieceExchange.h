@@ -32,7 +32,7 @@ public:
         Clock& clock;
         FileLogger& log;
         PeerPool& pool;
-        bool servesPeers = true;
+        bool servesPeers = true;  ///< at first
         bool wantsPieces = true;  ///< false only serves what is there
     };
 
@@ -47,6 +47,8 @@ public:
     /// How many requests the peer keeps, by its own account.
     void setRequestQueue(PeerKey key, std::int64_t length) { scheduler_.setRequestQueue(key, length); }
     void removePeer(PeerKey key);
+    /// Whether peers get what they ask for, from now on.
+    void setServing(bool servesPeers);
     /// Fills every peer's queue, those with nothing to do first.
     void driveActivePeerRequests();
     /// Tells everyone of the pieces that could wait. Called about once a second.
@@ -73,6 +75,7 @@ private:
     const Environment environment_;
     const std::shared_ptr<PieceManager> pieces_;
     const Callbacks callbacks_;
+    bool servesPeers_;
     RequestScheduler scheduler_;
     TaskGroup tasks_;
 };

@@ -73,6 +73,8 @@ public:
 
     explicit ServicePeers(Environment environment);
 
+    void setUploadMode(UploadMode mode) { environment_.uploadMode = mode; }
+
     /// From here on, peers are looked for from time to time. May be called again.
     void startSkeinServerDiscoveryLoop();
     void setAccelerate(bool isEnabled) noexcept { accelerateEnabled_ = isEnabled; }
@@ -101,7 +103,7 @@ private:
     asio::awaitable<void> connectAsSeederViaRelay(DialRequest request);
     asio::awaitable<std::string> openRelay(DialRequest request, std::string role, std::string mode);
 
-    const Environment environment_;
+    Environment environment_;
     bool accelerateEnabled_ = false;
     bool loopRuns_ = false;
     std::optional<Clock::TimePoint> lastLookupAt_;

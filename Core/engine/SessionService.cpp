@@ -107,6 +107,12 @@ void SessionService::queueRegister(std::string_view reason) {
 
 void SessionService::setAccelerate(bool isEnabled) { peers_.setAccelerate(isEnabled); }
 
+void SessionService::setUploadMode(UploadMode mode) {
+    environment_.uploadMode = mode;
+    peers_.setUploadMode(mode);
+    announce();
+}
+
 // --- the account -----------------------------------------------------------------------------------------------------
 
 TrafficLedger::Heading SessionService::heading() {

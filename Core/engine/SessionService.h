@@ -60,6 +60,8 @@ public:
     void svcStartSeeding();
     void svcGoOffline();
     void setAccelerate(bool isEnabled);
+    /// The service is told at once.
+    void setUploadMode(UploadMode mode);
 
     /// What the next heartbeat is to say; nothing while the service does not know of the torrent.
     std::optional<HeartbeatPayload> svcDrainDeltas();
@@ -89,7 +91,7 @@ private:
     TrafficLedger::Heading heading();
     ServicePeers::Environment peersEnvironment();
 
-    const Environment environment_;
+    Environment environment_;
     ResourceStatus svcStatus_ = ResourceStatus::offline;
     std::string userID_;  // whose bytes the ledger counts; empty while nobody is signed in
     std::vector<std::string> localIP_;

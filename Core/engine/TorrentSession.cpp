@@ -35,6 +35,7 @@ TorrentSession::TorrentSession(SHA1Digest infoHash, PeerID peerID, const Service
       peerPool_(poolEnvironment(), poolCallbacks()),
       resumeKeeper_({tasks_.strand(), services.disk, services.clock, services.log, infoHash, options_.archive}) {
     peerPool_.setSpeedLimits(options_.downloadLimit, options_.uploadLimit);
+    if (services_.rates != nullptr) peerPool_.shareSpeedLimits(*services_.rates);
     if (services_.resources != nullptr) service_ = std::make_unique<SessionService>(serviceEnvironment());
 }
 

@@ -11,6 +11,7 @@
 #include "Core/engine/ResumeKeeper.h"
 #include "Core/engine/SessionService.h"
 #include "Core/engine/SessionTransports.h"
+#include "Core/engine/SessionTuning.h"
 #include "Core/engine/StallReason.h"
 #include "Core/engine/TorrentArchive.h"
 #include "Core/formats/MagnetLink.h"
@@ -87,6 +88,7 @@ public:
         FileClaims* claims = nullptr;          ///< none: what earlier starts began is not remembered
         LocalBinding binding = {};             ///< where all traffic leaves from
         DescriptorBudget descriptors = DescriptorBudget();
+        SharedRates* rates = nullptr;  ///< none: only the session's own limits hold
     };
 
     struct Options {
@@ -108,6 +110,8 @@ public:
         int maxMagnetRounds = MetadataSearch::defaultMaxRounds;
         /// Keeps the `.torrent`, and the resume record, so that a later start need not hash all again.
         std::optional<TorrentArchive> archive;
+
+        SessionTuning tuning() const;
     };
 
     TorrentSession(SHA1Digest infoHash, PeerID peerID, const Services& services, Options options);
@@ -143,6 +147,8 @@ public:
     /// Another user, or one at last.
     asio::awaitable<void> svcSignIn();
     asio::awaitable<void> setAccelerate(bool isEnabled);
+    /// Acts at once, whatever the session does.
+    asio::awaitable<void> retune(SessionTuning tuning);
     /// After `stop`: the reports that were never confirmed.
     std::vector<HeartbeatPayload> takeUnconfirmedReports();
 
@@ -185,6 +191,7 @@ private:
     asio::awaitable<void> goOffline();
     asio::awaitable<void> signIn();
     asio::awaitable<void> accelerate(bool isEnabled);
+    asio::awaitable<void> applyTuning(SessionTuning tuning);
 
     PeerPool::Environment poolEnvironment();
     PeerPool::Callbacks poolCallbacks();
@@ -211,7 +218,7 @@ private:
     const SHA1Digest infoHash_;
     const PeerID peerID_;
     const Services services_;
-    const Options options_;
+    Options options_;
     Callbacks callbacks_;
     State state_;
     std::optional<MagnetLink> magnetLink_;

@@ -254,6 +254,13 @@ void PeerConnection::sendUnchoke() {
     enqueue(MessageID::unchoke);
 }
 
+void PeerConnection::sendChoke() {
+    amChoking_ = true;
+    uploads_.clear();
+    uploadsShrank_.notify();
+    enqueue(MessageID::choke);
+}
+
 void PeerConnection::sendBitfield(ByteView bitfield) { enqueue(MessageID::bitfield, bitfield); }
 
 void PeerConnection::sendHave(int piece) {

@@ -111,6 +111,8 @@ public:
     void sendInterested();
     void sendNotInterested();
     void sendUnchoke();
+    /// What the peer has asked for and not got is dropped.
+    void sendChoke();
     /// A peer that has the piece itself is in no hurry to hear of it: it does with the next message, or at `flush`.
     void sendHave(int piece);
     void flush();

@@ -20,6 +20,7 @@ public:
     bool push(const BlockRequest& request);
     /// Drops a queued request.
     void cancel(const BlockRequest& request);
+    void clear() noexcept { queue_.clear(); }
     bool isEmpty() const noexcept { return queue_.empty(); }
     bool isFull() const noexcept { return queue_.size() >= maxQueued; }
 

@@ -42,6 +42,15 @@ void replaceControls(std::string& line) {
 
 }  // namespace
 
+std::optional<LogLevel> logLevelFrom(std::string_view name) noexcept {
+    if (name == "trace") return LogLevel::trace;
+    if (name == "debug") return LogLevel::debug;
+    if (name == "info") return LogLevel::info;
+    if (name == "warning") return LogLevel::warning;
+    if (name == "error") return LogLevel::error;
+    return std::nullopt;
+}
+
 struct FileLogger::Sink {
     explicit Sink(const std::filesystem::path& file) {
         createPrivateFolder(file.parent_path());
@@ -56,7 +65,7 @@ struct FileLogger::Sink {
                                                         spdlog::async_overflow_policy::overrun_oldest);
         logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %L %v");
         logger->set_level(spdlog::level::trace);
-        logger->flush_on(spdlog::level::info);
+        logger->flush_on(spdlog::level::debug);
     }
 
     std::shared_ptr<spdlog::async_logger> logger;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -12,6 +13,9 @@
 namespace skein {
 
 enum class LogLevel : std::uint8_t { trace, debug, info, warning, error, off };
+
+/// The level of that name ("info"); nothing for another text.
+std::optional<LogLevel> logLevelFrom(std::string_view name) noexcept;
 
 /// The program's log: one line an event, opened by a bracketed tag ("[Session] …").
 ///
@@ -33,6 +37,8 @@ public:
     /// Writes out what waits.
     virtual ~FileLogger();
 
+    /// Drops what is below `least` from now on.
+    void setLeast(LogLevel least) noexcept { least_.store(least, std::memory_order_relaxed); }
     bool wants(LogLevel level) const noexcept { return level >= least_.load(std::memory_order_relaxed); }
 
     template <class... Parts>

@@ -100,6 +100,10 @@ std::map<std::string, SettingValue> SettingsStore::list() {
     return settings;
 }
 
+std::int64_t SettingsStore::version() {
+    return std::get<std::int64_t>(database_.run("PRAGMA data_version").at(0).at(0));
+}
+
 void SettingsStore::update(std::string_view key, const Change& change) {
     database_.transaction([&](const Database::Run& run) {
         const auto after = change(firstOf(run(select, {keyValue(key)})));

@@ -39,6 +39,9 @@ public:
     /// All keys and values, in the keys' order.
     std::map<std::string, SettingValue> list();
 
+    /// Another number than before once another process has written. A cheap call: nothing is read from the disk.
+    std::int64_t version();
+
     /// Replaces the value by what `change` makes of it (nothing removes it); no other writer comes in between, in
     /// this process or another. `change` does not use the store.
     using Change = std::function<std::optional<SettingValue>(std::optional<SettingValue> before)>;

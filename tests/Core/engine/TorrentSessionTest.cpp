@@ -160,6 +160,43 @@ TEST_F(TorrentSessionTest, asksATrackerInsideTheUsersNetworkOnlyWhereTheUserName
     simulation.finish(tracker.stop());
 }
 
+TEST_F(TorrentSessionTest, goesByWhatIsSetWhileItRuns) {
+    LoopbackTracker first(simulation.executor());
+    LoopbackTracker second(simulation.executor());
+    ScriptedPeer asking(simulation.executor());
+    Options options{.seedsOnly = true};
+    options.discovery.fallbackTrackers = {first.httpURL()};
+    options.discovery.namedPeers = {asking.address()};
+    SessionTuning tuning = options.tuning();
+    const auto seeder = start('s', std::move(options));
+    simulation.finish(asking.accept());
+    simulation.finish(asking.shakeHands(infoHash, peerIDOf('a')));
+    simulation.finish(asking.sendMessage(MessageID::interested, {}));
+    simulation.finish(asking.readUntil(MessageID::unchoke));
+    simulation.runUntil(
+        [&] { return !seeder->trackers.empty() && seeder->trackers[0].status == TrackerRuntimeStatus::working; });
+
+    tuning.uploadMode = UploadMode::disabled;
+    tuning.fallbackTrackers = {second.httpURL()};
+    simulation.finish(seeder->session().retune(tuning));
+    simulation.finish(asking.readUntil(MessageID::choke));
+    Bytes request;
+    wire::appendBlockMessage(request, MessageID::request, {0, 0, 16384});
+    simulation.finish(asking.send(std::move(request)));
+    simulation.runUntil([&] { return second.announces().size() == 1 && first.announces().size() == 2; });
+    EXPECT_EQ(first.announces()[1].event, "stopped");
+
+    tuning.uploadMode = UploadMode::free;
+    simulation.finish(seeder->session().retune(tuning));
+    simulation.finish(asking.readUntil(MessageID::unchoke));
+    simulation.advance(2s);
+    EXPECT_EQ(seeder->progress.uploadedBytes, 0) << "what was asked for while nobody was served";
+    EXPECT_EQ(second.announces().size(), 1U);
+    seeder->stop();
+    simulation.finish(first.stop());
+    simulation.finish(second.stop());
+}
+
 TEST_F(TorrentSessionTest, pausesRechecksAndResumes) {
     const auto seeder = startSeeder();
     const auto getter = startGetter(seeder->address());
