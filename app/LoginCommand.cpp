@@ -38,6 +38,9 @@ protected:
         std::cout << "signed in as " << printable(std::string(account.at("user").as_string())) << '\n';
         if (account.at("serverURL").as_string().empty())
             std::cerr << "The service is not known yet: skein config set skeinserverUrl URL\n";
+        if (const auto* const isChecked = account.as_object().if_contains("isChecked");
+            isChecked != nullptr && !isChecked->as_bool())
+            std::cerr << "The service did not answer, or refused: the credential is stored, but could not be checked\n";
         return exitStatus::done;
     }
 

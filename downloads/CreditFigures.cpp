@@ -72,11 +72,12 @@ asio::awaitable<void> CreditFigures::save() {
     if (!failure.empty()) log_.warning("[Manager] keeping today's credit failed: ", failure);
 }
 
-void CreditFigures::rollOver() {
+bool CreditFigures::rollOver() {
     std::string day = today();
-    if (day == day_) return;
+    if (day == day_) return false;
     day_ = std::move(day);
     todayEarned_ = todaySpent_ = 0;
+    return true;
 }
 
 void CreditFigures::beginUser(const std::string& userID) {

@@ -33,8 +33,8 @@ public:
     /// What the account says in all: of it nothing is today's.
     void applyBalance(const UserBalanceResponse& balance);
     void applyRates(const RatesPayload& rates) noexcept { rates_.apply(rates); }
-    /// At local midnight the day's totals begin anew.
-    void rollOver();
+    /// At local midnight the day's totals begin anew. True when they did.
+    bool rollOver();
 
     double todayEarned() const noexcept { return todayEarned_; }
     double todaySpent() const noexcept { return todaySpent_; }

@@ -7,6 +7,7 @@
 #include "downloads/TaskListChanged.h"
 #include "public/common/Database.h"
 #include "public/common/RunOn.h"
+#include "public/common/ShownURL.h"
 
 #include <boost/url/parse.hpp>
 
@@ -207,7 +208,7 @@ DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text) 
     identity.downloadType = DownloadType::http;
     if (!isHTTPURL(url)) {
         identity.infoHash = "http_" + UUID::random(environment_.random).text();
-        Task task = makeTask(std::move(identity), url, TaskStatus::error);
+        Task task = makeTask(std::move(identity), shownURL(url), TaskStatus::error);
         task->errorMessage.set("Invalid URL");
         append(task);
         return task;

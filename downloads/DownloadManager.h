@@ -100,6 +100,8 @@ public:
 
     // The account at the resource service, whose figures are published as CreditChanged.
     const CreditFigures& credit() const noexcept { return heartbeat_.figures(); }
+    /// Asks the service for the balance, which something other than a report has changed. Returns at once.
+    void refreshCredit();
     const std::string& signedInUserID() const noexcept { return userID_; }
     /// Somebody has signed in: their torrents are registered and served, and reported from now on. Returns at once.
     void syncWithServer();

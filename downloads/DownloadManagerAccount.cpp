@@ -20,6 +20,10 @@ constexpr std::chrono::seconds releaseLimit{3};
 
 void DownloadManager::syncWithServer() { tasks_.spawn(beginAccountTasks()); }
 
+void DownloadManager::refreshCredit() {
+    if (accountTasks_) accountTasks_->spawn(heartbeat_.updateCurrencyEstimates());
+}
+
 asio::awaitable<void> DownloadManager::prepareForAccountLogout() {
     // Not given up half way, with sessions of the user that go on.
     return asio::co_spawn(tasks_.strand(), signOut(),

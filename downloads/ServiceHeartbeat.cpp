@@ -43,6 +43,7 @@ private:
 asio::awaitable<void> ServiceHeartbeat::svcHeartbeatLoop() {
     for (;;) {
         co_await environment_.clock.sleep(interval);
+        if (figures_.rollOver()) environment_.onFigures();  // also while there is nothing to report
         co_await sendBatchHeartbeat();
     }
 }

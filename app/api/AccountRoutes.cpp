@@ -59,6 +59,11 @@ void AccountRoutes::addTo(Router& router) {
 // --- the account -----------------------------------------------------------------------------------------------------
 
 asio::awaitable<HTTPServerResponse> AccountRoutes::show(std::string, HTTPServerRequest) {
+    const json::object shown = co_await account();
+    co_return jsonReply(shown);
+}
+
+asio::awaitable<json::object> AccountRoutes::account() {
     const ServiceAccess access = co_await service_.access();
     json::object shown{{"user", access.userID}, {"serverURL", access.serverURL}};
     if (manager_ != nullptr) {
@@ -72,7 +77,7 @@ asio::awaitable<HTTPServerResponse> AccountRoutes::show(std::string, HTTPServerR
         shown["uploaderShareRatio"] = credit.rates().uploaderShareRatio;
         shown["publicBTCostRate"] = credit.rates().publicBTCostRate;
     }
-    co_return jsonReply(shown);
+    co_return shown;
 }
 
 /// An object with `user` and `credential`. Another user who is signed in is signed out first.
@@ -97,8 +102,12 @@ asio::awaitable<HTTPServerResponse> AccountRoutes::login(std::string, HTTPServer
     onChanged_();  // also when the old user was signed out, and the new one could not be signed in
     if (!failure.empty()) co_return Router::error(500, failure);
     if (manager_ != nullptr) manager_->syncWithServer();
-    asio::awaitable<HTTPServerResponse> shown = show(std::string(), HTTPServerRequest());
-    co_return co_await std::move(shown);
+    json::object shown = co_await account();
+    if (!shown.at("serverURL").as_string().empty()) {
+        const auto balance = co_await service_.fetchBalance();
+        shown["isChecked"] = balance.has_value();
+    }
+    co_return jsonReply(shown);
 }
 
 asio::awaitable<HTTPServerResponse> AccountRoutes::logout(std::string, HTTPServerRequest) {
@@ -159,6 +168,7 @@ asio::awaitable<HTTPServerResponse> AccountRoutes::transactions(std::string, HTT
 asio::awaitable<HTTPServerResponse> AccountRoutes::settle(std::string, HTTPServerRequest) {
     if (auto refused = co_await refusal()) co_return std::move(*refused);
     const auto answer = co_await service_.walletSettle();
+    if (answer && manager_ != nullptr) manager_->refreshCredit();
     co_return recordOr502(answer);
 }
 
@@ -183,6 +193,7 @@ asio::awaitable<HTTPServerResponse> AccountRoutes::transfer(std::string, HTTPSer
     if (!failure.empty()) co_return Router::error(400, failure);
     const WalletActionResult result = co_await service_.walletTransfer(std::move(toUser), amount, std::move(note));
     if (const auto* const error = std::get_if<WalletError>(&result)) co_return Router::error(502, error->description);
+    if (manager_ != nullptr) manager_->refreshCredit();
     co_return jsonReply(json::object{{"walletBalance", std::get<double>(result)}});
 }
 

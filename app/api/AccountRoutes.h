@@ -3,6 +3,8 @@
 #include "app/api/Router.h"
 #include "service/SkeinServiceClient.h"
 
+#include <boost/json/fwd.hpp>
+
 #include <functional>
 
 namespace skein {
@@ -33,6 +35,7 @@ private:
 
     /// 409 with the reason while the service cannot be asked.
     asio::awaitable<std::optional<HTTPServerResponse>> refusal();
+    asio::awaitable<boost::json::object> account();
     asio::awaitable<void> signOut();
 
     SkeinServiceClient& service_;
