@@ -24,7 +24,7 @@ DescriptorBudget DescriptorBudget::ofProcess() {
         const rlim_t before = std::exchange(allowed.rlim_cur, wanted);
         if (::setrlimit(RLIMIT_NOFILE, &allowed) != 0) allowed.rlim_cur = before;
     }
-    const std::size_t all = static_cast<std::size_t>(std::min(allowed.rlim_cur, mostDescriptors));
+    const auto all = static_cast<std::size_t>(std::min(allowed.rlim_cur, mostDescriptors));
     return DescriptorBudget(all - std::min(all / 2, descriptorsOfOthers));
 }
 
