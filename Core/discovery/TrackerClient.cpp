@@ -132,7 +132,10 @@ asio::awaitable<TrackerAnnounceOutcome> TrackerClient::announceDetailed(std::str
         outcome.incomplete = result.incomplete;
         outcome.isTrackerLocal = result.isTrackerLocal;
     } catch (const boost::system::system_error& error) {
-        if (caller.cancelled() != asio::cancellation_type::none) throw;
+        // What fails in the moment in which it is cancelled reports its own error; the caller is to see the
+        // cancellation.
+        if (caller.cancelled() != asio::cancellation_type::none)
+            throw boost::system::system_error(asio::error::operation_aborted);
         outcome.error = textOf(error);
     } catch (const std::runtime_error& error) {
         outcome.error = withShownURLs(error.what());

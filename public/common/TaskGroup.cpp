@@ -5,20 +5,27 @@
 #include <boost/asio/as_tuple.hpp>
 #include <boost/asio/detached.hpp>
 
+#include <cassert>
+#include <string>
+
 namespace skein {
 
 namespace {
 
-void reportEscaped(const std::exception_ptr& failure) {
+void reportEscaped(const std::exception_ptr& failure, bool isStopping) {
     if (!failure) return;
+    std::string text = "something that is no exception";
     try {
         std::rethrow_exception(failure);
     } catch (const boost::system::system_error& error) {
-        if (error.code() != asio::error::operation_aborted)
-            stopProgram(std::string("a background task failed: ") + error.what());
+        if (isStopping || error.code() == asio::error::operation_aborted) return;
+        text = error.what();
     } catch (const std::exception& error) {
-        stopProgram(std::string("a background task failed: ") + error.what());
+        text = error.what();
+    } catch (...) {
+        // Whatever it is, it must not vanish.
     }
+    stopProgram("a background task failed: " + text);
 }
 
 }  // namespace
@@ -28,6 +35,8 @@ TaskGroup::TaskGroup(const asio::any_io_executor& pool) : TaskGroup(asio::make_s
 TaskGroup::TaskGroup(const Strand& strand) : strand_(strand), changed_(strand_) {
     changed_.expires_at(asio::steady_timer::time_point::max());
 }
+
+TaskGroup::~TaskGroup() { assert(running_.empty()); }
 
 void TaskGroup::spawn(asio::awaitable<void> task) {
     asio::co_spawn(strand_, supervise(std::move(task)), asio::detached);
@@ -40,7 +49,7 @@ asio::awaitable<void> TaskGroup::supervise(asio::awaitable<void> task) {
     } catch (...) {
         failure = std::current_exception();
     }
-    reportEscaped(failure);
+    reportEscaped(failure, stopping_);
 }
 
 asio::awaitable<void> TaskGroup::stop() {

@@ -25,7 +25,8 @@ using Strand = asio::strand<asio::any_io_executor>;
 
 /// A strand and the list of what runs on it: the inside of every actor.
 ///
-/// Owner: the actor, as its last member. Before the group goes, `stop()` has returned, or nothing was ever started.
+/// Owner: the actor, as its last member. Before the group goes, `stop()` has returned, or nothing runs: its end asserts
+/// that.
 /// Thread: any.
 class TaskGroup {
 public:
@@ -34,6 +35,9 @@ public:
     /// A group that shares the strand of an actor that it works hand in glove with: calls between them change no
     /// thread.
     explicit TaskGroup(const Strand& strand);
+    TaskGroup(const TaskGroup&) = delete;
+    TaskGroup& operator=(const TaskGroup&) = delete;
+    ~TaskGroup();
 
     const Strand& strand() const noexcept { return strand_; }
     /// True from the moment `stop()` reached the strand. Thread: the strand.
@@ -54,8 +58,9 @@ public:
                                           asio::bind_cancellation_slot(signal->slot(), asio::use_awaitable));
     }
 
-    /// Starts `task` on the strand. It catches its own failures: what escapes it, other than the end by
-    /// cancellation, is a programming error and stops the program.
+    /// Starts `task` on the strand. It catches its own failures: what escapes it is a programming error and stops the
+    /// program, but for the end by cancellation. An operation that fails in the moment in which it is cancelled (a
+    /// look-up, a connect) reports its own error instead: while the group stops, that is such an end, too.
     void spawn(asio::awaitable<void> task);
 
     /// Cancels all that runs, refuses what comes, and returns when the last task has ended. May be called again.

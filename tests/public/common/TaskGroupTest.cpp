@@ -33,6 +33,41 @@ TEST(TaskGroup, stopCancelsWhatRunsAndRefusesWhatComes) {
     EXPECT_EQ(count, 1);
 }
 
+/// Ends like a look-up that finds nothing in the moment in which it is cancelled.
+asio::awaitable<void> failWhenCancelled(Clock& clock, int& count) {
+    try {
+        co_await clock.sleep(1h);
+    } catch (const boost::system::system_error&) {
+        ++count;
+    }
+    if (count > 0) throw boost::system::system_error(asio::error::host_not_found);
+}
+
+TEST(TaskGroup, anErrorThatComesWithTheCancellationIsAnEndLikeAnother) {
+    Simulation simulation;
+    int count = 0;
+    TaskGroup tasks(simulation.executor());
+    tasks.spawn(failWhenCancelled(simulation, count));
+    simulation.settle();
+    simulation.finish(tasks.stop());
+    EXPECT_EQ(count, 1);
+}
+
+asio::awaitable<void> throwANumber() {
+    throw 7;
+    co_return;
+}
+
+TEST(TaskGroupDeathTest, whatIsNoExceptionDoesNotVanishEither) {
+    const auto run = [] {
+        Simulation simulation;
+        TaskGroup tasks(simulation.executor());
+        tasks.spawn(throwANumber());
+        simulation.settle();
+    };
+    EXPECT_DEATH(run(), "a background task failed: something that is no exception");
+}
+
 /// An actor whose count is only safe because every call moves to its strand.
 class Counter {
 public:
