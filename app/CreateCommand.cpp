@@ -6,6 +6,7 @@
 #include "app/ProgressLine.h"
 #include "app/Quantities.h"
 #include "public/common/Printable.h"
+#include "public/common/RenameFile.h"
 #include "public/common/ThreadPools.h"
 #include "public/common/WholeFile.h"
 
@@ -58,6 +59,7 @@ public:
         options.add_option("--piece-length", pieceLength_, "A power of two from 16K to 64M (default: by the size)")
             ->type_name("BYTES")
             ->check(CLI::Validator(checkPieceLength, ""));
+        options.add_flag("--overwrite", overwrites_, "Rename a file of that name to NAME.before");
         options.add_flag("--private", isPrivate_, "Only for peers that the trackers tell of");
         options.add_option("--comment", comment_, "A text to go with it")
             ->type_name("TEXT")
@@ -94,8 +96,8 @@ private:
         const fs::file_status status = fs::status(output_, error);
         if (fs::is_directory(status)) refuseOutput("is a folder");
         if (fs::exists(status) && fs::equivalent(output_, source_, error)) refuseOutput("is what is to be shared");
-        // A slip of the hand must not cost a film.
-        if (fs::exists(status) && output_.extension() != ".torrent") refuseOutput("exists and is no .torrent file");
+        if (fs::exists(fs::symlink_status(output_, error)) && !overwrites_)
+            refuseOutput("exists - choose another name (-o), or have it moved aside (--overwrite)");
         const fs::path folder = output_.has_parent_path() ? output_.parent_path() : fs::path(".");
         if (::access(folder.c_str(), W_OK | X_OK) != 0)
             refuseOutput(std::error_code(errno, std::generic_category()).message());
@@ -139,6 +141,7 @@ private:
 
     void write(const Bytes& file) const {
         try {
+            if (fs::exists(fs::symlink_status(output_))) moveAside(output_);
             replaceWholeFile(output_, file, sharedFile);
         } catch (const std::system_error& failure) {
             refuseOutput(failure.code().message());
@@ -157,6 +160,7 @@ private:
     std::vector<std::string> trackers_;
     std::string pieceLength_;
     bool isPrivate_ = false;
+    bool overwrites_ = false;
     std::string comment_;
 };
 

@@ -54,12 +54,7 @@ FileOpener::Found FileOpener::look(const std::string& path) {
 
 void FileOpener::moveAside(const std::string& path) {
     enterFolderOf(path, false);
-    const std::string name = nameOf(path);
-    for (int copy = 1;; ++copy) {
-        const std::string aside = name + ".before" + (copy == 1 ? "" : "." + std::to_string(copy));
-        if (renameWithoutReplacing(folder_.number(), name, aside) == 0) return;
-        if (errno != EEXIST) throw StorageException::failedCall(path, errno);
-    }
+    if (skein::moveAside(folder_.number(), nameOf(path)) != 0) throw StorageException::failedCall(path, errno);
 }
 
 FileDescriptor FileOpener::open(const std::string& path, int flags) {

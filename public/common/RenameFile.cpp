@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace skein {
@@ -26,6 +27,18 @@ int renameWithoutReplacing(int folder, const std::string& from, const std::strin
     const bool isUnsupported = result != 0 && (errno == EINVAL || errno == ENOSYS);
 #endif
     return isUnsupported ? linkThenUnlink(folder, from, to) : result;
+}
+
+int moveAside(int folder, const std::string& name) {
+    for (int copy = 1;; ++copy) {
+        const std::string aside = name + ".before" + (copy == 1 ? "" : "." + std::to_string(copy));
+        if (renameWithoutReplacing(folder, name, aside) == 0) return 0;
+        if (errno != EEXIST) return -1;
+    }
+}
+
+void moveAside(const std::filesystem::path& file) {
+    if (moveAside(AT_FDCWD, file.string()) != 0) throw std::system_error(errno, std::generic_category(), file.string());
 }
 
 }  // namespace skein
