@@ -63,11 +63,13 @@ DownloadManager::Environment ManagerHost::environment() {
         host_.settings(),       host_.claims(),       service_,      notifier_,   host_.home(),   downloadFolder(),
         settings_.memoryLimitMB};
     environment.makers.torrent = [this](const SHA1Digest& infoHash, const SessionWishes& wishes) {
-        TorrentSession::Options options = options_.sessionOptions(wishes.folder, settings_.sessions);
+        TorrentSession::Options options = options_.sessionOptions(wishes.place.folder, settings_.sessions);
         options.discovery.linkTrackers = wishes.linkTrackers;
         options.accelerates = wishes.accelerates;
         options.seedsOnly = wishes.seedsOnly;
         options.isListed = true;
+        options.topName = wishes.place.topName;
+        options.movesAside = wishes.place.movesAside;
         TorrentSession::Services services = host_.services();
         services.resources = &client_;
         return std::make_unique<TorrentSession>(infoHash, MagnetLink::generatePeerID(host_.random()), services,

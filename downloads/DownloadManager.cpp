@@ -150,7 +150,7 @@ void DownloadManager::append(const Task& task) {
     store_.saveTasks();
 }
 
-DownloadManager::Task DownloadManager::addMagnet(const std::string& text) {
+DownloadManager::Task DownloadManager::addMagnet(const std::string& text, TaskPlace place) {
     MagnetLink magnet = MagnetParser::parse(text);
     if (Task known = find(magnet.infoHashHex)) return known;
     TaskIdentity identity;
@@ -163,15 +163,15 @@ DownloadManager::Task DownloadManager::addMagnet(const std::string& text) {
         task->trackers.set(std::move(tiers));
     }
     append(task);
-    sessions_.startTorrent(task, {std::nullopt, std::move(magnet)});
+    sessions_.startTorrent(task, {std::nullopt, std::move(magnet), std::move(place)});
     return task;
 }
 
-asio::awaitable<DownloadManager::Task> DownloadManager::addTorrentFile(Bytes torrentData) {
-    return tasks_.call(addParsed(std::move(torrentData)));
+asio::awaitable<DownloadManager::Task> DownloadManager::addTorrentFile(Bytes torrentData, TaskPlace place) {
+    return tasks_.call(addParsed(std::move(torrentData), std::move(place)));
 }
 
-asio::awaitable<DownloadManager::Task> DownloadManager::addParsed(Bytes torrentData) {
+asio::awaitable<DownloadManager::Task> DownloadManager::addParsed(Bytes torrentData, TaskPlace place) {
     auto parse = [&] {
         if (const auto fault = TorrentFile::faultOf(torrentData)) throw std::runtime_error(*fault);
         return TorrentParser::parse(torrentData);
@@ -188,6 +188,7 @@ asio::awaitable<DownloadManager::Task> DownloadManager::addParsed(Bytes torrentD
     append(task);
     TorrentOrigin origin;
     origin.torrentData = std::move(torrentData);
+    origin.place = std::move(place);
     sessions_.startTorrent(task, std::move(origin));
     co_return task;
 }
@@ -199,7 +200,7 @@ asio::awaitable<void> DownloadManager::keepCopy(SHA1Digest infoHash, Bytes torre
     co_await runOn(environment_.disk, std::move(keep));
 }
 
-DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text) {
+DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text, TaskPlace place) {
     constexpr std::string_view blanks = " \t\r\n";
     std::string url = text;
     url.erase(0, std::min(url.find_first_not_of(blanks), url.size()));
@@ -221,10 +222,11 @@ DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text) 
     while (find("http_" + std::to_string(key))) ++key;
     identity.infoHash = "http_" + std::to_string(key);
     identity.downloadURL = url;
-    std::string name = HTTPDownloadSession::deriveFileName(url, environment_.random);
+    const std::optional<std::string> named = place.topName.empty() ? std::nullopt : std::optional(place.topName);
+    std::string name = named.value_or(HTTPDownloadSession::deriveFileName(url, environment_.random));
     Task task = makeTask(std::move(identity), std::move(name), TaskStatus::downloading);
     append(task);
-    sessions_.startHTTP(task, std::nullopt);
+    sessions_.startHTTP(task, named, std::move(place));
     return task;
 }
 

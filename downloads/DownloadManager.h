@@ -77,10 +77,10 @@ public:
     std::int64_t globalUploadSpeed() const noexcept { return globalUploadSpeed_; }
 
     /// Each returns the task that is there already when the same was added before. Throw what the parsers throw.
-    Task addMagnet(const std::string& text);
-    asio::awaitable<Task> addTorrentFile(Bytes torrentData);
+    Task addMagnet(const std::string& text, TaskPlace place = {});
+    asio::awaitable<Task> addTorrentFile(Bytes torrentData, TaskPlace place = {});
     /// Never throws: what is no URL becomes a task in the state `error`.
-    Task addHTTPDownload(const std::string& text);
+    Task addHTTPDownload(const std::string& text, TaskPlace place = {});
 
     // Commands. They return when the command has ended; giving up the wait does not stop it. A command for a task on
     // which one is running does nothing, and returns false. A check gives way to a pause; a removal ends a check, and
@@ -124,7 +124,7 @@ private:
     asio::awaitable<void> endCommands(bool& haveEnded);
     asio::awaitable<void> stopAll(std::vector<Task> running);
     asio::awaitable<void> stopCounted(Task task, std::size_t& left);
-    asio::awaitable<Task> addParsed(Bytes torrentData);
+    asio::awaitable<Task> addParsed(Bytes torrentData, TaskPlace place);
     asio::awaitable<void> keepCopy(SHA1Digest infoHash, Bytes torrentData);
 
     asio::awaitable<bool> perform(Task task, asio::awaitable<void> work, bool isCheck = false);
@@ -135,6 +135,7 @@ private:
     asio::awaitable<void> resume(Task task);
     asio::awaitable<void> recheck(Task task);
     asio::awaitable<void> redownload(Task task);
+    asio::awaitable<void> clearDownloaded(Task task);
     asio::awaitable<void> remove(Task task, bool deleteFiles);
     asio::awaitable<void> shed(std::string reason);
     asio::awaitable<void> applyTuning(Tuning tuning);

@@ -104,8 +104,8 @@ asio::awaitable<void> DownloadManager::resume(Task task) {
 asio::awaitable<TorrentOrigin> DownloadManager::originOf(Task task) {
     TorrentOrigin origin;
     const SHA1Digest key = TaskTargets::keyOf(*task);
-    const std::filesystem::path folder = co_await targets_.folderOf(key);
-    auto read = [this, key, folder, name = task->name()] { return archive_.torrent(key, folder, name); };
+    const TaskPlace place = co_await targets_.placeOf(key);
+    auto read = [this, key, &place, name = task->name()] { return archive_.torrent(key, place.folder, name); };
     origin.torrentData = co_await runOn(environment_.disk, std::move(read));
     if (!task->magnetURI) co_return origin;
     try {
@@ -176,9 +176,6 @@ asio::awaitable<void> DownloadManager::redownload(Task task) {
     co_await sessions_.stopSession(task);
     auto origin = co_await originFor(task, "Cannot redownload: ");
     if (!origin) co_return;
-    const SHA1Digest key = TaskTargets::keyOf(*task);
-    auto target = co_await targets_.take(key, TaskTargets::Purpose::remove);
-    const TaskFiles files(target->folder, task->files());
     {
         const auto batch = task->batch();
         task->status.set(origin->torrentData ? TaskStatus::downloading : TaskStatus::fetchingMetadata);
@@ -190,16 +187,22 @@ asio::awaitable<void> DownloadManager::redownload(Task task) {
     // First the list: killed in between, no task is completed whose files are gone.
     store_.saveTasks();
     co_await store_.saveNow();
-    if (task->downloadType == DownloadType::http) co_await sessions_.clearHTTPDownload(task, target->folder);
-    auto clear = [this, key, files] {
+    co_await clearDownloaded(task);
+    rebuild(task, *std::move(origin));
+    store_.saveTasks();
+}
+
+asio::awaitable<void> DownloadManager::clearDownloaded(Task task) {
+    const SHA1Digest key = TaskTargets::keyOf(*task);
+    const auto target = co_await targets_.take(key, TaskTargets::Purpose::remove);
+    if (task->downloadType == DownloadType::http) co_await sessions_.clearHTTPDownload(task, target->place.folder);
+    const TaskFiles files(target->place.folder, task->files());
+    auto clear = [this, key, &files] {
         archive_.forgetResumeRecord(key);
         return files.remove(environment_.claims.claimsOf(key));
     };
     const TaskFiles::Removal removal = co_await runOn(environment_.disk, std::move(clear));
     report(removal, task->name());
-    target.reset();
-    rebuild(task, *std::move(origin));
-    store_.saveTasks();
 }
 
 asio::awaitable<void> DownloadManager::remove(Task task, bool deleteFiles) {
@@ -240,9 +243,9 @@ asio::awaitable<std::unique_ptr<TaskTargets::Hold>> DownloadManager::takeToDelet
 
 asio::awaitable<void> DownloadManager::deleteTraces(Task task, const TaskTargets::Hold* target, bool deleteFiles) {
     const bool isTorrent = task->downloadType == DownloadType::torrent;
-    if (!isTorrent && target != nullptr) co_await sessions_.clearHTTPDownload(task, target->folder);
+    if (!isTorrent && target != nullptr) co_await sessions_.clearHTTPDownload(task, target->place.folder);
     std::optional<TaskFiles> files;
-    if (deleteFiles && target != nullptr) files.emplace(target->folder, task->files());
+    if (deleteFiles && target != nullptr) files.emplace(target->place.folder, task->files());
     auto clear = [this, key = TaskTargets::keyOf(*task), isTorrent, files] {
         if (isTorrent) archive_.forget(key);
         auto removal = files ? files->remove(environment_.claims.claimsOf(key)) : TaskFiles::Removal();

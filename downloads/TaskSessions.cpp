@@ -40,16 +40,17 @@ std::shared_ptr<TaskSessions::Running> TaskSessions::admit(const Task& task) {
 }
 
 /// Has the task's target for the session; false when it is not to start after all.
-asio::awaitable<bool> TaskSessions::prepare(Task task, std::shared_ptr<Running> running, bool writes) {
+asio::awaitable<bool> TaskSessions::prepare(Task task, std::shared_ptr<Running> running, bool writes,
+                                            TaskPlace wanted) {
     const SHA1Digest key = TaskTargets::keyOf(*task);
     std::string failure;
     bool isReady = false;
     try {
         if (writes) {
-            running->target = co_await targets_.take(key, TaskTargets::Purpose::write);
-            running->folder = running->target->folder;
+            running->target = co_await targets_.take(key, TaskTargets::Purpose::write, std::move(wanted));
+            running->place = running->target->place;
         } else {
-            running->folder = co_await targets_.folderOf(key);
+            running->place = co_await targets_.placeOf(key);
         }
         isReady = true;
     } catch (const boost::system::system_error&) {
@@ -74,9 +75,9 @@ void TaskSessions::startTorrent(const Task& task, TorrentOrigin origin, bool see
 
 asio::awaitable<void> TaskSessions::runTorrent(Task task, std::shared_ptr<Running> running, TorrentOrigin origin,
                                                bool seedsOnly) {
-    const bool isReady = co_await prepare(task, running, !seedsOnly);
+    const bool isReady = co_await prepare(task, running, !seedsOnly, std::move(origin.place));
     if (!isReady) co_return;
-    SessionWishes wishes{running->folder, {}, task->accelerateEnabled(), seedsOnly};
+    SessionWishes wishes{running->place, {}, task->accelerateEnabled(), seedsOnly};
     if (origin.torrentData && origin.magnet) wishes.linkTrackers = origin.magnet->trackers;
     // Held here too: a stopped session leaves the table before its start has returned.
     const std::shared_ptr<TorrentSession> session = makers_.torrent(TaskTargets::keyOf(*task), wishes);
@@ -94,16 +95,17 @@ asio::awaitable<void> TaskSessions::runTorrent(Task task, std::shared_ptr<Runnin
     relay(task, running, [this](const Task& of) { callbacks_.onChecked(of); });
 }
 
-void TaskSessions::startHTTP(const Task& task, const std::optional<std::string>& fileName) {
+void TaskSessions::startHTTP(const Task& task, const std::optional<std::string>& fileName, TaskPlace place) {
     if (isClosed_) return;
-    tasks_.spawn(runHTTP(task, admit(task), fileName));
+    tasks_.spawn(runHTTP(task, admit(task), fileName, std::move(place)));
 }
 
 asio::awaitable<void> TaskSessions::runHTTP(Task task, std::shared_ptr<Running> running,
-                                            std::optional<std::string> fileName) {
-    const bool isReady = co_await prepare(task, running, true);
+                                            std::optional<std::string> fileName, TaskPlace place) {
+    const bool isReady = co_await prepare(task, running, true, std::move(place));
     if (!isReady) co_return;
-    const std::shared_ptr<HTTPDownloadSession> session = makers_.http(*task->downloadURL, running->folder, fileName);
+    const std::shared_ptr<HTTPDownloadSession> session =
+        makers_.http(*task->downloadURL, running->place.folder, fileName);
     session->setCallbacks(httpCallbacks(task, running));
     session->keepRecord();
     running->http = session;

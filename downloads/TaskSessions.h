@@ -23,11 +23,12 @@ namespace skein {
 struct TorrentOrigin {
     std::optional<Bytes> torrentData;
     std::optional<MagnetLink> magnet;
+    TaskPlace place = {};  ///< for one that was never started
 };
 
 /// What is asked of a torrent's session beside what the settings say.
 struct SessionWishes {
-    std::filesystem::path folder;  ///< where the files go
+    TaskPlace place;  ///< where the files go, with the folder
     std::vector<std::string> linkTrackers;
     bool accelerates = false;
     bool seedsOnly = false;  ///< serves what is there, and downloads nothing
@@ -79,7 +80,7 @@ public:
 
     // They return at once. A session that cannot have its target fails.
     void startTorrent(const Task& task, TorrentOrigin origin, bool seedsOnly = false);
-    void startHTTP(const Task& task, const std::optional<std::string>& fileName);
+    void startHTTP(const Task& task, const std::optional<std::string>& fileName, TaskPlace place = {});
     /// Deletes what an unfinished download left in `folder`, which its session alone knows. None runs.
     asio::awaitable<void> clearHTTPDownload(Task task, std::filesystem::path folder);
     /// From here on nothing is started.
@@ -97,7 +98,7 @@ private:
         std::shared_ptr<TorrentSession> torrent;
         std::shared_ptr<HTTPDownloadSession> http;
         std::unique_ptr<TaskTargets::Hold> target;  // none for one that only serves
-        std::filesystem::path folder;
+        TaskPlace place;
         bool isPreparing = true;
         bool hasDownloaded = false;
         bool isStopping = false;
@@ -112,9 +113,10 @@ private:
     TorrentSession::Callbacks torrentCallbacks(const Task& task, const std::shared_ptr<Running>& running);
     HTTPDownloadSession::Callbacks httpCallbacks(const Task& task, const std::shared_ptr<Running>& running);
     std::shared_ptr<Running> admit(const Task& task);
-    asio::awaitable<bool> prepare(Task task, std::shared_ptr<Running> running, bool writes);
+    asio::awaitable<bool> prepare(Task task, std::shared_ptr<Running> running, bool writes, TaskPlace wanted);
     asio::awaitable<void> runTorrent(Task task, std::shared_ptr<Running> running, TorrentOrigin origin, bool seedsOnly);
-    asio::awaitable<void> runHTTP(Task task, std::shared_ptr<Running> running, std::optional<std::string> fileName);
+    asio::awaitable<void> runHTTP(Task task, std::shared_ptr<Running> running, std::optional<std::string> fileName,
+                                  TaskPlace place);
     asio::awaitable<void> dropSession(Task task);
     asio::awaitable<void> dropCompleted(Task task, std::shared_ptr<Running> running);
     void applyProgress(const Task& task, const TorrentSession::Progress& progress);

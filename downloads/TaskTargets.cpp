@@ -49,16 +49,19 @@ SHA1Digest TaskTargets::keyOf(const TorrentTask& task) {
 
 void TaskTargets::setDownloadsDirectory(const fs::path& folder) { downloadsDirectory_ = fs::absolute(folder); }
 
-asio::awaitable<std::unique_ptr<TaskTargets::Hold>> TaskTargets::take(SHA1Digest key, Purpose purpose) {
+asio::awaitable<std::unique_ptr<TaskTargets::Hold>> TaskTargets::take(SHA1Digest key, Purpose purpose,
+                                                                      TaskPlace wanted) {
     co_await whenFree(key);
     auto hold = std::make_unique<Hold>(*this, key);
-    auto work = [this, purpose, hold = hold.get(), standard = downloadsDirectory_] {
-        const auto folder = recorded(hold->key_);
-        hold->folder = folder.value_or(standard);
-        hold->lock_.emplace(hold->folder, hold->key_);
-        if (purpose != Purpose::write || folder) return;
+    auto work = [this, purpose, &wanted, hold = hold.get(), standard = downloadsDirectory_] {
+        const auto known = recorded(hold->key_);
+        hold->place = known.value_or(wanted);
+        hold->place.movesAside = wanted.movesAside;
+        if (hold->place.folder.empty()) hold->place.folder = standard;
+        hold->lock_.emplace(hold->place.folder, hold->key_);
+        if (purpose != Purpose::write || known) return;
         createPrivateFolder(records_);
-        replaceWholeFile(recordOf(hold->key_), asBytes(hold->folder.string()));
+        replaceWholeFile(recordOf(hold->key_), asBytes(hold->place.folder.string() + '\n' + hold->place.topName));
     };
     co_await runOn(disk_, std::move(work));
     co_return hold;
@@ -68,15 +71,15 @@ asio::awaitable<void> TaskTargets::whenFree(SHA1Digest key) {
     while (held_.contains(key)) co_await released_.wait();
 }
 
-asio::awaitable<fs::path> TaskTargets::folderOf(SHA1Digest key) {
-    auto read = [this, key, standard = downloadsDirectory_] { return recorded(key).value_or(standard); };
+asio::awaitable<TaskPlace> TaskTargets::placeOf(SHA1Digest key) {
+    auto read = [this, key, standard = downloadsDirectory_] { return recorded(key).value_or(TaskPlace{standard, {}}); };
     co_return co_await runOn(disk_, std::move(read));
 }
 
 asio::awaitable<void> TaskTargets::claimWebFile(const Hold& hold, std::string name) {
     auto claim = [this, &hold, &name] {
-        const std::vector<FileClaims::Claim> claims{{0, FileIdentity::at(hold.folder / name)}};
-        claims_.begin({hold.key_, hold.folder, true}, claims);
+        const std::vector<FileClaims::Claim> claims{{0, FileIdentity::at(hold.place.folder / name)}};
+        claims_.begin({hold.key_, hold.place.folder, true}, claims);
         claims_.settle(hold.key_, claims);
     };
     co_await runOn(disk_, std::move(claim));
@@ -89,11 +92,13 @@ void TaskTargets::forget(const SHA1Digest& key) const {
 
 fs::path TaskTargets::recordOf(const SHA1Digest& key) const { return records_ / (toHex(key) + ".folder"); }
 
-std::optional<fs::path> TaskTargets::recorded(const SHA1Digest& key) const {
+std::optional<TaskPlace> TaskTargets::recorded(const SHA1Digest& key) const {
     try {
         const Bytes bytes = readWholeFile(recordOf(key), maxPathBytes);
-        fs::path folder{std::string(asText(bytes))};
-        if (folder.is_absolute()) return folder;
+        const std::string_view text = asText(bytes);
+        const std::size_t line = std::min(text.find('\n'), text.size());
+        TaskPlace place{fs::path(text.substr(0, line)), std::string(text.substr(std::min(line + 1, text.size())))};
+        if (place.folder.is_absolute()) return place;
     } catch (const std::system_error&) {
         // There is none.
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Core/engine/FileClaims.h"
+#include "downloads/TaskPlace.h"
 #include "public/common/Notifier.h"
 #include "public/common/SHA1.h"
 #include "public/common/TargetLock.h"
@@ -22,9 +23,10 @@ class TorrentTask;
 
 /// In which folder each task's files are, and that nobody else writes there meanwhile.
 ///
-/// The folder is put down under the home before the first file is made. So a task goes on, and is deleted, where its
-/// files are, whichever download folder there is by then; and a task of which nothing is put down has written nothing.
-/// Owner: the manager, which outlives every hold. Thread: the main executor; files are read and written on `disk`.
+/// The folder, and the name in it, are put down under the home before the first file is made. So a task goes on, and is
+/// deleted, where its files are, whichever download folder there is by then; and a task of which nothing is put down
+/// has written nothing. Owner: the manager, which outlives every hold. Thread: the main executor; files are read and
+/// written on `disk`.
 class TaskTargets {
 public:
     /// One's own target, until this goes.
@@ -35,7 +37,7 @@ public:
         Hold& operator=(const Hold&) = delete;
         ~Hold();
 
-        std::filesystem::path folder;
+        TaskPlace place;  ///< with the folder
 
     private:
         friend class TaskTargets;
@@ -55,11 +57,15 @@ public:
     static SHA1Digest keyOf(const TorrentTask& task);
 
     /// Waits for whoever holds it in this process. Throws TargetTaken when another process does, and std::system_error.
-    asio::awaitable<std::unique_ptr<Hold>> take(SHA1Digest key, Purpose purpose);
+    /// `wanted` counts as long as nothing is put down of the task.
+    asio::awaitable<std::unique_ptr<Hold>> take(SHA1Digest key, Purpose purpose, TaskPlace wanted);
+    asio::awaitable<std::unique_ptr<Hold>> take(SHA1Digest key, Purpose purpose) {
+        return take(key, purpose, TaskPlace());
+    }
     /// Returns when nobody in this process holds it.
     asio::awaitable<void> whenFree(SHA1Digest key);
     /// Without taking it.
-    asio::awaitable<std::filesystem::path> folderOf(SHA1Digest key);
+    asio::awaitable<TaskPlace> placeOf(SHA1Digest key);
     /// Puts down that the finished web file `name` in the held folder is the task's.
     asio::awaitable<void> claimWebFile(const Hold& hold, std::string name);
     /// What was put down of it. A file call: disk pool only.
@@ -67,7 +73,7 @@ public:
 
 private:
     std::filesystem::path recordOf(const SHA1Digest& key) const;
-    std::optional<std::filesystem::path> recorded(const SHA1Digest& key) const;
+    std::optional<TaskPlace> recorded(const SHA1Digest& key) const;
 
     const asio::any_io_executor disk_;
     const std::filesystem::path records_;

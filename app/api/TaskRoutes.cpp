@@ -97,18 +97,30 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::show(std::string infoHash, HTTPS
     co_return task ? jsonReply(detailsOf(*task)) : Router::error(404, "there is no such task");
 }
 
+/// Where the new task is to go: `folder`, `output` and `overwrite` of the query. Throws std::runtime_error.
+TaskPlace placeIn(HTTPServerRequest& request) {
+    TaskPlace place{request.query["folder"], request.query["output"], request.query["overwrite"] == "true"};
+    if (!place.folder.empty() && !place.folder.is_absolute())
+        throw std::runtime_error("the folder is no absolute path");
+    const bool isName = place.topName != "." && place.topName != ".." && place.topName.find('/') == std::string::npos;
+    if (!isName) throw std::runtime_error("output is not the name of a file or folder");
+    return place;
+}
+
 /// The bytes of a `.torrent`, or an object with a `source`: a magnet link or a web address.
 asio::awaitable<HTTPServerResponse> TaskRoutes::add(std::string, HTTPServerRequest request) {
     DownloadManager::Task task;
     std::string failure;
     try {
+        TaskPlace place = placeIn(request);
         if (request.header("content-type") == torrentType) {
             Bytes data = toBytes(request.body);
-            task = co_await manager_.addTorrentFile(std::move(data));
+            task = co_await manager_.addTorrentFile(std::move(data), std::move(place));
         } else {
             const std::string source(objectIn(request).at("source").as_string());
             const bool isMagnet = sourceKindOf(source) == SourceKind::magnetLink;
-            task = isMagnet ? manager_.addMagnet(source) : manager_.addHTTPDownload(source);
+            task = isMagnet ? manager_.addMagnet(source, std::move(place))
+                            : manager_.addHTTPDownload(source, std::move(place));
         }
     } catch (const std::exception& error) {
         failure = textOf(error);

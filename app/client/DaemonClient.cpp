@@ -73,8 +73,8 @@ bool DaemonClient::waitForEnd(std::chrono::seconds limit) const {
     return true;
 }
 
-json::value DaemonClient::addTorrent(Bytes torrentData) {
-    return send("POST", "api/v1/tasks", "application/x-bittorrent", std::move(torrentData));
+json::value DaemonClient::addTorrent(Bytes torrentData, const std::string& query) {
+    return send("POST", "api/v1/tasks" + query, "application/x-bittorrent", std::move(torrentData));
 }
 
 HTTPRequest DaemonClient::request(const std::string& method, const std::string& path, const std::string& contentType,

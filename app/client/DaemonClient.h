@@ -30,7 +30,8 @@ public:
     ~DaemonClient() override;
 
     // All that asks the daemon throws NoDaemon when it is gone.
-    boost::json::value addTorrent(Bytes torrentData);
+    /// `query` begins with "?": where it is to go.
+    boost::json::value addTorrent(Bytes torrentData, const std::string& query);
     /// Waits until the daemon has let go of its home; false when it still has it after `limit`.
     bool waitForEnd(std::chrono::seconds limit) const;
     /// The body of an HTTP(S) address that ends in ".torrent". Throws CommandFailure.

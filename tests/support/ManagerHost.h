@@ -95,7 +95,9 @@ private:
         services.resources = resources;
         services.claims = &claims;
         TorrentSession::Options options = sessionOptions;
-        options.savePath = wishes.folder;
+        options.savePath = wishes.place.folder;
+        options.topName = wishes.place.topName;
+        options.movesAside = wishes.place.movesAside;
         options.isListed = true;
         options.discovery.usesLSD = false;
         options.archive.emplace(homeFolder);
