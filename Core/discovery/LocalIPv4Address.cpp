@@ -7,6 +7,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/udp.hpp>
 
+#include <algorithm>
 #include <cstring>
 
 namespace skein {
@@ -69,6 +70,24 @@ std::optional<std::string> getLocalIPv4Address(FileLogger& log, const LocalBindi
         return interface.address;
     }
     return std::nullopt;
+}
+
+std::vector<std::string> getLocalIPv4Addresses(FileLogger& log, const LocalBinding& binding) {
+    constexpr std::size_t most = 8;
+    std::vector<std::string> addresses;
+    const auto add = [&](const std::string& address) {
+        const bool isKnown = std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+        if (!isKnown && isUsable(address) && addresses.size() < most) addresses.push_back(address);
+    };
+    if (binding.isRestricted()) {
+        for (const IPAddress& address : binding.addresses())
+            if (address.isIPv4()) add(address.text());
+        return addresses;
+    }
+    if (const auto first = getLocalIPv4Address(log, binding)) add(*first);
+    int ignored = 0;  // told by the first look
+    for (const IPv4Interface& interface : readIPv4Interfaces(ignored)) add(interface.address);
+    return addresses;
 }
 
 }  // namespace skein

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace skein {
 
@@ -15,5 +16,9 @@ class FileLogger;
 ///
 /// Sends nothing and waits for nothing. Thread: any.
 std::optional<std::string> getLocalIPv4Address(FileLogger& log, const LocalBinding& binding = {});
+
+/// The same, followed by the addresses of the other interfaces: in how many local networks this machine is found. Eight
+/// at most. Thread: any.
+std::vector<std::string> getLocalIPv4Addresses(FileLogger& log, const LocalBinding& binding = {});
 
 }  // namespace skein

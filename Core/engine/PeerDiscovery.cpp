@@ -115,6 +115,12 @@ void PeerDiscovery::start() {
 
 void PeerDiscovery::lookEverywhere() {
     rediscoverPublicBTPeers("all sources", std::chrono::seconds(0));
+    findKnownPeers();
+}
+
+/// Those of earlier runs and of the local network: they may have come up since they were last tried.
+void PeerDiscovery::findKnownPeers() {
+    lastKnownPeersAt_ = environment_.clock.now();
     if (options_.usesHistory && !isPrivate_ && environment_.history != nullptr)
         publicTasks_.spawn(findPeersFromHistory());
     findPeersFromManualLAN();
@@ -136,6 +142,8 @@ asio::awaitable<void> PeerDiscovery::discoveryLoop() {
     while (callbacks_.isDownloading() || usesDHT()) {
         co_await environment_.clock.sleep(callbacks_.isDownloading() ? loopInterval : seedingInterval);
         rediscoverPublicBTPeers("periodic");
+        const bool hasFewPeers = callbacks_.isDownloading() && callbacks_.connectedPeers() < fewPeers;
+        if (hasFewPeers && environment_.clock.now() - lastKnownPeersAt_ >= knownPeersInterval) findKnownPeers();
     }
     loopRuns_ = false;
 }

@@ -45,6 +45,8 @@ public:
     using Tiers = std::vector<std::vector<std::string>>;
 
     static constexpr std::chrono::seconds loopInterval{20};
+    /// While peers are few, those of earlier runs and of the local network are tried again after so long.
+    static constexpr std::chrono::seconds knownPeersInterval{60};
     /// Between two searches of trackers and DHT, whatever the reason.
     static constexpr std::chrono::seconds minInterval{30};
     /// A seeder is announced to the DHT again before nodes forget it (BEP 5: peers are kept for about half an hour).
@@ -121,6 +123,7 @@ private:
     void handleTrackerAnswer(const TrackerAnnounceOutcome& outcome);
     asio::awaitable<void> findPeersFromDHT();
     asio::awaitable<void> findPeersFromHistory();
+    void findKnownPeers();
     void findPeersFromManualLAN();
     void startLANPortScanIfNeeded();
     asio::awaitable<void> scanLAN();
@@ -147,6 +150,7 @@ private:
     std::optional<Clock::TimePoint> lastPublicBTDiscoveryAt_;
     std::optional<Clock::TimePoint> lastDHTAnnounceAt_;
     std::optional<Clock::TimePoint> lastLANPortScanAt_;
+    Clock::TimePoint lastKnownPeersAt_{};
     std::size_t dhtPeers_ = 0;
     std::unique_ptr<TrackerAnnouncer> announcer_;
     std::unique_ptr<LSDService> lsdService_;

@@ -104,12 +104,14 @@ std::vector<PeerAddress> ServicePeers::addressesOf(const SkeinPeerInfo& info, bo
 }
 
 void ServicePeers::connectTo(const SkeinPeerInfo& info, const ServiceAccess& access, const Facts& facts) {
-    if (info.userId.empty() || (info.userId == access.userID && !info.selfLAN)) return;
+    if (info.userId.empty()) return;
+    // Another machine of the same account is a peer like others, but one that pays nobody.
+    const bool isOwn = info.selfLAN || info.userId == access.userID;
     // One that serves nobody has nothing for us.
     if (!facts.isSeeding && info.uploadMode == UploadMode::disabled) return;
     DialRequest request;
     request.source = info.uploadMode == UploadMode::free ? PeerSource::skeinServerFree : PeerSource::skeinServerPaid;
-    request.servicePeer = ServicePeer{info.userId, environment_.uploadMode == UploadMode::free,
+    request.servicePeer = ServicePeer{info.userId, environment_.uploadMode == UploadMode::free || isOwn,
                                       std::max<std::int64_t>(info.speedLimit, 0), info.selfLAN, facts.isSeeding};
     request.address = PeerAddress::fromHost(info.ip, info.port);
     listedAt_[request.address.host].push_back(*request.servicePeer);

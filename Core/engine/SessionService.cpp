@@ -53,10 +53,8 @@ asio::awaitable<void> SessionService::signIn() {
         userID_ = user;
     }
     if (userID_.empty()) co_return registration_.withdraw();
-    auto findAddress = [this] { return getLocalIPv4Address(environment_.log, environment_.binding); };
-    const std::optional<std::string> address = co_await runOn(environment_.disk, std::move(findAddress));
-    localIP_.clear();
-    if (address) localIP_.push_back(*address);
+    auto findAddresses = [this] { return getLocalIPv4Addresses(environment_.log, environment_.binding); };
+    localIP_ = co_await runOn(environment_.disk, std::move(findAddresses));
     announce();
     peers_.startSkeinServerDiscoveryLoop();
 }
