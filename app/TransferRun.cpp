@@ -133,10 +133,7 @@ int TransferRun::run() {
 }
 
 asio::awaitable<void> TransferRun::runAll() {
-    for (const auto& transfer : transfers_) {
-        if (transfer->session) report_.listening(transfer->status, host_.listener().port(), host_.dhtPort());
-        tasks_.spawn(startOne(*transfer));
-    }
+    for (const auto& transfer : transfers_) tasks_.spawn(startOne(*transfer));
     tasks_.spawn(showOverview());
     if (goal_.timeout > std::chrono::seconds::zero()) tasks_.spawn(giveUpAfterTimeout());
     while (!isOver()) co_await changed_.wait();
@@ -228,6 +225,9 @@ TorrentSession::Callbacks TransferRun::callbacksFor(Transfer& transfer) {
     };
     callbacks.onStallChanged = [this, onOurs, &transfer](const std::optional<StallReason>& reason) {
         onOurs([this, &transfer, reason] { report_.stall(transfer.status, reason); });
+    };
+    callbacks.onListening = [this, onOurs, &transfer] {
+        onOurs([this, &transfer] { report_.listening(transfer.status, host_.listener().port(), host_.dhtPort()); });
     };
     callbacks.onVerifyProgress = [onOurs, &transfer](int checked, int total) {
         onOurs([&transfer, checked, total] { transfer.status.verified = total == 0 ? 1 : 1.0 * checked / total; });

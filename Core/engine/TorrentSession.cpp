@@ -93,6 +93,7 @@ void TorrentSession::setMetaInfo(std::shared_ptr<const TorrentMetaInfo> metaInfo
 /// From the metainfo to a running torrent.
 asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
     if (callbacks_.onMetadataReceived) callbacks_.onMetadataReceived(*metaInfo_);
+    co_await startListening();
     const bool saves = options_.savesTorrent && !options_.seedsOnly;
     // Before the check, which may take minutes: whoever starts again meanwhile finds the .torrent.
     if (saves) co_await keepTorrentCopy(torrentData);
@@ -108,7 +109,7 @@ asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
         setStatus("Files already exist, download complete");
         setState(Kind::completed);
     }
-    co_await enterRunning();
+    enterRunning();
 }
 
 asio::awaitable<void> TorrentSession::keepTorrentCopy(Bytes torrentData) {
@@ -199,7 +200,7 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
 }
 
 /// Seeds when all is there (or nothing may be fetched), downloads otherwise.
-asio::awaitable<void> TorrentSession::enterRunning() {
+void TorrentSession::enterRunning() {
     peerPool_.allowPeers();
     if (pieceManager_->isComplete() || options_.seedsOnly) {
         setState(Kind::seeding);
@@ -208,7 +209,6 @@ asio::awaitable<void> TorrentSession::enterRunning() {
         setState(Kind::downloading);
     }
     makeDiscovery();  // peers are told at once whether we take part in their exchange
-    co_await startListening();
     adoptConnectedPeers();
     startPeerDiscoveryForDownload();
     startService();
@@ -221,16 +221,17 @@ asio::awaitable<void> TorrentSession::enterRunning() {
 asio::awaitable<void> TorrentSession::startListening() {
     if (isListening_) co_return;
     isListening_ = true;
+    peerPool_.allowPeers();
     // The listener's strand hands over to ours; the session removes its entry before it goes.
     PeerListener::Handler handler = [this](std::unique_ptr<PeerWireTransport> transport, PeerAddress address) {
         asio::dispatch(tasks_.strand(),
                        [this, transport = std::move(transport), address = std::move(address)]() mutable {
-                           if (exchange_ || metadataSearch_)
-                               peerPool_.handleIncomingConnection(std::move(transport), std::move(address));
+                           peerPool_.handleIncomingConnection(std::move(transport), std::move(address));
                        });
     };
     co_await services_.listener.add(infoHash_, std::move(handler));
     services_.log.info("[Session] TCP listener started on port ", services_.listener.port());
+    if (callbacks_.onListening) callbacks_.onListening();
 }
 
 // --- discovery -------------------------------------------------------------------------------------------------------
@@ -338,9 +339,9 @@ void TorrentSession::onPeerReady(PeerPool::Peer& peer) {
     if (service_) service_->onPeerReady(peer);
     if (exchange_) {
         exchange_->addPeer(peer);
-    } else {
+    } else if (metadataSearch_) {
         peer.connection->sendInterested();
-    }
+    }  // else the files are being verified, and the peer is adopted after that
     sendExtendedHandshake(peer);
     reportPeers();
     startProgressLoop();
@@ -350,10 +351,23 @@ void TorrentSession::onPeerGone(const PeerPool::Peer& peer) {
     if (exchange_) exchange_->removePeer(peer.key);
     if (metadataSearch_) metadataSearch_->removePeer(peer.key);
     if (service_) service_->onPeerGone(peer);
+    rememberHow(peer);
     const std::size_t left = peerPool_.connected().size();
     if (state_.kind != Kind::downloading || left >= fewPeers || tasks_.isStopping()) return;
     services_.log.info("[Session] Low peer count (", left, "), re-announcing to trackers...");
     if (discovery_) discovery_->findPeersFromTrackers();
+}
+
+/// Notes for later runs whether the peer that left was of any use.
+void TorrentSession::rememberHow(const PeerPool::Peer& peer) {
+    const bool isWorthNoting = peer.connection->direction() == PeerDirection::outgoing && !peer.isNamedByUser;
+    if (!discovery_ || !isWorthNoting || tasks_.isStopping()) return;
+    const PeerConnection::RuntimeStats stats = peer.connection->runtimeStats();
+    if (stats.downloaded + stats.uploaded > 0) {
+        discovery_->recordSuccess(peer.connection->address(), peer.source);
+    } else {
+        discovery_->recordFailure(peer.connection->address(), peer.source);
+    }
 }
 
 // --- state -----------------------------------------------------------------------------------------------------------
@@ -420,7 +434,7 @@ asio::awaitable<void> TorrentSession::doResume() {
     while (isPausing_) co_await pauseStep_.wait();
     if (state_.kind != Kind::paused) co_return;
     if (exchange_) {
-        co_await enterRunning();
+        enterRunning();
     } else if (magnetLink_ && !metadataSearch_) {
         MagnetLink magnet = *magnetLink_;
         tasks_.spawn(fetchMetadata(std::move(magnet)));
@@ -436,7 +450,7 @@ asio::awaitable<void> TorrentSession::doRecheck() {
     const int missing = metaInfo_->pieceCount() - pieceManager_->completedPieces();
     setStatus(missing == 0 ? "Verification complete — files intact, seeding started"
                            : "Verification complete — " + std::to_string(missing) + " pieces missing");
-    co_await enterRunning();
+    enterRunning();
 }
 
 asio::awaitable<void> TorrentSession::doRecheckWith(Bytes torrentData) {

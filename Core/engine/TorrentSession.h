@@ -70,6 +70,8 @@ public:
         std::function<void(const std::vector<TrackerRuntimeInfo>&)> onTrackerDetailsUpdated;
         /// When the reason why nothing moves changes; nothing: bytes move, or are about to.
         std::function<void(const std::optional<StallReason>&)> onStallChanged;
+        /// Peers that connect to the listening port are answered from now on; until the files are verified they wait.
+        std::function<void()> onListening;
         /// While existing data is verified.
         std::function<void(int checkedPieces, int totalPieces)> onVerifyProgress;
     };
@@ -162,7 +164,7 @@ private:
     /// `mayResume`: what a resume record says may be believed.
     asio::awaitable<void> openPieces(bool mayResume);
     asio::awaitable<void> beginTransfer(Bytes torrentData);
-    asio::awaitable<void> enterRunning();
+    void enterRunning();
     asio::awaitable<void> startListening();
 
     asio::awaitable<void> fetchMetadata(MagnetLink magnet);
@@ -200,6 +202,7 @@ private:
     void sendExtendedHandshake(const PeerPool::Peer& peer);
     void onPeerReady(PeerPool::Peer& peer);
     void onPeerGone(const PeerPool::Peer& peer);
+    void rememberHow(const PeerPool::Peer& peer);
     void markCompleted();
     void startProgressLoop();
     asio::awaitable<void> progressLoop();

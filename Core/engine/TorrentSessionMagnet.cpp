@@ -21,6 +21,7 @@ asio::awaitable<void> TorrentSession::fetchMetadata(MagnetLink magnet) {
     peerPool_.allowPeers();
     makeDiscovery();
     makeMetadataSearch();
+    tasks_.spawn(startListening());
     std::optional<MetadataSearch::Found> found = co_await metadataSearch_->run();
     co_await metadataSearch_->stop();
     metadataSearch_.reset();
@@ -55,7 +56,6 @@ void TorrentSession::makeMetadataSearch() {
 
 /// The cache sites had nothing, or let us wait: the peers are asked.
 void TorrentSession::startPeerStrategy() {
-    tasks_.spawn(startListening());
     if (magnetLink_->trackers.empty())
         services_.log.info("[Session] No trackers in magnet, using fallback public trackers");
     services_.log.info("[Session] [策略2] Trackers: ", discovery_->trackerCount(), " total");

@@ -32,6 +32,16 @@ TEST_F(TorrentSessionTest, downloadsFromASeederWhoThenRests) {
     EXPECT_EQ(simulation.sleepers(), 0U) << "a seeding torrent that nobody talks to wakes nobody up";
 }
 
+TEST_F(TorrentSessionTest, answersPeersWhileItsFilesAreStillVerified) {
+    const auto seeder = make('s', {.seedsOnly = true});
+    Bytes data = torrentData;
+    simulation.start(seeder->session().start(std::move(data)));
+    simulation.runUntil([&] { return seeder->hasLogged("[Session] TCP listener started on port "); });
+    EXPECT_FALSE(seeder->hasLogged("verifyExistingPieces done"));
+    auto getter = startGetter(seeder->address());
+    waitUntilWhole(*getter);  // over that connection: no time passes in which it could be dialled again
+}
+
 TEST_F(TorrentSessionTest, goesOnFromWhatIsThereAndServesWhileItDownloads) {
     torrent.writeTo(getterFolder.path());
     std::filesystem::resize_file(getterFolder.path() / "t/sub/b", 100'000);
