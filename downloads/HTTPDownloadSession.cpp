@@ -2,6 +2,7 @@
 
 #include "downloads/HTTPFileName.h"
 #include "downloads/ResponsePlan.h"
+#include "public/common/HTTPDate.h"
 #include "public/common/RunOn.h"
 #include "public/common/Within.h"
 
@@ -190,12 +191,13 @@ asio::awaitable<void> HTTPDownloadSession::run(bool isResumption) {
         const std::int64_t reached = part_ ? part_->size() : 0;
         if (reached - furthest >= recoveryBytes) retries = 0;
         furthest = std::max(furthest, reached);
+        if (ending == Ending::adopted) continue;
         if (ending == Ending::startAgain) {
             goesOn = co_await startAgain();
         } else if (ending == Ending::failed || retries == maxRetries) {
             goesOn = false;
         } else {
-            co_await waitToRetry(++retries);
+            co_await waitToRetry(++retries, ending);
         }
     }
     co_await handleError();
@@ -230,12 +232,19 @@ asio::awaitable<HTTPDownloadSession::Ending> HTTPDownloadSession::transfer(HTTPS
     const std::int64_t partBytes = part_ ? part_->size() : 0;
     const ResponsePlan plan = ResponsePlan::of(head, resumeData_, partBytes);
     if (plan.action == ResponsePlan::Action::askAgain) co_return Ending::startAgain;
-    if (plan.action == ResponsePlan::Action::refuse) {
+    const bool isBusy = plan.action == ResponsePlan::Action::askLater;
+    if (isBusy || plan.action == ResponsePlan::Action::refuse) {
         failure_.message = failure_.status = "HTTP " + std::to_string(head.status);
         environment_.log.warning("[HTTP] refused: ", failure_.message);
-        co_return Ending::failed;
+        retryAfter_ =
+            retryAfterIn(head.header("retry-after").value_or(std::string_view()), environment_.clock.wallNow());
+        co_return isBusy ? Ending::busy : Ending::failed;
     }
     const bool restarts = plan.action == ResponsePlan::Action::restart || partBytes == 0;
+    if (!part_) {
+        const bool isAdopted = co_await adoptPart(head, plan.totalBytes);
+        if (isAdopted) co_return Ending::adopted;
+    }
     co_await handleResponse(head, restarts, plan.totalBytes);
     for (;;) {
         std::vector<Bytes> chunks = co_await within(environment_.clock, stallLimit, stream.read());
@@ -262,15 +271,17 @@ asio::awaitable<void> HTTPDownloadSession::handleResponse(const HTTPResponse& he
     setStatus(head.status == 206 ? "Server supports resume, downloading..." : "Downloading...");
     takeOver(totalBytes);
     setStatus("Downloading " + part_->name());
+    handleProgress();  // first: what is there already is none of what comes now
     setState(State::Kind::downloading);
-    handleProgress();
 }
 
-asio::awaitable<void> HTTPDownloadSession::waitToRetry(int retry) {
-    const auto delay = firstRetryDelay * (1 << (retry - 1));
+asio::awaitable<void> HTTPDownloadSession::waitToRetry(int retry, Ending why) {
+    std::chrono::seconds delay = firstRetryDelay * (1 << (retry - 1));
+    if (why == Ending::busy && retryAfter_) delay = std::clamp(*retryAfter_, firstRetryDelay, longestRetryDelay);
     setState(State::Kind::connecting);
-    setStatus("Connection lost, retrying in " + std::to_string(delay.count()) + " s (" + std::to_string(retry) +
-              " of " + std::to_string(maxRetries) + ")");
+    setStatus((why == Ending::busy ? "The server is busy (" + failure_.message + ")" : "Connection lost") +
+              ", retrying in " + std::to_string(delay.count()) + " s (" + std::to_string(retry) + " of " +
+              std::to_string(maxRetries) + ")");
     co_await environment_.clock.sleep(delay);
     setStatus(part_ && part_->size() > 0 ? "Resuming from breakpoint..." : "Connecting...");
 }

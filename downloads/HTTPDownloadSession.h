@@ -32,8 +32,10 @@ namespace skein {
 /// Downloads one file over HTTP or HTTPS, with pause and resume, also after the process was killed.
 ///
 /// The body goes to NAME.part in the target folder, which takes its name when it is whole; what is needed to go on from
-/// there lies in the resume folder. A lost connection is made anew `maxRetries` times. What the server has changed in
-/// between, or will not send in part, is downloaded from the start.
+/// there lies in the resume folder; what was begun from the same address with another query is gone on with where the
+/// server's validators and size say that it is the same file. A lost connection is made anew `maxRetries` times, and so
+/// often is a busy server asked again. What the server has changed in between, or will not send in part, is downloaded
+/// from the start.
 /// Owner: a command or the download manager, which awaits `stop()` before it lets go; a stopped session is at its end,
 /// and a new one with the same URL and folder goes on. Thread: any; the state lives on one strand, on which the
 /// callbacks come too. Failures become the state `failed`, never exceptions. Source: RFC 9110 (14, ranges), RFC 6266.
@@ -46,6 +48,8 @@ public:
     static constexpr std::int64_t recoveryBytes = std::int64_t{1} << 20U;
     /// A server that sends nothing for so long is a lost connection.
     static constexpr std::chrono::seconds stallLimit{60};
+    /// Whatever a busy server asks for: who waits for a download sees by then that it does not come.
+    static constexpr std::chrono::seconds longestRetryDelay{3600};
     static constexpr std::chrono::seconds recordInterval{5};
     static constexpr std::string_view userAgent =
         "Mozilla/5.0 (Macintosh; Intel Mac OS X 10_15_7) AppleWebKit/605.1.15 (KHTML, like Gecko) Version/17.0 "
@@ -123,7 +127,7 @@ public:
 
 private:
     /// How one request of several ended.
-    enum class Ending : std::uint8_t { complete, lost, startAgain, failed };
+    enum class Ending : std::uint8_t { complete, lost, busy, adopted, startAgain, failed };
     /// What an earlier run has left.
     enum class Opening : std::uint8_t { usable, finished, unusable };
     /// Why it did not bring the file.
@@ -147,10 +151,11 @@ private:
     asio::awaitable<Ending> attempt();
     asio::awaitable<Ending> transfer(HTTPStream& stream);
     asio::awaitable<void> handleResponse(const HTTPResponse& head, bool restarts, std::int64_t totalBytes);
+    asio::awaitable<bool> adoptPart(const HTTPResponse& head, std::int64_t totalBytes);
     asio::awaitable<void> preparePart(ResumeData data);
     asio::awaitable<void> store(std::vector<Bytes>& chunks);
     asio::awaitable<void> storeSlowly(ByteView bytes);
-    asio::awaitable<void> waitToRetry(int retry);
+    asio::awaitable<void> waitToRetry(int retry, Ending why);
     asio::awaitable<bool> startAgain();
     void finishPart();
     asio::awaitable<void> handleCompletion();
@@ -184,8 +189,9 @@ private:
     std::filesystem::path destination_;
     DownloadProgress progress_;
     Throttle throttle_;
-    Failure failure_;           ///< of the last attempt
-    bool hadResponse_ = false;  ///< in this run
+    Failure failure_;                                 ///< of the last attempt
+    std::optional<std::chrono::seconds> retryAfter_;  ///< what the server said, when it was busy
+    bool hadResponse_ = false;                        ///< in this run
     Clock::TimePoint lastReportAt_{};
     Clock::TimePoint lastRecordAt_{};
 

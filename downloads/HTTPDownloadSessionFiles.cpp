@@ -49,6 +49,38 @@ asio::awaitable<HTTPDownloadSession::Opening> HTTPDownloadSession::openPart(bool
     co_return Opening::usable;
 }
 
+/// Takes over what was begun of the same file under the same address with another query, if there is such: it is ours
+/// from then on. What is open elsewhere, or was told to bear another name, stays where it is.
+asio::awaitable<bool> HTTPDownloadSession::adoptPart(const HTTPResponse& head, std::int64_t totalBytes) {
+    auto adopt = [this, &head, totalBytes] {
+        const std::filesystem::path& folder = environment_.resumeFolder;
+        for (ResumeData& data : ResumeData::withOtherQuery(folder, url_, savePath_)) {
+            if (!data.isCertainlyOf(head, totalBytes) || (fileName_ && *fileName_ != data.fileName)) continue;
+            std::unique_ptr<PartFile> part;
+            try {
+                part = PartFile::reopen(savePath_, data.fileName);
+            } catch (const std::system_error&) {
+                continue;
+            }
+            if (!part) continue;
+            part->truncate(data.trustedBytes(part->size()));
+            const std::filesystem::path before = ResumeData::fileFor(folder, data.url, savePath_);
+            data.url = url_;
+            // In this order: killed in between, two records speak of the part, and whoever comes first takes it.
+            data.save(resumeDataURL_);
+            std::filesystem::remove(before);
+            resumeData_ = std::move(data);
+            part_ = std::move(part);
+            return;
+        }
+    };
+    co_await runOn(environment_.disk, std::move(adopt));
+    if (!part_) co_return false;
+    takeOver(totalBytes);
+    setStatus("Resuming from " + formatByteCount(part_->size()));
+    co_return true;
+}
+
 /// Has an empty part, and the resume data that speaks of it.
 asio::awaitable<void> HTTPDownloadSession::preparePart(ResumeData data) {
     resumeData_ = std::move(data);

@@ -11,6 +11,8 @@ constexpr int ok = 200;
 constexpr int nonAuthoritative = 203;
 constexpr int partialContent = 206;
 constexpr int rangeNotSatisfiable = 416;
+constexpr int tooManyRequests = 429;
+constexpr int serviceUnavailable = 503;
 
 /// A decimal number, and nothing else.
 std::optional<std::int64_t> numberIn(std::string_view text) {
@@ -60,6 +62,8 @@ ResponsePlan ResponsePlan::of(const HTTPResponse& head, const ResumeData& data, 
         case nonAuthoritative: return {Action::restart, lengthIn(head)};
         case partialContent: return planOfRange(head, data, partBytes);
         case rangeNotSatisfiable: return {partBytes > 0 ? Action::askAgain : Action::refuse};
+        case tooManyRequests:
+        case serviceUnavailable: return {Action::askLater};
         default: return {};
     }
 }

@@ -26,6 +26,7 @@ struct ResponsePlan {
         append,    ///< it goes on where the part ends
         restart,   ///< it is the whole file, from the start
         askAgain,  ///< it is of no use, and the part neither: ask for the whole
+        askLater,  ///< the server is busy, and may not be another time (429, 503)
         refuse,    ///< it brings no file
     };
     Action action = Action::refuse;

@@ -40,7 +40,29 @@ bool isOneComponent(const std::filesystem::path& name) {
     return !name.empty() && name == name.filename() && name != "." && name != "..";
 }
 
+std::string_view withoutQuery(std::string_view url) { return url.substr(0, url.find_first_of("?#")); }
+
 std::string_view withoutWeakness(std::string_view tag) { return tag.starts_with("W/") ? tag.substr(2) : tag; }
+
+/// Nothing for one that is damaged, or is none.
+std::optional<ResumeData> readRecord(const std::filesystem::path& file) try {
+    const json::value parsed = json::parse(asText(readWholeFile(file, mostRecordBytes)));
+    const json::object& fields = parsed.as_object();
+    ResumeData data;
+    data.url = textIn(fields, "url");
+    data.fileName = textIn(fields, "fileName");
+    data.entityTag = textIn(fields, "entityTag");
+    data.lastModified = textIn(fields, "lastModified");
+    data.totalBytes = sizeIn(fields, "totalBytes");
+    data.syncedBytes = std::max<std::int64_t>(sizeIn(fields, "syncedBytes"), 0);
+    data.bootID = textIn(fields, "bootID");
+    data.finishedName = textIn(fields, "finishedName");
+    if (!isOneComponent(data.fileName)) return std::nullopt;
+    if (!isOneComponent(data.finishedName)) data.finishedName.clear();
+    return data;
+} catch (const std::exception&) {
+    return std::nullopt;
+}
 
 }  // namespace
 
@@ -62,6 +84,11 @@ bool ResumeData::agreesWith(const HTTPResponse& head) const {
         return withoutWeakness(*tag) == withoutWeakness(entityTag);
     const auto modified = head.header("last-modified");
     return !modified || lastModified.empty() || *modified == lastModified;
+}
+
+bool ResumeData::isCertainlyOf(const HTTPResponse& head, std::int64_t size) const {
+    const std::string mine = validator();
+    return !mine.empty() && size >= 0 && size == totalBytes && mine == of({}, {}, head, size).validator();
 }
 
 bool ResumeData::isFinishedIn(const std::filesystem::path& folder) const {
@@ -87,23 +114,23 @@ std::filesystem::path ResumeData::fileFor(const std::filesystem::path& folder, s
     return folder / ("resume_" + toHex(sha1(asBytes(source))) + ".dat");
 }
 
-std::optional<ResumeData> ResumeData::load(const std::filesystem::path& file, std::string_view url) try {
-    const json::value parsed = json::parse(asText(readWholeFile(file, mostRecordBytes)));
-    const json::object& fields = parsed.as_object();
-    ResumeData data;
-    data.url = textIn(fields, "url");
-    data.fileName = textIn(fields, "fileName");
-    data.entityTag = textIn(fields, "entityTag");
-    data.lastModified = textIn(fields, "lastModified");
-    data.totalBytes = sizeIn(fields, "totalBytes");
-    data.syncedBytes = std::max<std::int64_t>(sizeIn(fields, "syncedBytes"), 0);
-    data.bootID = textIn(fields, "bootID");
-    data.finishedName = textIn(fields, "finishedName");
-    if (data.url != url || !isOneComponent(data.fileName)) return std::nullopt;
-    if (!isOneComponent(data.finishedName)) data.finishedName.clear();
-    return data;
-} catch (const std::exception&) {
-    return std::nullopt;
+std::optional<ResumeData> ResumeData::load(const std::filesystem::path& file, std::string_view url) {
+    auto data = readRecord(file);
+    return data && data->url == url ? std::move(data) : std::nullopt;
+}
+
+std::vector<ResumeData> ResumeData::withOtherQuery(const std::filesystem::path& folder, std::string_view url,
+                                                   const std::filesystem::path& savePath) {
+    std::vector<ResumeData> found;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        auto data = readRecord(entry.path());
+        if (!data || data->url == url || withoutQuery(data->url) != withoutQuery(url)) continue;
+        // The record's name alone says which folder it is about.
+        if (fileFor(folder, data->url, savePath).filename() == entry.path().filename())
+            found.push_back(std::move(*data));
+    }
+    return found;
 }
 
 void ResumeData::save(const std::filesystem::path& file) const {

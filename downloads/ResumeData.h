@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace skein {
 
@@ -37,6 +38,9 @@ struct ResumeData {
     bool isResumable() const { return totalBytes >= 0 || !validator().empty(); }
     /// Whether `head` does not contradict that it is the same file.
     bool agreesWith(const HTTPResponse& head) const;
+    /// Whether `head`, of a response with the whole file of `size` bytes (-1: not known), tells by a validator and the
+    /// size that it is the same file.
+    bool isCertainlyOf(const HTTPResponse& head, std::int64_t size) const;
     /// Whether the file is whole, and in `folder` under its name. Blocks: disk pool only.
     bool isFinishedIn(const std::filesystem::path& folder) const;
     /// How much of an unfinished file of `size` bytes is taken for good.
@@ -47,6 +51,10 @@ struct ResumeData {
                                          const std::filesystem::path& savePath);
     /// Nothing when there is none, or it is damaged or of another URL. Blocks: disk pool only.
     static std::optional<ResumeData> load(const std::filesystem::path& file, std::string_view url);
+    /// What is kept in `folder` of downloads to `savePath` from `url` with another query, such as a token that has
+    /// expired. Whether it is of the same file, a response must tell. Blocks, as above.
+    static std::vector<ResumeData> withOtherQuery(const std::filesystem::path& folder, std::string_view url,
+                                                  const std::filesystem::path& savePath);
     /// Replaces the file as a whole, readable by its owner alone (a URL may hold a password). Throws
     /// std::system_error. Blocks, as above.
     void save(const std::filesystem::path& file) const;

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <ctime>
 #include <sys/resource.h>
 
 namespace skein {
@@ -189,6 +190,87 @@ TEST_F(HTTPDownloadSessionTest, silenceIsALostConnection) {
     simulation.advance(1s);
     expectRetry(1s);
     waitUntilWhole();
+}
+
+TEST_F(HTTPDownloadSessionTest, aServerThatAcceptsAndSaysNothingIsALostConnection) {
+    const auto honest = script;
+    script = [](const SeenHTTPRequest&) { return HTTPReply{.raw = Bytes()}; };
+    start(Kind::connecting);
+    simulation.runUntil([&] { return server.requests().size() == 1; });
+    simulation.advance(HTTPDownloadSession::stallLimit);
+    script = honest;
+    expectRetry(1s);
+    waitUntilWhole();
+}
+
+TEST_F(HTTPDownloadSessionTest, aBusyServerIsAskedAgainWhenItSaysOrWithGrowingDelaysAndThenGivenUp) {
+    const auto honest = script;
+    std::string retryAfter;
+    int status = 503;
+    script = [&](const SeenHTTPRequest&) {
+        HTTPReply reply = HTTPReply::text("later", status);
+        if (!retryAfter.empty()) reply.headers.push_back({"Retry-After", retryAfter});
+        return reply;
+    };
+    start(Kind::connecting);
+    for (const auto delay : {1s, 2s, 4s, 8s, 16s}) expectRetry(delay);
+    waitFor(Kind::failed);
+    EXPECT_EQ(message, "HTTP 503");
+    EXPECT_EQ(server.requests().size(), 6U);
+
+    status = 429;
+    const auto date = std::chrono::floor<std::chrono::seconds>(simulation.wallNow()) + 90s;
+    const std::time_t seconds = date.time_since_epoch().count();
+    char asDate[64];
+    std::strftime(asDate, sizeof asDate, "%a, %d %b %Y %H:%M:%S GMT", std::gmtime(&seconds));
+    for (const auto& [said, delay] : {std::pair<std::string, std::chrono::seconds>{"30", 30s},
+                                      {asDate, 90s},
+                                      {"Sun, 06 Nov 1994 08:49:37 GMT", 1s},
+                                      {"99999999999999999999", HTTPDownloadSession::longestRetryDelay},
+                                      {"soon", 1s}}) {
+        retryAfter = said;
+        start(Kind::connecting);
+        simulation.runUntil([&] { return statuses.back().starts_with("The server is busy (HTTP 429), retrying in "); });
+        EXPECT_THAT(statuses.back(), HasSubstr(" " + std::to_string(delay.count()) + " s (1 of 5)")) << said;
+    }
+    script = honest;
+    expectRetry(1s);
+    waitUntilWhole();
+}
+
+TEST_F(HTTPDownloadSessionTest, anotherQueryFindsItsPartWhereTheServerSaysThatItIsTheSameFile) {
+    const auto begin = [&](const std::string& target) {
+        stallAfter = 30'000;
+        start(Kind::downloading, target);
+        simulation.runUntil([&] { return std::filesystem::file_size(folder / "file.bin.part") == stallAfter; });
+        stallAfter = SIZE_MAX;
+    };
+    begin("/dir/file.bin?token=old");
+    start(Kind::completed, "/dir/file.bin?token=new");
+    EXPECT_EQ(lastHeader("range"), "bytes=30000-");
+    EXPECT_EQ(lastHeader("if-range"), "\"one\"");
+    EXPECT_EQ(name, "file.bin");
+    EXPECT_EQ(read(name), content);
+    EXPECT_EQ(filesIn(resumeFolder), 0U);
+
+    // Two files of one address, of which the query says which: neither touches the other's part.
+    std::filesystem::remove(folder / "file.bin");
+    begin("/dir/file.bin?id=1");
+    const Bytes first = std::exchange(content, Bytes(100'000, 7));
+    for (const std::string other : {"\"two\"", "W/\"one\"", ""}) {
+        entityTag = other;
+        start(Kind::completed, "/dir/file.bin?id=2");
+        EXPECT_EQ(read(name), content) << other;
+        EXPECT_EQ(read("file.bin.part").size(), 30'000U);
+    }
+    entityTag = "\"one\"";
+    content.push_back(0);  // the tag alone is not believed
+    start(Kind::completed, "/dir/file.bin?id=3");
+    EXPECT_EQ(read(name), content);
+    content = first;
+    start(Kind::completed, "/dir/file.bin?id=1");
+    EXPECT_EQ(lastHeader("range"), "bytes=30000-");
+    EXPECT_EQ(read(name), content);
 }
 
 TEST_F(HTTPDownloadSessionTest, aSessionGoesOnWhereTheLastOneWasStoppedOrKilled) {
