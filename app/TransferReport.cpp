@@ -41,6 +41,17 @@ std::string formatPercent(double fraction) {
     return text;
 }
 
+std::string amount(const TransferStatus& of) {
+    if (!of.total) return formatByteCount(of.downloaded) + " of unknown size";
+    const double fraction = *of.total == 0 ? 1 : static_cast<double>(of.downloaded) / static_cast<double>(*of.total);
+    return formatPercent(fraction) + " of " + formatByteCount(*of.total);
+}
+
+std::string timeLeft(const TransferStatus& of) {
+    const auto missing = static_cast<double>(of.total.value_or(0) - of.downloaded);
+    return formatDuration(std::max(missing, 0.0) / static_cast<double>(of.downloadRate));
+}
+
 }  // namespace
 
 std::string_view textOf(TorrentSession::State::Kind kind) noexcept {
@@ -113,13 +124,13 @@ void TransferReport::fileInfo(const TransferStatus& of) {
     if (!isJSON_) return;
     JSONLine line(clock_, of, "metadata");
     line.object["name"] = of.name;
-    line.object["totalSize"] = of.total;
+    line.object["totalSize"] = of.total.value_or(0);
     line.object["pieceCount"] = 0;
     line.object["fileCount"] = 1;
 }
 
-void TransferReport::stall(const TransferStatus& of, const std::optional<StallReason>& reason) {
-    lastStall_ = reason ? reason->sentence() : "";
+void TransferReport::stall(TransferStatus& of, const std::optional<StallReason>& reason) {
+    of.stall = reason ? reason->sentence() : "";
     if (!isJSON_ || !reason) return;
     JSONLine line(clock_, of, "stalled");
     line.object["cause"] = textOf(reason->cause);
@@ -131,7 +142,7 @@ void TransferReport::progress(const TransferStatus& of) {
     JSONLine line(clock_, of, "progress");
     line.object["progress"] = of.progress;
     line.object["downloaded"] = of.downloaded;
-    line.object["total"] = of.total;
+    line.object["total"] = of.total.value_or(0);
     line.object["downloadRate"] = of.downloadRate;
     line.object["uploadRate"] = of.uploadRate;
     line.object["uploaded"] = of.uploaded;
@@ -156,16 +167,19 @@ void TransferReport::completed(const TransferStatus& of, double seconds, bool ha
     if (isJSON_) {
         JSONLine line(clock_, of, "completed");
         line.object["seconds"] = seconds;
-        line.object["bytes"] = of.total;
+        line.object["bytes"] = of.total.value_or(of.downloaded);
         return;
     }
     line_ = std::make_unique<ProgressLine>(clock_);  // takes the old one off the terminal
+    const std::string size = formatByteCount(of.total.value_or(of.downloaded));
     if (!hasDownloaded) {
-        std::cout << printable(of.name) << ": all " << formatByteCount(of.total) << " are there already" << std::endl;
+        std::cout << printable(of.name) << ": all " << size << " are there already" << std::endl;
         return;
     }
-    const auto rate = static_cast<std::int64_t>(static_cast<double>(of.total) / std::max(seconds, 0.001));
-    std::cout << printable(of.name) << ": complete, " << formatByteCount(of.total) << " in " << formatDuration(seconds)
+    const std::int64_t fresh = of.total.value_or(of.downloaded) - of.present;
+    const auto rate = static_cast<std::int64_t>(static_cast<double>(fresh) / std::max(seconds, 0.001));
+    std::cout << printable(of.name) << ": complete, " << size
+              << (of.present > 0 ? ", " + formatByteCount(fresh) + " of it" : "") << " in " << formatDuration(seconds)
               << " (" << formatByteCount(rate) << "/s)" << std::endl;
 }
 
@@ -185,8 +199,10 @@ void TransferReport::overview(const std::vector<const TransferStatus*>& all) {
     std::size_t verifying = 0;
     std::size_t fetching = 0;
     bool isDownloading = false;
+    sum.total = 0;
     for (const TransferStatus* const one : all) {
-        sum.total += one->total;
+        sum.total = sum.total && one->total ? std::optional(*sum.total + *one->total) : std::nullopt;
+        if (!one->stall.empty()) sum.stall = one->stall;
         sum.downloaded += one->downloaded;
         sum.downloadRate += one->downloadRate;
         sum.uploadRate += one->uploadRate;
@@ -202,24 +218,21 @@ void TransferReport::overview(const std::vector<const TransferStatus*>& all) {
         return line_->show(name + ": verifying " + formatPercent(sum.verified / static_cast<double>(all.size())));
     const std::string peers = std::to_string(sum.peers) + (sum.peers == 1 ? " peer" : " peers");
     if (fetching == all.size()) {
-        const std::string& said = lastStall_.empty() ? lastStatus_ : lastStall_;
+        const std::string& said = sum.stall.empty() ? lastStatus_ : sum.stall;
         return line_->show(name + ": " + printable(said) + ", " + peers);
     }
     const std::string up = formatByteCount(sum.uploadRate) + "/s up";
     if (!isDownloading)
         return line_->show(name + ": seeding, " + up + ", " + formatByteCount(sum.uploaded) + " sent, " + peers);
-    const double fraction = sum.total == 0 ? 1 : static_cast<double>(sum.downloaded) / static_cast<double>(sum.total);
-    std::string text = name + ": " + formatPercent(fraction) + " of " + formatByteCount(sum.total) + ", " +
-                       formatByteCount(sum.downloadRate) + "/s down, " + up + ", " + peers;
-    if (sum.downloadRate > 0)
-        text +=
-            ", " +
-            formatDuration(static_cast<double>(sum.total - sum.downloaded) / static_cast<double>(sum.downloadRate)) +
-            " left";
-    else if (!lastStall_.empty())
-        text += ", " + printable(lastStall_);
-    else if (!lastStatus_.empty())
+    std::string text =
+        name + ": " + amount(sum) + ", " + formatByteCount(sum.downloadRate) + "/s down, " + up + ", " + peers;
+    if (sum.downloadRate > 0) {
+        if (sum.total) text += ", " + timeLeft(sum) + " left";
+    } else if (!sum.stall.empty()) {
+        text += ", " + printable(sum.stall);
+    } else if (!lastStatus_.empty()) {
         text += ", " + printable(lastStatus_);
+    }
     line_->show(text);
 }
 

@@ -19,13 +19,15 @@ struct TransferStatus {
     std::string name;
     TorrentSession::State::Kind state = TorrentSession::State::Kind::idle;
     double progress = 0;
-    std::int64_t total = 0;       ///< bytes
-    std::int64_t downloaded = 0;  ///< verified bytes
+    std::optional<std::int64_t> total;  ///< bytes; nothing while it is not known
+    std::int64_t downloaded = 0;        ///< verified bytes
+    std::int64_t present = 0;           ///< those of `downloaded` that were there before the transfer began
     std::int64_t uploaded = 0;
     std::int64_t downloadRate = 0;  ///< bytes a second
     std::int64_t uploadRate = 0;
     std::size_t peers = 0;  ///< connected
     double verified = 0;    ///< the fraction checked while existing data is verified
+    std::string stall;      ///< why nothing moves; empty while something does
 };
 
 /// Tells the user what transfers do: one JSON object a line on stdout, or a progress line on stderr and results on
@@ -45,7 +47,7 @@ public:
     /// A web server said what it sends.
     void fileInfo(const TransferStatus& of);
     /// Why nothing moves; nothing: something does.
-    void stall(const TransferStatus& of, const std::optional<StallReason>& reason);
+    void stall(TransferStatus& of, const std::optional<StallReason>& reason);
     void progress(const TransferStatus& of);
     void peers(const TransferStatus& of, const std::vector<PeerRuntimeInfo>& rows);
     void trackers(const TransferStatus& of, const std::vector<TrackerRuntimeInfo>& rows);
@@ -62,7 +64,6 @@ private:
     const bool isJSON_;
     std::unique_ptr<ProgressLine> line_;
     std::string lastStatus_;
-    std::string lastStall_;
 };
 
 /// As interface texts have it: "downloading", "seeding", …

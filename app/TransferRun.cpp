@@ -167,7 +167,8 @@ asio::awaitable<void> TransferRun::giveUpAfterTimeout() {
     isTimedOut_ = true;
     for (const auto& transfer : transfers_)
         if (!transfer->isDone && !transfer->hasFailed)
-            report_.error(transfer->status, "not complete after " + std::to_string(goal_.timeout.count()) + " s");
+            report_.error(transfer->status, "not complete after " + std::to_string(goal_.timeout.count()) + " s" +
+                                                (transfer->status.stall.empty() ? "" : ": " + transfer->status.stall));
     changed_.notify();
 }
 
@@ -259,7 +260,8 @@ void TransferRun::onPeers(Transfer& transfer, const std::vector<PeerRuntimeInfo>
 void TransferRun::onState(Transfer& transfer, const TorrentSession::State& state) {
     transfer.status.state = state.kind;
     report_.state(transfer.status, state.message);
-    if (state.kind == Kind::downloading) transfer.hasDownloaded = true;
+    if (state.kind == Kind::downloading && !std::exchange(transfer.hasDownloaded, true))
+        transfer.status.present = transfer.status.downloaded;
     if (state.kind == Kind::error) {
         report_.error(transfer.status, state.message);
         transfer.hasFailed = true;
@@ -287,7 +289,8 @@ HTTPDownloadSession::Callbacks TransferRun::webCallbacksFor(Transfer& transfer) 
         onOurs([this, &transfer, fraction, downloaded, total, bytesPerSecond] {
             transfer.status.progress = fraction;
             transfer.status.downloaded = downloaded;
-            transfer.status.total = std::max(total, downloaded);
+            if (total >= 0) transfer.status.total = total;
+            transfer.status.present = std::min(transfer.status.present, downloaded);
             transfer.status.downloadRate = static_cast<std::int64_t>(bytesPerSecond);
             report_.progress(transfer.status);
         });
@@ -295,7 +298,7 @@ HTTPDownloadSession::Callbacks TransferRun::webCallbacksFor(Transfer& transfer) 
     callbacks.onFileInfoReceived = [this, onOurs, &transfer](const std::string& fileName, std::int64_t total) {
         onOurs([this, &transfer, fileName, total] {
             transfer.status.name = fileName;
-            transfer.status.total = std::max<std::int64_t>(total, 0);
+            transfer.status.total = total >= 0 ? std::optional(total) : std::nullopt;
             report_.fileInfo(transfer.status);
         });
     };
@@ -316,7 +319,8 @@ void TransferRun::onWebState(Transfer& transfer, const HTTPDownloadSession::Stat
         case WebKind::completed: transfer.status.state = Kind::completed; break;
         case WebKind::failed: transfer.status.state = Kind::error; break;
     }
-    transfer.hasDownloaded = true;
+    if (state.kind == WebKind::downloading && !std::exchange(transfer.hasDownloaded, true))
+        transfer.status.present = transfer.status.downloaded;
     if (transfer.status.state != before) report_.state(transfer.status, state.message);
     if (state.kind == WebKind::failed) {
         report_.error(transfer.status, state.message);

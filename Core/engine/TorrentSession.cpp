@@ -202,6 +202,7 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
 /// Seeds when all is there (or nothing may be fetched), downloads otherwise.
 void TorrentSession::enterRunning() {
     peerPool_.allowPeers();
+    updateProgress();  // what is there already is none of what comes now
     if (pieceManager_->isComplete() || options_.seedsOnly) {
         setState(Kind::seeding);
     } else {
@@ -212,7 +213,6 @@ void TorrentSession::enterRunning() {
     adoptConnectedPeers();
     startPeerDiscoveryForDownload();
     startService();
-    updateProgress();
     lastProgressAt_ = {};                                                // the first piece is told at once
     if (!options_.seedsOnly) resumeKeeper_.noteProgress(pieceManager_);  // what was just hashed need not be again
     startProgressLoop();
