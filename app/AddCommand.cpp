@@ -38,8 +38,8 @@ private:
     json::value add(DaemonClient& daemon, const std::string& source) const {
         switch (sourceKindOf(source)) {
             case SourceKind::magnetLink:
+            case SourceKind::webTorrent:
             case SourceKind::webFile: break;
-            case SourceKind::webTorrent: return daemon.addTorrent(daemon.fetch(source), place());
             case SourceKind::file: return daemon.addTorrent(readTorrentFile(source), place());
         }
         return daemon.post("api/v1/tasks" + place(), json::object{{"source", source}});

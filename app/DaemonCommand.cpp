@@ -67,7 +67,7 @@ public:
         const Interrupt interrupt(host.pools().io());
         ManagerHost managerHost(host, options_);
         std::counting_semaphore<> stop(0);
-        LocalAPI api(managerHost.manager(), managerHost.center(), host.clock(), host.log(),
+        LocalAPI api(managerHost.manager(), managerHost.center(), host.http(), host.clock(), host.log(),
                      [&stop] { stop.release(); });
         AccountRoutes account(managerHost.service(), host.account(), &managerHost.manager(),
                               [&managerHost] { managerHost.chat().accountChanged(); });

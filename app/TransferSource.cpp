@@ -1,11 +1,11 @@
 #include "app/TransferSource.h"
 
-#include "Core/engine/TorrentFile.h"
 #include "Core/formats/MagnetParser.h"
 #include "app/Command.h"
 #include "app/EngineHost.h"
 #include "app/Interrupt.h"
 #include "app/SourceKind.h"
+#include "app/TorrentFetch.h"
 #include "public/common/ErrorText.h"
 #include "public/common/TaskGroup.h"
 
@@ -20,18 +20,16 @@ namespace skein {
 
 namespace {
 
-constexpr int httpOK = 200;
-
-/// A response, or why there is none.
+/// The bytes of a `.torrent`, or why there are none.
 struct Fetched {
-    std::optional<HTTPResponse> response;
+    std::optional<Bytes> torrent;
     std::string failure;
 };
 
-asio::awaitable<Fetched> tryToFetch(HTTPClient& http, HTTPRequest request) {
+asio::awaitable<Fetched> tryToFetch(HTTPClient& http, std::string url) {
     Fetched fetched;
     try {
-        fetched.response = co_await http.fetch(std::move(request));
+        fetched.torrent = co_await fetchTorrent(http, std::move(url));
     } catch (const std::exception& error) {
         fetched.failure = textOf(error);
     }
@@ -39,10 +37,7 @@ asio::awaitable<Fetched> tryToFetch(HTTPClient& http, HTTPRequest request) {
 }
 
 /// Nothing when it was interrupted.
-std::optional<HTTPResponse> fetch(const std::string& url, EngineHost& host, const Interrupt& interrupt) {
-    HTTPRequest request;
-    request.url = url;
-    request.maxBodyBytes = TorrentFile::maxBytes;
+std::optional<Bytes> fetchUnlessInterrupted(const std::string& url, EngineHost& host, const Interrupt& interrupt) {
     TaskGroup tasks(host.pools().io());
     std::future<void> cancelled;
     std::optional<std::stop_callback<std::function<void()>>> onInterrupt(std::in_place, interrupt.token(), [&] {
@@ -50,7 +45,7 @@ std::optional<HTTPResponse> fetch(const std::string& url, EngineHost& host, cons
     });
     Fetched fetched;
     try {
-        auto fetching = tasks.call(tryToFetch(host.http(), std::move(request)));
+        auto fetching = tasks.call(tryToFetch(host.http(), url));
         fetched = asio::co_spawn(host.pools().io(), std::move(fetching), asio::use_future).get();
     } catch (const boost::system::system_error&) {
         // Interrupted before it began.
@@ -58,15 +53,8 @@ std::optional<HTTPResponse> fetch(const std::string& url, EngineHost& host, cons
     onInterrupt.reset();
     if (cancelled.valid()) cancelled.get();
     asio::co_spawn(host.pools().io(), tasks.stop(), asio::use_future).get();
-    if (!fetched.response && interrupt.exitStatus() == 0) throw CommandFailure(url, fetched.failure);
-    return std::move(fetched.response);
-}
-
-std::optional<Bytes> fetchTorrent(const std::string& url, EngineHost& host, const Interrupt& interrupt) {
-    auto response = fetch(url, host, interrupt);
-    if (!response) return std::nullopt;
-    if (response->status != httpOK) throw CommandFailure(url, "HTTP " + std::to_string(response->status));
-    return std::move(response->body);
+    if (!fetched.torrent && interrupt.exitStatus() == 0) throw CommandFailure(url, fetched.failure);
+    return std::move(fetched.torrent);
 }
 
 MagnetLink parseMagnet(const std::string& source) {
@@ -88,7 +76,7 @@ std::optional<std::vector<TransferSource>> readTransferSources(const std::vector
             case SourceKind::webFile: sources.emplace_back(WebFile{name}); break;
             case SourceKind::file: sources.emplace_back(readTorrentFile(name)); break;
             case SourceKind::webTorrent:
-                auto torrent = fetchTorrent(name, host, interrupt);
+                auto torrent = fetchUnlessInterrupted(name, host, interrupt);
                 if (!torrent) return std::nullopt;
                 sources.emplace_back(*std::move(torrent));
                 break;

@@ -59,8 +59,12 @@ asio::awaitable<void> DownloadManager::load() {
         if (list_.back()->status() == TaskStatus::paused) rest(list_.back(), TaskStatus::paused);
     }
     std::set<SHA1Digest> listed;
-    for (const Task& task : list_) listed.insert(TaskTargets::keyOf(*task));
-    auto prepare = [this, &listed] {
+    std::vector<SHA1Digest> keys;
+    for (const Task& task : list_) keys.push_back(TaskTargets::keyOf(*task));
+    listed.insert(keys.begin(), keys.end());
+    std::vector<std::filesystem::path> folders;
+    auto prepare = [this, &listed, &keys, &folders] {
+        folders = targets_.foldersOf(keys);
         std::error_code error;  // told with the first download that cannot be written
         std::filesystem::create_directories(environment_.downloadsDirectory, error);
         try {
@@ -70,6 +74,7 @@ asio::awaitable<void> DownloadManager::load() {
         }
     };
     co_await runOn(environment_.disk, std::move(prepare));
+    for (std::size_t i = 0; i < folders.size(); ++i) list_[i]->folder.set(std::move(folders[i]));
     co_await heartbeat_.load();
     tasks_.spawn(speedLoop());
     tasks_.spawn(beginAccountTasks());
@@ -93,6 +98,7 @@ asio::awaitable<void> DownloadManager::shutDown() {
     co_await stopAll(list_);  // what a command gave up to stop
     co_await sessions_.stop();
     co_await memoryMonitor_.stop();
+    store_.saveTasks();  // what was sent, which is no reason to save on its own
     co_await store_.stop();
 }
 
@@ -140,6 +146,7 @@ DownloadManager::Task DownloadManager::makeTask(TaskIdentity identity, std::stri
     task->name.set(std::move(name));
     task->status.set(status);
     task->addedDate.set(environment_.clock.wallNow());
+    task->folder.set(targets_.usualFolder());
     if (!userID_.empty()) task->ownerUserID.set(userID_);
     return task;
 }
@@ -293,7 +300,7 @@ TaskSessions::Callbacks DownloadManager::sessionCallbacks() {
     callbacks.onFailed = [this](const Task& task, const std::string& message) { fail(task, message); };
     callbacks.whenSaved = [this] { return store_.whenSaved(); };
     callbacks.onChecked = [this](const Task& task) {
-        task->isVerifying.set(false);
+        endCheck(task);
         commandEnded_.notify();
     };
     callbacks.beforeStop = [this](std::shared_ptr<TorrentSession> session) {
@@ -303,6 +310,12 @@ TaskSessions::Callbacks DownloadManager::sessionCallbacks() {
         return heartbeat_.takeOver(std::move(session));
     };
     return callbacks;
+}
+
+void DownloadManager::endCheck(const Task& task) {
+    const auto batch = task->batch();
+    task->isVerifying.set(false);
+    task->verifyProgress.set(std::nullopt);
 }
 
 void DownloadManager::fail(const Task& task, const std::string& message) {

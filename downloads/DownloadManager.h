@@ -98,6 +98,9 @@ public:
     /// Asks every running torrent session to drop peers.
     asio::awaitable<void> shedAllSessionsPeers(std::string reason);
 
+    /// The task's files, in their order, as they lie on the disk.
+    asio::awaitable<std::vector<TaskFiles::Place>> placesOf(Task task);
+
     // The account at the resource service, whose figures are published as CreditChanged.
     const CreditFigures& credit() const noexcept { return heartbeat_.figures(); }
     /// Asks the service for the balance, which something other than a report has changed. Returns at once.
@@ -147,6 +150,7 @@ private:
     asio::awaitable<void> deleteTraces(Task task, const TaskTargets::Hold* target, bool deleteFiles);
     void report(const TaskFiles::Removal& removal, const std::string& name);
     TaskSessions::Callbacks sessionCallbacks();
+    void endCheck(const Task& task);
     void fail(const Task& task, const std::string& message);
     void rest(const Task& task, TaskStatus status);
     void complete(const Task& task, bool hasDownloaded);

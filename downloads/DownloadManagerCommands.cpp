@@ -34,7 +34,7 @@ asio::awaitable<void> DownloadManager::performTracked(Task task, asio::awaitable
     if (!failure.empty()) fail(task, failure);
     task->isControlOperationInProgress.set(false);
     task->controlOperationMessage.set(std::nullopt);
-    task->isVerifying.set(false);
+    endCheck(task);
     busy_.erase(task->id);
     *hasEnded = true;
     commandEnded_.notify();
@@ -168,6 +168,17 @@ asio::awaitable<void> DownloadManager::recheck(Task task) {
     sessions_.startTorrent(task, std::move(origin));
     // The state that follows the check ends it.
     while (sessions_.isRunning(task) && task->isVerifying() && !isToEnd(task)) co_await commandEnded_.wait();
+}
+
+// --- the files -------------------------------------------------------------------------------------------------------
+
+asio::awaitable<std::vector<TaskFiles::Place>> DownloadManager::placesOf(Task task) {
+    std::vector<double> progress;
+    for (const TorrentFileInfo& file : task->files()) progress.push_back(task->fileProgress(file));
+    auto look = [files = task->filesIn(task->folder()), progress = std::move(progress)] {
+        return files.places(progress);
+    };
+    co_return co_await runOn(environment_.disk, std::move(look));
 }
 
 // --- download again, and remove --------------------------------------------------------------------------------------

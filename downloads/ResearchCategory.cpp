@@ -54,7 +54,7 @@ std::string_view localizedName(ResearchCategory category, Language language) noe
 std::optional<ResearchCategory> researchCategoryFrom(std::string_view text) noexcept {
     for (int number = 0; number <= static_cast<int>(last); ++number) {
         const auto category = static_cast<ResearchCategory>(number);
-        if (text == textOf(category)) return category;
+        if (text == textOf(category) || text == chineseNameOf(category)) return category;
     }
     return std::nullopt;
 }

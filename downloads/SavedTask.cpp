@@ -29,7 +29,8 @@ SavedTask SavedTask::of(const TorrentTask& task) {
             .downloadURL = task.downloadURL,
             .downloadType = std::string(textOf(task.downloadType)),
             .ownerUserID = task.ownerUserID(),
-            .accelerateEnabled = task.accelerateEnabled()};
+            .accelerateEnabled = task.accelerateEnabled(),
+            .uploadedBytes = task.uploadedBytes()};
 }
 
 std::shared_ptr<TorrentTask> SavedTask::restore(MsgCenter& center, Random& random) && {
@@ -42,7 +43,8 @@ std::shared_ptr<TorrentTask> SavedTask::restore(MsgCenter& center, Random& rando
     const auto batch = task->batch();
     task->name.set(std::move(name));
     task->addedDate.set(addedDate);
-    task->status.set(status == textOf(TaskStatus::completed) ? TaskStatus::completed : TaskStatus::paused);
+    const bool isCompleted = taskStatusFrom(status.value_or(std::string())) == TaskStatus::completed;
+    task->status.set(isCompleted ? TaskStatus::completed : TaskStatus::paused);
     task->totalSize.set(std::max<std::int64_t>(totalSize.value_or(0), 0));
     task->progress.set(fraction(progress.value_or(0.0)));
     // The bytes are not saved; until the next check this is what is known of them.
@@ -57,6 +59,7 @@ std::shared_ptr<TorrentTask> SavedTask::restore(MsgCenter& center, Random& rando
     task->notes.set(std::move(notes).value_or(std::string()));
     task->ownerUserID.set(std::move(ownerUserID));
     task->accelerateEnabled.set(accelerateEnabled.value_or(false));
+    task->uploadedBytes.set(std::max<std::int64_t>(uploadedBytes.value_or(0), 0));
     return task;
 }
 

@@ -32,6 +32,7 @@ struct SavedTask {
     Text downloadType;
     Text ownerUserID;
     std::optional<bool> accelerateEnabled;
+    std::optional<std::int64_t> uploadedBytes;
 
     /// A finished task is saved as completed, also while it seeds. Thread: the main executor.
     static SavedTask of(const TorrentTask& task);

@@ -133,6 +133,14 @@ bool TaskFiles::isFileAvailable(const TorrentFileInfo& file, double progress) co
     return progress >= 1.0 && path && fs::is_regular_file(*path, ignored);
 }
 
+std::vector<TaskFiles::Place> TaskFiles::places(const std::vector<double>& progress) const {
+    std::vector<Place> places;
+    places.reserve(files_.size());
+    for (const TorrentFileInfo& file : files_)
+        places.push_back({fileURL(file), isFileAvailable(file, progress[places.size()])});
+    return places;
+}
+
 TaskFiles::Removal TaskFiles::remove(const std::vector<FileClaims::Claim>& claims) const {
     Remover remover(folder_);
     for (const auto& [index, identity] : claims) {

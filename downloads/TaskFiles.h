@@ -28,6 +28,13 @@ public:
     /// Whether `file` exists and is complete; `progress` is what `TorrentTask::fileProgress` says of it.
     bool isFileAvailable(const TorrentFileInfo& file, double progress) const;
 
+    struct Place {
+        std::optional<std::filesystem::path> url;  ///< as `fileURL` says
+        bool isAvailable = false;
+    };
+    /// Of every file, in their order, of which `progress` says what `TorrentTask::fileProgress` does.
+    std::vector<Place> places(const std::vector<double>& progress) const;
+
     struct Removal {
         std::size_t files = 0;    ///< that were deleted
         std::size_t folders = 0;  ///< that were deleted

@@ -4,17 +4,24 @@
 
 #include <boost/json/value.hpp>
 
+#include <chrono>
+#include <optional>
+
 namespace skein {
 
 namespace {
 
 namespace json = boost::json;
 
-json::value orNull(const TorrentTask::Text& text) { return text ? json::value(*text) : json::value(nullptr); }
+template <class T>
+json::value orNull(const std::optional<T>& value) {
+    return value ? json::value(*value) : json::value(nullptr);
+}
 
 }  // namespace
 
 json::object taskAsObject(const TorrentTask& task) {
+    const auto eta = task.eta();
     return {{"infoHash", task.infoHash},
             {"name", task.getDisplayName()},
             {"status", textOf(task.status())},
@@ -41,7 +48,17 @@ json::object taskAsObject(const TorrentTask& task) {
             {"dlBytesFromRelay", task.dlBytesFromRelay()},
             {"uncommittedDlBytesFromPlatformPeers", task.uncommittedDlBytesFromPlatformPeers()},
             {"uncommittedDlBytesFromPublicBT", task.uncommittedDlBytesFromPublicBT()},
-            {"uncommittedDlBytesFromRelay", task.uncommittedDlBytesFromRelay()}};
+            {"uncommittedDlBytesFromRelay", task.uncommittedDlBytesFromRelay()},
+            {"folder", task.folder().string()},
+            {"addedDate", std::chrono::duration<double>(task.addedDate().time_since_epoch()).count()},
+            {"isPrivate", orNull(task.isPrivate())},
+            {"uploadedBytes", task.uploadedBytes()},
+            {"ratio", orNull(task.ratio())},
+            {"eta", eta ? json::value(eta->count()) : json::value(nullptr)},
+            {"verifyProgress", orNull(task.verifyProgress())},
+            {"currencyEarnedConfirmed", task.currencyEarnedConfirmed()},
+            {"currencySpentConfirmed", task.currencySpentConfirmed()},
+            {"uncommittedUploadedBytes", task.uncommittedUploadedBytes}};
 }
 
 std::string taskAsJSON(const TorrentTask& task) { return plainJSON(taskAsObject(task)); }

@@ -60,6 +60,7 @@ asio::awaitable<bool> TaskSessions::prepare(Task task, std::shared_ptr<Running> 
     }
     running->isPreparing = false;
     stopEnded_.notify();
+    if (isReady) task->folder.set(running->place.folder);
     if (running->isStopping) co_return false;
     if (failure.empty()) co_return isReady;
     running_.erase(task->id);
@@ -210,6 +211,13 @@ TorrentSession::Callbacks TaskSessions::torrentCallbacks(const Task& task, const
     callbacks.onStatusMessage = [this, weakTask, weak](const std::string& text) {
         relay(weakTask, weak, [text](const Task& of) { of->statusMessage.set(text); });
     };
+    callbacks.onVerifyProgress = [this, weakTask, weak](int checked, int total) {
+        relay(weakTask, weak, [checked, total](const Task& of) {
+            const auto batch = of->batch();
+            of->statusMessage.set("Verifying files...");
+            of->verifyProgress.set(total == 0 ? 1 : static_cast<double>(checked) / total);
+        });
+    };
     callbacks.onPeerDetailsUpdated = [this, weakTask, weak](const std::vector<PeerRuntimeInfo>& rows) {
         relay(weakTask, weak, [rows](const Task& of) {
             const auto batch = of->batch();
@@ -241,6 +249,7 @@ void TaskSessions::applyProgress(const Task& task, const TorrentSession::Progres
     const auto move = [](auto& value, std::int64_t from, std::int64_t to) {
         if (from != to) value.set(std::max<std::int64_t>(value() + to - from, 0));
     };
+    task->uploadedBytes.set(task->uploadedBytes() + progress.uploadedBytes - before.uploadedBytes);
     const BytesBySource& was = before.receivedBySource;
     const BytesBySource& is = progress.receivedBySource;
     move(task->dlBytesFromPlatformPeers, was.platform, is.platform);
@@ -345,6 +354,7 @@ void TaskSessions::applyMetadata(TorrentTask& task, const TorrentMetaInfo& metaI
     task.pieceCount.set(metaInfo.pieceCount());
     task.comment.set(metaInfo.comment);
     task.creationDate.set(metaInfo.creationDate);
+    task.isPrivate.set(metaInfo.isPrivate);
     if (!metaInfo.announceList.empty()) task.trackers.set(metaInfo.announceList);
 }
 

@@ -76,6 +76,16 @@ asio::awaitable<TaskPlace> TaskTargets::placeOf(SHA1Digest key) {
     co_return co_await runOn(disk_, std::move(read));
 }
 
+std::vector<fs::path> TaskTargets::foldersOf(const std::vector<SHA1Digest>& keys) const {
+    std::vector<fs::path> folders;
+    folders.reserve(keys.size());
+    for (const SHA1Digest& key : keys) {
+        const auto place = recorded(key);
+        folders.push_back(place ? place->folder : downloadsDirectory_);
+    }
+    return folders;
+}
+
 asio::awaitable<void> TaskTargets::claimWebFile(const Hold& hold, std::string name) {
     auto claim = [this, &hold, &name] {
         const std::vector<FileClaims::Claim> claims{{0, FileIdentity::at(hold.place.folder / name)}};

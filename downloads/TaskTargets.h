@@ -16,6 +16,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace skein {
 
@@ -66,6 +67,10 @@ public:
     asio::awaitable<void> whenFree(SHA1Digest key);
     /// Without taking it.
     asio::awaitable<TaskPlace> placeOf(SHA1Digest key);
+    /// Where what is new goes.
+    const std::filesystem::path& usualFolder() const noexcept { return downloadsDirectory_; }
+    /// The folder of each. File calls: disk pool only.
+    std::vector<std::filesystem::path> foldersOf(const std::vector<SHA1Digest>& keys) const;
     /// Puts down that the finished web file `name` in the held folder is the task's.
     asio::awaitable<void> claimWebFile(const Hold& hold, std::string name);
     /// What was put down of it. A file call: disk pool only.

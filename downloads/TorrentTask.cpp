@@ -57,10 +57,21 @@ std::string TorrentTask::getDisplayName() const {
     return infoHash;
 }
 
-TorrentTask::Text TorrentTask::remainingTime() const {
+std::optional<double> TorrentTask::ratio() const noexcept {
+    if (downloadType != DownloadType::torrent || downloadedBytes() <= 0) return std::nullopt;
+    return static_cast<double>(uploadedBytes()) / static_cast<double>(downloadedBytes());
+}
+
+std::optional<std::chrono::seconds> TorrentTask::eta() const noexcept {
     const std::int64_t missing = totalSize() - downloadedBytes();
     if (isFinished() || downloadSpeed() <= 0 || missing <= 0) return std::nullopt;
-    const std::int64_t seconds = (missing - 1) / downloadSpeed() + 1;
+    return std::chrono::seconds((missing - 1) / downloadSpeed() + 1);
+}
+
+TorrentTask::Text TorrentTask::remainingTime() const {
+    const auto left = eta();
+    if (!left) return std::nullopt;
+    const std::int64_t seconds = left->count();
     if (seconds < 60) return std::to_string(seconds) + " s";
     if (seconds < 3600) return std::to_string(seconds / 60) + " min " + std::to_string(seconds % 60) + " s";
     return std::to_string(seconds / 3600) + " h " + std::to_string(seconds / 60 % 60) + " min";

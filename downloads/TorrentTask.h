@@ -68,6 +68,9 @@ public:
     Value<TaskField::statusMessage, Text> statusMessage{changes_};  ///< of the moment
     Value<TaskField::stallReason, Text> stallReason{changes_};      ///< why nothing moves, while nothing does
     Value<TaskField::addedDate, Date> addedDate{changes_};
+    Value<TaskField::folder, std::filesystem::path> folder{changes_};       ///< absolute: where the files go
+    Value<TaskField::isPrivate, std::optional<bool>> isPrivate{changes_};   ///< nothing until known
+    Value<TaskField::uploadedBytes, std::int64_t> uploadedBytes{changes_};  ///< over all its runs
     Value<TaskField::trackers, std::vector<std::vector<std::string>>> trackers{changes_};  ///< URLs by tier
     Value<TaskField::trackerDetails, std::vector<TrackerRuntimeInfo>> trackerDetails{changes_};
     Value<TaskField::comment, Text> comment{changes_};
@@ -91,6 +94,8 @@ public:
     Value<TaskField::uncommittedDlBytesFromRelay, std::int64_t> uncommittedDlBytesFromRelay{changes_};
     std::int64_t uncommittedUploadedBytes = 0;  ///< not shown; what is earned by them is
     Value<TaskField::isVerifying, bool> isVerifying{changes_};
+    /// 0 to 1 of what is there, while it is hashed.
+    Value<TaskField::verifyProgress, std::optional<double>> verifyProgress{changes_};
     Value<TaskField::isControlOperationInProgress, bool> isControlOperationInProgress{changes_};
     Value<TaskField::controlOperationMessage, Text> controlOperationMessage{changes_};
     Value<TaskField::accelerateEnabled, bool> accelerateEnabled{changes_};
@@ -107,12 +112,16 @@ public:
     std::string formattedSpeed() const;
     /// The name; while there is none, one from the magnet link or the URL, at last the info-hash.
     std::string getDisplayName() const;
-    /// "1 h 20 min", "3 min 5 s", "12 s"; nothing while nothing comes in, and when nothing is missing.
+    /// What was sent of each byte that is there; nothing while none is.
+    std::optional<double> ratio() const noexcept;
+    /// Until all is there, at the speed of the moment; nothing while nothing comes in, and when nothing is missing.
+    std::optional<std::chrono::seconds> eta() const noexcept;
+    /// "1 h 20 min", "3 min 5 s", "12 s"; `eta` in words.
     Text remainingTime() const;
     /// The verified fraction of a file, 0 to 1; the whole task's while its pieces are not known.
     double fileProgress(const TorrentFileInfo& file) const;
-    /// The files as they lie under `folder`, the download folder: a value that may go to the disk pool.
-    TaskFiles filesIn(std::filesystem::path folder) const { return {std::move(folder), files()}; }
+    /// The files as they lie under `downloads`, the download folder: a value that may go to the disk pool.
+    TaskFiles filesIn(std::filesystem::path downloads) const { return {std::move(downloads), files()}; }
 
     /// What the service has confirmed, and what it has not, was another user's.
     void forgetCredit();

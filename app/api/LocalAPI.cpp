@@ -2,9 +2,9 @@
 
 namespace skein {
 
-LocalAPI::LocalAPI(DownloadManager& manager, MsgCenter& center, Clock& clock, FileLogger& log,
+LocalAPI::LocalAPI(DownloadManager& manager, MsgCenter& center, HTTPClient& http, Clock& clock, FileLogger& log,
                    std::function<void()> requestStop)
-    : tasks_(manager, std::move(requestStop)),
+    : tasks_(manager, http, std::move(requestStop)),
       events_(manager, center, clock),
       server_(manager.strand(), clock, log,
               {[this](const HTTPServerRequest& request) { return guard_->refusalOf(request); },

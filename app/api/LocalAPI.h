@@ -18,7 +18,7 @@ namespace skein {
 class LocalAPI {
 public:
     /// `center` is the manager's; what is published there as APIEvent goes to the event streams.
-    LocalAPI(DownloadManager& manager, MsgCenter& center, Clock& clock, FileLogger& log,
+    LocalAPI(DownloadManager& manager, MsgCenter& center, HTTPClient& http, Clock& clock, FileLogger& log,
              std::function<void()> requestStop);
 
     /// Listens; whoever has `token` may ask. Throws boost::system::system_error. Once.

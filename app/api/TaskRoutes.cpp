@@ -2,6 +2,7 @@
 
 #include "app/RowJSON.h"
 #include "app/SourceKind.h"
+#include "app/TorrentFetch.h"
 #include "app/api/JSONBody.h"
 #include "downloads/TaskListJSON.h"
 #include "public/common/ErrorText.h"
@@ -29,11 +30,30 @@ std::string bitmapText(const std::vector<bool>& bitmap) {
     return text;
 }
 
-json::object detailsOf(const TorrentTask& task) {
+json::value textOrNull(const TorrentTask::Text& text) { return text ? json::value(*text) : json::value(nullptr); }
+
+json::array tiersOf(const TorrentTask& task) {
+    json::array tiers;
+    for (const std::vector<std::string>& tier : task.trackers())
+        tiers.emplace_back(json::array(tier.begin(), tier.end()));
+    return tiers;
+}
+
+json::object detailsOf(const TorrentTask& task, const std::vector<TaskFiles::Place>& places) {
     json::object details = taskAsObject(task);
     json::array files;
-    for (const TorrentFileInfo& file : task.files())
-        files.push_back(json::object{{"path", file.path}, {"size", file.size}, {"progress", task.fileProgress(file)}});
+    auto place = places.begin();
+    for (const TorrentFileInfo& file : task.files()) {
+        json::object row{{"path", file.path},     {"size", file.size},
+                         {"offset", file.offset}, {"progress", task.fileProgress(file)},
+                         {"location", nullptr},   {"isAvailable", false}};
+        if (place != places.end()) {
+            if (place->url) row["location"] = place->url->string();
+            row["isAvailable"] = place->isAvailable;
+            ++place;
+        }
+        files.push_back(std::move(row));
+    }
     json::array peers;
     for (const PeerRuntimeInfo& peer : task.peerDetails()) peers.push_back(toJSON(peer));
     json::array trackers;
@@ -44,16 +64,21 @@ json::object detailsOf(const TorrentTask& task) {
     details["pieceLength"] = task.pieceLength();
     details["pieceCount"] = task.pieceCount();
     details["pieceBitmap"] = bitmapText(task.pieceBitmap());
-    details["comment"] = task.comment() ? json::value(*task.comment()) : json::value(nullptr);
-    details["addedDate"] = secondsSince1970(task.addedDate());
+    details["comment"] = textOrNull(task.comment());
+    details["creationDate"] =
+        task.creationDate() ? json::value(task.creationDate()->time_since_epoch().count()) : json::value(nullptr);
+    details["trackerTiers"] = tiersOf(task);
+    details["remainingTime"] = textOrNull(task.remainingTime());
     details["isVerifying"] = task.isVerifying();
+    details["isControlOperationInProgress"] = task.isControlOperationInProgress();
+    details["controlOperationMessage"] = textOrNull(task.controlOperationMessage());
     return details;
 }
 
 }  // namespace
 
-TaskRoutes::TaskRoutes(DownloadManager& manager, std::function<void()> requestStop)
-    : manager_(manager), requestStop_(std::move(requestStop)) {}
+TaskRoutes::TaskRoutes(DownloadManager& manager, HTTPClient& http, std::function<void()> requestStop)
+    : manager_(manager), http_(http), requestStop_(std::move(requestStop)) {}
 
 void TaskRoutes::addTo(Router& router) {
     router.add("GET", "/api/v1/tasks", this, &TaskRoutes::list);
@@ -94,7 +119,13 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::list(std::string, HTTPServerRequ
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::show(std::string infoHash, HTTPServerRequest) {
     const DownloadManager::Task task = find(infoHash);
-    co_return task ? jsonReply(detailsOf(*task)) : Router::error(404, "there is no such task");
+    if (!task) co_return Router::error(404, "there is no such task");
+    co_return co_await details(task);
+}
+
+asio::awaitable<HTTPServerResponse> TaskRoutes::details(DownloadManager::Task task) {
+    const std::vector<TaskFiles::Place> places = co_await manager_.placesOf(task);
+    co_return jsonReply(detailsOf(*task, places));
 }
 
 /// Where the new task is to go: `folder`, `output` and `overwrite` of the query. Throws std::runtime_error.
@@ -117,15 +148,27 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::add(std::string, HTTPServerReque
             Bytes data = toBytes(request.body);
             task = co_await manager_.addTorrentFile(std::move(data), std::move(place));
         } else {
-            const std::string source(objectIn(request).at("source").as_string());
-            const bool isMagnet = sourceKindOf(source) == SourceKind::magnetLink;
-            task = isMagnet ? manager_.addMagnet(source, std::move(place))
-                            : manager_.addHTTPDownload(source, std::move(place));
+            std::string source(objectIn(request).at("source").as_string());
+            task = co_await addSource(std::move(source), std::move(place));
         }
     } catch (const std::exception& error) {
         failure = textOf(error);
     }
-    co_return task ? jsonReply(detailsOf(*task)) : Router::error(400, failure);
+    if (!task) co_return Router::error(400, failure);
+    co_return co_await details(task);
+}
+
+asio::awaitable<DownloadManager::Task> TaskRoutes::addSource(std::string source, TaskPlace place) {
+    switch (sourceKindOf(source)) {
+        case SourceKind::magnetLink: co_return manager_.addMagnet(source, std::move(place));
+        case SourceKind::webFile:
+        case SourceKind::file: break;  // which is told of as of an address that is none
+        case SourceKind::webTorrent: {
+            Bytes data = co_await fetchTorrent(http_, source);
+            co_return co_await manager_.addTorrentFile(std::move(data), std::move(place));
+        }
+    }
+    co_return manager_.addHTTPDownload(source, std::move(place));
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::perform(std::string infoHash, Command command) {
@@ -133,7 +176,7 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::perform(std::string infoHash, Co
     if (!task) co_return Router::error(404, "there is no such task");
     const bool isDone = co_await (manager_.*command)(task);
     if (!isDone) co_return Router::error(409, "another command runs for this task");
-    co_return jsonReply(detailsOf(*task));
+    co_return co_await details(task);
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::remove(std::string infoHash, HTTPServerRequest request) {
@@ -161,7 +204,7 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::change(std::string infoHash, HTT
     } catch (const std::exception& error) {
         co_return Router::error(400, textOf(error));
     }
-    co_return jsonReply(detailsOf(*task));
+    co_return co_await details(task);
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::status(std::string, HTTPServerRequest) {

@@ -2,6 +2,7 @@
 
 #include "app/api/Router.h"
 #include "downloads/DownloadManager.h"
+#include "public/common/HTTPClient.h"
 
 #include <functional>
 
@@ -12,8 +13,8 @@ namespace skein {
 /// Owner: the daemon. Thread: the manager's strand.
 class TaskRoutes {
 public:
-    /// `requestStop` has the daemon end after the answer.
-    TaskRoutes(DownloadManager& manager, std::function<void()> requestStop);
+    /// `requestStop` has the daemon end after the answer. `http` fetches the `.torrent`s that are named by an address.
+    TaskRoutes(DownloadManager& manager, HTTPClient& http, std::function<void()> requestStop);
 
     void addTo(Router& router);
 
@@ -23,6 +24,8 @@ private:
     DownloadManager::Task find(const std::string& infoHash) const;
     void addCommand(Router& router, const std::string& name, Command command);
 
+    asio::awaitable<DownloadManager::Task> addSource(std::string source, TaskPlace place);
+    asio::awaitable<HTTPServerResponse> details(DownloadManager::Task task);
     asio::awaitable<HTTPServerResponse> list(std::string task, HTTPServerRequest request);
     asio::awaitable<HTTPServerResponse> show(std::string task, HTTPServerRequest request);
     asio::awaitable<HTTPServerResponse> add(std::string task, HTTPServerRequest request);
@@ -33,6 +36,7 @@ private:
     asio::awaitable<HTTPServerResponse> stop(std::string task, HTTPServerRequest request);
 
     DownloadManager& manager_;
+    HTTPClient& http_;
     const std::function<void()> requestStop_;
 };
 

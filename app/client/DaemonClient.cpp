@@ -120,19 +120,6 @@ WebSocketRequest DaemonClient::eventStream() const {
             .maxMessageBytes = maxAnswerBytes};
 }
 
-Bytes DaemonClient::fetch(const std::string& url) {
-    HTTPRequest request;
-    request.url = url;
-    HTTPResponse response;
-    try {
-        response = asio::co_spawn(pools_.io(), http_.fetch(std::move(request)), asio::use_future).get();
-    } catch (const std::exception& error) {
-        throw CommandFailure(url, textOf(error));
-    }
-    if (response.status != httpOK) throw CommandFailure(url, "HTTP " + std::to_string(response.status));
-    return std::move(response.body);
-}
-
 std::vector<std::string> DaemonClient::resolve(const std::vector<std::string>& names) {
     const json::value list = get("api/v1/tasks");
     std::vector<std::string> infoHashes;

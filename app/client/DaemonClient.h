@@ -34,8 +34,6 @@ public:
     boost::json::value addTorrent(Bytes torrentData, const std::string& query);
     /// Waits until the daemon has let go of its home; false when it still has it after `limit`.
     bool waitForEnd(std::chrono::seconds limit) const;
-    /// The body of an HTTP(S) address that ends in ".torrent". Throws CommandFailure.
-    Bytes fetch(const std::string& url);
 
     /// As the others, without waiting. Any thread.
     asio::awaitable<boost::json::value> ask(std::string method, std::string path);

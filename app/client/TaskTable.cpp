@@ -1,13 +1,18 @@
 #include "app/client/TaskTable.h"
 
+#include "Core/discovery/TrackerRuntimeInfo.h"
 #include "app/Quantities.h"
 #include "app/TextWidth.h"
+#include "downloads/ResearchCategory.h"
+#include "downloads/TaskStatus.h"
 #include "public/common/Printable.h"
 
 #include <boost/json/value.hpp>
 
+#include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <optional>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -48,6 +53,70 @@ std::string percent(const json::object& task) {
     char shown[16];
     std::snprintf(shown, sizeof shown, "%.1f%%", std::floor(task.at("progress").to_number<double>() * 1000) / 10);
     return shown;
+}
+
+bool hasAll(const json::object& task) {
+    const auto status = taskStatusFrom(text(task, "status"));
+    return status == TaskStatus::completed || status == TaskStatus::seeding;
+}
+bool isSizeKnown(const json::object& task) { return number(task, "totalSize") > 0 || hasAll(task); }
+
+/// The share that has been checked, while files are.
+std::optional<std::string> verifying(const json::object& task) {
+    const json::value* const share = task.if_contains("verifyProgress");
+    if (share == nullptr || !share->is_number()) return std::nullopt;
+    return std::to_string(static_cast<int>(share->to_number<double>() * 100)) + "%";
+}
+
+std::string statusName(const json::object& task) {
+    if (const auto share = verifying(task)) return "Verifying " + *share;
+    const std::string raw = text(task, "status");
+    const auto status = taskStatusFrom(raw);
+    return status ? std::string(localizedName(*status)) : raw;
+}
+
+std::string categoryName(const json::object& task) {
+    const std::string raw = text(task, "category");
+    const auto category = researchCategoryFrom(raw);
+    return category ? std::string(localizedName(*category)) : raw;
+}
+
+std::string trackerStatusName(const json::object& tracker) {
+    const std::string raw = text(tracker, "status");
+    if (interfaceLanguage() == Language::chinese)
+        for (const TrackerRuntimeStatus status : {TrackerRuntimeStatus::idle, TrackerRuntimeStatus::announcing,
+                                                  TrackerRuntimeStatus::working, TrackerRuntimeStatus::failed})
+            if (raw == textOf(status)) return std::string(displayNameOf(status));
+    return raw;
+}
+
+std::string sizeOf(const json::object& task) {
+    if (isSizeKnown(task)) return formatByteCount(number(task, "totalSize")) + ", " + percent(task) + " done";
+    return formatByteCount(number(task, "downloadedBytes")) + " of unknown size";
+}
+
+/// The estimate of the moment beside what the service has confirmed; empty while nothing was earned or spent.
+std::string creditOf(const json::object& task, std::string_view estimate, std::string_view confirmed) {
+    const double amount = task.at(estimate).to_number<double>();
+    const double certain = task.at(confirmed).to_number<double>();
+    if (amount == 0 && certain == 0) return {};
+    char shown[96];
+    std::snprintf(shown, sizeof shown, "%.4f estimated, %.4f confirmed", amount, certain);
+    return shown;
+}
+
+std::string uploadOf(const json::object& task) {
+    std::string shown = formatByteCount(number(task, "uploadedBytes"));
+    if (!task.at("ratio").is_number()) return shown;
+    char ratio[32];
+    std::snprintf(ratio, sizeof ratio, ", ratio %.2f", task.at("ratio").to_number<double>());
+    return shown + ratio;
+}
+
+std::string dateOf(const json::value& seconds) {
+    if (!seconds.is_number()) return {};
+    return formatDate(
+        std::chrono::sys_seconds(std::chrono::seconds(static_cast<std::int64_t>(seconds.to_number<double>()))));
 }
 
 std::string rate(std::int64_t bytes) { return bytes == 0 ? "-" : formatByteCount(bytes) + "/s"; }
@@ -93,9 +162,11 @@ std::string TaskTable::row(std::size_t position, const json::object& task) const
         switch (layout.column) {
             case Column::number: return std::to_string(position);
             case Column::name: return printable(text(task, "name"));
-            case Column::size: return formatByteCount(number(task, "totalSize"));
-            case Column::done: return percent(task);
-            case Column::status: return text(task, "status");
+            case Column::size:
+                if (isSizeKnown(task)) return formatByteCount(number(task, "totalSize"));
+                return formatByteCount(number(task, "downloadedBytes")) + "+";
+            case Column::done: return isSizeKnown(task) ? percent(task) : "-";
+            case Column::status: return statusName(task);
             case Column::down: return rate(number(task, "downloadSpeed"));
             case Column::up: return rate(number(task, "uploadSpeed"));
             case Column::peers: return std::to_string(number(task, "peerCount"));
@@ -130,18 +201,32 @@ std::string taskDetails(const json::object& task) {
     };
     line("name", text(task, "name"));
     line("info hash", text(task, "infoHash"));
-    line("status", text(task, "status"));
-    line("message", text(task, "statusMessage"));
+    line("status", statusName(task));
+    line("please wait", text(task, "controlOperationMessage"));
+    const auto share = verifying(task);
+    line("message", text(task, "statusMessage") + (share ? " " + *share : ""));
     line("error", text(task, "errorMessage"));
     line("why", text(task, "stallReason"));
-    line("size", formatByteCount(number(task, "totalSize")) + ", " + percent(task) + " done");
-    line("category", text(task, "category"));
+    line("size", sizeOf(task));
+    line("left", text(task, "remainingTime"));
+    if (text(task, "downloadType") == "torrent") line("sent", uploadOf(task));
+    line("folder", text(task, "folder"));
+    line("added", dateOf(task.at("addedDate")));
+    line("created", dateOf(task.at("creationDate")));
+    if (task.at("isPrivate").is_bool()) line("private", task.at("isPrivate").as_bool() ? "yes" : "no");
+    line("earned", creditOf(task, "currencyEarned", "currencyEarnedConfirmed"));
+    line("spent", creditOf(task, "currencySpent", "currencySpentConfirmed"));
+    line("category", categoryName(task));
     line("notes", text(task, "notes"));
     for (const json::value& tracker : task.at("trackers").as_array())
-        line("tracker", text(tracker.as_object(), "url") + " " + text(tracker.as_object(), "status"));
-    for (const json::value& file : task.at("files").as_array())
-        shown += rightAligned(formatByteCount(number(file.as_object(), "size")), 12) +
-                 rightAligned(percent(file.as_object()), 8) + "  " + printable(text(file.as_object(), "path")) + "\n";
+        line("tracker", text(tracker.as_object(), "url") + " " + trackerStatusName(tracker.as_object()));
+    for (const json::value& row : task.at("files").as_array()) {
+        const json::object& file = row.as_object();
+        const std::string location = text(file, "location");
+        shown += rightAligned(formatByteCount(number(file, "size")), 12) + rightAligned(percent(file), 8) + "  " +
+                 printable(location.empty() ? text(file, "path") : location) +
+                 (file.at("isAvailable").as_bool() ? "" : "  (not all there)") + "\n";
+    }
     return shown;
 }
 

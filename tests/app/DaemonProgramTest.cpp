@@ -80,10 +80,10 @@ TEST_F(DaemonProgramTest, watchSteersTasksAndLeavesTheTerminalAsItWas) {
     PseudoTerminal terminal;
     {
         ProgramRun watch(line({"watch"}), terminal.name());
-        EXPECT_THAT(terminal.readUntil("seeding"), HasSubstr("film"));
+        EXPECT_THAT(terminal.readUntil("Seeding"), HasSubstr("film"));
         EXPECT_FALSE(terminal.isAsUsual());
         terminal.type("p");
-        terminal.readUntil("paused");
+        terminal.readUntil("Paused");
         terminal.type("dy");
         terminal.readUntil("0 tasks");
         terminal.type("q");

@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <unistd.h>
 
 namespace skein {
@@ -102,16 +103,41 @@ TEST_F(DownloadManagerTest, pausesAndResumesFromTheSavedTorrent) {
     EXPECT_FALSE(task->isControlOperationInProgress());
     const Task again = restarted();
     EXPECT_EQ(again->status(), TaskStatus::paused);
+    EXPECT_EQ(again->folder(), downloads.path());
     startSeeder();
     simulation.finish(manager->resumeTask(again));
+    EXPECT_FALSE(simulation.finish(manager->placesOf(again)).at(0).isAvailable);
     waitUntilWhole(again);
+    const auto places = simulation.finish(manager->placesOf(again));
+    EXPECT_THAT(places, SizeIs(again->files().size()));
+    EXPECT_EQ(places.at(0).url, downloads.path() / again->files().begin()->path);
+    EXPECT_TRUE(places.at(0).isAvailable);
+
+    // What was sent is remembered with the task.
+    const Task source = seeder.manager->tasks().at(0);
+    simulation.advance(5s);  // the next report
+    EXPECT_GE(source->uploadedBytes(), source->totalSize());
+    EXPECT_GE(source->ratio(), 1.0);
+    const std::int64_t sent = source->uploadedBytes();
+    seeder.close();
+    seeder.open();
+    EXPECT_EQ(seeder.manager->tasks().at(0)->uploadedBytes(), sent);
 }
 
 TEST_F(DownloadManagerTest, verifiesDownloadsAgainAndSaysWhatItIsMissing) {
     const Task task = addWhole();
     std::filesystem::resize_file(downloads.path() / "t/a", 0);
+    std::vector<double> shares;
+    const auto subscription = host.center.subscribe<TaskChanged>(simulation.executor(), [&](const TaskChanged&) {
+        if (!task->isVerifying() || !task->verifyProgress()) return;
+        shares.push_back(*task->verifyProgress());
+        EXPECT_EQ(task->statusMessage(), "Verifying files...");
+    });
     simulation.finish(manager->recheckTask(task));
     EXPECT_FALSE(task->isVerifying());
+    EXPECT_EQ(task->verifyProgress(), std::nullopt);
+    EXPECT_FALSE(shares.empty());
+    EXPECT_TRUE(std::is_sorted(shares.begin(), shares.end()));
     waitUntilWhole(task);
     simulation.finish(manager->redownloadTask(task));
     waitUntilWhole(task);

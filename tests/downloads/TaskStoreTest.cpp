@@ -35,10 +35,10 @@ TEST(SavedTaskTest, isOneRecordWithItsKeysInOrder) {
     const std::string text = SavedTaskCodec::encode(std::vector{full, bare});
     EXPECT_EQ(text, R"([{"infoHash":"h","name":"名 \"\u0001)"
                     "\xff"
-                    R"(","magnetURI":"magnet:?","addedDate":2.5E-1,"status":"paused","totalSize":1152921504606846976,)"
-                    R"("progress":5E-1,"files":[{"path":"a/b","size":1,"offset":2}],"category":"paper","notes":"",)"
+                    R"(","magnetURI":"magnet:?","addedDate":0.25,"status":"paused","totalSize":1152921504606846976,)"
+                    R"("progress":0.5,"files":[{"path":"a/b","size":1,"offset":2}],"category":"paper","notes":"",)"
                     R"("downloadURL":"u","downloadType":"torrent","ownerUserID":"me","accelerateEnabled":true},)"
-                    R"({"infoHash":"h","name":"n","addedDate":2.5E-1}])");
+                    R"({"infoHash":"h","name":"n","addedDate":0.25}])");
     EXPECT_EQ(SavedTaskCodec::decode(text), std::vector({full, bare}));
 }
 
@@ -69,6 +69,25 @@ TEST(SavedTaskTest, comesBackPausedOrCompletedWithWhatIsMissingAtItsDefault) {
     EXPECT_EQ(odd->category(), ResearchCategory::uncategorized);
     EXPECT_EQ(odd->downloadType, DownloadType::http);
     EXPECT_EQ(odd->downloadedBytes(), 9);
+    EXPECT_EQ(odd->uploadedBytes(), 0);
+    task->uploadedBytes.set(7);
+    EXPECT_EQ(restored(SavedTask::of(*task))->uploadedBytes(), 7);
+    EXPECT_EQ(restored({.uploadedBytes = -1})->uploadedBytes(), 0);
+}
+
+TEST(SavedTaskTest, aDisplayNameOfAnOlderListIsUnderstood) {
+    for (const auto& [saved, status] : {std::pair{"已完成", TaskStatus::completed},
+                                        {"completed", TaskStatus::completed},
+                                        {"已暂停", TaskStatus::paused},
+                                        {"做种中", TaskStatus::paused}})
+        EXPECT_EQ(restored({.status = saved})->status(), status) << saved;
+    for (const auto& [saved, status] : {std::pair{"获取元数据...", TaskStatus::fetchingMetadata},
+                                        {"下载中", TaskStatus::downloading},
+                                        {"做种中", TaskStatus::seeding},
+                                        {"出错", TaskStatus::error}})
+        EXPECT_EQ(taskStatusFrom(saved), status) << saved;
+    EXPECT_EQ(restored({.category = "数据集"})->category(), ResearchCategory::dataset);
+    EXPECT_EQ(restored({.category = "论文"})->category(), ResearchCategory::paper);
 }
 
 class TaskStoreTest : public testing::Test {

@@ -1,10 +1,13 @@
 #include "tests/app/api/LocalAPITest.h"
 
+#include "Core/formats/TorrentWriter.h"
 #include "app/Command.h"
 #include "app/api/ChatRoutes.h"
 #include "app/api/DaemonFile.h"
 #include "app/client/DaemonClient.h"
 #include "public/common/WholeFile.h"
+#include "tests/Core/engine/TestTorrent.h"
+#include "tests/support/ScriptedHTTPServer.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/json/array.hpp>
@@ -49,6 +52,35 @@ TEST_F(LocalAPITest, offersTheListAndTheCommands) {
     EXPECT_EQ(objectIn(ask("GET", "/api/v1/status")).at("tasks").as_int64(), 0);
     ask("POST", "/api/v1/stop");
     simulation.runUntil([&] { return stopsAsked == 1; });
+}
+
+TEST_F(LocalAPITest, fetchesATorrentThatIsNamedByItsAddressAndTellsWhatThereIsToSee) {
+    TestTorrent torrent(16384, {{"a", 20'000}});
+    torrent.metaInfo->name = "t";
+    const Bytes data = TorrentWriter::write(*torrent.metaInfo);
+    ScriptedHTTPServer web(simulation.executor(), [&](const SeenHTTPRequest& seen) {
+        return seen.target.starts_with("/t.torrent") ? HTTPReply::text(asText(data)) : HTTPReply::text("", 404);
+    });
+    const auto add = [&](const std::string& target) {
+        return ask("POST", "/api/v1/tasks", R"({"source":")" + web.url(target) + R"("})");
+    };
+    const json::object task = objectIn(add("/t.torrent?key=1"));
+    EXPECT_EQ(task.at("name"), "t");
+    EXPECT_EQ(task.at("downloadType"), "torrent");
+    EXPECT_EQ(task.at("folder").as_string(), host.downloads.path().string());
+    EXPECT_FALSE(task.at("isPrivate").as_bool());
+    EXPECT_EQ(task.at("uploadedBytes").as_int64(), 0);
+    EXPECT_TRUE(task.at("eta").is_null());
+    EXPECT_TRUE(task.at("trackerTiers").is_array());
+    const json::object& file = task.at("files").as_array().at(0).as_object();
+    EXPECT_EQ(file.at("location").as_string(),
+              (host.downloads.path() / std::string(file.at("path").as_string())).string());
+    EXPECT_FALSE(file.at("isAvailable").as_bool());
+    const HTTPResponse missing = add("/none.torrent");
+    EXPECT_EQ(missing.status, 400);
+    EXPECT_THAT(asText(missing.body), HasSubstr("HTTP 404"));
+    EXPECT_EQ(manager.tasks().size(), 1U);
+    simulation.finish(web.stop());
 }
 
 TEST_F(LocalAPITest, isDescribedRouteByRoute) {

@@ -45,7 +45,7 @@ protected:
     SkeinServiceClient serviceClient{host.http, account, simulation, host.log};
     AccountRoutes accountRoutes{serviceClient, account, &manager, [] {}};
     int stopsAsked = 0;
-    LocalAPI api{manager, center, simulation, host.log, [this] { ++stopsAsked; }};
+    LocalAPI api{manager, center, host.http, simulation, host.log, [this] { ++stopsAsked; }};
 };
 
 }  // namespace skein

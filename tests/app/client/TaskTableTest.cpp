@@ -24,10 +24,27 @@ TEST(TaskTable, fitsTheTerminalWhateverTheName) {
         }
     const std::string row = taskTable(json::array{taskNamed("\x1B[2J論文" + std::string(200, 'x'))}, 100);
     EXPECT_THAT(row, HasSubstr("  1 ?[2J論文xxxx"));
-    EXPECT_THAT(row, HasSubstr("…        5 B   99.9%  fetchingMetadata            -    2.0 KiB/s     3\n"));
+    EXPECT_THAT(row, HasSubstr("…        5 B   99.9%  Fetching metada…            -    2.0 KiB/s     3\n"));
     EXPECT_EQ(TaskTable(80).header(),
               "  # NAME                SIZE    DONE  STATUS                   DOWN           UP");
     EXPECT_EQ(taskTotals({taskNamed("a"), taskNamed("b")}), "2 tasks, 0 B/s down, 4.0 KiB/s up");
+}
+
+TEST(TaskTable, anUnknownSizeHasNoPercentageAndACheckHasOne) {
+    json::object task = taskNamed("stream");
+    task["totalSize"] = 0;
+    task["downloadedBytes"] = 3'355'443;
+    EXPECT_THAT(TaskTable(100).row(1, task), HasSubstr("   3.2 MiB+       -  "));
+    task["status"] = "completed";
+    task["progress"] = 1.0;
+    EXPECT_THAT(TaskTable(100).row(1, task), HasSubstr("     0 B  100.0%  Completed  "));
+    task["status"] = "downloading";
+    task["verifyProgress"] = 0.456;
+    EXPECT_THAT(TaskTable(100).row(1, task), HasSubstr("  Verifying 45%  "));
+    ::setenv("LC_ALL", "zh_CN.UTF-8", 1);
+    task["verifyProgress"] = nullptr;
+    EXPECT_THAT(TaskTable(100).row(1, task), HasSubstr("  下载中  "));
+    ::unsetenv("LC_ALL");
 }
 
 TEST(TextWidth, countsColumnsAndCutsBetweenCharacters) {
