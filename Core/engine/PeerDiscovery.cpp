@@ -164,7 +164,13 @@ void PeerDiscovery::startTrackers() {
     if (announcer_ || tiers.empty()) return;
     TrackerAnnouncer::Callbacks callbacks;
     callbacks.totals = callbacks_.totals;
-    callbacks.originOf = [this](const std::string& tracker) { return originOf(tracker); };
+    // Those of this moment: a tracker that the settings no longer name is still told that we leave it.
+    std::vector<std::string> named = options_.extraTrackers;
+    named.insert(named.end(), options_.fallbackTrackers.begin(), options_.fallbackTrackers.end());
+    callbacks.originOf = [named = std::move(named), isOpen = options_.allowsLocalPeers](const std::string& tracker) {
+        const bool isNamed = isOpen || std::find(named.begin(), named.end(), tracker) != named.end();
+        return isNamed ? AddressOrigin::userNamed : AddressOrigin::fromOutside;
+    };
     callbacks.isShortOfPeers = [this] { return callbacks_.isDownloading() && callbacks_.connectedPeers() < fewPeers; };
     callbacks.onAnswer = [this](const TrackerAnnounceOutcome& outcome) { handleTrackerAnswer(outcome); };
     callbacks.onRowsChanged = callbacks_.onTrackerRowsChanged;
@@ -187,14 +193,6 @@ PeerDiscovery::Tiers PeerDiscovery::effectiveTrackers() const {
     }
     for (const std::string& tracker : options_.extraTrackers) tiers.push_back({tracker});
     return tiers;
-}
-
-AddressOrigin PeerDiscovery::originOf(const std::string& tracker) const {
-    const auto isAmong = [&](const std::vector<std::string>& named) {
-        return std::find(named.begin(), named.end(), tracker) != named.end();
-    };
-    const bool isNamed = isAmong(options_.extraTrackers) || isAmong(options_.fallbackTrackers);
-    return isNamed || options_.allowsLocalPeers ? AddressOrigin::userNamed : AddressOrigin::fromOutside;
 }
 
 /// Of the torrent, of the link to it, or of the user.

@@ -119,7 +119,6 @@ private:
 
     void startTrackers();
     Tiers effectiveTrackers() const;
-    AddressOrigin originOf(const std::string& tracker) const;
     void handleTrackerAnswer(const TrackerAnnounceOutcome& outcome);
     asio::awaitable<void> findPeersFromDHT();
     asio::awaitable<void> findPeersFromHistory();
