@@ -36,10 +36,10 @@ TEST_F(SkeinServiceWalletTest, whatIsPendingIsSettledBetweenTheTwo) {
 TEST_F(SkeinServiceWalletTest, aTransferMovesCreditOrSaysWhyNot) {
     EXPECT_EQ(std::get<double>(run(client.walletTransfer("bob", 2.5, "for the \"cake\""))), 7.5);
     EXPECT_EQ(lastSent(),
-              "POST /api/wallet/transfer {\"to_user\":\"bob\",\"amount\":2.5E0,\"note\":\"for the \\\"cake\\\"\"}");
+              "POST /api/wallet/transfer {\"to_user\":\"bob\",\"amount\":2.5,\"note\":\"for the \\\"cake\\\"\"}");
 
     EXPECT_EQ(failureOf(client.walletTransfer("bob", 100, {})), "insufficient balance");
-    EXPECT_EQ(lastSent(), "POST /api/wallet/transfer {\"to_user\":\"bob\",\"amount\":1E2}");
+    EXPECT_EQ(lastSent(), "POST /api/wallet/transfer {\"to_user\":\"bob\",\"amount\":100}");
     const std::tuple<int, const char*, const char*> answers[] = {{503, "closed\nfor today", "closed?for today"},
                                                                  {400, "{\"error\":5}", "{\"error\":5}"},
                                                                  {500, "", "HTTP 500"},

@@ -68,14 +68,14 @@ TEST(PeerHistoryTest, isStoredAsJSONWithinItsLimitAndWithoutWhatIsDamaged) {
     history.add(torrent, failure("10.0.0.1", now));
     const std::string text = encodePeerHistory(history, 10'000);
     EXPECT_THAT(text, testing::StartsWith("{\"" + torrent + R"(":[{"host":"2001:db8::1","port":6881,"source":"dht",)" +
-                                          R"("successCount":3,"failureCount":0,"lastSuccessAt":7.8891840025E8},{)"));
+                                          R"("successCount":3,"failureCount":0,"lastSuccessAt":788918400.25},{)"));
     EXPECT_EQ(decodePeerHistory(text).torrents(), history.torrents());
 
     for (const char* damaged : {"", "null", "[]", "{", "{\"a\":1}", "{\"a\":[1,{}]}",
                                 R"({"a":[{"host":"h","port":0,"source":"pex","successCount":1,"failureCount":0}]})",
                                 R"({"a":[{"host":"h","port":1,"source":"pex","successCount":-1,"failureCount":0}]})"})
         EXPECT_TRUE(decodePeerHistory(damaged).empty()) << damaged;
-    const std::string far = std::string(text).replace(text.find("7.88"), 1, "9E100,\"a\":7");
+    const std::string far = std::string(text).replace(text.find("788918400.25"), 1, "9E100,\"a\":7");
     EXPECT_EQ(decodePeerHistory(far).peers(torrent, 1).front().lastSuccessAt, std::nullopt);
 
     for (int i = 0; i < 1000; ++i) history.add(std::to_string(i % 50), success(hostOf(i), now - i * 1min));

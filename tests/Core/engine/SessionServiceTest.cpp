@@ -86,8 +86,8 @@ TEST_F(SessionServiceTest, triesThePeersOwnNetworkThenItsAddressThenTheRelay) {
                      {"me", "23.1.2.3", 7000, "10.0.0.7", UploadMode::paid, 0, true, true},
                      {"mallory", "127.0.0.1", 22, "169.254.1.1"}};
     start();
-    EXPECT_THAT(dialledPeers, ElementsAre("192.168.1.9:7000", "22.1.2.3:7000", "10.0.0.7:7000", "20.1.2.3:7000",
-                                          "23.1.2.3:7000"))
+    EXPECT_THAT(dialledPeers,
+                ElementsAre("192.168.1.9:7000", "22.1.2.3:7000", "10.0.0.7:7000", "20.1.2.3:7000", "23.1.2.3:7000"))
         << "a machine of ours elsewhere is a peer like others";
     EXPECT_THAT(relays, testing::UnorderedElementsAre("leecher free", "leecher free", "leecher free"))
         << "bob's, mallory's and that of ours elsewhere; the one on our network needs none";

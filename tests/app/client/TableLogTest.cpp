@@ -38,7 +38,7 @@ TEST(TableLog, printsTheTableOnceAChangeAndAtMostEveryFiveSeconds) {
     take(R"({"type":"chat"})");
     simulation.advance(60s);
     EXPECT_EQ(printed(), 2);
-    EXPECT_THAT(out.str(), testing::AllOf(HasSubstr("film"), HasSubstr("seeding"), testing::Not(HasSubstr("\x1B"))));
+    EXPECT_THAT(out.str(), testing::AllOf(HasSubstr("film"), HasSubstr("Seeding"), testing::Not(HasSubstr("\x1B"))));
     simulation.finish(log.stop());
 }
 

@@ -87,7 +87,7 @@ TEST_F(WatchViewTest, showsChangesAndNothingThatMovesTheCursor) {
     view.take({{"type", "changed"}, {"task", {{"infoHash", "unknown"}, {"status", "error"}}}});
     press("G");
     EXPECT_THAT(screen(),
-                AllOf(HasSubstr("  6 ?[2J?f"), HasSubstr("  error "), HasSubstr("?]0;x"), HasSubstr("6 tasks, ")));
+                AllOf(HasSubstr("  6 ?[2J?f"), HasSubstr("  Error "), HasSubstr("?]0;x"), HasSubstr("6 tasks, ")));
     view.take({{"type", "completed"}, {"infoHash", "f"}, {"name", "\x1B[2Jf"}});
     EXPECT_THAT(screen(), HasSubstr("?[2Jf: complete"));
     view.take({{"type", "chat"}});
