@@ -81,7 +81,7 @@ public:
 
     inline static RealClock clock;
     inline static FileLogger log;
-    inline static SystemNameResolver resolver;
+    inline static SystemNameResolver resolver{LocalBinding()};
 
 private:
     asio::awaitable<void> begin(PeerConnection::EncryptionPreference encryption) {

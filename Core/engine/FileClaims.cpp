@@ -68,7 +68,7 @@ std::optional<FileClaims::Holder> FileClaims::holderOf(const FileIdentity& file)
     for (const DatabaseRow& row : rows) {
         if (identityIn(row, 3) != file) continue;
         Holder holder;
-        const Bytes& digest = std::get<Bytes>(row[0]);
+        const auto& digest = std::get<Bytes>(row[0]);
         std::copy_n(digest.begin(), std::min(digest.size(), holder.download.size()), holder.download.begin());
         holder.folder = std::get<std::string>(row[1]);
         holder.isListed = numberIn(row[2]) != 0;
@@ -105,7 +105,7 @@ void FileClaims::forget(const SHA1Digest& download) {
 void FileClaims::keepListed(const std::set<SHA1Digest>& downloads) {
     database().transaction([&](const Database::Run& run) {
         for (const DatabaseRow& row : run("SELECT id, digest FROM downloads WHERE isListed", {})) {
-            const Bytes& bytes = std::get<Bytes>(row[1]);
+            const auto& bytes = std::get<Bytes>(row[1]);
             SHA1Digest digest{};
             std::copy_n(bytes.begin(), std::min(bytes.size(), digest.size()), digest.begin());
             if (!downloads.contains(digest)) run("UPDATE downloads SET isListed = 0 WHERE id = ?", {row[0]});

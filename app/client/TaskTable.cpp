@@ -82,7 +82,7 @@ std::string categoryName(const json::object& task) {
 }
 
 std::string trackerStatusName(const json::object& tracker) {
-    const std::string raw = text(tracker, "status");
+    std::string raw = text(tracker, "status");
     if (interfaceLanguage() == Language::chinese)
         for (const TrackerRuntimeStatus status : {TrackerRuntimeStatus::idle, TrackerRuntimeStatus::announcing,
                                                   TrackerRuntimeStatus::working, TrackerRuntimeStatus::failed})
