@@ -36,10 +36,12 @@ void FileCalls::willRead(int file, std::int64_t offset, std::int64_t length) {
     radvisory range{offset, static_cast<int>(length)};
     ::fcntl(file, F_RDADVISE, &range);
 }
+void FileCalls::forgetCached(int) {}  // there is no such call
 #else
 void FileCalls::willRead(int file, std::int64_t offset, std::int64_t length) {
     ::posix_fadvise(file, offset, length, POSIX_FADV_WILLNEED);
 }
+void FileCalls::forgetCached(int file) { ::posix_fadvise(file, 0, 0, POSIX_FADV_DONTNEED); }
 #endif
 
 #ifdef SEEK_HOLE

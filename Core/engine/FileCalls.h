@@ -38,6 +38,8 @@ public:
     virtual ssize_t write(int file, const iovec* from, int count, std::int64_t offset);
     /// Starts to read the range into the page cache; the system may take less of it than asked.
     virtual void willRead(int file, std::int64_t offset, std::int64_t length);
+    /// Drops what the page cache holds of the file and the device has, so that a read comes from the device.
+    virtual void forgetCached(int file);
     /// Where the next data at or after `offset` begins; -1 with ENXIO when there is none, with another errno when the
     /// file system cannot tell.
     virtual std::int64_t nextData(int file, std::int64_t offset);

@@ -125,6 +125,14 @@ void PieceExchange::driveActivePeerRequests() {
     for (const auto& [key, peer] : environment_.pool.connected()) requestPiecesFromPeer(key);
 }
 
+void PieceExchange::wantAgain() {
+    if (!isWanting()) return;
+    scheduler_.forgetExhaustion();
+    for (const auto& [key, peer] : environment_.pool.connected())
+        if (!peer->connection->amInterested()) peer->connection->sendInterested();
+    driveActivePeerRequests();
+}
+
 void PieceExchange::flush() {
     for (const auto& [key, peer] : environment_.pool.connected()) peer->connection->flush();
 }

@@ -51,6 +51,8 @@ public:
     void setServing(bool servesPeers);
     /// Fills every peer's queue, those with nothing to do first.
     void driveActivePeerRequests();
+    /// Pieces that were complete are missing.
+    void wantAgain();
     /// Tells everyone of the pieces that could wait. Called about once a second.
     void flush();
     /// Moves pieces away from peers that are too slow with them.

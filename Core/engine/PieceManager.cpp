@@ -1,5 +1,7 @@
 #include "Core/engine/PieceManager.h"
 
+#include "Core/engine/ResumeRecord.h"
+#include "Core/engine/StorageAssurance.h"
 #include "public/common/RunOn.h"
 #include "public/common/SHA1.h"
 #include "public/common/ThreadPools.h"
@@ -62,14 +64,25 @@ PieceManager::~PieceManager() = default;
 asio::awaitable<void> PieceManager::setup(Bytes resumeRecord) {
     if (refusal_) throw StorageException(*refusal_);
     auto survey = [this](std::size_t first, std::size_t count) { storage_->survey(first, count); };
-    if (mode_ == Mode::download) co_await visitFiles(std::move(survey));
+    auto beginCheck = [this](std::size_t first, std::size_t count) { storage_->beginCheck(first, count); };
+    if (mode_ == Mode::download) {
+        co_await visitFiles(std::move(survey));
+        co_await visitFiles(std::move(beginCheck));
+    }
     PieceSet trusted(metaInfo_->pieceCount());
     if (!resumeRecord.empty()) {
         auto compare = [&] { return trustedPieces(resumeRecord); };
         trusted = co_await runOn(environment_.disk, std::move(compare));
     }
-    co_await verify(std::move(trusted));
-    if (mode_ == Mode::download) co_await takeFiles();
+    co_await verify(trusted);
+    if (mode_ != Mode::download) co_return;
+    co_await takeFiles();
+    // What an earlier run wrote and did not live to sync may still be in the system's cache alone.
+    std::vector<bool> isFound(storage_->layout().files().size());
+    completed_.forEach([&](int piece) {
+        if (!trusted.contains(piece)) forEachFileOf(piece, [&](std::size_t file) { isFound[file] = true; });
+    });
+    storage_->addUnsynced(isFound);
 }
 
 asio::awaitable<void> PieceManager::takeFiles() {
@@ -89,6 +102,12 @@ asio::awaitable<void> PieceManager::visitFiles(std::function<void(std::size_t, s
     }
 }
 
+template <class Visit>
+void PieceManager::forEachFileOf(int piece, Visit visit) const {
+    storage_->layout().forEachSlice(offsetOf(piece), metaInfo_->pieceSize(piece),
+                                    [&](const TorrentLayout::Slice& slice) { visit(slice.file); });
+}
+
 /// Runs on the disk pool. A piece is trusted when every file that it touches is as it was.
 PieceSet PieceManager::trustedPieces(const Bytes& resumeRecord) {
     PieceSet trusted(metaInfo_->pieceCount());
@@ -98,12 +117,11 @@ PieceSet PieceManager::trustedPieces(const Bytes& resumeRecord) {
     std::vector<bool> isUnchanged(files.size());
     for (std::size_t file = 0; file < files.size(); ++file)
         isUnchanged[file] =
-            record->files[file].size == files[file].size && storage_->stampOf(file) == record->files[file];
+            TorrentLayout::isPadding(files[file]) ||
+            (record->files[file].size == files[file].size && storage_->vouchedFor(file) == record->files[file]);
     record->verified.forEach([&](int piece) {
         bool isTrusted = true;
-        storage_->layout().forEachSlice(offsetOf(piece), metaInfo_->pieceSize(piece), [&](TorrentLayout::Slice slice) {
-            isTrusted = isTrusted && isUnchanged[slice.file];
-        });
+        forEachFileOf(piece, [&](std::size_t file) { isTrusted = isTrusted && isUnchanged[file]; });
         if (isTrusted) trusted.insert(piece);
     });
     return trusted;
@@ -115,7 +133,7 @@ asio::awaitable<Bytes> PieceManager::resumeRecord(PieceSet verified) {
     record.verified = std::move(verified);
     auto stamp = [&] {
         for (std::size_t file = 0; file < storage_->layout().files().size(); ++file)
-            record.files.push_back(storage_->stampOf(file));
+            record.files.push_back(storage_->vouchedFor(file));
         return record.encode();
     };
     co_return co_await runOn(environment_.disk, std::move(stamp));
@@ -279,7 +297,7 @@ ReceiveBlockResult PieceManager::finish(int piece, const Outcome& outcome) {
         dropInFlight(piece);
         markCompleted(piece);
         if (isComplete()) chunks_.trim();
-        if (trouble_.onSuccess() && onStorageProblem_) onStorageProblem_(std::nullopt);
+        onStorageSuccess();
         return ReceiveBlockResult::completed;
     }
     downloadedBytes_ -= metaInfo_->pieceSize(piece);
@@ -290,12 +308,19 @@ ReceiveBlockResult PieceManager::finish(int piece, const Outcome& outcome) {
         trouble_.onGivenUp(piece);
         return ReceiveBlockResult::failed;
     }
-    storageErrno_ = outcome.writeErrno;
-    const bool isNews = trouble_.onFailure(piece, environment_.clock.now(), *outcome.writeError);
-    environment_.log.log(isNews ? LogLevel::warning : LogLevel::debug, "[PieceManager] Failed to write piece ", piece,
-                         ": ", *outcome.writeError);
-    if (isNews && onStorageProblem_) onStorageProblem_(trouble_.text());
+    onStorageFailure(piece, outcome.writeErrno, *outcome.writeError, "write piece " + std::to_string(piece));
     return ReceiveBlockResult::failed;
+}
+
+void PieceManager::onStorageFailure(int piece, int code, const std::string& text, std::string_view what) {
+    storageErrno_ = code;
+    const bool isNews = trouble_.onFailure(piece, environment_.clock.now(), text);
+    environment_.log.log(isNews ? LogLevel::warning : LogLevel::debug, "[PieceManager] Failed to ", what, ": ", text);
+    if (isNews && onStorageProblem_) onStorageProblem_(trouble_.text());
+}
+
+void PieceManager::onStorageSuccess() {
+    if (trouble_.onSuccess() && onStorageProblem_) onStorageProblem_(std::nullopt);
 }
 
 void PieceManager::resetPiece(int piece) {
@@ -379,11 +404,38 @@ bool PieceManager::isReadable(const BlockRequest& block) const noexcept {
            std::int64_t{block.begin} + block.length <= metaInfo_->pieceSize(block.pieceIndex);
 }
 
-asio::awaitable<void> PieceManager::sync() {
-    for (bool isMore = !refusal_.has_value(); isMore;) {
-        auto visit = [this] { return storage_->syncSome(); };
-        isMore = co_await runOn(environment_.disk, std::move(visit));
+asio::awaitable<PieceSet> PieceManager::secure(Scrutiny scrutiny) {
+    PieceSet secured = completed_;
+    if (refusal_) co_return secured;
+    auto look = [this](std::size_t first, std::size_t count) { storage_->lookForChanges(first, count); };
+    if (scrutiny == Scrutiny::allFiles) co_await visitFiles(std::move(look));
+    StorageAssurance assurance(*metaInfo_, *storage_, {environment_.disk, environment_.log});
+    std::optional<StorageException> failure;
+    try {
+        co_await assurance.sync();
+    } catch (const StorageException& error) {
+        failure.emplace(error);
     }
+    const PieceSet wrong = co_await assurance.wrongPieces(completed_);
+    lose(wrong);
+    if (failure) {
+        onStorageFailure(-1, failure->code, failure->what(), "sync");
+        throw StorageException(*failure);
+    }
+    onStorageSuccess();
+    wrong.forEach([&](int piece) { secured.erase(piece); });
+    co_return secured;
+}
+
+void PieceManager::lose(const PieceSet& wrong) {
+    wrong.forEach([&](int piece) {
+        conditions_[static_cast<std::size_t>(piece)] = PieceCondition::bad;
+        completed_.erase(piece);
+        completedBytes_ -= metaInfo_->pieceSize(piece);
+        downloadedBytes_ -= metaInfo_->pieceSize(piece);
+        picker_.addCandidate(piece);
+    });
+    if (!wrong.empty() && onPiecesLost_) onPiecesLost_();
 }
 
 asio::awaitable<void> PieceManager::cleanup() {

@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -36,8 +37,8 @@ enum class ReceiveBlockResult {
 /// The pieces of one torrent: which are there, which to fetch next, those being received, and the files.
 ///
 /// Owner: the session, whose strand it shares and on which everything is called; the session ends its tasks before it
-/// lets go. File calls and hashing run on the disk pool, one visit a piece. Nothing is synced to the device by itself:
-/// what a crash of the machine loses, the check at the next start finds (see `sync`).
+/// lets go. File calls and hashing run on the disk pool, one visit a piece. Nothing is synced to the device by itself
+/// (see `secure`).
 /// Errors: `setup` throws StorageException; afterwards failures are results, log lines and `storageProblem`.
 class PieceManager {
 public:
@@ -75,8 +76,7 @@ public:
     /// missing ones, or fails when somebody else's stand in the way. With the encoded record of an earlier run, what it
     /// verified is taken as good where the files are as they were then.
     asio::awaitable<void> setup(Bytes resumeRecord = {});
-    /// An encoded record that vouches for `verified`: what was completed before the last `sync`, so that it is on the
-    /// device.
+    /// An encoded record that vouches for `verified`: what `secure` returned.
     asio::awaitable<Bytes> resumeRecord(PieceSet verified);
     /// Pieces that are missing and turn out good become completed; completed ones stay so. May be cancelled; what was
     /// verified by then stays.
@@ -112,9 +112,16 @@ public:
     /// The same for many, in one visit to the disk pool; neighbours are read together. `reads` stays in place
     /// meanwhile.
     asio::awaitable<void> readBlocks(std::vector<BlockRead>& reads);
+    /// Which files `secure` looks at for changes that others made.
+    enum class Scrutiny : std::uint8_t {
+        writtenFiles,  ///< those that this download wrote to since
+        allFiles,
+    };
     /// Puts on the device what was written since the last call, file by file, and may take as long as the device needs.
-    /// Throws StorageException.
-    asio::awaitable<void> sync();
+    /// What could not be synced, and what others changed, is read back and hashed: pieces that turn out wrong are
+    /// missing again. Returns the pieces that are on the device. Throws StorageException when a file cannot be synced
+    /// (`storageProblem` says so, too). One call at a time.
+    asio::awaitable<PieceSet> secure(Scrutiny scrutiny);
     /// Closes the files and gives free memory back. What comes later opens them again.
     asio::awaitable<void> cleanup();
 
@@ -143,6 +150,8 @@ public:
 
     /// Told once when writes begin to fail (the error's text) and once when they work again (nothing).
     void setStorageProblemCallback(std::function<void(const std::optional<std::string>&)> callback);
+    /// Told when completed pieces turned out to be missing again.
+    void setPiecesLostCallback(std::function<void()> callback) { onPiecesLost_ = std::move(callback); }
     const std::optional<std::string>& storageProblem() const noexcept { return trouble_.text(); }
     /// The errno behind it; 0 when it was none.
     int storageErrno() const noexcept { return storageErrno_; }
@@ -164,8 +173,14 @@ private:
     asio::awaitable<void> visitFiles(std::function<void(std::size_t first, std::size_t count)> visit);
     asio::awaitable<void> takeFiles();
     PieceSet trustedPieces(const Bytes& resumeRecord);
+    template <class Visit>
+    void forEachFileOf(int piece, Visit visit) const;
     asio::awaitable<void> verify(PieceSet trusted);
     void onChecked(std::span<const PieceVerifier::Checked> checked);
+    void lose(const PieceSet& wrong);
+    /// `piece` is below 0 when it was none.
+    void onStorageFailure(int piece, int code, const std::string& text, std::string_view what);
+    void onStorageSuccess();
 
     const std::shared_ptr<const TorrentMetaInfo> metaInfo_;
     const Environment environment_;
@@ -194,6 +209,7 @@ private:
     Clock::TimePoint reportedAt_{};
     std::function<void(int, int)> onVerifyProgress_;
     std::function<void(const std::optional<std::string>&)> onStorageProblem_;
+    std::function<void()> onPiecesLost_;
 };
 
 }  // namespace skein

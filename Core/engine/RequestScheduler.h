@@ -78,6 +78,9 @@ public:
     /// The piece was wrong, and came from several: from now on one peer has to send all of it, until it is good.
     void fetchFromOnePeer(int piece) { undivided_.insert(piece); }
 
+    /// There is more to fetch than there was: peers that had nothing for us may be asked again.
+    void forgetExhaustion();
+
     /// Takes back what stalls, what a peer holds beyond its share, and what a far faster idle peer would have sooner.
     /// Called about once a second.
     std::vector<GivenBack> giveBackSlowPieces();
@@ -126,7 +129,6 @@ private:
     void addSurplus(std::vector<int>& pieces) const;
     bool fasterPeerThan(const Peer& slow) const;
     GivenBack giveBack(int piece);
-    void forgetExhaustion();
     std::optional<PeerKey> rescuerOf(int piece, const PieceInFlight& inFlight) const;
 
     PieceManager& pieces_;

@@ -6,8 +6,23 @@
 
 namespace skein {
 
+/// One sync at a time, however it ends.
+class ResumeKeeper::Turn {
+public:
+    explicit Turn(ResumeKeeper& keeper) : keeper_(keeper) { keeper_.isSyncing_ = true; }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    ~Turn() {
+        keeper_.isSyncing_ = false;
+        keeper_.syncEnded_.notify();
+    }
+
+private:
+    ResumeKeeper& keeper_;
+};
+
 ResumeKeeper::ResumeKeeper(Environment environment)
-    : environment_(std::move(environment)), tasks_(environment_.strand) {}
+    : environment_(std::move(environment)), tasks_(environment_.strand), syncEnded_(environment_.strand) {}
 
 asio::awaitable<Bytes> ResumeKeeper::read() const {
     if (!environment_.archive) co_return Bytes();
@@ -19,39 +34,48 @@ void ResumeKeeper::noteProgress(const std::shared_ptr<PieceManager>& pieces) {
     const Clock::TimePoint now = environment_.clock.now();
     if (isSyncing_ || (lastSyncAt_ && now - *lastSyncAt_ < syncInterval)) return;
     lastSyncAt_ = now;
-    isSyncing_ = true;
-    tasks_.spawn(sync(pieces, false));
+    tasks_.spawn(secureSome(pieces));
 }
 
 void ResumeKeeper::forget() {
-    recordedPieces_ = -1;
+    recorded_ = {};
     lastRecordAt_.reset();
     lastSyncAt_.reset();
 }
 
 asio::awaitable<void> ResumeKeeper::finish(std::shared_ptr<PieceManager> pieces) {
     co_await tasks_.stop();
-    co_await sync(std::move(pieces), true);
+    co_await secure(std::move(pieces), Occasion::last);
 }
 
-asio::awaitable<void> ResumeKeeper::sync(std::shared_ptr<PieceManager> pieces, bool isLast) {
-    PieceSet verified = pieces->completedSet();  // what is complete now is on the device after the sync
-    bool isSynced = false;
+asio::awaitable<bool> ResumeKeeper::secureAll(std::shared_ptr<PieceManager> pieces) {
+    co_return co_await secure(std::move(pieces), Occasion::completion);
+}
+
+asio::awaitable<void> ResumeKeeper::secureSome(std::shared_ptr<PieceManager> pieces) {
+    co_await secure(std::move(pieces), Occasion::progress);
+}
+
+asio::awaitable<bool> ResumeKeeper::secure(std::shared_ptr<PieceManager> pieces, Occasion occasion) {
+    while (isSyncing_) co_await syncEnded_.wait();
+    const Turn turn(*this);
+    const auto scrutiny =
+        occasion == Occasion::completion ? PieceManager::Scrutiny::allFiles : PieceManager::Scrutiny::writtenFiles;
+    PieceSet secured;
     try {
-        co_await pieces->sync();
-        isSynced = true;
-    } catch (const StorageException& error) {
-        environment_.log.warning("[PieceManager] sync failed: ", error.what());
+        secured = co_await pieces->secure(scrutiny);
+    } catch (const StorageException&) {
+        co_return false;  // the piece manager has said so
     }
     const Clock::TimePoint now = environment_.clock.now();
-    const bool isDue = isLast || !lastRecordAt_ || now - *lastRecordAt_ >= recordInterval;
-    if (isSynced && isDue && verified.count() != recordedPieces_) {
+    const bool isDue = occasion != Occasion::progress || !lastRecordAt_ || now - *lastRecordAt_ >= recordInterval;
+    const bool areAllSafe = secured.count() == secured.size();
+    if (isDue && (occasion == Occasion::completion || !(secured == recorded_))) {
         lastRecordAt_ = now;
-        const int count = verified.count();
-        co_await record(std::move(pieces), std::move(verified));
-        recordedPieces_ = count;
+        recorded_ = secured;
+        co_await record(std::move(pieces), std::move(secured));
     }
-    isSyncing_ = false;
+    co_return areAllSafe;
 }
 
 asio::awaitable<void> ResumeKeeper::record(std::shared_ptr<PieceManager> pieces, PieceSet verified) {

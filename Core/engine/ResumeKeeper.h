@@ -4,8 +4,10 @@
 #include "Core/engine/TorrentArchive.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
+#include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 
@@ -35,6 +37,9 @@ public:
     /// Syncs in the background unless that was done lately. What `pieces` holds after a check is worth recording at
     /// once.
     void noteProgress(const std::shared_ptr<PieceManager>& pieces);
+    /// Puts all of the download on the device, sees to what others changed, and records. Whether all pieces are there,
+    /// and safe.
+    asio::awaitable<bool> secureAll(std::shared_ptr<PieceManager> pieces);
     /// Everything is checked anew: what was recorded counts for nothing.
     void forget();
     /// Syncs and records for the last time.
@@ -42,15 +47,23 @@ public:
     asio::awaitable<void> stop() { return tasks_.stop(); }
 
 private:
-    asio::awaitable<void> sync(std::shared_ptr<PieceManager> pieces, bool isLast);
+    class Turn;
+    enum class Occasion : std::uint8_t {
+        progress,    ///< recorded when a record is due
+        last,        ///< recorded if there is news
+        completion,  ///< everything is looked at, and recorded
+    };
+    asio::awaitable<bool> secure(std::shared_ptr<PieceManager> pieces, Occasion occasion);
+    asio::awaitable<void> secureSome(std::shared_ptr<PieceManager> pieces);
     asio::awaitable<void> record(std::shared_ptr<PieceManager> pieces, PieceSet verified);
 
     const Environment environment_;
     bool isSyncing_ = false;
     std::optional<Clock::TimePoint> lastSyncAt_;
     std::optional<Clock::TimePoint> lastRecordAt_;
-    int recordedPieces_ = -1;  // completed when the record was written
+    PieceSet recorded_;
     TaskGroup tasks_;
+    Notifier syncEnded_;
 };
 
 }  // namespace skein

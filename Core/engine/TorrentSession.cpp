@@ -1,10 +1,10 @@
 #include "Core/engine/TorrentSession.h"
 
 #include "Core/engine/TorrentFile.h"
-#include "Core/formats/TorrentParser.h"
 #include "public/common/RunOn.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace skein {
 
@@ -104,7 +104,8 @@ asio::awaitable<void> TorrentSession::beginTransfer(Bytes torrentData) {
         fail("Nothing to seed: no complete piece in " + options_.savePath.string());
         co_return;
     }
-    if (pieceManager_->isComplete()) {
+    co_await secureWhatIsThere();
+    if (isSafe_) {
         services_.log.info("[Session] ✅ Already completed (files exist on disk)");
         setStatus("Files already exist, download complete");
         setState(Kind::completed);
@@ -147,6 +148,7 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
     exchange_.reset();
     if (pieceManager_) co_await pieceManager_->cleanup();
     pieceManager_.reset();
+    isSafe_ = false;
     PieceManager::Environment environment{tasks_.strand(), services_.disk, services_.clock, services_.log};
     environment.claim = {services_.claims, options_.isListed, options_.movesAside};
     const auto mode = options_.seedsOnly ? PieceManager::Mode::readOnly : PieceManager::Mode::download;
@@ -156,6 +158,9 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
     });
     pieces->setStorageProblemCallback([this](const std::optional<std::string>& problem) {
         setStatus(problem ? *problem : "Downloading " + metaInfo_->name);
+    });
+    pieces->setPiecesLostCallback([this] {
+        if (exchange_) exchange_->wantAgain();
     });
     Bytes resumeRecord;
     if (mayResume && !options_.seedsOnly) resumeRecord = co_await resumeKeeper_.read();
@@ -184,7 +189,7 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
                 discovery_->recordSuccess(peer->connection->address(), peer->source);
         if (services_.clock.now() - lastProgressAt_ >= progressPause) updateProgress();
     };
-    callbacks.onAllPiecesCompleted = [this] { markCompleted(); };
+    callbacks.onAllPiecesCompleted = [this] { tasks_.spawn(completeWhenSafe()); };
     callbacks.onBytesDownloaded = [this](PeerKey from, std::int64_t bytes) {
         downloadSpeedTracker_.add(bytes, services_.clock.now());
         if (service_) service_->onReceived(from, bytes);
@@ -203,11 +208,12 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
 void TorrentSession::enterRunning() {
     peerPool_.allowPeers();
     updateProgress();  // what is there already is none of what comes now
-    if (pieceManager_->isComplete() || options_.seedsOnly) {
+    if (isSafe_ || options_.seedsOnly) {
         setState(Kind::seeding);
     } else {
         setStatus("Downloading " + metaInfo_->name);
         setState(Kind::downloading);
+        if (pieceManager_->isComplete()) tasks_.spawn(completeWhenSafe());
     }
     makeDiscovery();  // peers are told at once whether we take part in their exchange
     adoptConnectedPeers();
@@ -372,15 +378,6 @@ void TorrentSession::rememberHow(const PeerPool::Peer& peer) {
 
 // --- state -----------------------------------------------------------------------------------------------------------
 
-void TorrentSession::markCompleted() {
-    services_.log.info("[Session] ✅ Download completed!");
-    setState(Kind::completed);
-    updateProgress();
-    if (discovery_) discovery_->noteCompleted();
-    setState(Kind::seeding);
-    if (service_) service_->svcStartSeeding();
-}
-
 TrackerAnnouncer::Totals TorrentSession::totals() const {
     if (!metaInfo_) return {downloadSpeedTracker_.total(), uploadSpeedTracker_.total(), leftOfUnknown};
     const std::int64_t left = metaInfo_->totalSize - (pieceManager_ ? pieceManager_->completedBytes() : 0);
@@ -438,38 +435,6 @@ asio::awaitable<void> TorrentSession::doResume() {
     } else if (magnetLink_ && !metadataSearch_) {
         MagnetLink magnet = *magnetLink_;
         tasks_.spawn(fetchMetadata(std::move(magnet)));
-    }
-}
-
-asio::awaitable<void> TorrentSession::doRecheck() {
-    if (!metaInfo_) co_return;
-    setStatus("Verifying files...");
-    co_await peerPool_.disconnectAll();
-    co_await openPieces(false);
-    if (!pieceManager_) co_return;
-    const int missing = metaInfo_->pieceCount() - pieceManager_->completedPieces();
-    setStatus(missing == 0 ? "Verification complete — files intact, seeding started"
-                           : "Verification complete — " + std::to_string(missing) + " pieces missing");
-    enterRunning();
-}
-
-asio::awaitable<void> TorrentSession::doRecheckWith(Bytes torrentData) {
-    std::shared_ptr<const TorrentMetaInfo> parsed;
-    auto parse = [&]() -> std::shared_ptr<const TorrentMetaInfo> {
-        try {
-            return std::make_shared<TorrentMetaInfo>(TorrentParser::parse(torrentData));
-        } catch (const std::exception&) {
-            return nullptr;
-        }
-    };
-    parsed = co_await runOn(services_.disk, std::move(parse));
-    if (!parsed) {
-        setStatus("Failed to parse torrent file");
-    } else if (parsed->infoHash != infoHash_) {
-        setStatus("Torrent info hash mismatch");
-    } else {
-        setMetaInfo(parsed);
-        co_await doRecheck();
     }
 }
 

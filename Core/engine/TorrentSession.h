@@ -203,6 +203,8 @@ private:
     void onPeerReady(PeerPool::Peer& peer);
     void onPeerGone(const PeerPool::Peer& peer);
     void rememberHow(const PeerPool::Peer& peer);
+    asio::awaitable<void> secureWhatIsThere();
+    asio::awaitable<void> completeWhenSafe();
     void markCompleted();
     void startProgressLoop();
     asio::awaitable<void> progressLoop();
@@ -233,6 +235,8 @@ private:
     std::optional<StallReason> stallReason_;
     bool progressLoopRuns_ = false;
     bool isListening_ = false;
+    bool isSafe_ = false;  // all pieces are there, and on the device
+    bool isCompleting_ = false;
     Clock::TimePoint lastProgressAt_{};
     TaskGroup tasks_;
     bool isPausing_ = false;

@@ -34,7 +34,8 @@ TorrentStorage::TorrentStorage(TorrentLayout layout, Environment environment)
       owner_(openFiles_->newOwner()),
       calls_(environment.calls),
       ownership_(layout_, folder_, calls_, environment.torrent, environment.claim),
-      hasSize_(layout_.files().size()) {}
+      hasSize_(layout_.files().size()),
+      watch_(layout_.files().size()) {}
 
 TorrentStorage::~TorrentStorage() { close(); }
 
@@ -71,13 +72,60 @@ void TorrentStorage::giveSize(std::size_t index, const FileDescriptor& file, Fil
 FileStamp TorrentStorage::stampOf(std::size_t index) const {
     struct stat status {};
     const std::string path = (folder_ / layout_.files()[index].path).string();
-    if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
-#ifdef __APPLE__
-    const timespec& modified = status.st_mtimespec;
-#else
-    const timespec& modified = status.st_mtim;
-#endif
-    return {status.st_size, std::int64_t{modified.tv_sec} * 1'000'000'000 + modified.tv_nsec, status.st_ino};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) ? FileStamp::of(status) : FileStamp();
+}
+
+FileStamp TorrentStorage::stampOf(const FileDescriptor& file) const {
+    struct stat status {};
+    return calls_.status(file.number(), status) == 0 ? FileStamp::of(status) : FileStamp();
+}
+
+void TorrentStorage::beginCheck(std::size_t first, std::size_t count) {
+    const std::size_t end = std::min(first + count, layout_.files().size());
+    for (std::size_t index = first; index < end; ++index) {
+        const std::lock_guard turn(writeTurn_);
+        watch_.beginCheck(index, stampOf(index));
+    }
+}
+
+void TorrentStorage::lookForChanges(std::size_t first, std::size_t count) {
+    const std::size_t end = std::min(first + count, layout_.files().size());
+    for (std::size_t index = first; index < end; ++index) {
+        if (TorrentLayout::isPadding(layout_.files()[index])) continue;  // shared, and nobody's loss
+        const std::lock_guard turn(writeTurn_);
+        watch_.compare(index, stampOf(index));
+    }
+}
+
+std::vector<std::size_t> TorrentStorage::takeDoubted() {
+    const std::lock_guard turn(writeTurn_);
+    std::vector<std::size_t> doubted(watch_.doubted().begin(), watch_.doubted().end());
+    FileOpener opener = newOpener();
+    for (const std::size_t index : doubted) {
+        watch_.beginCheck(index, stampOf(index));
+        try {
+            calls_.forgetCached(file(index, OpenFiles::Access::read, opener)->number());
+        } catch (const StorageException&) {
+            // Whoever reads it will see.
+        }
+    }
+    return doubted;
+}
+
+void TorrentStorage::doubt(const std::vector<std::size_t>& files) {
+    const std::lock_guard turn(writeTurn_);
+    for (const std::size_t index : files) watch_.doubt(index);
+}
+
+FileStamp TorrentStorage::vouchedFor(std::size_t index) const {
+    const std::lock_guard turn(writeTurn_);
+    return watch_.vouchedFor(index);
+}
+
+void TorrentStorage::addUnsynced(const std::vector<bool>& files) {
+    const std::lock_guard turn(writeTurn_);
+    for (std::size_t index = 0; index < files.size(); ++index)
+        if (files[index]) unsynced_.insert(unsynced_.end(), index);
 }
 
 void TorrentStorage::write(std::int64_t offset, std::span<const iovec> from) {
@@ -87,6 +135,7 @@ void TorrentStorage::write(std::int64_t offset, std::span<const iovec> from) {
     std::array<iovec, buffersPerCall> window{};
     layout_.forEachSlice(offset, static_cast<std::int64_t>(VectorCursor::total(from)), [&](TorrentLayout::Slice slice) {
         const OpenFiles::File handle = file(slice.file, OpenFiles::Access::write, opener);
+        if (!TorrentLayout::isPadding(layout_.files()[slice.file])) watch_.compare(slice.file, stampOf(*handle));
         giveSize(slice.file, *handle, opener);
         unsynced_.insert(slice.file);
         while (slice.length > 0) {
@@ -99,6 +148,7 @@ void TorrentStorage::write(std::int64_t offset, std::span<const iovec> from) {
             slice.offset += written;
             slice.length -= written;
         }
+        watch_.noteWrite(slice.file, stampOf(*handle));
     });
 }
 
@@ -185,9 +235,17 @@ bool TorrentStorage::syncSome() {
             if (unsynced_.empty()) return false;
             index = unsynced_.extract(unsynced_.begin()).value();
         }
-        const OpenFiles::File handle = file(index, OpenFiles::Access::write, opener);
-        if (FileCalls::retried([&] { return calls_.sync(handle->number()); }) != 0)
-            throw StorageException::failedCall(layout_.files()[index].path, errno);
+        try {
+            // Reading is enough for it, and all that a complete file may allow.
+            const OpenFiles::File handle = file(index, OpenFiles::Access::read, opener);
+            if (FileCalls::retried([&] { return calls_.sync(handle->number()); }) != 0)
+                throw StorageException::failedCall(layout_.files()[index].path, errno);
+        } catch (const StorageException&) {
+            const std::lock_guard turn(writeTurn_);
+            unsynced_.insert(index);
+            watch_.doubt(index);
+            throw;
+        }
     }
     return true;
 }

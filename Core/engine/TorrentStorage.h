@@ -2,8 +2,9 @@
 
 #include "Core/engine/FileOpener.h"
 #include "Core/engine/FileOwnership.h"
+#include "Core/engine/FileWatch.h"
 #include "Core/engine/OpenFiles.h"
-#include "Core/engine/ResumeRecord.h"
+#include "Core/engine/PieceSet.h"
 #include "Core/engine/TorrentLayout.h"
 
 #include <cstdint>
@@ -73,9 +74,22 @@ public:
     /// Has the system read this range ahead, for a reader who is about to read it from several places at once.
     void willRead(std::int64_t offset, std::int64_t length);
     Presence presenceOf(std::int64_t offset, std::int64_t length, PresenceNotes& notes);
-    /// What file `index` looks like now.
-    FileStamp stampOf(std::size_t index) const;
-    /// Puts on the device what was written to some more files; false when all is there. Throws StorageException.
+
+    // Whether what is there is still what was written. `first` and `count` as above.
+    /// Notes what the files look like, before their pieces are read to be hashed.
+    void beginCheck(std::size_t first, std::size_t count);
+    /// Looks for files that somebody else changed since this download last touched them.
+    void lookForChanges(std::size_t first, std::size_t count);
+    /// The files of which nobody knows what they hold: changed by somebody else, or not synced. From here on they count
+    /// as checked: the caller hashes every piece of them again, from the device, or puts them in doubt again.
+    std::vector<std::size_t> takeDoubted();
+    void doubt(const std::vector<std::size_t>& files);
+    /// How this download left file `index`; no file while it is in doubt.
+    FileStamp vouchedFor(std::size_t index) const;
+    /// Files that the next sync is to include although this run did not write them, by place in the torrent.
+    void addUnsynced(const std::vector<bool>& files);
+    /// Puts on the device what was written to some more files; false when all is there. A file that cannot be synced is
+    /// in doubt, and left for the next time. Throws StorageException.
     bool syncSome();
     /// Closes the files; the next use opens them again.
     void close();
@@ -85,6 +99,8 @@ private:
     OpenFiles::File file(std::size_t index, OpenFiles::Access access, FileOpener& opener);
     void giveSize(std::size_t index, const FileDescriptor& file, FileOpener& opener);
     void lookAt(const TorrentLayout::Slice& slice, PresenceNotes& notes);
+    FileStamp stampOf(std::size_t index) const;
+    FileStamp stampOf(const FileDescriptor& file) const;
 
     const TorrentLayout layout_;
     const std::filesystem::path folder_;
@@ -94,9 +110,10 @@ private:
     FileCalls& calls_;
     FileOwnership ownership_;
     // One write at a time: the system lets in only one a file, and those who wait for it there keep a core busy.
-    std::mutex writeTurn_;
+    mutable std::mutex writeTurn_;
     std::set<std::size_t> unsynced_;  // files written to; guarded by writeTurn_
     std::vector<bool> hasSize_;       // files whose size was seen to; guarded by writeTurn_
+    FileWatch watch_;                 // guarded by writeTurn_
 };
 
 }  // namespace skein

@@ -2,6 +2,7 @@
 
 #include "Core/engine/FileCalls.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <limits>
@@ -38,7 +39,10 @@ public:
     }
     int sync(int file) override {
         ++syncs;
-        return FileCalls::sync(file);
+        if (syncsThatLose-- <= 0) return FileCalls::sync(file);
+        const char nothing[16] = {};
+        FileCalls::write(file, std::array{iovec{const_cast<char*>(nothing), sizeof nothing}}.data(), 1, 0);
+        return errno = EIO, -1;
     }
 
     /// As RLIMIT_NOFILE, but for these calls only: the sanitizers' own checks need descriptors now and then.
@@ -48,6 +52,8 @@ public:
     std::size_t longestTransfer = 0;  // 0: as long as asked
     bool interruptsEverySecond = false;
     bool knowsHoles = true;
+    /// So many syncs fail, and what was written to the file's first bytes is gone, as with a device that fails.
+    std::atomic<int> syncsThatLose = 0;
     std::atomic<int> reads = 0;
     std::atomic<int> syncs = 0;
 

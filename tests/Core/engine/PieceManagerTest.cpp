@@ -215,6 +215,51 @@ TEST_F(PieceManagerTest, waitsLongerAfterEachFailedWriteAndReportsTheTroubleOnce
     EXPECT_TRUE(torrent.isWholeIn(folder.path()));
 }
 
+TEST_F(PieceManagerTest, fetchesAgainWhatAFailedSyncLost) {
+    setUp(TestTorrent(16384, {{"a", 2 * 16384}, {"b", 2 * 16384}}));
+    int losses = 0;
+    manager->setPiecesLostCallback([&] { ++losses; });
+    for (int piece = 0; piece < 4; ++piece) EXPECT_EQ(receive(piece), completed);
+    calls.syncsThatLose = 1;
+    const auto secure = [&] { return simulation.finish(manager->secure(PieceManager::Scrutiny::allFiles)); };
+    EXPECT_EQ(failureIn<StorageException>(secure), "a: Input/output error");
+    EXPECT_EQ(manager->storageProblem(), "a: Input/output error");
+    EXPECT_EQ(losses, 1);
+    EXPECT_EQ(manager->pieceState(0), State::missing);
+    EXPECT_EQ(manager->completedPieces(), 3);
+    EXPECT_EQ(secure().count(), 3);
+    EXPECT_FALSE(manager->storageProblem());
+    EXPECT_EQ(nextPiece(), 0);
+    EXPECT_EQ(receive(0), completed);
+    EXPECT_EQ(secure().count(), 4);
+    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
+}
+
+TEST_F(PieceManagerTest, vouchesForNoFileThatOthersChanged) {
+    setUp(TestTorrent(16384, {{"a", 4 * 16384}, {"b", 2 * 16384}}));
+    for (const int piece : {0, 4, 5}) EXPECT_EQ(receive(piece), completed);
+    const auto writeElsewhere = [&](const char* file, std::int64_t at) {
+        std::fstream(folder.path() / file, std::ios::in | std::ios::out | std::ios::binary).seekp(at) << "not ours";
+    };
+    // Before our last write to the file, and after it.
+    writeElsewhere("a", 100);
+    EXPECT_EQ(receive(1), completed);
+    const Bytes record = simulation.finish(manager->resumeRecord(manager->completedSet()));
+    make();
+    calls.reads = 0;
+    simulation.finish(manager->setup(record));
+    EXPECT_EQ(calls.reads, 2) << "the pieces of b are believed, those of a are not";
+    EXPECT_EQ(manager->completedPieces(), 3);
+    writeElsewhere("b", 100);
+    EXPECT_EQ(simulation.finish(manager->secure(PieceManager::Scrutiny::allFiles)).count(), 2);
+    EXPECT_EQ(manager->pieceState(4), State::missing);
+    std::filesystem::resize_file(folder.path() / "a", 16384);
+    EXPECT_EQ(simulation.finish(manager->secure(PieceManager::Scrutiny::allFiles)).count(), 1);
+    for (const int piece : {0, 1, 2, 3, 4}) EXPECT_EQ(receive(piece), completed);
+    EXPECT_EQ(simulation.finish(manager->secure(PieceManager::Scrutiny::allFiles)).count(), 6);
+    EXPECT_TRUE(torrent.isWholeIn(folder.path()));
+}
+
 TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
     setUp(TestTorrent(16 << 20U, {{"t", 48 << 20U}}, 7));
     const auto fill = [&](int piece) {

@@ -207,6 +207,20 @@ TEST_F(TorrentSessionTest, goesByWhatIsSetWhileItRuns) {
     simulation.finish(second.stop());
 }
 
+TEST_F(TorrentSessionTest, isCompleteOnlyWithWhatItWroteInItsFiles) {
+    ScriptedPeer seeder(simulation.executor());
+    const auto getter = startGetter(seeder.address());
+    simulation.finish(seeder.accept());
+    simulation.finish(seed(seeder, 40));
+    simulation.runUntil([&] { return getter->hasLogged("✓ Piece 0 done"); });
+    std::fstream(getterFolder.path() / "t/a", std::ios::in | std::ios::out | std::ios::binary).seekp(7) << "not ours";
+    simulation.start(serveBlocks(seeder, blocks()));
+    waitUntilWhole(*getter);
+    EXPECT_TRUE(getter->hasLogged("hashing"));
+    EXPECT_EQ(std::ranges::count(getter->states, Kind::completed), 1);
+    getter->stop();
+}
+
 TEST_F(TorrentSessionTest, pausesRechecksAndResumes) {
     const auto seeder = startSeeder();
     const auto getter = startGetter(seeder->address());
