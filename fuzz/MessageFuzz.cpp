@@ -45,7 +45,11 @@ void readInPortions(ByteView stream, std::size_t seed, Reader& reader) {
             std::copy_n(stream.begin(), count, room.begin());
             buffer.commit(count);
             stream = stream.subspan(count);
-            buffer.consume(wire::decodeMessages(buffer.unread(), reader));
+            while (true) {
+                const wire::Decoded decoded = wire::decodeMessages(buffer.unread(), reader, 256);
+                buffer.consume(decoded.bytes);
+                if (!decoded.hasMore) break;
+            }
         }
     } catch (const PeerException& failure) {
         check(failure.error == PeerError::oversizedMessage);

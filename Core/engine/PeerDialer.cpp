@@ -2,6 +2,7 @@
 
 #include "public/common/ErrorText.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace skein {
@@ -43,7 +44,6 @@ asio::awaitable<void> PeerDialer::stop() {
 void PeerDialer::close() {
     isOpen_ = false;
     pendingPublicPeerDials_.clear();
-    pendingPublicPeerDialAddresses_.clear();
     prober_.forgetDeferred();
 }
 
@@ -87,38 +87,39 @@ bool PeerDialer::isBusyWith(const PeerAddress& address) const {
     return publicPeerDialInFlight_.contains(address) || callbacks_.isConnectedTo(address);
 }
 
-bool PeerDialer::isFull() const {
-    return publicPeerDialInFlight_.size() >= maxPublicPeerDialInFlight ||
-           publicPeerDialInFlight_.size() >= callbacks_.room() || !environment_.descriptors.hasRoom();
-}
-
-/// The budget of dials is for strangers.
-bool PeerDialer::isFullFor(const DialRequest& request) const {
-    if (!request.servicePeer) return isFull();
-    return publicPeerDialInFlight_.size() >= callbacks_.room() || !environment_.descriptors.hasRoom();
+/// The budget of dials, and of those to one host, is for strangers; the user's own peers always have room.
+bool PeerDialer::mayDialNow(const DialRequest& request) const {
+    if (!environment_.descriptors.hasRoom()) return false;
+    if (request.isNamedByUser) return true;
+    if (publicPeerDialInFlight_.size() >= callbacks_.room()) return false;
+    if (request.servicePeer) return true;
+    if (publicPeerDialInFlight_.size() >= maxPublicPeerDialInFlight) return false;
+    const std::string host = DialQueue::hostOf(request.address);
+    return std::ranges::count_if(publicPeerDialInFlight_, [&](const auto& flight) {
+               return DialQueue::hostOf(flight.first) == host;
+           }) < maxDialsToOneHost;
 }
 
 void PeerDialer::startOrQueue(const DialRequest& request) {
-    if (isFullFor(request)) {
+    if (!mayDialNow(request)) {
         // The service lists its peers again before long.
         if (request.servicePeer) return;
         if (environment_.descriptors.hasRoom()) return enqueuePendingPublicPeerDial(request);
         return waitForDescriptors(request);
     }
+    if (request.isNamedByUser && callbacks_.room() == 0) callbacks_.onRoomNeeded();
     publicPeerDialInFlight_.emplace(request.address, Flight{request});
     tasks_.spawn(dial(request));
 }
 
 void PeerDialer::enqueuePendingPublicPeerDial(const DialRequest& request) {
-    if (pendingPublicPeerDialAddresses_.contains(request.address)) return;
-    if (pendingPublicPeerDials_.size() >= maxPendingPublicPeerDials) {
-        const PeerAddress oldest = pendingPublicPeerDials_.front().address;
-        environment_.log.debug("[Direct] public BT pending queue full; drop oldest ", oldest.description());
-        pendingPublicPeerDials_.pop_front();
-        pendingPublicPeerDialAddresses_.erase(oldest);
-    }
-    pendingPublicPeerDials_.push_back(request);
-    pendingPublicPeerDialAddresses_.insert(request.address);
+    const DialQueue::Outcome outcome = pendingPublicPeerDials_.push(request);
+    if (outcome == DialQueue::Outcome::known) return;
+    if (outcome == DialQueue::Outcome::hostIsFull)
+        return environment_.log.debug("[Direct] enough addresses of that host wait; drop ",
+                                      request.address.description());
+    if (outcome == DialQueue::Outcome::droppedOldest)
+        environment_.log.debug("[Direct] public BT pending queue full; drop oldest");
     environment_.log.debug("[Direct] public BT dial budget full; queued ", request.address.description(),
                            " pending=", pendingPublicPeerDials_.size());
 }
@@ -137,13 +138,11 @@ asio::awaitable<void> PeerDialer::drainOnceThereIsRoom() {
 }
 
 void PeerDialer::drainPendingPublicPeerDials() {
-    while (!pendingPublicPeerDials_.empty() && !isFull()) {
-        const DialRequest next = pendingPublicPeerDials_.front();
-        pendingPublicPeerDials_.pop_front();
-        pendingPublicPeerDialAddresses_.erase(next.address);
-        environment_.log.debug("[Direct] public BT dial budget released; retry queued ", next.address.description(),
+    const auto mayDial = [this](const DialRequest& request) { return mayDialNow(request); };
+    while (const std::optional<DialRequest> next = pendingPublicPeerDials_.take(mayDial)) {
+        environment_.log.debug("[Direct] public BT dial budget released; retry queued ", next->address.description(),
                                " pending=", pendingPublicPeerDials_.size());
-        connectToPeer(next);
+        connectToPeer(*next);
     }
 }
 
@@ -153,9 +152,7 @@ void PeerDialer::leaveAlone(const PeerAddress& address, Clock::Duration cooldown
 
 void PeerDialer::givePublicPeersUp() {
     isPrivate_ = true;
-    std::erase_if(pendingPublicPeerDials_, [this](const DialRequest& request) {
-        return isShutOut(request) && pendingPublicPeerDialAddresses_.erase(request.address) > 0;
-    });
+    pendingPublicPeerDials_.eraseIf([this](const DialRequest& request) { return isShutOut(request); });
     for (auto& [address, flight] : publicPeerDialInFlight_)
         if (isShutOut(flight.request) && flight.connection != nullptr) flight.connection->disconnect();
     prober_.giveUp([this](const DialRequest& request) { return isShutOut(request); });

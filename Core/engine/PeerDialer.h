@@ -2,6 +2,7 @@
 
 #include "Core/engine/AddressCooldowns.h"
 #include "Core/engine/DialPlan.h"
+#include "Core/engine/DialQueue.h"
 #include "Core/engine/DialRequest.h"
 #include "Core/engine/UTPProber.h"
 #include "Core/wire/PeerConnection.h"
@@ -13,7 +14,6 @@
 #include "public/common/TaskGroup.h"
 
 #include <chrono>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -29,7 +29,7 @@ namespace skein {
 class PeerDialer {
 public:
     static constexpr std::size_t maxPublicPeerDialInFlight = 16;
-    static constexpr std::size_t maxPendingPublicPeerDials = 256;
+    static constexpr std::ptrdiff_t maxDialsToOneHost = 8;
     static constexpr std::chrono::seconds publicBTConnectTimeout{15};
     /// A peer that the resource service listed was there a moment ago, and the relay comes next.
     static constexpr std::chrono::seconds platformConnectTimeout{5};
@@ -64,6 +64,8 @@ public:
         std::function<bool(const PeerAddress&)> isConnectedTo;
         /// How many connections more there may be, the dials in flight among them.
         std::function<std::size_t()> room;
+        /// A peer that the user named is to be dialled, and there is no room.
+        std::function<void()> onRoomNeeded;
         /// A handshake is done.
         std::function<void(const DialRequest&, std::unique_ptr<PeerConnection>)> onConnected;
         /// A dial came to nothing.
@@ -113,8 +115,7 @@ private:
     void skip(const DialRequest& request);
     bool isResting(const DialRequest& request);
     bool isShutOut(const DialRequest& request) const { return isPrivate_ && !request.mayServePrivate(); }
-    bool isFull() const;
-    bool isFullFor(const DialRequest& request) const;
+    bool mayDialNow(const DialRequest& request) const;
     void startOrQueue(const DialRequest& request);
     void enqueuePendingPublicPeerDial(const DialRequest& request);
     asio::awaitable<void> dial(DialRequest request);
@@ -136,8 +137,7 @@ private:
         PeerConnection* connection = nullptr;  ///< of the attempt that is made
     };
     std::unordered_map<PeerAddress, Flight> publicPeerDialInFlight_;
-    std::deque<DialRequest> pendingPublicPeerDials_;
-    std::unordered_set<PeerAddress> pendingPublicPeerDialAddresses_;
+    DialQueue pendingPublicPeerDials_;
     AddressCooldowns publicPeerRetryAfter_;  // after a failed dial
     AddressCooldowns unwanted_;              // whoever names them
     std::unordered_set<PeerAddress> namedPeersToRetry_;

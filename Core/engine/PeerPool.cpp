@@ -35,6 +35,7 @@ PeerDialer::Callbacks PeerPool::dialerCallbacks() {
     };
     callbacks.isConnectedTo = [this](const PeerAddress& address) { return findDirect(address) != nullptr; };
     callbacks.room = [this] { return room(); };
+    callbacks.onRoomNeeded = [this] { makeRoom(Claim::ofTheUser); };
     callbacks.onConnected = [this](const DialRequest& request, std::unique_ptr<PeerConnection> connection) {
         admit(makePeer(request, std::move(connection)));
     };
@@ -83,7 +84,7 @@ void PeerPool::handleIncomingConnection(std::unique_ptr<PeerWireTransport> trans
                               " turned away: only encrypted connections are allowed");
         return transport->cancel();
     }
-    if (isFull()) makeRoom();
+    if (isFull()) makeRoom(Claim::ofAStranger);
     if (!isOpen_ || tasks_.isStopping() || isFull() || !environment_.descriptors.hasRoom()) return transport->cancel();
     transport->hold(environment_.descriptors.take());
     auto connection = makeConnection(address, std::move(transport), PeerDirection::incoming);
@@ -122,8 +123,15 @@ std::unique_ptr<PeerConnection> PeerPool::makeConnection(const PeerAddress& addr
                                                          PeerDirection direction) {
     const PeerConnection::Environment environment{environment_.strand, environment_.clock, environment_.log, download_,
                                                   upload_};
-    return std::make_unique<PeerConnection>(environment, address, environment_.identity, std::move(transport),
-                                            direction);
+    auto connection =
+        std::make_unique<PeerConnection>(environment, address, environment_.identity, std::move(transport), direction);
+    if (pieceCount_) connection->setPieceCount(*pieceCount_);
+    return connection;
+}
+
+void PeerPool::setPieceCount(int count) {
+    pieceCount_ = count;
+    for (const auto& [key, peer] : connected_) peer->connection->setPieceCount(count);
 }
 
 std::unique_ptr<PeerPool::Peer> PeerPool::makePeer(const DialRequest& origin,
@@ -252,7 +260,7 @@ asio::awaitable<void> PeerPool::retireSlowly(std::unique_ptr<Peer> peer) {
 
 void PeerPool::review() {
     noteUse();
-    if (isFull() && dialer_.pendingDials() > 0) makeRoom();
+    if (isFull() && dialer_.pendingDials() > 0) makeRoom(Claim::ofAStranger);
 }
 
 void PeerPool::noteUse() {
@@ -263,15 +271,28 @@ void PeerPool::noteUse() {
     }
 }
 
-/// Lets the peer go that has been of no use for longest, if it has been so for long enough. Those whom the user named
-/// stay.
-void PeerPool::makeRoom() {
+/// Why the peer may go when others wait; nothing when it may not.
+const char* PeerPool::uselessness(const Peer& peer) const {
+    const Clock::TimePoint now = environment_.clock.now();
+    if (now - peer.lastUsefulAt >= uselessLimit) return "Of no use for 5 minutes while others wait";
+    const std::optional<Clock::TimePoint> owingSince = peer.connection->owesBlocksSince();
+    if (owingSince && now - *owingSince >= silenceLimit) return "Answered nothing for 60 seconds while others wait";
+    return nullptr;
+}
+
+/// Lets the peer go that has been of no use for longest, if it has been so for long enough; for a peer that the user
+/// named, any peer. Those whom the user named stay.
+void PeerPool::makeRoom(Claim claim) {
     noteUse();
     const Peer* least = nullptr;
-    for (const auto& [key, peer] : connected_)
-        if (!peer->isNamedByUser && (least == nullptr || peer->lastUsefulAt < least->lastUsefulAt)) least = peer.get();
-    if (least != nullptr && environment_.clock.now() - least->lastUsefulAt >= uselessLimit)
-        drop(least->key, "Of no use for 5 minutes while others wait", PeerDialer::publicPeerFailureCooldown);
+    for (const auto& [key, peer] : connected_) {
+        if (peer->isNamedByUser || (claim == Claim::ofAStranger && uselessness(*peer) == nullptr)) continue;
+        if (least == nullptr || peer->lastUsefulAt < least->lastUsefulAt) least = peer.get();
+    }
+    if (least == nullptr) return;
+    const char* const why = uselessness(*least);
+    drop(least->key, why != nullptr ? why : "A peer that the user named takes its place",
+         PeerDialer::publicPeerFailureCooldown);
 }
 
 void PeerPool::dropPublicPeers() {

@@ -11,6 +11,7 @@
 #include "public/common/TaskGroup.h"
 #include "public/common/Throttle.h"
 
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -29,6 +30,8 @@ public:
     static constexpr std::chrono::hours badPeerCooldown{1};
     /// Who moved no bytes for so long, in either direction, makes room when others wait.
     static constexpr std::chrono::minutes uselessLimit{5};
+    /// So does who was asked for blocks, and sent none for so long.
+    static constexpr std::chrono::seconds silenceLimit{60};
 
     struct Environment {
         Strand strand;
@@ -82,6 +85,8 @@ public:
     asio::awaitable<std::string> connectOver(std::unique_ptr<PeerWireTransport> transport, DialRequest origin,
                                              std::chrono::seconds timeout);
     void handleIncomingConnection(std::unique_ptr<PeerWireTransport> transport, PeerAddress address);
+    /// The torrent's, once it is known.
+    void setPieceCount(int count);
     /// Asks anew what the connected peers report to.
     void renewCallbacks();
     /// Drops the peer; with a cooldown it is not dialled again until that is over.
@@ -130,7 +135,10 @@ private:
     void forgetRow(const PeerAddress& address);
     bool isFull() const noexcept { return room() <= dialer_.dialsInFlight(); }
     void noteUse();
-    void makeRoom();
+    /// On whose behalf somebody may have to leave.
+    enum class Claim : std::uint8_t { ofAStranger, ofTheUser };
+    void makeRoom(Claim claim);
+    const char* uselessness(const Peer& peer) const;
     PeerRuntimeInfo infoOf(const Peer& peer) const;
 
     const Environment environment_;
@@ -142,6 +150,7 @@ private:
     std::deque<PeerRuntimeInfo> recentDisconnectedPeers_;
     std::size_t accepting_ = 0;
     bool isOpen_ = true;
+    std::optional<int> pieceCount_;
     PeerDialer dialer_;
     std::size_t retiring_ = 0;  // peers that left and whose connections have yet to stop
     Notifier retired_;

@@ -88,6 +88,7 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
 void TorrentSession::setMetaInfo(std::shared_ptr<const TorrentMetaInfo> metaInfo) {
     metaInfo_ = std::move(metaInfo);
     if (!options_.topName.empty()) metaInfo_ = std::make_shared<TorrentMetaInfo>(metaInfo_->storedAs(options_.topName));
+    peerPool_.setPieceCount(metaInfo_->pieceCount());
 }
 
 /// From the metainfo to a running torrent.

@@ -3,6 +3,8 @@
 #include "Core/wire/PeerError.h"
 #include "Core/wire/WireMessage.h"
 
+#include <algorithm>
+
 namespace skein::wire {
 
 namespace {
@@ -36,20 +38,30 @@ void dispatch(std::uint8_t id, ByteView body, MessageSink& sink) {
     }
 }
 
+/// Blocks are copied, which costs next to nothing; other bodies are looked at byte by byte.
+std::size_t workOf(std::uint8_t id, std::size_t length) {
+    return static_cast<MessageID>(id) == MessageID::piece ? 1 : 1 + length / bytesPerWork;
+}
+
 }  // namespace
 
-std::size_t decodeMessages(ByteView stream, MessageSink& sink) {
-    std::size_t consumed = 0;
-    while (stream.size() - consumed >= lengthPrefixSize) {
-        const ByteView rest = stream.subspan(consumed);
+Decoded decodeMessages(ByteView stream, MessageSink& sink, std::size_t work) {
+    Decoded decoded;
+    while (stream.size() - decoded.bytes >= lengthPrefixSize) {
+        const ByteView rest = stream.subspan(decoded.bytes);
         const std::size_t length = numberAt(rest, 0);
         if (length > maxMessageSize) throw PeerException(PeerError::oversizedMessage);
         if (rest.size() - lengthPrefixSize < length) break;
+        if (work == 0) {
+            decoded.hasMore = true;
+            break;
+        }
         if (length > 0)  // else a keep-alive
             dispatch(rest[lengthPrefixSize], rest.subspan(lengthPrefixSize + 1, length - 1), sink);
-        consumed += lengthPrefixSize + length;
+        work -= std::min(work, length > 0 ? workOf(rest[lengthPrefixSize], length) : 1);
+        decoded.bytes += lengthPrefixSize + length;
     }
-    return consumed;
+    return decoded;
 }
 
 }  // namespace skein::wire

@@ -35,9 +35,19 @@ namespace wire {
 inline constexpr std::size_t maxMessageSize = 2'097'152;
 inline constexpr std::size_t lengthPrefixSize = 4;
 
-/// Hands every whole message in `stream` to `sink` and returns how many bytes they took. Messages with an unknown id
-/// or too short a body are skipped. Throws PeerException (oversizedMessage) at a length above the limit.
-std::size_t decodeMessages(ByteView stream, MessageSink& sink);
+/// What a message costs the one who handles it, beside its own 1: so many bytes of those that are searched or parsed.
+inline constexpr std::size_t bytesPerWork = 64;
+/// No limit.
+inline constexpr std::size_t allWork = static_cast<std::size_t>(-1);
+
+struct Decoded {
+    std::size_t bytes = 0;  ///< that the messages took
+    bool hasMore = false;   ///< the work was used up, and there may be more whole messages
+};
+
+/// Hands the whole messages in `stream` to `sink`, until they have cost so much `work`. Messages with an unknown id or
+/// too short a body are skipped. Throws PeerException (oversizedMessage) at a length above the limit.
+Decoded decodeMessages(ByteView stream, MessageSink& sink, std::size_t work = allWork);
 
 }  // namespace wire
 

@@ -5,6 +5,8 @@
 #include "public/common/Random.h"
 #include "public/common/Within.h"
 
+#include <boost/asio/post.hpp>
+
 #include <algorithm>
 #include <limits>
 
@@ -16,6 +18,10 @@ namespace {
 constexpr std::size_t maxPendingControl = std::size_t{8} << 20U;
 /// Metadata answers (16 KiB each) that go out in one write.
 constexpr int metadataAnswersAWrite = 16;
+/// What one peer's messages may cost before others have their turn: some hundred microseconds.
+constexpr std::size_t workAtATime = 256;
+/// What is kept of the pieces that a peer has while the torrent's number of pieces is not known.
+constexpr std::size_t bitfieldBytesBeforeMetadata = std::size_t{32} << 10U;
 constexpr std::int64_t largestRead = std::numeric_limits<std::int64_t>::max();
 
 }  // namespace
@@ -28,6 +34,7 @@ PeerConnection::PeerConnection(const Environment& environment, PeerAddress addre
       direction_(direction),
       transport_(std::move(transport)),
       extensions_(address_.description(), environment.clock, environment.log),
+      mostBitfieldBytes_(bitfieldBytesBeforeMetadata),
       writerWake_(environment.strand),
       uploadsShrank_(environment.strand),
       tasks_(environment.strand) {}
@@ -159,7 +166,7 @@ asio::awaitable<void> PeerConnection::receiveMessages() {
         lastActiveAt_ = environment_.clock.now();
         received_.commit(count);
         receivedBlockBytes_ = 0;
-        received_.consume(wire::decodeMessages(received_.unread(), *this));
+        co_await handleReceived();
         if (receivedBlockBytes_ > 0) {
             if (callbacks_.onBlocksReceived) co_await callbacks_.onBlocksReceived();
             co_await paceDownload(receivedBlockBytes_);
@@ -169,10 +176,22 @@ asio::awaitable<void> PeerConnection::receiveMessages() {
     }
 }
 
+/// Whole messages, by portions between which the others on the strand have their turn.
+asio::awaitable<void> PeerConnection::handleReceived() {
+    for (;;) {
+        const wire::Decoded decoded = wire::decodeMessages(received_.unread(), *this, workAtATime);
+        received_.consume(decoded.bytes);
+        if (!decoded.hasMore) co_return;
+        co_await asio::post(environment_.strand, asio::use_awaitable);
+    }
+}
+
 asio::awaitable<void> PeerConnection::paceDownload(std::int64_t bytes) {
     const Clock::TimePoint now = environment_.clock.now();
     const auto wait = std::max(download_.book(bytes, now), environment_.sessionDownload.book(bytes, now));
-    if (wait > Clock::Duration::zero()) co_await environment_.clock.sleep(wait);
+    if (wait <= Clock::Duration::zero()) co_return;
+    co_await environment_.clock.sleep(wait);
+    if (owesBlocksSince_) owesBlocksSince_ = environment_.clock.now();  // it was we who did not listen
 }
 
 /// A peer that asks faster than it reads is not read itself until it has taken some answers.
@@ -183,6 +202,7 @@ asio::awaitable<void> PeerConnection::waitForUploads() {
 void PeerConnection::onChoke(bool isChoked) {
     const bool isNews = peerChoking_ != isChoked;
     peerChoking_ = isChoked;
+    if (isChoked) owesBlocksSince_.reset();  // what was asked for is forgotten
     environment_.log.debug("[Peer ", address_.description(), isChoked ? "] choke" : "] unchoke");
     if (isNews && callbacks_.onChokeChanged) callbacks_.onChokeChanged(isChoked);
 }
@@ -193,7 +213,7 @@ void PeerConnection::onInterested(bool isInterested) {
 }
 
 void PeerConnection::onHave(std::uint32_t piece) {
-    if (const std::size_t byte = piece / 8; byte < wire::maxMessageSize) {
+    if (const std::size_t byte = piece / 8; byte < mostBitfieldBytes_) {
         if (!peerBitfield_) peerBitfield_.emplace();
         if (byte >= peerBitfield_->size()) peerBitfield_->resize(byte + 1);
         (*peerBitfield_)[byte] |= static_cast<std::uint8_t>(0x80U >> piece % 8U);
@@ -202,9 +222,17 @@ void PeerConnection::onHave(std::uint32_t piece) {
 }
 
 void PeerConnection::onBitfield(ByteView bitfield) {
-    peerBitfield_.emplace(bitfield.begin(), bitfield.end());
+    const ByteView kept = bitfield.first(std::min(bitfield.size(), mostBitfieldBytes_));
+    peerBitfield_.emplace(kept.begin(), kept.end());
     environment_.log.debug("[Peer ", address_.description(), "] bitfield ", bitfield.size(), " bytes");
-    if (callbacks_.onBitfieldReceived) callbacks_.onBitfieldReceived(bitfield);
+    if (callbacks_.onBitfieldReceived) callbacks_.onBitfieldReceived(*peerBitfield_);
+}
+
+void PeerConnection::setPieceCount(int count) {
+    mostBitfieldBytes_ = (static_cast<std::size_t>(std::max(count, 0)) + 7) / 8;
+    if (!peerBitfield_ || peerBitfield_->size() <= mostBitfieldBytes_) return;
+    peerBitfield_->resize(mostBitfieldBytes_);
+    peerBitfield_->shrink_to_fit();
 }
 
 void PeerConnection::onRequest(std::uint32_t piece, std::uint32_t begin, std::uint32_t length) {
@@ -220,6 +248,7 @@ void PeerConnection::onCancel(std::uint32_t piece, std::uint32_t begin, std::uin
 void PeerConnection::onPiece(std::uint32_t piece, std::uint32_t begin, ByteView block) {
     const auto size = static_cast<std::int64_t>(block.size());
     receivedBlockBytes_ += size;
+    owesBlocksSince_.reset();
     counters_.bytesDownloaded += size;
     counters_.uiBytesDownloaded += size;
     uiDownloadSpeedTracker_.add(size, *lastActiveAt_);
@@ -276,6 +305,7 @@ void PeerConnection::flush() {
 void PeerConnection::sendRequests(std::span<const BlockRequest> requests) {
     if (!isConnected_) return;
     for (const BlockRequest& request : requests) wire::appendBlockMessage(pendingControl_, MessageID::request, request);
+    if (!owesBlocksSince_) owesBlocksSince_ = environment_.clock.now();
     wakeWriter();
 }
 

@@ -91,6 +91,8 @@ public:
     PeerConnection& operator=(const PeerConnection&) = delete;
     ~PeerConnection();
 
+    /// The torrent's, once it is known: what the peer says of others is not kept.
+    void setPieceCount(int count);
     /// Not from inside a callback.
     void setCallbacks(Callbacks callbacks);
 
@@ -135,6 +137,8 @@ public:
     std::optional<Clock::TimePoint> connectedAt() const noexcept { return connectedAt_; }
     /// When the peer last sent something.
     std::optional<Clock::TimePoint> lastActiveAt() const noexcept { return lastActiveAt_; }
+    /// Since when the peer was asked for blocks, did not choke us and sent none.
+    std::optional<Clock::TimePoint> owesBlocksSince() const noexcept { return owesBlocksSince_; }
     bool amChoking() const noexcept { return amChoking_; }
     bool amInterested() const noexcept { return amInterested_; }
     bool peerChoking() const noexcept { return peerChoking_; }
@@ -173,6 +177,7 @@ private:
 
     asio::awaitable<void> messageLoop();
     asio::awaitable<void> receiveMessages();
+    asio::awaitable<void> handleReceived();
     asio::awaitable<void> paceDownload(std::int64_t bytes);
     asio::awaitable<void> waitForUploads();
     asio::awaitable<void> writeLoop();
@@ -202,12 +207,14 @@ private:
     PeerExtensions extensions_;
     bool isReading_ = false;  // false while the reader waits for us, so that the wait is not the peer's silence
     std::optional<Bytes> peerBitfield_;
+    std::size_t mostBitfieldBytes_;
     std::optional<PeerID> remotePeerID_;
     PeerEncryptionStatus encryptionStatus_ = PeerEncryptionStatus::plaintext;
     bool hasReachedPeer_ = false;
     bool mayNeedOtherPrime_ = false;
     std::optional<Clock::TimePoint> connectedAt_;
     std::optional<Clock::TimePoint> lastActiveAt_;
+    std::optional<Clock::TimePoint> owesBlocksSince_;
     std::optional<Clock::TimePoint> writingSince_;
     Clock::TimePoint lastSentAt_{};
 

@@ -18,7 +18,7 @@ std::uint8_t extendedIDFrom(std::int64_t id) {
 }  // namespace
 
 void PeerExtensions::handleExtended(ByteView body) {
-    if (body.empty()) return;
+    if (body.empty() || body.size() > maxBodySize) return;
     const ByteView payload = body.subspan(1);
     if (body[0] == handshakeID) {
         handleHandshake(payload);
@@ -31,6 +31,7 @@ void PeerExtensions::handleExtended(ByteView body) {
 }
 
 void PeerExtensions::handleHandshake(ByteView payload) {
+    if (handshakes_++ >= maxHandshakes) return;
     const auto announced = ExtendedHandshake::decode(payload);
     if (!announced) return;
     if (announced->metadataID) {

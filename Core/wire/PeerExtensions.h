@@ -34,6 +34,11 @@ public:
     /// A peer gets the whole info dictionary so many times an hour: once, and again after a failure on its side.
     static constexpr std::size_t metadataCopiesAnHour = 3;
 
+    /// What no extended message needs to be longer than, and how often a peer may change what it announced: parsing
+    /// costs us more than sending costs the peer.
+    static constexpr std::size_t maxBodySize = std::size_t{32} << 10U;
+    static constexpr int maxHandshakes = 16;
+
     struct Callbacks {
         /// The peer's extended handshake was read; it may come again with news.
         std::function<void()> onHandshake;
@@ -82,6 +87,7 @@ private:
     Clock& clock_;
     FileLogger& log_;
     Callbacks callbacks_;
+    int handshakes_ = 0;
     std::uint8_t remoteMetadataID_ = 0;
     std::uint8_t remotePexID_ = 0;
     std::int64_t metadataSize_ = 0;

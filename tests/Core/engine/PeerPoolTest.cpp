@@ -14,24 +14,44 @@ protected:
         pool.connectToPeer({{"10.0.0.1", static_cast<std::uint16_t>(port)}, PeerSource::publicTracker, isNamed});
         simulation.settle();
     }
+    void offerHost(int host, int port, bool isNamed = false) {
+        const PeerAddress address = PeerAddress::fromIPv4(
+            std::array<std::uint8_t, 4>{10, 0, static_cast<std::uint8_t>(host / 256), static_cast<std::uint8_t>(host)},
+            static_cast<std::uint16_t>(port));
+        pool.connectToPeer({address, PeerSource::publicTracker, isNamed});
+        simulation.settle();
+    }
     PeerRuntimeInfo lastRow() {
         return pool.makePeerRuntimeInfos([](PeerKey) { return 0.0; }).back();
     }
 };
 
 TEST_F(PeerPoolTest, dialsSixteenAtOnceAndQueuesTheRestInOrderDroppingTheOldest) {
-    for (int port = 1; port <= 16 + 257; ++port) offer(port);
+    for (int host = 1; host <= 16 + 257; ++host) offerHost(host, 1);
     EXPECT_THAT(dialled, SizeIs(16));
     EXPECT_EQ(pool.dialer().pendingDials(), 256U);
-    offer(100);  // queued already
+    offerHost(100, 1);  // queued already
     EXPECT_EQ(pool.dialer().pendingDials(), 256U);
     fate = Fate::fails;
     simulation.advance(1s);
     ASSERT_GT(dialled.size(), 16U);
-    EXPECT_EQ(dialled[16], 18) << "17 was the oldest and had to go";
+    EXPECT_EQ(dialledPeers[16], "10.0.0.18:1") << "17 was the oldest and had to go";
     simulation.advance(60s);
     EXPECT_EQ(pool.dialer().pendingDials(), 0U);
     EXPECT_THAT(dialled, SizeIs(16 + 256));
+}
+
+TEST_F(PeerPoolTest, dialsFewPortsOfOneHostAndWhomTheUserNamedFirst) {
+    for (int port = 1; port <= 2000; ++port) offer(port);
+    EXPECT_THAT(dialled, SizeIs(8));
+    EXPECT_EQ(pool.dialer().pendingDials(), 32U);
+    for (int host = 2; host <= 20; ++host) offerHost(host, 1);
+    EXPECT_THAT(dialled, SizeIs(16));
+    offerHost(99, 7, true);
+    EXPECT_EQ(dialled.back(), 7);
+    fate = Fate::fails;
+    simulation.advance(1min);
+    EXPECT_THAT(dialled, SizeIs(8 + 32 + 19 + 12)) << "the named one is tried every 5 s";
 }
 
 TEST_F(PeerPoolTest, leavesAFailedPeerAloneForTenMinutesButNotOneThatTheUserNamed) {

@@ -153,6 +153,34 @@ TEST_F(TorrentSessionTest, letsAPeerGoThatIsOfNoUseForFiveMinutesWhenAnotherWait
     simulation.finish(tracker.stop());
 }
 
+TEST_F(TorrentSessionTest, letsAPeerGoThatAnswersNothingForAMinuteOrThatIsInTheWayOfTheUsersOwn) {
+    for (const bool isNamed : {false, true}) {
+        ScriptedPeer silent(simulation.executor());
+        LoopbackTracker tracker(simulation.executor());
+        tracker.addPeer(infoHash, silent.address());
+        TemporaryFolder folder;
+        Options options{.savePath = folder.path(), .maxConnections = 1};
+        options.discovery.extraTrackers = {tracker.udpURL()};
+        const auto getter = start('g', std::move(options));
+        simulation.finish(silent.accept());
+        simulation.finish(seed(silent, 0));
+        simulation.runUntil([&] { return getter->hasLogged("[Direct] ✓ "); });
+        simulation.start(keepAlive(silent));
+        Options seeding{.seedsOnly = true};
+        if (!isNamed) seeding.discovery.namedPeers = {getter->address()};
+        const auto seeder = start('s', std::move(seeding));
+        if (isNamed) simulation.finish(getter->session().connectToPeer(seeder->address()));
+        const Clock::TimePoint began = simulation.now();
+        waitFor(*getter, Kind::seeding, isNamed ? 0s : 1s);
+        EXPECT_TRUE(torrent.isWholeIn(folder.path()));
+        EXPECT_EQ(simulation.now() - began >= 50s, !isNamed);
+        EXPECT_LT(simulation.now() - began, 90s);
+        seeder->stop();
+        getter->stop();
+        simulation.finish(tracker.stop());
+    }
+}
+
 TEST_F(TorrentSessionTest, asksATrackerInsideTheUsersNetworkOnlyWhereTheUserNamedIt) {
     LoopbackTracker tracker(simulation.executor());
     torrent.metaInfo->announceList = {{tracker.httpURL()}};

@@ -51,14 +51,27 @@ TEST(MessageDecoder, handsOverEveryMessageHoweverTheStreamIsCut) {
         Bytes held;
         for (std::size_t at = 0; at < stream.size(); at += portion) {
             append(held, ByteView(stream).subspan(at, std::min(portion, stream.size() - at)));
-            const std::size_t used = wire::decodeMessages(held, notes);
-            held.erase(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(used));
+            for (wire::Decoded decoded{0, true}; decoded.hasMore;) {
+                decoded = wire::decodeMessages(held, notes, 2);
+                held.erase(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(decoded.bytes));
+            }
         }
         EXPECT_THAT(held, IsEmpty());
         EXPECT_THAT(notes.lines,
                     ElementsAre("choke", "unchoke", "interested", "not interested", "have 4294967295", "bitfield a0",
                                 "request 1,16384,16384", "cancel 1,16384,16384", "piece 2,16384,1", "extended 006465"));
     }
+}
+
+TEST(MessageDecoder, stopsWhenTheWorkIsUsedUp) {
+    Bytes stream;
+    wire::appendMessage(stream, MessageID::extended, Bytes(640));
+    for (int i = 0; i < 3; ++i) wire::appendMessage(stream, MessageID::interested);
+    Notes notes;
+    const wire::Decoded decoded = wire::decodeMessages(stream, notes, 12);
+    EXPECT_TRUE(decoded.hasMore);
+    EXPECT_THAT(notes.lines, testing::SizeIs(2)) << "the long one cost 11";
+    EXPECT_FALSE(wire::decodeMessages(ByteView(stream).subspan(decoded.bytes), notes, 12).hasMore);
 }
 
 TEST(MessageDecoder, skipsShortBodiesAndUnknownIds) {
@@ -70,7 +83,7 @@ TEST(MessageDecoder, skipsShortBodiesAndUnknownIds) {
     for (const int id : {9, 255}) wire::appendMessage(stream, static_cast<MessageID>(id), Bytes(2));
     wire::appendMessage(stream, MessageID::interested);
     Notes notes;
-    EXPECT_EQ(wire::decodeMessages(stream, notes), stream.size());
+    EXPECT_EQ(wire::decodeMessages(stream, notes).bytes, stream.size());
     EXPECT_THAT(notes.lines, ElementsAre("interested"));
 }
 
@@ -78,10 +91,10 @@ TEST(MessageDecoder, acceptsTwoMebibytesAndNotAByteMore) {
     Notes notes;
     Bytes stream;
     appendBigEndian<std::uint32_t>(stream, wire::maxMessageSize);
-    EXPECT_EQ(wire::decodeMessages(stream, notes), 0U);
+    EXPECT_EQ(wire::decodeMessages(stream, notes).bytes, 0U);
     stream.resize(4 + wire::maxMessageSize);
     stream[4] = 7;
-    EXPECT_EQ(wire::decodeMessages(stream, notes), stream.size());
+    EXPECT_EQ(wire::decodeMessages(stream, notes).bytes, stream.size());
     EXPECT_THAT(notes.lines, ElementsAre("piece 0,0,2097143"));
     Bytes tooLong;
     appendBigEndian<std::uint32_t>(tooLong, wire::maxMessageSize + 1);
