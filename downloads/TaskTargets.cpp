@@ -58,7 +58,9 @@ asio::awaitable<std::unique_ptr<TaskTargets::Hold>> TaskTargets::take(SHA1Digest
         hold->place = known.value_or(wanted);
         hold->place.movesAside = wanted.movesAside;
         if (hold->place.folder.empty()) hold->place.folder = standard;
-        hold->lock_.emplace(hold->place.folder, hold->key_);
+        // Where there is no folder, there is nothing to remove, and nobody else writes.
+        if (purpose == Purpose::write || fs::exists(hold->place.folder))
+            hold->lock_.emplace(hold->place.folder, hold->key_);
         if (purpose != Purpose::write || known) return;
         createPrivateFolder(records_);
         replaceWholeFile(recordOf(hold->key_), asBytes(hold->place.folder.string() + '\n' + hold->place.topName));

@@ -5,25 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
 
 namespace skein {
-
-namespace {
-
-/// Whether a process downloads `holder` at this moment. One that only once did so has no use for its files any more.
-bool isRunning(const FileClaims::Holder& holder) {
-    try {
-        const TargetLock probe(holder.folder, holder.download);
-    } catch (const TargetTaken&) {
-        return true;
-    } catch (const std::system_error&) {
-        return true;  // nobody can tell
-    }
-    return false;
-}
-
-}  // namespace
 
 FileOwnership::FileOwnership(const TorrentLayout& layout, const std::filesystem::path& folder, FileCalls& calls,
                              const SHA1Digest& torrent, ClaimTerms terms)
@@ -76,8 +59,10 @@ bool FileOwnership::mayTake(FileOpener& opener, std::size_t file, bool isMatched
 
 bool FileOwnership::isAnothers(const FileIdentity& identity) const {
     if (terms_.claims == nullptr) return false;
+    // One that only once downloaded it has no use for it any more.
     const auto holder = terms_.claims->holderOf(identity);
-    return holder && holder->download != torrent_ && (holder->isListed || isRunning(*holder));
+    return holder && holder->download != torrent_ &&
+           (holder->isListed || TargetLock::isHeld(holder->folder, holder->download));
 }
 
 bool FileOwnership::holdsNothing(FileOpener& opener, std::size_t file) const {

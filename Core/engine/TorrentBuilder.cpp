@@ -1,6 +1,7 @@
 #include "Core/engine/TorrentBuilder.h"
 
 #include "public/common/SHA1.h"
+#include "public/common/TargetLock.h"
 #include "public/common/ThreadPools.h"
 
 #include <boost/asio/post.hpp>
@@ -184,6 +185,7 @@ void TorrentBuilder::listFolder(const fs::path& source, const fs::path& leftOut)
     const fs::path realLeftOut = leftOut.empty() ? leftOut : fs::weakly_canonical(leftOut);
     for (const fs::directory_entry& entry : fs::recursive_directory_iterator(real)) {
         const fs::file_type type = entry.symlink_status().type();
+        if (entry.path().filename() == TargetLock::fileName) continue;  // of a program that downloads to there
         if (type == fs::file_type::regular && entry.path() != realLeftOut) {
             addFile(torrent_.name + entry.path().string().substr(real.string().size()), entry.file_size());
         } else if (type != fs::file_type::directory && type != fs::file_type::regular) {

@@ -3,6 +3,7 @@
 #include "public/common/HTTPFetcher.h"
 #include "public/common/IPAddress.h"
 #include "public/common/LocalBinding.h"
+#include "public/common/NameLookups.h"
 
 #include <cstdint>
 #include <functional>
@@ -37,6 +38,7 @@ public:
 
     struct Options {
         std::string userAgent = "skein/" SKEIN_VERSION;
+        std::shared_ptr<NameLookups> lookups = NameLookups::shared();
         LocalBinding binding;  ///< where requests leave from; what cannot be reached from there is not asked
         /// Says which addresses are public; tests have only loopback addresses, and say it otherwise.
         std::function<AddressScope(const IPAddress&)> scopeOf = [](const IPAddress& address) {

@@ -260,7 +260,7 @@ void HTTPTransfer::setUp() {
     if (isProxied_) set(CURLOPT_NOPROXY, "");  // an exception to the proxy is for hosts that the user names
     set(CURLOPT_ERRORBUFFER, errorText_.data());
     set(CURLOPT_NOSIGNAL, 1L);
-    // A name that nobody answers for is looked up by a thread of curl's; nobody waits for that once we have given up.
+    // The name of a proxy is looked up by a thread of curl's; nobody waits for that once we have given up.
     set(CURLOPT_QUICK_EXIT, 1L);
 
     set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request_.connectTimeout.count()));
@@ -279,6 +279,42 @@ void HTTPTransfer::setUp() {
     set(CURLOPT_PREREQFUNCTION, &Callbacks::beforeRequest);
     set(CURLOPT_PREREQDATA, this);
     setMethod();
+}
+
+/// A name in which curl might read another than we is left to it.
+std::optional<std::string> HTTPTransfer::hostToFind() const {
+    if (request_.usesProxy && mayUseProxy()) return std::nullopt;
+    const auto parts = partsOf(request_.url);
+    const auto isPlain = [](char character) {
+        return (character >= 'a' && character <= 'z') || (character >= '0' && character <= '9') || character == '-' ||
+               character == '.' || character == '_';
+    };
+    if (!parts || parts->host.ends_with('.') || !std::ranges::all_of(parts->host, isPlain)) return std::nullopt;
+    if (IPAddress::parse(parts->host)) return std::nullopt;
+    return parts->host;
+}
+
+bool HTTPTransfer::setAddresses(const std::vector<IPAddress>& addresses) {
+    const auto parts = partsOf(request_.url);
+    if (addresses.empty() || !parts) {
+        refuse(HTTPError::cannotResolve, "Could not resolve host: " + (parts ? parts->host : std::string()));
+        return false;
+    }
+    std::string entry = "+" + parts->host + ":" + parts->port + ":";  // "+": it grows old like any other
+    for (const IPAddress& address : addresses)
+        entry += (entry.ends_with(':') ? "" : ",") + (address.isIPv4() ? address.text() : "[" + address.text() + "]");
+    addressList_.reset(curl_slist_append(nullptr, entry.c_str()));
+    curl_easy_setopt(handle_, CURLOPT_RESOLVE, addressList_.get());
+    return true;
+}
+
+void HTTPTransfer::giveUpFinding() {
+    refuse(HTTPError::timeout, "nobody says where " + partsOf(request_.url).value_or(URLParts()).host + " is");
+}
+
+std::chrono::milliseconds HTTPTransfer::findingLimit() const {
+    return request_.totalTimeout.count() > 0 ? std::min(request_.connectTimeout, request_.totalTimeout)
+                                             : request_.connectTimeout;
 }
 
 void HTTPTransfer::setMethod() {

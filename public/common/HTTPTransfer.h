@@ -40,6 +40,15 @@ public:
 
     /// curl's easy handle, ready to run; null when the request is refused (see `outcome`).
     void* handle() const noexcept { return handle_; }
+    /// The host whose addresses are to be found before the handle runs; nothing when curl needs none, or finds those of
+    /// a proxy itself.
+    std::optional<std::string> hostToFind() const;
+    /// Those of that host. False, and the transfer has ended, when there are none.
+    bool setAddresses(const std::vector<IPAddress>& addresses);
+    /// Nobody said in time where the host is.
+    void giveUpFinding();
+    /// The least of the time-outs that are left.
+    std::chrono::milliseconds findingLimit() const;
     /// Takes curl's verdict on the handle's run. True: the handle is to run again, for a redirect.
     bool proceed(int curlCode);
     /// After the last run. Of a streamed body that came whole it says nothing.
@@ -84,6 +93,7 @@ private:
     const HTTPClient::Options& options_;
     void* handle_ = nullptr;
     std::unique_ptr<curl_slist, FreeList> headerList_;
+    std::unique_ptr<curl_slist, FreeList> addressList_;
     std::array<char, 256> errorText_{};  // CURL_ERROR_SIZE
     const std::chrono::steady_clock::time_point startedAt_ = std::chrono::steady_clock::now();
 

@@ -18,7 +18,7 @@ constexpr long maxConnections = 256;
 /// Kept open for the next request.
 constexpr long keptConnections = 32;
 /// curl wakes up by its own timers and for what is posted; this is only an upper bound for it to be given.
-constexpr int longestWaitMilliseconds = 3'600'000;
+constexpr std::chrono::hours longestWait{1};
 
 void initialiseCurl() {
     static const CURLcode done = curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -103,7 +103,7 @@ void HTTPWorker::run() {
         const bool isHeldBack =
             std::ranges::any_of(readers_, [this](Id id) { return running_.at(id).transfer->hasBody(); });
         int ready = 0;
-        curl_multi_poll(multi_, nullptr, 0, isHeldBack ? 0 : longestWaitMilliseconds, &ready);
+        curl_multi_poll(multi_, nullptr, 0, isHeldBack ? 0 : longestWaitMilliseconds(), &ready);
         if (isHeldBack && ready == 0) answerReaders(1);
     }
 }
@@ -117,6 +117,7 @@ void HTTPWorker::answerReaders(std::size_t leastBytes) {
 void HTTPWorker::work() {
     mailbox_.restart();
     mailbox_.poll();
+    giveLookupsUp();
     int count = 0;
     curl_multi_perform(multi_, &count);
     while (const CURLMsg* message = curl_multi_info_read(multi_, &count))
@@ -134,16 +135,74 @@ void HTTPWorker::add(Id id, Running running) {
         return;
     }
     ids_[handle] = id;
-    curl_multi_add_handle(multi_, handle);
+    start(entry);
+}
+
+/// Runs the transfer, once it is known where its host is.
+void HTTPWorker::start(RunningMap::iterator entry) {
+    Running& running = entry->second;
+    const auto host = running.transfer->hostToFind();
+    if (!host) {
+        curl_multi_add_handle(multi_, running.transfer->handle());
+        return;
+    }
+    if (isStopping_) return;  // it is about to be ended
+    running.lookup = options_.lookups->newId();
+    running.lookupEnds = std::chrono::steady_clock::now() + running.transfer->findingLimit();
+    auto answer = [weak = weak_from_this(), id = entry->first,
+                   lookup = running.lookup](const NameLookups::Addresses* found) {
+        const auto self = weak.lock();
+        if (found != nullptr && self)
+            self->tell(
+                [worker = self.get(), id, lookup, addresses = *found] { worker->handleFound(id, lookup, addresses); });
+    };
+    options_.lookups->begin(running.lookup, *host, std::move(answer));
+}
+
+void HTTPWorker::handleFound(Id id, NameLookups::Id lookup, const NameLookups::Addresses& addresses) {
+    const auto entry = running_.find(id);
+    if (entry == running_.end() || entry->second.lookup != lookup) return;
+    entry->second.lookup = 0;
+    if (entry->second.transfer->setAddresses(addresses)) {
+        curl_multi_add_handle(multi_, entry->second.transfer->handle());
+    } else {
+        endUnlessStreamed(entry);
+    }
+}
+
+/// A look-up may take longer than its asker waits.
+void HTTPWorker::giveLookupsUp() {
+    const auto now = std::chrono::steady_clock::now();
+    for (auto entry = running_.begin(); entry != running_.end();) {
+        const auto current = entry++;
+        if (current->second.lookup == 0 || current->second.lookupEnds > now) continue;
+        options_.lookups->cancel(std::exchange(current->second.lookup, 0));
+        current->second.transfer->giveUpFinding();
+        endUnlessStreamed(current);
+    }
+}
+
+int HTTPWorker::longestWaitMilliseconds() const {
+    const auto now = std::chrono::steady_clock::now();
+    std::chrono::milliseconds wait = longestWait;
+    for (const auto& [id, running] : running_)
+        if (running.lookup != 0)
+            wait = std::min(wait, std::chrono::ceil<std::chrono::milliseconds>(running.lookupEnds - now));
+    return static_cast<int>(std::max<std::int64_t>(wait.count(), 0));
+}
+
+/// A stream tells its reader itself.
+void HTTPWorker::endUnlessStreamed(RunningMap::iterator entry) {
+    if (!entry->second.transfer->isStreamed()) finish(entry);
 }
 
 void HTTPWorker::handleEnd(void* handle, int curlCode) {
     const auto entry = running_.find(ids_.at(handle));
     curl_multi_remove_handle(multi_, handle);
     if (entry->second.transfer->proceed(curlCode)) {
-        curl_multi_add_handle(multi_, handle);
-    } else if (!entry->second.transfer->isStreamed()) {
-        finish(entry);
+        start(entry);
+    } else {
+        endUnlessStreamed(entry);
     }
 }
 
@@ -171,6 +230,7 @@ void HTTPWorker::answerIfReady(RunningMap::iterator entry, std::size_t leastByte
 void HTTPWorker::finish(RunningMap::iterator entry) {
     if (entry == running_.end()) return;  // cancelled too late
     const Running running = std::move(entry->second);
+    if (running.lookup != 0) options_.lookups->cancel(running.lookup);
     readers_.erase(entry->first);
     running_.erase(entry);
     if (void* const handle = running.transfer->handle()) {

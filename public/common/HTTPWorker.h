@@ -7,6 +7,7 @@
 #include <boost/asio/io_context.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -29,7 +30,7 @@ struct HTTPExchange {
 /// HTTPClient's thread and what runs on it. Its mailbox is an io_context that only this thread polls.
 ///
 /// Owner: the client and its streams. Thread: any; the transfers live on the worker's.
-class HTTPWorker {
+class HTTPWorker : public std::enable_shared_from_this<HTTPWorker> {
 public:
     using Id = std::uint64_t;
     using Done = std::function<void()>;
@@ -56,6 +57,8 @@ private:
         std::unique_ptr<HTTPTransfer> transfer;
         std::shared_ptr<HTTPExchange> exchange;  ///< of who waits
         Done done;                               ///< nothing: nobody waits
+        NameLookups::Id lookup = 0;              ///< 0: the host need not be found
+        std::chrono::steady_clock::time_point lookupEnds{};
     };
     using RunningMap = std::map<Id, Running>;
 
@@ -64,6 +67,11 @@ private:
     void run();
     void work();
     void add(Id id, Running running);
+    void start(RunningMap::iterator entry);
+    void handleFound(Id id, NameLookups::Id lookup, const NameLookups::Addresses& addresses);
+    void giveLookupsUp();
+    int longestWaitMilliseconds() const;
+    void endUnlessStreamed(RunningMap::iterator entry);
     void handleEnd(void* handle, int curlCode);
     void answerReaders(std::size_t leastBytes);
     void answerIfReady(RunningMap::iterator entry, std::size_t leastBytes);

@@ -2,6 +2,7 @@
 
 #include "public/common/IPAddress.h"
 #include "public/common/LocalBinding.h"
+#include "public/common/NameLookups.h"
 
 #include <boost/asio/awaitable.hpp>
 
@@ -27,25 +28,24 @@ public:
     virtual asio::awaitable<std::vector<IPAddress>> resolve(std::string host) = 0;
 };
 
-/// Asks the system, on threads of its own: at most `maxThreads` look-ups run at once, further ones wait.
+/// Asks the system, through the look-ups that the whole program shares.
 ///
-/// A look-up cannot be interrupted and may take half a minute. So a caller that is cancelled leaves at once, and the
-/// resolver goes without waiting: a thread that still asks ends by itself, and holds nothing but its own state.
-/// Owner: the program; it goes before the pools on which its callers run.
+/// Owner: the program; it goes before the pools on which its callers run, and answers those who still wait.
 class SystemNameResolver final : public NameResolver {
 public:
-    static constexpr int maxThreads = 8;
-
     /// Only addresses that can be reached from `binding` are found; nobody is asked while nothing can leave.
-    explicit SystemNameResolver(LocalBinding binding = {});
+    explicit SystemNameResolver(LocalBinding binding = {},
+                                std::shared_ptr<NameLookups> lookups = NameLookups::shared());
     ~SystemNameResolver() override;
 
     asio::awaitable<std::vector<IPAddress>> resolve(std::string host) override;
 
 private:
-    class Desk;
+    class Waiting;
+
     const LocalBinding binding_;
-    std::shared_ptr<Desk> desk_;
+    const std::shared_ptr<NameLookups> lookups_;
+    const std::shared_ptr<Waiting> waiting_;
 };
 
 }  // namespace skein

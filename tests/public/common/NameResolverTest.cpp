@@ -7,7 +7,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <future>
+#include <string>
+#include <thread>
 
 namespace skein {
 namespace {
@@ -32,9 +36,39 @@ TEST(SystemNameResolver, moreLookUpsThanThreadsAreAllAnswered) {
     ThreadPools pools;
     SystemNameResolver resolver;
     std::vector<std::future<std::vector<IPAddress>>> pending;
-    for (int i = 0; i < 10 * SystemNameResolver::maxThreads; ++i)
+    for (int i = 0; i < 10 * NameLookups::maxThreads; ++i)
         pending.push_back(asio::co_spawn(pools.io(), resolver.resolve("localhost"), asio::use_future));
     for (auto& future : pending) EXPECT_THAT(future.get(), Contains(loopback));
+}
+
+TEST(NameLookups, asksForAHostOnceOnFewThreads) {
+    std::promise<void> mayAnswer;
+    const auto gate = mayAnswer.get_future().share();
+    std::atomic<int> asked = 0;
+    std::atomic<int> atOnce = 0;
+    std::atomic<int> most = 0;
+    const auto lookups = std::make_shared<NameLookups>([&, gate](const std::string& host) {
+        ++asked;
+        most = std::max<int>(most, ++atOnce);
+        gate.wait();
+        --atOnce;
+        return host == "nobody" ? NameLookups::Addresses() : NameLookups::Addresses{loopback};
+    });
+    ThreadPools pools;
+    SystemNameResolver resolver({}, lookups);
+    std::vector<std::future<std::vector<IPAddress>>> pending;
+    for (int i = 0; i < 200; ++i)
+        pending.push_back(
+            asio::co_spawn(pools.io(), resolver.resolve("host" + std::to_string(i % 20)), asio::use_future));
+    while (atOnce < NameLookups::maxThreads) std::this_thread::yield();
+    mayAnswer.set_value();
+    for (auto& future : pending) EXPECT_THAT(future.get(), ElementsAre(loopback));
+    EXPECT_EQ(asked, 20);
+    EXPECT_EQ(most, NameLookups::maxThreads);
+    EXPECT_THROW(asio::co_spawn(pools.io(), resolver.resolve("nobody"), asio::use_future).get(),
+                 boost::system::system_error);
+    asio::co_spawn(pools.io(), resolver.resolve("host3"), asio::use_future).get();
+    EXPECT_EQ(asked, 21) << "what was found is kept";
 }
 
 TEST(SystemNameResolver, leavesNobodyWaitingWhenCancelledOrGone) {
