@@ -42,7 +42,8 @@ EngineHost::EngineHost(const fs::path& home, LocalBinding binding)
       resolver_(binding_),
       http_(HTTPClient::Options{.binding = binding_}),
       listener_(pools_.io(), clock_, log_, binding_),
-      history_(pools_.io(), ActorSettings(settings_, pools_.disk()), clock_, log_) {
+      history_(pools_.io(), ActorSettings(settings_, pools_.disk()), clock_, log_),
+      lsd_(pools_.io(), clock_, log_, binding_) {
     log_.setLeast(logLevel());
     if (const std::size_t count = home_.narrowedCount(); count > 0)
         log_.warning("[Home] Others had access to ", count, " file(s) or folder(s) of ", home.string(),
@@ -54,6 +55,7 @@ EngineHost::EngineHost(const fs::path& home, LocalBinding binding)
 EngineHost::~EngineHost() {
     asio::co_spawn(pools_.io(), listener_.stop(), asio::use_future).get();
     if (dht_) asio::co_spawn(pools_.io(), dht_->stop(), asio::use_future).get();
+    asio::co_spawn(pools_.io(), lsd_.stop(), asio::use_future).get();
     asio::co_spawn(pools_.io(), history_.stop(), asio::use_future).get();
     http_.stop();
 }
@@ -97,6 +99,7 @@ TorrentSession::Services EngineHost::services() {
                                       listener_,
                                       dht_.get(),
                                       &history_};
+    services.lsd = &lsd_;
     services.claims = &claims_;
     services.binding = binding_;
     services.descriptors = descriptors_;

@@ -2,6 +2,7 @@
 
 #include "Core/discovery/DHTNode.h"
 #include "Core/discovery/DatagramConnection.h"
+#include "Core/discovery/LSDPort.h"
 #include "Core/discovery/PeerHistoryStore.h"
 #include "Core/engine/FileClaims.h"
 #include "Core/engine/TorrentSession.h"
@@ -107,6 +108,7 @@ private:
     HTTPClient http_;
     PeerListener listener_;
     PeerHistoryStore history_;
+    LSDPort lsd_;
     std::unique_ptr<DHTNode> dht_;
 };
 

@@ -1,18 +1,15 @@
 #include "Core/discovery/LSDService.h"
 
-#include <boost/asio/strand.hpp>
-#include <boost/system/system_error.hpp>
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/use_awaitable.hpp>
 
-#include <algorithm>
 #include <array>
 #include <utility>
 
 namespace skein {
 
 namespace {
-
-/// How long to leave a socket alone that cannot be read (no memory, the network is down).
-constexpr std::chrono::seconds receivePause{1};
 
 /// A random UUID (RFC 4122, version 4) in its canonical text.
 std::string randomUUID(Random& random) {
@@ -36,22 +33,21 @@ LSDMessage announcementOf(const LSDService::Torrent& torrent, Random& random) {
 
 }  // namespace
 
-LSDService::LSDService(const asio::any_io_executor& pool, Clock& clock, Random& random, FileLogger& log,
-                       const Torrent& torrent, Options options, PeerFound onPeerFound)
+LSDService::LSDService(LSDPort& port, Clock& clock, Random& random, FileLogger& log, const Torrent& torrent,
+                       const Options& options, PeerFound onPeerFound)
     : clock_(clock),
       log_(log),
       infoHashHex_(toUpperHex(torrent.infoHash)),
       announcement_(announcementOf(torrent, random)),
-      allowsLocalPeers_(options.allowsLocalPeers),
+      options_(options),
       onPeerFound_(std::move(onPeerFound)),
-      strand_(asio::make_strand(pool)),
-      socket_(strand_, std::move(options), log) {}
+      port_(port) {}
 
 LSDService::~LSDService() = default;
 
 asio::awaitable<bool> LSDService::start() {
     if (tasks_) co_return true;
-    tasks_ = std::make_unique<TaskGroup>(strand_);
+    tasks_ = std::make_unique<TaskGroup>(port_.strand());
     const bool isOpen = co_await tasks_->call(open());
     if (!isOpen) tasks_.reset();
     co_return isOpen;
@@ -61,16 +57,21 @@ asio::awaitable<void> LSDService::stop() {
     if (!tasks_) co_return;
     co_await tasks_->stop();
     tasks_.reset();
-    socket_.close();
+    co_await asio::co_spawn(port_.strand(), leave(),
+                            asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
     log_.info("[LSD] stopped");
 }
 
 asio::awaitable<bool> LSDService::open() {
-    if (!socket_.open()) co_return false;
-    tasks_->spawn(receive());
+    if (!port_.add(infoHashHex_, *this, options_.multicastLoop)) co_return false;
     tasks_->spawn(announcePeriodically());
     log_.info("[LSD] started infoHash=", infoHashHex_, " port=", announcement_.port);
     co_return true;
+}
+
+asio::awaitable<void> LSDService::leave() {
+    port_.remove(infoHashHex_, *this);
+    co_return;
 }
 
 asio::awaitable<void> LSDService::announcePeriodically() {
@@ -78,44 +79,21 @@ asio::awaitable<void> LSDService::announcePeriodically() {
     const std::string what = " infoHash=" + infoHashHex_ + " port=" + std::to_string(announcement_.port);
     co_await clock_.sleep(firstAnnounceDelay);
     for (;;) {
-        socket_.announce(datagram, what);
+        port_.announce(datagram, what);
         co_await clock_.sleep(announceInterval);
     }
 }
 
-asio::awaitable<void> LSDService::receive() {
-    const LSDSocket::Receiver receiver = [this](std::string_view datagram, const std::string& fromHost) {
-        handleMessage(datagram, fromHost);
-    };
-    for (;;) {
-        bool isWell = true;
-        try {
-            co_await socket_.waitUntilReadable();
-            isWell = socket_.receiveAvailableDatagrams(receiver);
-        } catch (const boost::system::system_error& error) {
-            if (error.code() == asio::error::operation_aborted) throw;
-            isWell = false;
-        }
-        if (!isWell) co_await clock_.sleep(receivePause);
-    }
-}
-
-void LSDService::handleMessage(std::string_view datagram, const std::string& fromHost) {
-    const auto message = LSDMessage::parse(datagram);
-    if (!message) return;
-    log_.trace("[LSD] received announce from ", fromHost);
-    if (message->cookie == announcement_.cookie) return;
-    const auto& infoHashes = message->infoHashes;
-    if (std::find(infoHashes.begin(), infoHashes.end(), infoHashHex_) == infoHashes.end()) return;
-    if (message->port == 0) return;
-    PeerAddress peer = PeerAddress::fromHost(fromHost, message->port);
+void LSDService::onAnnounce(const LSDMessage& message, const std::string& fromHost) {
+    if (message.cookie == announcement_.cookie || message.port == 0) return;
+    PeerAddress peer = PeerAddress::fromHost(fromHost, message.port);
     if (!isUsable(peer) || !limit_.admit(peer, clock_.now())) return;
     log_.debug("[LSD] found peer ", peer.host, " port=", peer.port);
     onPeerFound_(std::move(peer));
 }
 
 bool LSDService::isUsable(const PeerAddress& peer) const {
-    return allowsLocalPeers_ ? peer.isLocal() : peer.isUsableLSDPeer();
+    return options_.allowsLocalPeers ? peer.isLocal() : peer.isUsableLSDPeer();
 }
 
 }  // namespace skein

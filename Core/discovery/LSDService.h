@@ -2,7 +2,7 @@
 
 #include "Core/discovery/LSDMessage.h"
 #include "Core/discovery/LSDPeerLimit.h"
-#include "Core/discovery/LSDSocket.h"
+#include "Core/discovery/LSDPort.h"
 #include "Core/wire/PeerAddress.h"
 #include "Core/wire/PeerHandshake.h"
 #include "public/common/Clock.h"
@@ -16,17 +16,20 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <string_view>
 
 namespace skein {
 
 /// Finds peers of one torrent in the local network: multicasts an announce, listens for those of others.
 ///
 /// Owner: the session, which awaits `stop()` before it lets go, and calls `start` and `stop` one after the other.
-/// Thread: any; the state lives on a strand. Source: BEP 14 (IPv4 only).
-class LSDService {
+/// Thread: any; the state lives on the port's strand. Source: BEP 14 (IPv4 only).
+class LSDService final : private LSDPort::Listener {
 public:
-    using Options = LSDOptions;
+    struct Options {
+        /// Announces also come back to this machine, and peers on its own loopback are reported too.
+        bool multicastLoop = false;
+        bool allowsLocalPeers = false;
+    };
     /// Called on the service's strand; the receiver changes to its own. A peer comes once a minute at most.
     using PeerFound = std::function<void(PeerAddress peer)>;
 
@@ -40,9 +43,9 @@ public:
         PeerID peerID{};
     };
 
-    /// `clock` and `log` outlive the service; `random` is used for the cookie alone.
-    LSDService(const asio::any_io_executor& pool, Clock& clock, Random& random, FileLogger& log, const Torrent& torrent,
-               Options options, PeerFound onPeerFound);
+    /// `port`, `clock` and `log` outlive the service; `random` is used for the cookie alone.
+    LSDService(LSDPort& port, Clock& clock, Random& random, FileLogger& log, const Torrent& torrent,
+               const Options& options, PeerFound onPeerFound);
     ~LSDService();
 
     /// True when the service runs; false when it has no socket (which is logged), and stays stopped. It may be started
@@ -54,19 +57,18 @@ public:
 private:
     asio::awaitable<bool> open();
     asio::awaitable<void> announcePeriodically();
-    asio::awaitable<void> receive();
-    void handleMessage(std::string_view datagram, const std::string& fromHost);
+    void onAnnounce(const LSDMessage& message, const std::string& fromHost) override;
+    asio::awaitable<void> leave();
     bool isUsable(const PeerAddress& peer) const;
 
     Clock& clock_;
     FileLogger& log_;
     const std::string infoHashHex_;
     const LSDMessage announcement_;
-    const bool allowsLocalPeers_;
+    const Options options_;
     const PeerFound onPeerFound_;
-    const Strand strand_;
+    LSDPort& port_;
     LSDPeerLimit limit_;
-    LSDSocket socket_;
     std::unique_ptr<TaskGroup> tasks_;  ///< of one run, from `start` to `stop`
 };
 

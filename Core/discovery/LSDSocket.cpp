@@ -37,8 +37,8 @@ std::string listOf(const std::vector<IPv4Interface>& interfaces) {
 
 }  // namespace
 
-LSDSocket::LSDSocket(const Strand& strand, LSDOptions options, FileLogger& log)
-    : options_(std::move(options)), log_(log), socket_(strand) {}
+LSDSocket::LSDSocket(const Strand& strand, const LocalBinding& binding, FileLogger& log)
+    : binding_(binding), log_(log), socket_(strand) {}
 
 bool LSDSocket::open() {
     boost::system::error_code error;
@@ -55,9 +55,14 @@ void LSDSocket::close() {
     socket_.close(ignored);
 }
 
+void LSDSocket::loopBack() {
+    const unsigned char loop = 1;
+    setOption(IPPROTO_IP, IP_MULTICAST_LOOP, &loop, sizeof loop, "set multicast loop");
+}
+
 bool LSDSocket::configureSocket() {
     const int on = 1;
-    const unsigned char loop = options_.multicastLoop ? 1 : 0;
+    const unsigned char loop = 0;
     const unsigned char ttl = 1;
     setOption(SOL_SOCKET, SO_REUSEADDR, &on, sizeof on, "set SO_REUSEADDR");
     setOption(SOL_SOCKET, SO_REUSEPORT, &on, sizeof on, "set SO_REUSEPORT");
@@ -66,7 +71,7 @@ bool LSDSocket::configureSocket() {
 #ifdef IP_MULTICAST_ALL
     // Linux hands a socket also what other sockets joined on other interfaces.
     const int off = 0;
-    if (options_.binding.isRestricted()) setOption(IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off, "set multicast all");
+    if (binding_.isRestricted()) setOption(IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off, "set multicast all");
 #endif
     boost::system::error_code error;
     socket_.bind({udp::v4(), LSDMessage::multicastPort}, error);
@@ -79,16 +84,15 @@ bool LSDSocket::configureSocket() {
     const bool isJoined = joinGroup();
     chooseOutboundInterface();
     // Whoever asked for one interface must not be announced on another; one that has a name may still come.
-    return isJoined || !options_.binding.isRestricted() || options_.binding.isInterface();
+    return isJoined || !binding_.isRestricted() || binding_.isInterface();
 }
 
 std::vector<IPv4Interface> LSDSocket::usableInterfaces() {
     std::vector<IPv4Interface> usable;
-    const LocalBinding& binding = options_.binding;
-    const std::optional<IPAddress> only = binding.isRestricted() ? binding.sourceFor(true) : std::nullopt;
+    const std::optional<IPAddress> only = binding_.isRestricted() ? binding_.sourceFor(true) : std::nullopt;
     for (IPv4Interface& interface : localIPv4Interfaces(log_)) {
-        const bool isUsable = binding.isRestricted() ? only && interface.address == only->text()
-                                                     : isUsableMulticastInterfaceAddress(interface.address);
+        const bool isUsable = binding_.isRestricted() ? only && interface.address == only->text()
+                                                      : isUsableMulticastInterfaceAddress(interface.address);
         // A second address of an interface would be a second membership, which is refused, and a second announce.
         const bool isKnown = std::any_of(usable.begin(), usable.end(), [&](const IPv4Interface& earlier) {
             return earlier.index == interface.index;
@@ -109,7 +113,7 @@ bool LSDSocket::joinGroup() {
     bool isJoined = false;
     int error = EADDRNOTAVAIL;
     for (const IPv4Interface& interface : interfaces_) isJoined |= join(interface.address, error);
-    if (interfaces_.empty() && !options_.binding.isRestricted()) isJoined = join("INADDR_ANY", error);
+    if (interfaces_.empty() && !binding_.isRestricted()) isJoined = join("INADDR_ANY", error);
     if (!isJoined) log_.warning("[LSD] join multicast failed on all interfaces errno=", std::strerror(error));
     return isJoined;
 }
@@ -142,7 +146,7 @@ int LSDSocket::selectInterface(const IPv4Interface& interface) {
 
 /// An interface that the user named may have come, or got another address, since the group was joined.
 void LSDSocket::followInterface() {
-    if (!options_.binding.isInterface()) return;
+    if (!binding_.isInterface()) return;
     std::vector<IPv4Interface> now = usableInterfaces();
     if (now == interfaces_) return;
     interfaces_ = std::move(now);
@@ -159,7 +163,7 @@ void LSDSocket::announce(std::string_view datagram, std::string_view what) {
         isSent |= failure == 0;
         if (failure != 0) error = failure;
     }
-    if (interfaces_.empty() && !options_.binding.isRestricted()) {
+    if (interfaces_.empty() && !binding_.isRestricted()) {
         error = send(datagram, "default", what);
         isSent = error == 0;
     }

@@ -15,15 +15,6 @@
 
 namespace skein {
 
-struct LSDOptions {
-    /// Where it is restricted, only that interface is used (loopback too), while it is there.
-    LocalBinding binding;
-    /// Announces also come back to this machine, where other programs hear them (loopback always does that on Linux).
-    bool multicastLoop = false;
-    /// Peers on this machine's own loopback are reported too.
-    bool allowsLocalPeers = false;
-};
-
 /// The UDP socket of local discovery: port 6771, joined to the group on each usable interface. Port and group are
 /// shared with all other programs and services that do the same. System calls that fail are logged, not thrown; none
 /// of them waits. Thread: the strand it was made for. Source: BEP 14.
@@ -32,12 +23,15 @@ public:
     /// How many datagrams are read before others have their turn on the strand.
     static constexpr int datagramsAtOnce = 64;
 
-    /// `log` outlives the socket.
-    LSDSocket(const Strand& strand, LSDOptions options, FileLogger& log);
+    /// Where `binding` is restricted, only that interface is used (loopback too), while it is there. `log` outlives the
+    /// socket.
+    LSDSocket(const Strand& strand, const LocalBinding& binding, FileLogger& log);
 
     /// False when there is no socket, or its port cannot be had; it is closed then.
     bool open();
     void close();
+    /// Announces also come back to this machine, where other programs hear them (loopback always does that on Linux).
+    void loopBack();
     /// Sends `datagram` to the group on every joined interface. `what` ends the log's line about each.
     void announce(std::string_view datagram, std::string_view what);
     /// Returns when something can be read. Throws boost::system::system_error (operation_aborted) when cancelled.
@@ -58,7 +52,7 @@ private:
     bool join(const std::string& address, int& error);
     void chooseOutboundInterface();
 
-    const LSDOptions options_;
+    const LocalBinding binding_;
     FileLogger& log_;
     asio::ip::udp::socket socket_;
     std::vector<IPv4Interface> interfaces_;

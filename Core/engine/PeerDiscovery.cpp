@@ -297,20 +297,18 @@ void PeerDiscovery::recordFailure(const PeerAddress& peer, PeerSource source) {
 // --- the local network -----------------------------------------------------------------------------------------------
 
 void PeerDiscovery::startLSD() {
-    if (options_.usesLSD && !isPrivate_ && !lsdService_) publicTasks_.spawn(runLSD());
+    if (options_.usesLSD && environment_.lsd != nullptr && !isPrivate_ && !lsdService_) publicTasks_.spawn(runLSD());
 }
 
 asio::awaitable<void> PeerDiscovery::runLSD() {
-    LSDOptions options;
-    options.binding = environment_.binding;
-    options.multicastLoop = options.allowsLocalPeers = options_.allowsLocalPeers;
+    const LSDService::Options options{options_.allowsLocalPeers, options_.allowsLocalPeers};
     // `stop` ends the service before us, so that what it posts still finds us.
     LSDService::PeerFound onFound = [this](PeerAddress peer) {
         asio::dispatch(environment_.strand, [this, peer = std::move(peer)] { offer(peer, PeerSource::lsd, true); });
     };
     const LSDService::Torrent torrent{environment_.infoHash, environment_.listenPort, environment_.peerID};
-    lsdService_ = std::make_unique<LSDService>(environment_.io, environment_.clock, environment_.trackers.random,
-                                               environment_.log, torrent, std::move(options), std::move(onFound));
+    lsdService_ = std::make_unique<LSDService>(*environment_.lsd, environment_.clock, environment_.trackers.random,
+                                               environment_.log, torrent, options, std::move(onFound));
     co_await lsdService_->start();
 }
 

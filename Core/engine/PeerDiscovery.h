@@ -63,6 +63,7 @@ public:
         TrackerServices trackers;
         DHTNode* dht = nullptr;               ///< none: not used
         PeerHistoryStore* history = nullptr;  ///< none: not used
+        LSDPort* lsd = nullptr;               ///< none: not used
         LocalBinding binding;
         SHA1Digest infoHash{};
         PeerID peerID{};

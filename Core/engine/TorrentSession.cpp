@@ -246,8 +246,9 @@ asio::awaitable<void> TorrentSession::startListening() {
 void TorrentSession::makeDiscovery() {
     if (discovery_) return;
     PeerDiscovery::Environment environment{
-        tasks_.strand(),   services_.io,      services_.clock, services_.log, services_.trackers,       services_.dht,
-        services_.history, services_.binding, infoHash_,       peerID_,       services_.listener.port()};
+        tasks_.strand(),    services_.io,  services_.clock,   services_.log,
+        services_.trackers, services_.dht, services_.history, services_.lsd,
+        services_.binding,  infoHash_,     peerID_,           services_.listener.port()};
     PeerDiscovery::Callbacks callbacks;
     callbacks.onPeer = [this](const DialRequest& request) { peerPool_.connectToPeer(request); };
     callbacks.totals = [this] { return totals(); };

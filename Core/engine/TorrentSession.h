@@ -86,6 +86,7 @@ public:
         PeerListener& listener;
         DHTNode* dht = nullptr;                ///< none: the DHT is not used
         PeerHistoryStore* history = nullptr;   ///< none: no peers are remembered
+        LSDPort* lsd = nullptr;                ///< none: local discovery is not used
         ResourceGateway* resources = nullptr;  ///< none: the resource service is not used
         FileClaims* claims = nullptr;          ///< none: what earlier starts began is not remembered
         LocalBinding binding = {};             ///< where all traffic leaves from

@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 namespace skein {
 namespace {
 
@@ -66,15 +68,20 @@ protected:
     }
     ~LSDServiceTest() override {
         for (auto& service : services) simulation.finish(service->stop());
+        for (auto& port : ports) simulation.finish(port->stop());
     }
 
-    LSDService& make(std::uint16_t port, LSDService::Options options = {LocalBinding("127.0.0.1"), true, true}) {
-        const LSDService::Torrent torrent{infoHash, port, {}};
+    LSDService& make(std::uint16_t port, bool allowsLocalPeers = true, const char* from = "127.0.0.1") {
+        ports.push_back(std::make_unique<LSDPort>(simulation.executor(), simulation, log, LocalBinding(from)));
+        return makeAt(*ports.back(), infoHash, port, allowsLocalPeers);
+    }
+    LSDService& makeAt(LSDPort& at, const SHA1Digest& ofTorrent, std::uint16_t port, bool allowsLocalPeers = true) {
+        const LSDService::Torrent torrent{ofTorrent, port, {}};
         auto onPeerFound = [this, port](const PeerAddress& peer) {
             found.push_back(std::to_string(port) + " found " + peer.description());
         };
-        services.push_back(std::make_unique<LSDService>(simulation.executor(), simulation, random, log, torrent,
-                                                        std::move(options), std::move(onPeerFound)));
+        services.push_back(std::make_unique<LSDService>(
+            at, simulation, random, log, torrent, LSDService::Options{true, allowsLocalPeers}, std::move(onPeerFound)));
         return *services.back();
     }
     void send(const std::string& headers) {
@@ -88,6 +95,7 @@ protected:
     SecureRandom random;
     SHA1Digest infoHash{};
     std::vector<std::string> found;
+    std::vector<std::unique_ptr<LSDPort>> ports;
     std::vector<std::unique_ptr<LSDService>> services;
     asio::ip::udp::socket stranger{simulation.executor(), asio::ip::udp::endpoint(asio::ip::udp::v4(), 0)};
 };
@@ -121,9 +129,33 @@ TEST_F(LSDServiceTest, twoServicesMeetAndAnnounceAfterASecondAndThenEveryMinute)
     EXPECT_EQ(log.count("errno="), 0);
 }
 
+TEST_F(LSDServiceTest, oneSocketServesAllTorrentsWhileThereAreAny) {
+    const auto sockets = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = sockets();
+    LSDService& first = make(7001);
+    ASSERT_TRUE(simulation.finish(first.start()));
+    SHA1Digest other = infoHash;
+    ++other[0];
+    for (int i = 0; i < 100; ++i) {
+        other[1] = static_cast<std::uint8_t>(i);
+        ASSERT_TRUE(simulation.finish(makeAt(*ports.front(), other, 7002).start()));
+    }
+    EXPECT_EQ(sockets(), before + 1);
+    send("Port: 5\r\nInfohash: " + toHex(other) + "\r\n");
+    send("Port: 6\r\nInfohash: " + toHex(infoHash) + "\r\n");
+    simulation.runUntil([this] { return found.size() == 2; });
+    EXPECT_THAT(found, ElementsAre("7002 found 127.0.0.1:5", "7001 found 127.0.0.1:6"));
+    for (auto& service : services) simulation.finish(service->stop());
+    simulation.settle();
+    EXPECT_EQ(sockets(), before);
+    ASSERT_TRUE(simulation.finish(first.start()));
+    send("Port: 7\r\nInfohash: " + toHex(infoHash) + "\r\n");
+    simulation.runUntil([this] { return found.size() == 3; });
+}
+
 TEST_F(LSDServiceTest, takesOnlyUsableAnnouncesOfItsOwnTorrent) {
     ASSERT_TRUE(simulation.finish(make(7001).start()));
-    ASSERT_TRUE(simulation.finish(make(7002, {LocalBinding("127.0.0.1"), true, false}).start()));
+    ASSERT_TRUE(simulation.finish(make(7002, false).start()));
     const std::string upper = "Infohash: " + toUpperHex(infoHash) + "\r\n";
     send(upper);
     send("Port: 1\r\nInfohash: " + hash + "\r\n");
@@ -135,7 +167,7 @@ TEST_F(LSDServiceTest, takesOnlyUsableAnnouncesOfItsOwnTorrent) {
 }
 
 TEST_F(LSDServiceTest, staysStoppedRatherThanUseAnotherInterfaceThanTheOneAskedFor) {
-    LSDService& service = make(7001, {LocalBinding("203.0.113.77")});
+    LSDService& service = make(7001, false, "203.0.113.77");
     EXPECT_FALSE(simulation.finish(service.start()));
     simulation.advance(2min);
     EXPECT_EQ(simulation.sleepers(), 0U);
