@@ -116,7 +116,7 @@ asio::awaitable<std::filesystem::path> HTTPDownloadSession::destinationURL() { r
 
 asio::awaitable<void> HTTPDownloadSession::clearResumeData() {
     auto forget = [file = resumeDataURL_, url = url_, folder = savePath_] {
-        if (const auto data = ResumeData::load(file, url)) PartFile::remove(folder, data->fileName);
+        if (const auto data = ResumeData::load(file, url)) PartFile::remove(folder, data->fileName, data->part);
         std::filesystem::remove(file);
     };
     try {

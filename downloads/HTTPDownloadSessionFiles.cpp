@@ -24,7 +24,7 @@ asio::awaitable<HTTPDownloadSession::Opening> HTTPDownloadSession::openPart(bool
     auto open = [this, &isFinished] {
         auto data = ResumeData::load(resumeDataURL_, url_);
         if (!data) return;
-        part_ = PartFile::reopen(savePath_, data->fileName);
+        part_ = PartFile::reopen(savePath_, data->fileName, data->part);
         resumeData_ = std::move(*data);
         if (part_) part_->truncate(resumeData_.trustedBytes(part_->size()));
         isFinished = !part_ && resumeData_.isFinishedIn(savePath_);
@@ -58,7 +58,7 @@ asio::awaitable<bool> HTTPDownloadSession::adoptPart(const HTTPResponse& head, s
             if (!data.isCertainlyOf(head, totalBytes) || (fileName_ && *fileName_ != data.fileName)) continue;
             std::unique_ptr<PartFile> part;
             try {
-                part = PartFile::reopen(savePath_, data.fileName);
+                part = PartFile::reopen(savePath_, data.fileName, data.part);
             } catch (const std::system_error&) {
                 continue;
             }
@@ -90,6 +90,7 @@ asio::awaitable<void> HTTPDownloadSession::preparePart(ResumeData data) {
         if (isNew) part_ = PartFile::create(savePath_, resumeData_.fileName);
         if (!isNew) part_->truncate(0);
         resumeData_.fileName = part_->name();
+        resumeData_.part = part_->identity();
         resumeData_.bootID = bootIdentity();
         try {
             resumeData_.save(resumeDataURL_);
@@ -197,6 +198,7 @@ asio::awaitable<void> HTTPDownloadSession::handleCompletion() {
 asio::awaitable<void> HTTPDownloadSession::saveResumeData() {
     auto save = [this] {
         part_->sync();
+        resumeData_.part = part_->identity();
         resumeData_.syncedBytes = part_->size();
         resumeData_.bootID = bootIdentity();
         resumeData_.save(resumeDataURL_);

@@ -63,12 +63,13 @@ std::unique_ptr<PartFile> PartFile::create(const fs::path& folder, const std::st
     fail(EEXIST, folder / name);
 }
 
-std::unique_ptr<PartFile> PartFile::reopen(const fs::path& folder, const std::string& name) {
+std::unique_ptr<PartFile> PartFile::reopen(const fs::path& folder, const std::string& name, const FileIdentity& known) {
     const fs::path path = folder / (name + std::string(suffix));
     const int number = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (number < 0 && errno == ENOENT) return nullptr;
     if (number < 0) fail(errno, path);
     auto part = std::unique_ptr<PartFile>(new PartFile(folder, name, number, 0));
+    if (known.isFile() && part->identity() != known) return nullptr;
     if (!lock(number)) fail(EBUSY, path);
     struct stat status {};
     if (::fstat(number, &status) != 0) fail(errno, path);
@@ -77,8 +78,8 @@ std::unique_ptr<PartFile> PartFile::reopen(const fs::path& folder, const std::st
     return part;
 }
 
-void PartFile::remove(const fs::path& folder, const std::string& name) {
-    const auto part = reopen(folder, name);
+void PartFile::remove(const fs::path& folder, const std::string& name, const FileIdentity& known) {
+    const auto part = reopen(folder, name, known);
     if (part && ::unlink(part->path().c_str()) != 0) fail(errno, part->path());
 }
 
@@ -106,13 +107,16 @@ void PartFile::sync() {
     if (result != 0) fail(errno, path());
 }
 
-void PartFile::discard() noexcept { ::unlink(path().c_str()); }
+void PartFile::discard() noexcept {
+    if (isInPlace()) ::unlink(path().c_str());
+}
 
 void PartFile::finish(const std::function<void(const std::string&)>& foretell) {
     for (int i = 0; i <= mostNumbers; ++i) {
         const std::string candidate = HTTPFileName::numbered(name_, i);
         const fs::path target = folder_ / candidate;
         if (isTaken(target)) continue;
+        if (!isInPlace()) fail(ENOENT, path());
         foretell(candidate);
         if (renameWithoutReplacing(AT_FDCWD, path().string(), target.string()) != 0) {
             if (errno == EEXIST) continue;

@@ -6,6 +6,7 @@
 #include "public/common/SHA1.h"
 #include "public/common/WholeFile.h"
 
+#include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
@@ -36,6 +37,19 @@ std::int64_t sizeIn(const json::object& fields, std::string_view key) {
     return value != nullptr && value->is_int64() ? std::max<std::int64_t>(value->get_int64(), -1) : -1;
 }
 
+/// JSON's integers are signed; the bits of an unsigned number come back as they were.
+json::array listOf(const FileIdentity& file) {
+    return {static_cast<std::int64_t>(file.device), static_cast<std::int64_t>(file.inode), file.born};
+}
+
+FileIdentity identityIn(const json::object& fields, std::string_view key) {
+    const json::value* const value = fields.if_contains(key);
+    if (value == nullptr) return {};
+    const json::array& numbers = value->as_array();
+    return {static_cast<std::uint64_t>(numbers.at(0).as_int64()), static_cast<std::uint64_t>(numbers.at(1).as_int64()),
+            numbers.at(2).as_int64()};
+}
+
 bool isOneComponent(const std::filesystem::path& name) {
     return !name.empty() && name == name.filename() && name != "." && name != "..";
 }
@@ -51,6 +65,7 @@ std::optional<ResumeData> readRecord(const std::filesystem::path& file) try {
     ResumeData data;
     data.url = textIn(fields, "url");
     data.fileName = textIn(fields, "fileName");
+    data.part = identityIn(fields, "part");
     data.entityTag = textIn(fields, "entityTag");
     data.lastModified = textIn(fields, "lastModified");
     data.totalBytes = sizeIn(fields, "totalBytes");
@@ -95,6 +110,7 @@ bool ResumeData::isFinishedIn(const std::filesystem::path& folder) const {
     if (finishedName.empty()) return false;
     std::error_code error;
     const std::filesystem::path file = folder / finishedName;
+    if (part.isFile() && FileIdentity::at(file) != part) return false;
     if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(file, error))) return false;
     const std::uintmax_t size = std::filesystem::file_size(file, error);
     return !error && size == static_cast<std::uintmax_t>(syncedBytes);
@@ -136,6 +152,7 @@ std::vector<ResumeData> ResumeData::withOtherQuery(const std::filesystem::path& 
 void ResumeData::save(const std::filesystem::path& file) const {
     const json::object fields{{"url", url},
                               {"fileName", fileName},
+                              {"part", listOf(part)},
                               {"entityTag", entityTag},
                               {"lastModified", lastModified},
                               {"totalBytes", totalBytes},

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "public/common/Bytes.h"
+#include "public/common/FileIdentity.h"
 #include "public/common/HTTPMessage.h"
 
 #include <cstdint>
@@ -21,6 +22,7 @@ namespace skein {
 struct ResumeData {
     std::string url;
     std::string fileName;  ///< of the finished file, one path component
+    FileIdentity part;     ///< of the unfinished file; no file in a record of an earlier version
     std::string entityTag;
     std::string lastModified;      ///< empty where it does not tell one version from the next
     std::int64_t totalBytes = -1;  ///< -1: not known

@@ -294,9 +294,8 @@ TEST_F(HTTPDownloadSessionTest, aSessionGoesOnWhereTheLastOneWasStoppedOrKilled)
                                                       {fromAnotherBoot(first), ""},
                                                       {toBytes("{\"damaged\":"), ""}};
     for (const auto& [data, range] : records) {
-        std::filesystem::remove_all(folder);
-        std::filesystem::create_directory(folder);
-        replaceWholeFile(folder / "file.bin.part", ByteView(content).first(50'000));
+        std::filesystem::rename(folder / "file.bin", folder / "file.bin.part");
+        std::filesystem::resize_file(folder / "file.bin.part", 50'000);
         replaceWholeFile(record, data);
         start(Kind::completed);
         EXPECT_EQ(lastHeader("range"), range);
@@ -365,6 +364,33 @@ TEST_F(HTTPDownloadSessionTest, nothingIsOverwrittenAndNoNameLeadsElsewhere) {
     };
     complete();
     EXPECT_EQ(name, "evil.txt");
+}
+
+TEST_F(HTTPDownloadSessionTest, aFileThatTookThePlaceOfItsPartIsLeftAlone) {
+    const auto part = folder / "file.bin.part";
+    const auto startAndReplace = [&] {
+        std::filesystem::remove(part);
+        startUpTo(10'000);
+        replaceWholeFile(part, toBytes("mine"));
+    };
+    startAndReplace();
+    simulation.advance(HTTPDownloadSession::stallLimit - 1s);
+    expectRetry(1s);  // and goes on
+    waitFor(Kind::failed);
+    EXPECT_THAT(message, HasSubstr("No such file or directory"));
+    EXPECT_EQ(asText(read("file.bin.part")), "mine");
+
+    startAndReplace();
+    simulation.finish(session->pause());
+    resumeToTheEnd();
+    EXPECT_EQ(name, "file (1).bin");
+    EXPECT_EQ(asText(read("file.bin.part")), "mine");
+
+    startAndReplace();
+    simulation.finish(session->stop());
+    simulation.finish(session->clearResumeData());
+    EXPECT_EQ(asText(read("file.bin.part")), "mine");
+    EXPECT_EQ(filesIn(resumeFolder), 0U);
 }
 
 TEST_F(HTTPDownloadSessionTest, twoSessionsNeverWriteOneFile) {
