@@ -143,7 +143,8 @@ void verifyFresh(benchmark::State& state) {
             };
             asio::co_spawn(asio::make_strand(pools.io()), verifier.run(std::move(count)), asio::use_future).get();
             if (missing != metaInfo.pieceCount()) state.SkipWithError("a piece was not missing");
-            storage.take(metaInfo.pieceLength, PieceSet(metaInfo.pieceCount()));
+            const PieceSet none(metaInfo.pieceCount());
+            storage.take({none, metaInfo.pieceLength, {}});
             storage.makeMissing(0, metaInfo.files.size());
         }
     }

@@ -36,15 +36,30 @@ void FileOwnership::survey(FileOpener& opener, std::size_t first, std::size_t co
     }
 }
 
-void FileOwnership::take(FileOpener& opener, std::int64_t pieceLength, const PieceSet& good) {
+std::vector<bool> FileOwnership::matchedFiles(const FoundPieces& found) const {
     std::vector<bool> isMatched(files_.size());
-    good.forEach([&](int piece) {
-        layout_.forEachSlice(piece * pieceLength, std::min(pieceLength, layout_.totalSize() - piece * pieceLength),
+    std::vector<std::int64_t> matchedBytes(files_.size());
+    found.good.forEach([&](int piece) {
+        const std::int64_t start = piece * found.lengthBytes;
+        bool hasNews = false;
+        layout_.forEachSlice(
+            start, std::min(found.lengthBytes, layout_.totalSize() - start), [&](const TorrentLayout::Slice& slice) {
+                matchedBytes[slice.file] += slice.length;
+                if (matchedBytes[slice.file] == layout_.files()[slice.file].size) isMatched[slice.file] = true;
+                hasNews |= !isMatched[slice.file] && files_[slice.file].isFile() && !isKnown(slice.file);
+            });
+        if (!hasNews || !found.isTelling(piece)) return;
+        layout_.forEachSlice(start, std::min(found.lengthBytes, layout_.totalSize() - start),
                              [&](const TorrentLayout::Slice& slice) { isMatched[slice.file] = true; });
     });
+    return isMatched;
+}
+
+void FileOwnership::take(FileOpener& opener, const FoundPieces& found) {
+    const std::vector<bool> isMatched = matchedFiles(found);
     for (std::size_t file = 0; file < files_.size(); ++file) {
         if (files_[file].isFile() && !mayTake(opener, file, isMatched[file])) clear(opener, file);
-        if (!files_[file].isFile() || files_[file] != known_[file]) news_.push_back({file, files_[file]});
+        if (!files_[file].isFile() || !isKnown(file)) news_.push_back({file, files_[file]});
     }
     known_ = {};
     if (terms_.claims != nullptr && !news_.empty())
@@ -52,7 +67,7 @@ void FileOwnership::take(FileOpener& opener, std::int64_t pieceLength, const Pie
 }
 
 bool FileOwnership::mayTake(FileOpener& opener, std::size_t file, bool isMatched) {
-    if (files_[file] == known_[file]) return true;
+    if (isKnown(file)) return true;
     if (isAnothers(files_[file])) return false;
     return isMatched || holdsNothing(opener, file);
 }

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <vector>
 
 namespace skein {
@@ -18,12 +19,22 @@ struct ClaimTerms {
     bool movesAside = false;       ///< what stands in the way is renamed to NAME.before instead of refused
 };
 
+/// Which of the pieces found on disk are there, and what they say of the files that they were found in.
+struct FoundPieces {
+    const PieceSet& good;
+    std::int64_t lengthBytes = 0;  ///< of each but the last
+    /// Whether it is no accident, and nobody's guess, that this piece is there.
+    std::function<bool(int piece)> isTelling;
+};
+
 /// Which of the files at a torrent's paths are this download's. It is settled before any of them is touched.
 ///
 /// The download's are those that it began or adopted before, those in which one of its pieces matched, and those to
-/// which nothing was ever written. Any other one is foreign, and so is one longer than the torrent says, and one that
-/// another task owns: then the download fails, and the file stays as it is. Owner: TorrentStorage. Thread: the disk
-/// pool, one call at a time (`isOurs`: any). Throws StorageException and DatabaseException.
+/// which nothing was ever written. A match counts where the piece tells something, or the whole file matched: whoever
+/// makes a torrent of tiny pieces, or of zeros, would else have any file taken and written over. Any other one is
+/// foreign, and so is one longer than the torrent says, and one that another task owns: then the download fails, and
+/// the file stays as it is. Owner: TorrentStorage. Thread: the disk pool, one call at a time (`isOurs`: any). Throws
+/// StorageException and DatabaseException.
 class FileOwnership {
 public:
     /// `layout` and `folder` outlive this.
@@ -35,7 +46,7 @@ public:
     /// Looks at what is there, and changes nothing (but for a longer file that is to be moved aside).
     void survey(FileOpener& opener, std::size_t first, std::size_t count);
     /// Decides, now that it is known which pieces are `good`, and puts down what is taken.
-    void take(FileOpener& opener, std::int64_t pieceLength, const PieceSet& good);
+    void take(FileOpener& opener, const FoundPieces& found);
     /// Makes those that are missing, empty.
     void makeMissing(FileOpener& opener, std::size_t first, std::size_t count);
     /// Puts down which files those became.
@@ -46,6 +57,8 @@ public:
     std::string pathOf(std::size_t file) const;
 
 private:
+    bool isKnown(std::size_t file) const { return files_[file] == known_[file]; }
+    std::vector<bool> matchedFiles(const FoundPieces& found) const;
     bool mayTake(FileOpener& opener, std::size_t file, bool isMatched);
     bool isAnothers(const FileIdentity& identity) const;
     bool holdsNothing(FileOpener& opener, std::size_t file) const;

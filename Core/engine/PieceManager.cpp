@@ -86,12 +86,27 @@ asio::awaitable<void> PieceManager::setup(Bytes resumeRecord) {
 }
 
 asio::awaitable<void> PieceManager::takeFiles() {
-    auto take = [this] { storage_->take(metaInfo_->pieceLength, completed_); };
+    auto take = [this] {
+        const FoundPieces found{completed_, metaInfo_->pieceLength, [this](int piece) { return isTelling(piece); }};
+        storage_->take(found);
+    };
     co_await runOn(environment_.disk, std::move(take));
     auto makeMissing = [this](std::size_t first, std::size_t count) { storage_->makeMissing(first, count); };
     co_await visitFiles(std::move(makeMissing));
     auto settle = [this] { storage_->settle(); };
     co_await runOn(environment_.disk, std::move(settle));
+}
+
+/// Runs on the disk pool. A few bytes may be there by chance; zeros are in many files, and in any that has room for
+/// more.
+bool PieceManager::isTelling(int piece) const {
+    const std::int64_t size = metaInfo_->pieceSize(piece);
+    if (size < blockSize) return false;
+    SHA1Hasher hasher;
+    const Bytes zeros(static_cast<std::size_t>(std::min(size, largestChunk)));
+    for (std::int64_t left = size; left > 0; left -= std::ssize(zeros))
+        hasher.update(ByteView(zeros).first(static_cast<std::size_t>(std::min(left, std::int64_t{std::ssize(zeros)}))));
+    return !std::ranges::equal(hasher.finish(), metaInfo_->pieceHash(piece));
 }
 
 asio::awaitable<void> PieceManager::visitFiles(std::function<void(std::size_t, std::size_t)> visit) {

@@ -172,6 +172,7 @@ private:
     /// Calls `visit(first, count)` on the disk pool for one batch of the torrent's files after the other.
     asio::awaitable<void> visitFiles(std::function<void(std::size_t first, std::size_t count)> visit);
     asio::awaitable<void> takeFiles();
+    bool isTelling(int piece) const;
     PieceSet trustedPieces(const Bytes& resumeRecord);
     template <class Visit>
     void forEachFileOf(int piece, Visit visit) const;

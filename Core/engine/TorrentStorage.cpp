@@ -49,9 +49,9 @@ void TorrentStorage::survey(std::size_t first, std::size_t count) {
     ownership_.survey(opener, first, count);
 }
 
-void TorrentStorage::take(std::int64_t pieceLength, const PieceSet& good) {
+void TorrentStorage::take(const FoundPieces& found) {
     FileOpener opener = newOpener();
-    ownership_.take(opener, pieceLength, good);
+    ownership_.take(opener, found);
 }
 
 void TorrentStorage::makeMissing(std::size_t first, std::size_t count) {

@@ -62,8 +62,8 @@ public:
     // the way fails it, untouched. Throw StorageException and DatabaseException.
     /// Looks at what stands at the torrent's paths.
     void survey(std::size_t first, std::size_t count);
-    /// Takes what is this download's, given the pieces that are there and `good`.
-    void take(std::int64_t pieceLength, const PieceSet& good);
+    /// Takes what is this download's, given the pieces that are there.
+    void take(const FoundPieces& found);
     /// Makes the folders and files that are missing.
     void makeMissing(std::size_t first, std::size_t count);
     void settle() { ownership_.settle(); }

@@ -79,6 +79,22 @@ TEST_F(FileOwnershipTest, takesWhatMatchesAndWhatHoldsNothing) {
     EXPECT_EQ(receive(0), ReceiveBlockResult::completed);
 }
 
+TEST_F(FileOwnershipTest, aMatchThatAnybodyCanArrangeProvesNothing) {
+    const TestTorrent tiny = named(TestTorrent(1, {{"u/x", 40}}), 9);
+    const TestTorrent blank = named(TestTorrent(20000, {{"u/y", 50000}}, std::uint8_t{0}), 10);
+    const std::string diary = std::string(asText(tiny.bytes(0, 3))) + " a diary";
+    const std::string image = std::string(25000, '\0') + "a disk image";
+    put("u/x", diary);
+    put("u/y", image);
+    for (const TestTorrent* const made : {&tiny, &blank})
+        EXPECT_THAT(start(*made), HasSubstr("exists and is not part of this download"));
+    EXPECT_EQ(textOf("u/x"), diary);
+    EXPECT_EQ(textOf("u/y"), image);
+    tiny.writeTo(folder.path());
+    blank.writeTo(folder.path());
+    for (const TestTorrent* const whole : {&tiny, &blank}) EXPECT_EQ(start(*whole), "none");
+}
+
 TEST_F(FileOwnershipTest, knowsItsOwnFileAgainThoughNothingInItMatches) {
     put("t/a", "spoilt");
     EXPECT_EQ(start(two), "none");

@@ -86,14 +86,14 @@ TEST_F(PieceVerificationTest, reportsProgressAndStopsSoonWhenCancelled) {
 }
 
 TEST_F(PieceVerificationTest, believesItsRecordOfFilesThatDidNotChangeAndHashesTheOthers) {
-    torrent = TestTorrent(1000, {{"t/a", 2500}, {"t/b", 2500}, {"t/c", 1000}});
+    torrent = TestTorrent(20'000, {{"t/a", 50'000}, {"t/b", 50'000}, {"t/c", 20'000}});
     torrent.writeTo(folder.path());
     setUp(torrent);
     const Bytes record = simulation.finish(manager->resumeRecord(manager->completedSet()));
     const fs::path hidden = folder.path() / "t/b";
     const auto modified = fs::last_write_time(hidden);
-    damage("t/b", 600);  // in piece 3, which lies in "b" alone
-    damage("t/b", 400);  // in piece 2, which lies in "a" too
+    damage("t/b", 12'000);  // in piece 3, which lies in "b" alone
+    damage("t/b", 8'000);  // in piece 2, which lies in "a" too
     fs::last_write_time(hidden, modified);
     damage("t/a", 0);
     const auto missingAfter = [&](const Bytes& with) {

@@ -31,7 +31,8 @@ protected:
     static void prepare(TorrentStorage& storage) {
         const std::size_t all = storage.layout().files().size();
         storage.survey(0, all);
-        storage.take(1, PieceSet(0));
+        const PieceSet none(0);
+        storage.take({none, 1, {}});
         storage.makeMissing(0, all);
         storage.settle();
     }
