@@ -29,9 +29,10 @@ std::string nameOf(const ChatMedia& media) {
 
 }  // namespace
 
-asio::awaitable<SavedMedia> MediaDownload::save(ChatMedia media, std::filesystem::path folder) {
+asio::awaitable<SavedMedia> MediaDownload::save(ChatMedia media, std::filesystem::path folder, AddressOrigin origin) {
     HTTPRequest request;
     request.url = media.url;
+    request.origin = origin;
     request.totalTimeout = std::chrono::hours(1);  // a stranger's server may not hold the file for longer
     const std::unique_ptr<HTTPStream> stream = co_await http_.open(std::move(request));
     if (stream->head().status != httpOK)

@@ -18,7 +18,9 @@ public:
         std::optional<TalkPlace> before;
     };
 
-    explicit ChatRoutes(ChatHost& chat) : chat_(chat), gate_(chat), contacts_(chat), media_(chat) {}
+    /// `allowsLocalPeers`: what others name may lead into the user's own network.
+    explicit ChatRoutes(ChatHost& chat, bool allowsLocalPeers = false)
+        : chat_(chat), gate_(chat), contacts_(chat), media_(chat, allowsLocalPeers) {}
 
     void addTo(Router& router);
 

@@ -158,10 +158,15 @@ TEST_F(ChatCommandTest, savesTheMediaOfAMessageBesideWhatIsThere) {
     waitForLine(listener, "message 2]");
     write("photo.jpg", "mine");
 
-    EXPECT_EQ(chat({"save-media", "1", "--dir", folder.path()}), path("photo (1).jpg") + "  9 B\n");
+    // The sender chose the address: it may not lead into the user's network, unless the user says so.
+    EXPECT_THAT(skein({"chat", "save-media", "1", "--dir", folder.path()}).err, HasSubstr("The address is not public"));
+    EXPECT_EQ(atServer([this] { return files.requests().size(); }), 0U);
+    EXPECT_EQ(chat({"save-media", "1", "--dir", folder.path(), "--allow-local-peers"}),
+              path("photo (1).jpg") + "  9 B\n");
     EXPECT_EQ(asText(readWholeFile(path("photo (1).jpg"), 100)), "a picture");
     EXPECT_EQ(asText(readWholeFile(path("photo.jpg"), 100)), "mine");
-    EXPECT_THAT(skein({"chat", "save-media", "2", "--dir", folder.path()}).err, HasSubstr("HTTP 404"));
+    EXPECT_THAT(skein({"chat", "save-media", "2", "--dir", folder.path(), "--allow-local-peers"}).err,
+                HasSubstr("HTTP 404"));
     EXPECT_THAT(skein({"chat", "save-media", "3"}).err, HasSubstr("nothing to save"));
     EXPECT_THAT(skein({"chat", "save-media", "1", "--dir", path("none")}).err, HasSubstr("is no folder"));
     EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 2);
