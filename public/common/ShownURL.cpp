@@ -24,6 +24,20 @@ bool isOfScheme(char character) noexcept {
     return isAlphanumeric(character) || character == '+' || character == '-' || character == '.';
 }
 
+/// Where the next magnet link begins; npos when there is none. The scheme may be written in any case (RFC 3986, 3.1).
+std::size_t findMagnet(std::string_view text, std::size_t from) noexcept {
+    const auto isSame = [](char left, char right) { return (isUpper(left) ? left - 'A' + 'a' : left) == right; };
+    const auto* const start = text.begin() + std::min(from, text.size());
+    const auto* const found = std::search(start, text.end(), magnetStart.begin(), magnetStart.end(), isSame);
+    return found == text.end() ? std::string_view::npos : static_cast<std::size_t>(found - text.begin());
+}
+
+/// Without the punctuation of the sentence that the URL stands in.
+std::size_t withoutPunctuation(std::string_view text, std::size_t end) noexcept {
+    while (end > 0 && std::string_view(".,;:!)]}'").find(text[end - 1]) != std::string_view::npos) --end;
+    return end;
+}
+
 /// Splits `text` at the first of `delimiters`: what is before it is returned, `text` keeps the rest with it.
 std::string_view takeUntil(std::string_view& text, std::string_view delimiters) noexcept {
     const std::string_view before = text.substr(0, text.find_first_of(delimiters));
@@ -114,15 +128,14 @@ std::size_t endOfURL(std::string_view text, std::size_t schemeLength) noexcept {
         while (next > 0 && isAlphanumeric(text[next - 1])) --next;
         end = std::max(next, schemeLength + afterScheme.size());
     }
-    while (end > 0 && std::string_view(".,;:!)]}'").find(text[end - 1]) != std::string_view::npos) --end;
-    return end;
+    return withoutPunctuation(text, end);
 }
 
 }  // namespace
 
 std::string shownURL(std::string_view url) {
-    if (url.starts_with(magnetStart)) {
-        std::string shown(magnetStart);
+    if (findMagnet(url, 0) == 0) {
+        std::string shown(url.substr(0, magnetStart.size()));
         appendFields(shown, url.substr(magnetStart.size()), holdsURL);
         return shown;
     }
@@ -147,10 +160,10 @@ std::string shownURL(std::string_view url) {
 std::string withShownURLs(std::string_view text) {
     std::string shown;
     std::size_t done = 0;
-    std::size_t magnet = text.find(magnetStart);
+    std::size_t magnet = findMagnet(text, 0);
     for (;;) {
         const std::size_t mark = text.find(afterScheme, done);
-        if (magnet < done) magnet = text.find(magnetStart, done);
+        if (magnet < done) magnet = findMagnet(text, done);
         if (std::min(magnet, mark) == std::string_view::npos) break;
         std::size_t start = magnet;
         std::size_t end = 0;
@@ -159,7 +172,8 @@ std::string withShownURLs(std::string_view text) {
             while (start > done && isOfScheme(text[start - 1])) --start;
             end = start + std::max(endOfURL(text.substr(start), mark - start), mark - start + afterScheme.size());
         } else {
-            end = std::min(text.find_first_of(blanks, start), text.size());
+            const std::string_view link = text.substr(start, text.find_first_of(blanks, start) - start);
+            end = start + std::max(withoutPunctuation(link, link.size()), magnetStart.size());
         }
         shown.append(text.substr(done, start - done)).append(shownURL(text.substr(start, end - start)));
         done = end;

@@ -22,7 +22,8 @@ TEST(ShownURLTest, hidesWhatLetsSomeoneIn) {
         {"http://f.example/x?0123456789abcdef0123", "http://f.example/x?…"},
         {"http://f.example/0123456789abcdef0123.mkv", "http://f.example/….mkv"},
         {"magnet:?xt=urn:btih:aa&dn=a%20name&tr=http%3A%2F%2Ft%2Fkey&tr.1=udp%3A%2F%2Fu&ws=http%3A%2F%2Fw",
-         "magnet:?xt=urn:btih:aa&dn=a%20name&tr=…&tr.1=…&ws=…"}};
+         "magnet:?xt=urn:btih:aa&dn=a%20name&tr=…&tr.1=…&ws=…"},
+        {"MAGNET:?tr=http%3A%2F%2Ft%2Fkey", "MAGNET:?tr=…"}};
     for (const auto& [url, shown] : cases) EXPECT_EQ(shownURL(url), shown);
 }
 
@@ -39,7 +40,8 @@ TEST(ShownURLTest, findsTheURLsWithinAText) {
               "[Tracker] 2 trackers: http://a/x?k=…, http://b:1/y?k=… → ok (http://…@c/).");
     EXPECT_EQ(withShownURLs("http://a/x,https://me:word@b/?k=2"), "http://a/x,https://…@b/?k=…");
     EXPECT_EQ(withShownURLs("get: magnet:?dn=n&tr=http://k/: no \"ws://h?a=b\" here"),
-              "get: magnet:?dn=n&tr=… no \"ws://h?a=…\" here");
+              "get: magnet:?dn=n&tr=…: no \"ws://h?a=…\" here");
+    EXPECT_EQ(withShownURLs("Magnet:?tr=http%3A%2F%2Ft%2Fkey: no"), "Magnet:?tr=…: no");
     EXPECT_EQ(withShownURLs("no address ://, and http://"), "no address ://, and http://");
 }
 
