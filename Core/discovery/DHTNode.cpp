@@ -81,7 +81,7 @@ asio::awaitable<void> DHTNode::beginListening() {
     try {
         open();
     } catch (const boost::system::system_error& error) {
-        sockets_.clear();
+        closeSockets();
         environment_.log.error("[DHT] Listener failed: ", textOf(error));
         throw;
     }
@@ -93,20 +93,25 @@ asio::awaitable<void> DHTNode::beginListening() {
 
 /// On the first address, which must be had, and on that of the other family if there is one.
 void DHTNode::open() {
-    sockets_.clear();
+    closeSockets();
     listensOn_ = options_.binding.addresses();
     for (const IPAddress& address : listensOn_) {
         try {
-            DHTSocket& socket =
-                sockets_.emplace_back(tasks_.strand(), address, port_ != 0 ? port_.load() : options_.port);
-            options_.binding.tieToInterface(socket.handle());
-            port_ = socket.port();
+            const std::uint16_t port = port_ != 0 ? port_.load() : options_.port;
+            sockets_.push_back(std::make_shared<DHTSocket>(tasks_.strand(), address, port));
+            options_.binding.tieToInterface(sockets_.back()->handle());
+            port_ = sockets_.back()->port();
         } catch (const boost::system::system_error& error) {
             if (sockets_.empty()) throw;
             environment_.log.info("[DHT] no IPv6 socket: ", textOf(error));
         }
     }
-    for (DHTSocket& socket : sockets_) tasks_.spawn(listen(socket));
+    for (const auto& socket : sockets_) tasks_.spawn(listen(socket));
+}
+
+void DHTNode::closeSockets() noexcept {
+    for (const auto& socket : sockets_) socket->close();
+    sockets_.clear();
 }
 
 asio::awaitable<void> DHTNode::followInterface() {
@@ -160,13 +165,14 @@ asio::awaitable<void> DHTNode::greet(PeerAddress router) try {
     // Not found; one of the others may be.
 }
 
-asio::awaitable<void> DHTNode::listen(DHTSocket& socket) {
-    for (;;) {
+asio::awaitable<void> DHTNode::listen(std::shared_ptr<DHTSocket> socket) {
+    // It may be closed while a datagram, or the end of a pause, is on its way here.
+    while (socket->isOpen()) {
         bool hasFailed = false;
         try {
-            co_await socket.wait();
+            co_await socket->wait();
             for (int i = 0; i < datagramsAtOnce; ++i) {
-                const auto datagram = socket.receive();
+                const auto datagram = socket->receive();
                 if (!datagram) break;
                 protocol_.receive(datagram->bytes, datagram->from, environment_.clock.now());
             }
@@ -244,19 +250,19 @@ asio::awaitable<void> DHTNode::shutDown() {
     protocol_.cancelAllLookups(environment_.clock.now());
     feeds_.clear();
     isRunning_ = false;
-    sockets_.clear();
+    closeSockets();
     co_return;
 }
 
 bool DHTNode::send(const DHTEndpoint& to, ByteView datagram) {
-    for (DHTSocket& socket : sockets_)
-        if (socket.isIPv4() == to.host.isIPv4()) return socket.send(to, datagram);
+    for (const auto& socket : sockets_)
+        if (socket->isIPv4() == to.host.isIPv4()) return socket->send(to, datagram);
     return false;
 }
 
 bool DHTNode::canReach(const IPAddress& address) const {
     return std::any_of(sockets_.begin(), sockets_.end(),
-                       [&](const DHTSocket& socket) { return socket.isIPv4() == address.isIPv4(); });
+                       [&](const auto& socket) { return socket->isIPv4() == address.isIPv4(); });
 }
 
 void DHTNode::foundPeer(const NodeID& infoHash, const DHTEndpoint& peer) {

@@ -18,7 +18,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -88,7 +87,8 @@ private:
     asio::awaitable<void> bootstrap();
     asio::awaitable<void> bootstrapEnded();
     asio::awaitable<void> greet(PeerAddress router);
-    asio::awaitable<void> listen(DHTSocket& socket);
+    void closeSockets() noexcept;
+    asio::awaitable<void> listen(std::shared_ptr<DHTSocket> socket);
     asio::awaitable<void> keepDeadlines();
     asio::awaitable<void> serve(std::shared_ptr<PeerFeed> feed, SHA1Digest infoHash);
     asio::awaitable<void> announce(SHA1Digest infoHash, std::uint16_t downloadPort);
@@ -109,7 +109,7 @@ private:
     bool isRunning_ = false;
     bool isBootstrapping_ = false;
     DHTProtocol protocol_;
-    std::list<DHTSocket> sockets_;
+    std::vector<std::shared_ptr<DHTSocket>> sockets_;  // each shared with the task that reads it
     std::vector<IPAddress> listensOn_;
     std::map<SHA1Digest, Feeds> feeds_;
     std::optional<Clock::TimePoint> lastBootstrap_;

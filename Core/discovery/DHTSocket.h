@@ -35,6 +35,7 @@ public:
 
     bool isIPv4() const noexcept { return isIPv4_; }
     std::uint16_t port() const { return socket_.local_endpoint().port(); }
+    bool isOpen() const { return socket_.is_open(); }
     int handle() { return socket_.native_handle(); }
     /// Returns when there is something to receive, or a failure of the socket to be told by `receive`.
     asio::awaitable<void> wait();

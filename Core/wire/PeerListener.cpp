@@ -69,7 +69,7 @@ asio::awaitable<void> PeerListener::remove(SHA1Digest infoHash) { return tasks_.
 
 asio::awaitable<void> PeerListener::stop() {
     co_await tasks_.stop();
-    acceptors_.clear();
+    closeAll();
 }
 
 asio::awaitable<void> PeerListener::open(std::uint16_t port) {
@@ -86,18 +86,24 @@ asio::awaitable<void> PeerListener::open(std::uint16_t port) {
 
 /// On the first address, which must be had, and on that of the other family if there is one.
 void PeerListener::openAll(std::uint16_t port) {
-    acceptors_.clear();
+    closeAll();
     listensOn_ = binding_.addresses();
     for (const IPAddress& address : listensOn_) {
         try {
             listenOn({toAsio(address), acceptors_.empty() ? port : port_.load()});
-            port_ = acceptors_.front().local_endpoint().port();
+            port_ = acceptors_.front()->local_endpoint().port();
         } catch (const boost::system::system_error& error) {
             if (acceptors_.empty()) throw;
             log_.info("[Session] no IPv6 listener: ", textOf(error));
         }
     }
-    for (Acceptor& acceptor : acceptors_) tasks_.spawn(acceptPeers(acceptor));
+    for (const auto& acceptor : acceptors_) tasks_.spawn(acceptPeers(acceptor));
+}
+
+void PeerListener::closeAll() {
+    boost::system::error_code ignored;
+    for (const auto& acceptor : acceptors_) acceptor->close(ignored);
+    acceptors_.clear();
 }
 
 asio::awaitable<void> PeerListener::followInterface() {
@@ -115,13 +121,13 @@ asio::awaitable<void> PeerListener::followInterface() {
 }
 
 void PeerListener::listenOn(const tcp::endpoint& endpoint) {
-    Acceptor acceptor(io_);
-    acceptor.open(endpoint.protocol());
-    acceptor.set_option(tcp::acceptor::reuse_address(true));
-    if (endpoint.address().is_v6()) acceptor.set_option(asio::ip::v6_only(true));
-    binding_.tieToInterface(acceptor.native_handle());
-    acceptor.bind(endpoint);
-    acceptor.listen();
+    auto acceptor = std::make_shared<Acceptor>(io_);
+    acceptor->open(endpoint.protocol());
+    acceptor->set_option(tcp::acceptor::reuse_address(true));
+    if (endpoint.address().is_v6()) acceptor->set_option(asio::ip::v6_only(true));
+    binding_.tieToInterface(acceptor->native_handle());
+    acceptor->bind(endpoint);
+    acceptor->listen();
     acceptors_.push_back(std::move(acceptor));
 }
 
@@ -135,10 +141,11 @@ asio::awaitable<void> PeerListener::erase(SHA1Digest infoHash) {
     co_return;
 }
 
-asio::awaitable<void> PeerListener::acceptPeers(Acceptor& acceptor) {
-    for (;;) {
+asio::awaitable<void> PeerListener::acceptPeers(std::shared_ptr<Acceptor> acceptor) {
+    // It may be closed while a connection, or the end of a pause, is on its way here.
+    while (acceptor->is_open()) {
         boost::system::error_code error;
-        tcp::socket socket = co_await acceptor.async_accept(io_, asio::redirect_error(asio::use_awaitable, error));
+        tcp::socket socket = co_await acceptor->async_accept(io_, asio::redirect_error(asio::use_awaitable, error));
         if (error == asio::error::operation_aborted) co_return;
         if (error) {
             co_await clock_.sleep(acceptPause);

@@ -13,7 +13,6 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <list>
 #include <map>
 #include <memory>
 #include <vector>
@@ -55,9 +54,10 @@ private:
 
     asio::awaitable<void> open(std::uint16_t port);
     void openAll(std::uint16_t port);
+    void closeAll();
     void listenOn(const asio::ip::tcp::endpoint& endpoint);
     asio::awaitable<void> followInterface();
-    asio::awaitable<void> acceptPeers(Acceptor& acceptor);
+    asio::awaitable<void> acceptPeers(std::shared_ptr<Acceptor> acceptor);
     void admit(asio::ip::tcp::socket socket);
     asio::awaitable<void> route(asio::ip::tcp::socket socket, HalfOpen place);
     asio::awaitable<void> insert(SHA1Digest infoHash, Handler handler);
@@ -69,7 +69,7 @@ private:
     const LocalBinding binding_;
     std::vector<IPAddress> listensOn_;
     std::atomic<std::uint16_t> port_ = 0;
-    std::list<Acceptor> acceptors_;
+    std::vector<std::shared_ptr<Acceptor>> acceptors_;  // each shared with the task that accepts from it
     std::map<SHA1Digest, Handler> handlers_;
     std::size_t halfOpen_ = 0;
     std::map<IPAddress, std::size_t> halfOpenOfHost_;
