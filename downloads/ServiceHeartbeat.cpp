@@ -43,7 +43,8 @@ private:
 asio::awaitable<void> ServiceHeartbeat::svcHeartbeatLoop() {
     for (;;) {
         co_await environment_.clock.sleep(interval);
-        if (figures_.rollOver()) environment_.onFigures();  // also while there is nothing to report
+        // A new day begins with the balance that the service has, also while there is nothing to report.
+        if (figures_.rollOver()) co_await updateCurrencyEstimates();
         co_await sendBatchHeartbeat();
     }
 }

@@ -168,7 +168,7 @@ asio::awaitable<HTTPServerResponse> AccountRoutes::transactions(std::string, HTT
 asio::awaitable<HTTPServerResponse> AccountRoutes::settle(std::string, HTTPServerRequest) {
     if (auto refused = co_await refusal()) co_return std::move(*refused);
     const auto answer = co_await service_.walletSettle();
-    if (answer && manager_ != nullptr) manager_->refreshCredit();
+    if (manager_ != nullptr) manager_->refreshCredit();  // also when only the answer was lost
     co_return recordOr502(answer);
 }
 
@@ -192,8 +192,8 @@ asio::awaitable<HTTPServerResponse> AccountRoutes::transfer(std::string, HTTPSer
         failure = "a user, and an amount above 0, are needed";
     if (!failure.empty()) co_return Router::error(400, failure);
     const WalletActionResult result = co_await service_.walletTransfer(std::move(toUser), amount, std::move(note));
-    if (const auto* const error = std::get_if<WalletError>(&result)) co_return Router::error(502, error->description);
     if (manager_ != nullptr) manager_->refreshCredit();
+    if (const auto* const error = std::get_if<WalletError>(&result)) co_return Router::error(502, error->description);
     co_return jsonReply(json::object{{"walletBalance", std::get<double>(result)}});
 }
 

@@ -1,5 +1,6 @@
 #include "Core/formats/TorrentParser.h"
 #include "Core/formats/TorrentWriter.h"
+#include "app/api/AccountRoutes.h"
 #include "tests/Core/engine/TestTorrent.h"
 #include "tests/app/ServiceNode.h"
 
@@ -167,6 +168,42 @@ TEST_F(ServiceExchangeTest, leavesNoByteWithTheWrongUser) {
     pass(2s);
     EXPECT_EQ(account("bob").downloaded, bobs);
     EXPECT_EQ(account("carol").downloaded, size() - bobs);
+}
+
+TEST_F(ServiceExchangeTest, theBalanceFollowsWhatChangesItWithoutAReport) {
+    AccountRoutes routes(seeder.client(), seeder.account(), seeder.manager.get(), [] {});
+    Router router;
+    routes.addTo(router);
+    const auto statusOf = [&](const std::string& path, const std::string& body) {
+        HTTPServerRequest request;
+        request.method = "POST";
+        request.path = "/api/v1/wallet/" + path;
+        request.headers["content-type"] = "application/json";
+        request.body = body;
+        return simulation.finish(router.answer(std::move(request))).status;
+    };
+    const auto waitForBalance = [&](double balance) {
+        simulation.runUntil([&] { return seeder.manager->credit().displayedWalletBalance() == balance; });
+    };
+    double& wallet = service.ledger().wallets["alice"];
+    waitForBalance(10);
+    EXPECT_EQ(statusOf("transfer", R"({"toUser": "bob", "amount": 2.5})"), 200);
+    waitForBalance(7.5);
+    service.fail(ServiceFault::loseAnswer, "/api/wallet/transfer", 1);
+    EXPECT_EQ(statusOf("transfer", R"({"toUser": "bob", "amount": 1})"), 502);
+    waitForBalance(6.5);
+
+    wallet = 9;
+    EXPECT_EQ(statusOf("settle", ""), 200);
+    waitForBalance(9);
+    wallet = 8;
+    service.fail(ServiceFault::loseAnswer, "/api/wallet/settle", 1);
+    EXPECT_EQ(statusOf("settle", ""), 502);
+    waitForBalance(8);
+
+    wallet = 12;
+    simulation.advance(24h);
+    waitForBalance(12);
 }
 
 }  // namespace

@@ -31,6 +31,8 @@ public:
     DownloadManager::Task add(const Bytes& torrentData) {
         return simulation.finish(manager->addTorrentFile(torrentData));
     }
+    SkeinServiceClient& client() { return client_; }
+    const ServiceAccount& account() const { return account_; }
     bool hasLogged(std::string_view text) const { return log.count(text) > 0; }
 
 private:
