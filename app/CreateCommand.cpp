@@ -96,11 +96,16 @@ private:
         const fs::file_status status = fs::status(output_, error);
         if (fs::is_directory(status)) refuseOutput("is a folder");
         if (fs::exists(status) && fs::equivalent(output_, source_, error)) refuseOutput("is what is to be shared");
-        if (fs::exists(fs::symlink_status(output_, error)) && !overwrites_)
-            refuseOutput("exists - choose another name (-o), or have it moved aside (--overwrite)");
+        refuseToOverwrite();
         const fs::path folder = output_.has_parent_path() ? output_.parent_path() : fs::path(".");
         if (::access(folder.c_str(), W_OK | X_OK) != 0)
             refuseOutput(std::error_code(errno, std::generic_category()).message());
+    }
+
+    void refuseToOverwrite() const {
+        std::error_code error;
+        if (fs::exists(fs::symlink_status(output_, error)) && !overwrites_)
+            refuseOutput("exists - choose another name (-o), or have it moved aside (--overwrite)");
     }
 
     [[noreturn]] void refuseOutput(std::string_view why) const {
@@ -140,6 +145,7 @@ private:
     }
 
     void write(const Bytes& file) const {
+        refuseToOverwrite();  // it may have come while the pieces were hashed
         try {
             if (fs::exists(fs::symlink_status(output_))) moveAside(output_);
             replaceWholeFile(output_, file, sharedFile);
