@@ -156,7 +156,8 @@ void HTTPWorker::start(RunningMap::iterator entry) {
             self->tell(
                 [worker = self.get(), id, lookup, addresses = *found] { worker->handleFound(id, lookup, addresses); });
     };
-    options_.lookups->begin(running.lookup, *host, std::move(answer));
+    auto mayAsk = [binding = options_.binding] { return !binding.isGone(); };
+    options_.lookups->begin(running.lookup, *host, std::move(mayAsk), std::move(answer));
 }
 
 void HTTPWorker::handleFound(Id id, NameLookups::Id lookup, const NameLookups::Addresses& addresses) {

@@ -1,5 +1,6 @@
 #include "public/common/NameLookups.h"
 
+#include <algorithm>
 #include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -47,7 +48,7 @@ NameLookups::Addresses NameLookups::askSystem(const std::string& host) {
     return addresses;
 }
 
-void NameLookups::begin(Id id, const std::string& host, Answer answer) {
+void NameLookups::begin(Id id, const std::string& host, MayAsk mayAsk, Answer answer) {
     std::unique_lock lock(mutex_);
     if (const Addresses* const known = kept(host)) {
         const Addresses addresses = *known;
@@ -60,7 +61,7 @@ void NameLookups::begin(Id id, const std::string& host, Answer answer) {
         query = std::make_shared<Query>(Query{host, {}});
         queue_.push_back(query);
     }
-    query->waiting.emplace(id, std::move(answer));
+    query->waiting.emplace(id, Waiting{std::move(mayAsk), std::move(answer)});
     byId_.emplace(id, query);
     if (!isNew || threads_ == maxThreads) return;
     ++threads_;
@@ -72,7 +73,7 @@ void NameLookups::cancel(Id id) {
     std::unique_lock lock(mutex_);
     const auto found = byId_.find(id);
     if (found == byId_.end()) return;
-    const Answer answer = std::move(found->second->waiting.extract(id).mapped());
+    const Answer answer = std::move(found->second->waiting.extract(id).mapped().answer);
     byId_.erase(found);
     lock.unlock();
     answer(nullptr);
@@ -84,7 +85,8 @@ void NameLookups::work() {
         const std::shared_ptr<Query> query = std::move(queue_.front());
         queue_.pop_front();
         Addresses addresses;
-        const bool isWanted = !query->waiting.empty();
+        const bool isWanted =
+            std::ranges::any_of(query->waiting, [](const auto& entry) { return entry.second.mayAsk(); });
         if (isWanted) {
             lock.unlock();
             addresses = ask_(query->host);
@@ -92,11 +94,11 @@ void NameLookups::work() {
             keep(query->host, addresses);
         }
         byHost_.erase(query->host);
-        const std::map<Id, Answer> waiting = std::move(query->waiting);
+        const std::map<Id, Waiting> waiting = std::move(query->waiting);
         query->waiting.clear();
-        for (const auto& [id, answer] : waiting) byId_.erase(id);
+        for (const auto& [id, waiter] : waiting) byId_.erase(id);
         lock.unlock();
-        for (const auto& [id, answer] : waiting) answer(&addresses);
+        for (const auto& [id, waiter] : waiting) waiter.answer(&addresses);
         lock.lock();
     }
     --threads_;

@@ -46,8 +46,11 @@ public:
     static Addresses askSystem(const std::string& host);
 
     Id newId() noexcept { return ++lastId_; }
+    /// Whether the system may be asked, when the look-up's turn comes: what it is to leave by may have gone meanwhile.
+    using MayAsk = std::function<bool()>;
+
     /// `answer` may come before this returns.
-    void begin(Id id, const std::string& host, Answer answer);
+    void begin(Id id, const std::string& host, MayAsk mayAsk, Answer answer);
     void cancel(Id id);
 
 private:
@@ -56,10 +59,14 @@ private:
         Addresses addresses;
         Clock::time_point until;
     };
+    struct Waiting {
+        MayAsk mayAsk;
+        Answer answer;
+    };
     /// Those who wait for one host.
     struct Query {
         std::string host;
-        std::map<Id, Answer> waiting;
+        std::map<Id, Waiting> waiting;
     };
 
     void work();

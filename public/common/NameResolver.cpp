@@ -79,7 +79,7 @@ asio::awaitable<std::vector<IPAddress>> SystemNameResolver::resolve(std::string 
     if (const auto literal = IPAddress::parse(host)) co_return std::vector<IPAddress>{*literal};
     if (binding_.isGone()) throw boost::system::system_error(NetworkRefusal::interfaceGone);
     const auto caller = std::make_shared<Waiting::Caller>();
-    const auto initiate = [lookups = lookups_, waiting = waiting_, caller, host](auto handler) {
+    const auto initiate = [lookups = lookups_, waiting = waiting_, caller, host, binding = binding_](auto handler) {
         auto slot = asio::get_associated_cancellation_slot(handler);
         auto home = asio::prefer(asio::get_associated_executor(handler), asio::execution::outstanding_work.tracked);
         const auto shared = std::make_shared<decltype(handler)>(std::move(handler));
@@ -92,12 +92,14 @@ asio::awaitable<std::vector<IPAddress>> SystemNameResolver::resolve(std::string 
         // Once the caller was told, another thread may go on in the coroutine, to which this lambda belongs.
         const auto desk = lookups;
         auto answer = [waiting, id](const NameLookups::Addresses* found) { waiting->tell(id, found); };
+        auto mayAsk = [binding] { return !binding.isGone(); };
         const std::string wanted = host;
-        if (waiting->add(id, caller)) desk->begin(id, wanted, std::move(answer));
+        if (waiting->add(id, caller)) desk->begin(id, wanted, std::move(mayAsk), std::move(answer));
     };
     co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(initiate, asio::use_awaitable);
     if (!caller->found) throw boost::system::system_error(asio::error::operation_aborted);
     NameLookups::Addresses& addresses = *caller->found;
+    if (addresses.empty() && binding_.isGone()) throw boost::system::system_error(NetworkRefusal::interfaceGone);
     if (addresses.empty()) throw boost::system::system_error(asio::error::host_not_found);
     std::erase_if(addresses, [this](const IPAddress& address) { return !binding_.canReach(address); });
     if (addresses.empty()) throw boost::system::system_error(NetworkRefusal::familyNotBound);

@@ -93,7 +93,7 @@ TEST_F(PieceVerificationTest, believesItsRecordOfFilesThatDidNotChangeAndHashesT
     const fs::path hidden = folder.path() / "t/b";
     const auto modified = fs::last_write_time(hidden);
     damage("t/b", 12'000);  // in piece 3, which lies in "b" alone
-    damage("t/b", 8'000);  // in piece 2, which lies in "a" too
+    damage("t/b", 8'000);   // in piece 2, which lies in "a" too
     fs::last_write_time(hidden, modified);
     damage("t/a", 0);
     const auto missingAfter = [&](const Bytes& with) {
