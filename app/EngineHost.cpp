@@ -24,6 +24,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
+/// UDP trackers that are asked at once, over all torrents.
+constexpr std::size_t udpTrackersAtOnce = 64;
+
 /// One that is missing may be on a disk that is not mounted: making it would fill the disk below.
 bool isUsableFolder(const fs::path& folder) {
     std::error_code error;
@@ -40,6 +43,7 @@ EngineHost::EngineHost(const fs::path& home, LocalBinding binding)
       claims_(home / "claims.db", log_),
       datagrams_(binding_),
       resolver_(binding_),
+      udpTrackers_(pools_.io(), udpTrackersAtOnce),
       http_(HTTPClient::Options{.binding = binding_}),
       listener_(pools_.io(), clock_, log_, binding_),
       history_(pools_.io(), ActorSettings(settings_, pools_.disk()), clock_, log_),
@@ -91,14 +95,15 @@ void EngineHost::startDHT(std::uint16_t port, const DHTOptions& options) {
 }
 
 TorrentSession::Services EngineHost::services() {
-    TorrentSession::Services services{pools_.io(),
-                                      pools_.disk(),
-                                      clock_,
-                                      log_,
-                                      TrackerServices{http_, resolver_, datagrams_, clock_, random_, log_},
-                                      listener_,
-                                      dht_.get(),
-                                      &history_};
+    TorrentSession::Services services{
+        pools_.io(),
+        pools_.disk(),
+        clock_,
+        log_,
+        TrackerServices{http_, resolver_, datagrams_, clock_, random_, log_, udpTrackers_},
+        listener_,
+        dht_.get(),
+        &history_};
     services.lsd = &lsd_;
     services.claims = &claims_;
     services.binding = binding_;

@@ -13,6 +13,7 @@
 #include "public/common/Clock.h"
 #include "public/common/DescriptorBudget.h"
 #include "public/common/FileLogger.h"
+#include "public/common/Gate.h"
 #include "public/common/HTTPClient.h"
 #include "public/common/NameResolver.h"
 #include "public/common/Random.h"
@@ -105,6 +106,7 @@ private:
     SystemDatagrams datagrams_;
     ThreadPools pools_;
     SystemNameResolver resolver_;
+    const Gate udpTrackers_;
     HTTPClient http_;
     PeerListener listener_;
     PeerHistoryStore history_;

@@ -38,7 +38,8 @@ public:
             metaInfo.files.push_back({"t/" + std::to_string(i), fileSize, i * fileSize});
         storage = std::make_unique<TorrentStorage>(TorrentLayout(unhashed()), environmentIn(folder));
         storage->survey(0, metaInfo.files.size());
-        storage->take(pieceLength, PieceSet(metaInfo.pieceCount()));
+        const PieceSet none(metaInfo.pieceCount());
+        storage->take({none, pieceLength, [](int) { return true; }});
         storage->makeMissing(0, metaInfo.files.size());
         Bytes piece(static_cast<std::size_t>(pieceLength));
         SecureRandom().fill(piece);

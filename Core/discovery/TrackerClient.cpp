@@ -72,7 +72,7 @@ TrackerClient::TrackerClient(const asio::any_io_executor& pool, const TrackerSer
     : services_(services),
       peerID_(std::move(peerID)),
       port_(port),
-      udp_(services.clock, services.resolver, services.datagrams),
+      udp_(services.clock, services.resolver, services.datagrams, services.udpExchanges),
       tasks_(pool) {}
 
 asio::awaitable<std::vector<PeerAddress>> TrackerClient::announceAll(Tiers trackers, TrackerAnnounce what) {
@@ -191,8 +191,8 @@ asio::awaitable<TrackerAnnounceResult> TrackerClient::announceUDP(std::string tr
     const auto url = TrackerURL::parse(tracker);
     if (!url || url->scheme != "udp" || !url->port) throw TrackerException(TrackerError::invalidURL);
     std::string host = url->host;
-    const std::unique_ptr<DatagramConnection> connection =
-        co_await udp_.connect(std::move(host), *url->port, what.origin);
+    const UDPHelper::Line line = co_await udp_.connect(std::move(host), *url->port, what.origin);
+    DatagramConnection* const connection = line.connection.get();
 
     Bytes request = TrackerRequest::udpConnect(services_.random.number());
     const Bytes welcome = co_await udp_.sendAndReceive(*connection, std::move(request), udpTimeout);

@@ -6,6 +6,7 @@
 #include "public/common/Bytes.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
+#include "public/common/Gate.h"
 #include "public/common/HTTPFetcher.h"
 #include "public/common/NameResolver.h"
 #include "public/common/Random.h"
@@ -29,6 +30,7 @@ struct TrackerServices {
     Clock& clock;
     Random& random;
     FileLogger& log;
+    Gate udpExchanges = {};  ///< each has a socket of its own
 };
 
 /// Asks the trackers of one torrent for peers, over HTTP, HTTPS and UDP.

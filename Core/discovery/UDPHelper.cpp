@@ -25,17 +25,19 @@ asio::awaitable<Bytes> exchange(DatagramConnection& connection, Bytes data) {
 
 }  // namespace
 
-UDPHelper::UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams)
-    : clock_(clock), resolver_(resolver), datagrams_(datagrams) {}
+UDPHelper::UDPHelper(Clock& clock, NameResolver& resolver, DatagramConnector& datagrams, Gate gate)
+    : clock_(clock), resolver_(resolver), datagrams_(datagrams), gate_(std::move(gate)) {}
 
-asio::awaitable<std::unique_ptr<DatagramConnection>> UDPHelper::connect(std::string host, std::uint16_t port,
-                                                                        AddressOrigin origin) try {
+asio::awaitable<UDPHelper::Line> UDPHelper::connect(std::string host, std::uint16_t port, AddressOrigin origin) try {
     const auto executor = co_await asio::this_coro::executor;
     const auto addresses = co_await within(clock_, connectTimeout, resolver_.resolve(std::move(host)));
+    Line line;
+    line.pass = co_await gate_.enter();
     boost::system::error_code failure = asio::error::address_family_not_supported;
     for (const IPAddress& address : addresses) {
         try {
-            co_return datagrams_.connect(executor, address, port, origin);
+            line.connection = datagrams_.connect(executor, address, port, origin);
+            co_return line;
         } catch (const boost::system::system_error& error) {
             failure = error.code();  // no route by this protocol, perhaps by the other
         }

@@ -227,5 +227,21 @@ TEST_F(TrackerClientTest, manyAnnouncesRunAtOnceOnManyThreads) {
     http.stop();
 }
 
+TEST_F(TrackerClientTest, asksNoMoreTrackersOverUDPAtOnceThanThereArePlaces) {
+    const TrackerServices few{http, resolver, datagrams, simulation, random, log, Gate(simulation.executor(), 3)};
+    TrackerClient crowd(simulation.executor(), few, Bytes(20, 'p'), 1);
+    TrackerClient::Tiers trackers{{}};
+    for (int i = 0; i < 5; ++i) trackers[0].push_back(udp.url("/" + std::to_string(i)));
+    auto all = simulation.begin(crowd.announceAll(trackers, what));
+    simulation.runUntil([&] { return udp.seen().size() == 3; });
+    simulation.advance(14s);
+    EXPECT_EQ(udp.seen().size(), 3U);
+    simulation.advance(1s);
+    simulation.runUntil([&] { return udp.seen().size() == 5; });
+    simulation.advance(15s);
+    EXPECT_THAT(simulation.finish(std::move(all)), IsEmpty());
+    simulation.finish(crowd.stop());
+}
+
 }  // namespace
 }  // namespace skein
