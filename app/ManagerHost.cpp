@@ -80,6 +80,8 @@ DownloadManager::Environment ManagerHost::environment() {
         return host_.makeHTTPSession(url, saveTo, fileName);
     };
     environment.uploadMode = settings_.sessions.uploadMode;
+    environment.listenPort = host_.listener().port();
+    environment.binding = host_.wayOut().binding;
     environment.onAccelerate = [this](const TorrentTask& task) {
         chat_.askForAcceleration({task.name(), {}, task.magnetURI.value_or(""), task.totalSize()});
     };

@@ -38,6 +38,7 @@ DownloadManager::DownloadManager(Environment environment)
       tasks_(environment_.io),
       commandEnded_(tasks_.strand()),
       wake_(tasks_.strand()),
+      uploadModeChanged_(tasks_.strand()),
       store_(tasks_.strand(), environment_.disk, environment_.clock, environment_.log, environment_.home,
              [this] { return snapshot(); }),
       targets_(tasks_.strand(), environment_.disk, environment_.home, environment_.downloadsDirectory,
@@ -277,7 +278,10 @@ asio::awaitable<void> DownloadManager::retune(Tuning tuning) { return tasks_.cal
 asio::awaitable<void> DownloadManager::applyTuning(Tuning tuning) {
     targets_.setDownloadsDirectory(tuning.downloadsDirectory);
     memoryMonitor_.setLimit(tuning.memoryLimitMB);
-    uploadMode_ = tuning.sessions.uploadMode;
+    if (uploadMode_ != tuning.sessions.uploadMode) {
+        uploadMode_ = tuning.sessions.uploadMode;
+        uploadModeChanged_.notify();
+    }
     for (const auto& session : sessions_.torrents()) {
         try {
             co_await session->retune(tuning.sessions);

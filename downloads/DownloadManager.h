@@ -11,6 +11,7 @@
 #include "downloads/TaskTargets.h"
 #include "downloads/TorrentTask.h"
 #include "public/common/ActorSettings.h"
+#include "public/common/LocalBinding.h"
 #include "public/common/MsgCenter/MsgCenter.h"
 #include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
@@ -49,6 +50,8 @@ public:
         std::filesystem::path downloadsDirectory;
         std::int64_t memoryLimitMB = 0;  ///< 0: none
         UploadMode uploadMode = UploadMode::paid;
+        std::uint16_t listenPort = 0;  ///< of the peer-wire listener
+        LocalBinding binding;          ///< the addresses that it listens on
         TaskSessions::Makers makers;
         /// Acceleration was turned on for a torrent that has a magnet link; others may be told.
         std::function<void(const TorrentTask&)> onAccelerate;
@@ -166,6 +169,7 @@ private:
     asio::awaitable<void> registerOnly(Task task);
     asio::awaitable<void> tellCompleted(std::string infoHash);
     asio::awaitable<void> tellAccelerate(std::shared_ptr<TorrentSession> session, bool isEnabled);
+    bool isForRegisterOnly(const Task& task) const;
     asio::awaitable<void> flushPendingDeletes(std::string userID);
     asio::awaitable<void> releaseResources();
 
@@ -190,6 +194,7 @@ private:
     Notifier wake_;  // something moves that did not
     TaskStore store_;
     TaskTargets targets_;
+    Notifier uploadModeChanged_;
     TaskSessions sessions_;
     ServiceHeartbeat heartbeat_;
     MemoryMonitor memoryMonitor_;

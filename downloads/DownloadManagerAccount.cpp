@@ -1,8 +1,9 @@
 // The manager's dealings with the account at the resource service.
 
-#include "Core/engine/ResourceTexts.h"
+#include "Core/discovery/LocalIPv4Address.h"
 #include "downloads/CreditChanged.h"
 #include "downloads/DownloadManager.h"
+#include "public/common/RunOn.h"
 #include "public/common/Within.h"
 
 #include <boost/asio/co_spawn.hpp>
@@ -15,6 +16,9 @@ namespace {
 
 /// A user who signs out does not wait longer for a service that is silent.
 constexpr std::chrono::seconds releaseLimit{3};
+/// A registration that failed is sent again after 10 s, then after twice as long each time, up to 10 minutes.
+constexpr std::chrono::seconds firstRegisterDelay{10};
+constexpr std::chrono::seconds longestRegisterDelay{600};
 
 }  // namespace
 
@@ -122,25 +126,47 @@ asio::awaitable<void> DownloadManager::rebuildSeedingSession(Task task) {
     const auto digest = fromHex(task->infoHash);
     if (!digest || digest->size() != SHA1Digest().size()) {
         environment_.log.info("[Manager] ensureRegistered: cannot derive infoHash Data for ", name, ", register-only");
-        co_return co_await registerOnly(task);
+        accountTasks_->spawn(registerOnly(task));
+        co_return;
     }
     TorrentOrigin origin = co_await originOf(task);
     if (!origin.torrentData && !origin.magnet) {
         environment_.log.info("[Manager] ensureRegistered: no .torrent and no magnet for ", name, ", register-only");
-        co_return co_await registerOnly(task);
+        accountTasks_->spawn(registerOnly(task));
+        co_return;
     }
     if (!origin.torrentData)
         environment_.log.info("[Manager] ensureRegistered: .torrent missing, rebuilding via magnet for ", name);
     if (!sessions_.isRunning(task)) sessions_.startTorrent(task, std::move(origin), true);
 }
 
+bool DownloadManager::isForRegisterOnly(const Task& task) const {
+    return find(task->infoHash) == task && task->status() == TaskStatus::completed && !sessions_.isRunning(task);
+}
+
+/// Tells the service of a torrent that no session can serve, again until it has understood and whenever the upload mode
+/// changes. One of the tasks of the account, which ends with it.
 asio::awaitable<void> DownloadManager::registerOnly(Task task) {
-    ResourceRegistration registration;
-    registration.infoHash = task->infoHash;
-    registration.status = ResourceStatus::seeding;
-    registration.uploadMode = uploadMode_;
-    registration.totalBytes = task->totalSize();
-    co_await environment_.service.registerResource(std::move(registration));
+    std::chrono::seconds delay = firstRegisterDelay;
+    while (isForRegisterOnly(task)) {
+        const UploadMode told = uploadMode_;
+        // Looked up each time: a machine that was offline has other addresses afterwards.
+        auto look = [this] { return getLocalIPv4Addresses(environment_.log, environment_.binding); };
+        std::vector<std::string> addresses = co_await runOn(environment_.disk, std::move(look));
+        ResourceRegistration registration{task->infoHash,       ResourceStatus::seeding, told,
+                                          std::move(addresses), environment_.listenPort, task->totalSize()};
+        const bool isConfirmed = co_await environment_.service.registerResource(std::move(registration));
+        if (isConfirmed) {
+            environment_.log.info("[Manager] register-only confirmed for ", task->name());
+            delay = firstRegisterDelay;
+            while (uploadMode_ == told) co_await uploadModeChanged_.wait();
+        } else {
+            environment_.log.warning("[Manager] register-only failed for ", task->name(), "; retry in ", delay.count(),
+                                     "s");
+            co_await environment_.clock.sleep(delay);
+            delay = std::min(delay * 2, longestRegisterDelay);
+        }
+    }
 }
 
 asio::awaitable<void> DownloadManager::tellCompleted(std::string infoHash) {

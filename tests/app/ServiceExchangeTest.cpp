@@ -1,12 +1,16 @@
+#include "Core/discovery/LocalIPv4Address.h"
 #include "Core/formats/TorrentParser.h"
 #include "Core/formats/TorrentWriter.h"
 #include "app/api/AccountRoutes.h"
+#include "public/common/WholeFile.h"
 #include "tests/Core/engine/TestTorrent.h"
 #include "tests/app/ServiceNode.h"
 
+#include <boost/json/parse.hpp>
 #include <gmock/gmock.h>
 
 #include <random>
+#include <ranges>
 
 namespace skein {
 namespace {
@@ -145,6 +149,39 @@ TEST_F(ServiceExchangeTest, hasTheServiceForgetWhatIsRemovedEvenLater) {
     pass(10s, [&] { return !seeder.settings.text(pending); });
     EXPECT_EQ(seeder.settings.text(pending), std::nullopt);
     EXPECT_EQ(std::ranges::count(service.requests(), "/api/resource/delete", &SeenHTTPRequest::target), 2);
+}
+
+TEST_F(ServiceExchangeTest, registersWhatNoSessionCanServeUntilTheServiceHasUnderstood) {
+    seeder.close();
+    replaceWholeFile(seeder.homeFolder / "tasks.json",
+                     toBytes(R"([{"infoHash":")" + infoHash +
+                             R"(","name":"old","addedDate":1,"status":"completed","totalSize":5}])"));
+    const std::string path = "/api/resource/register";
+    const auto calls = [&] { return std::ranges::count(service.requests(), path, &SeenHTTPRequest::target); };
+    service.fail(ServiceFault::serverError, path);
+    seeder.open();
+    pass(29s);
+    EXPECT_EQ(calls(), 2) << "at once, and after 10 s";
+    pass(22s);
+    EXPECT_EQ(calls(), 3) << "after 20 s more";
+    service.fail(ServiceFault::none);
+    pass(25s);
+    EXPECT_EQ(calls(), 4);
+    EXPECT_TRUE(seeder.hasLogged("[Manager] register-only confirmed for old"));
+    const auto told = std::ranges::find(service.requests() | std::views::reverse, path, &SeenHTTPRequest::target)->body;
+    boost::json::array addresses;
+    for (const std::string& address : getLocalIPv4Addresses(seeder.log)) addresses.emplace_back(address);
+    EXPECT_EQ(boost::json::parse(asText(told)), (boost::json::value{{"info_hash", infoHash},
+                                                                    {"status", "seeding"},
+                                                                    {"upload_mode", "paid"},
+                                                                    {"local_ip", addresses},
+                                                                    {"port", seeder.listener.port()},
+                                                                    {"total_bytes", 5}}));
+    DownloadManager::Tuning tuning{.downloadsDirectory = seeder.downloadFolder};
+    tuning.sessions.uploadMode = UploadMode::free;
+    simulation.finish(seeder.manager->retune(std::move(tuning)));
+    pass(600s);
+    EXPECT_EQ(calls(), 5) << "the new upload mode, and nothing else";
 }
 
 TEST_F(ServiceExchangeTest, leavesNoByteWithTheWrongUser) {

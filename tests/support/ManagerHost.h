@@ -55,6 +55,7 @@ public:
                 simulation.executor(), simulation.executor(), simulation, random, log, http, homeFolder / "resume"};
             return std::make_unique<HTTPDownloadSession>(shared, url, folder, fileName);
         };
+        environment.listenPort = listener.port();
         manager = std::make_unique<DownloadManager>(std::move(environment));
         simulation.finish(manager->start());
         return *manager;
