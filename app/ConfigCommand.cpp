@@ -1,3 +1,4 @@
+#include "Core/engine/ResourceTexts.h"
 #include "app/Command.h"
 #include "app/HomeFolder.h"
 #include "app/SettingCatalogue.h"
@@ -38,6 +39,12 @@ std::string_view textOf(SettingEffect effect) noexcept {
         case SettingEffect::afterRestart: return "acts when the daemon is started again";
     }
     return "";
+}
+
+/// " (Seed for free)" after the value of a setting whose values have names; empty for others.
+std::string nameOf(std::string_view key, std::string_view value) {
+    const auto mode = key == "uploadMode" ? uploadModeFrom(value) : std::nullopt;
+    return mode ? " (" + std::string(displayNameOf(*mode)) + ")" : std::string();
 }
 
 /// Ends with the exit status of a wrong command line.
@@ -104,9 +111,11 @@ private:
             const auto value = stored.extract(std::string(setting.key));
             std::cout << setting.key;
             if (value) {
-                std::cout << " = " << shortened(withShownURLs(shown(setting.key, value.mapped()))) << '\n';
+                const std::string text = shown(setting.key, value.mapped());
+                std::cout << " = " << shortened(withShownURLs(text)) << nameOf(setting.key, text) << '\n';
             } else {
-                std::cout << " is not set (default: " << setting.standard << ")\n";
+                std::cout << " is not set (default: " << setting.standard << nameOf(setting.key, setting.standard)
+                          << ")\n";
             }
             std::cout << "    " << setting.meaning << ".\n    Allowed: " << setting.allowed() << "; "
                       << textOf(setting.effect) << ".\n";

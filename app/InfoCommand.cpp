@@ -1,5 +1,5 @@
 #include "app/client/ClientCommand.h"
-#include "app/client/TaskTable.h"
+#include "app/client/TaskDetails.h"
 #include "public/common/PlainJSON.h"
 
 #include <CLI/CLI.hpp>
@@ -19,7 +19,7 @@ public:
     InfoCommand() : ClientCommand({"info", "Show one task of the daemon", "skein info 1"}) {}
 
     void declare(CLI::App& options) override {
-        options.add_option("TASK", task_, "An info-hash, the beginning of one, or a row of the list")->required();
+        options.add_option("TASK", task_, "An info-hash, the beginning of one, or its number in the list")->required();
         options.add_flag("--json", isJSON_, "One JSON object");
     }
 

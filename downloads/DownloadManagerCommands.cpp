@@ -1,6 +1,7 @@
 // What the manager is told to do with a task.
 
 #include "Core/formats/MagnetParser.h"
+#include "downloads/ControlMessage.h"
 #include "downloads/DownloadManager.h"
 #include "downloads/TaskListChanged.h"
 #include "public/common/ErrorText.h"
@@ -79,7 +80,7 @@ asio::awaitable<void> DownloadManager::pause(Task task) {
     // A web file that is whole would lose what is known of it, and be fetched again.
     if (task->downloadType == DownloadType::http && task->status() == TaskStatus::completed) co_return;
     task->isControlOperationInProgress.set(true);
-    task->controlOperationMessage.set("正在暂停，请稍候…");
+    task->controlOperationMessage.set(std::string(textOf(ControlMessage::pausing)));
     co_await sessions_.stopSession(task);
     rest(task, TaskStatus::paused);
     store_.saveTasks();
@@ -90,7 +91,7 @@ asio::awaitable<void> DownloadManager::resume(Task task) {
     const bool isWhole = task->downloadType == DownloadType::http && task->status() == TaskStatus::completed;
     if (isWhole) co_return;
     task->isControlOperationInProgress.set(true);
-    task->controlOperationMessage.set("正在继续，请稍候…");
+    task->controlOperationMessage.set(std::string(textOf(ControlMessage::resuming)));
     // The session that failed may still be stopping.
     if (task->status() == TaskStatus::error) co_await sessions_.stopSession(task);
     if (sessions_.isRunning(task)) co_return;

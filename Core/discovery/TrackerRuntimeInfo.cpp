@@ -12,14 +12,15 @@ std::string_view textOf(TrackerRuntimeStatus status) noexcept {
     return "failed";
 }
 
-std::string_view displayNameOf(TrackerRuntimeStatus status) noexcept {
+std::string_view displayNameOf(TrackerRuntimeStatus status, Language language) noexcept {
+    const bool isChinese = language == Language::chinese;
     switch (status) {
-        case TrackerRuntimeStatus::idle: return "等待";
-        case TrackerRuntimeStatus::announcing: return "请求中";
-        case TrackerRuntimeStatus::working: return "正常";
+        case TrackerRuntimeStatus::idle: return isChinese ? "等待" : "Idle";
+        case TrackerRuntimeStatus::announcing: return isChinese ? "请求中" : "Announcing";
+        case TrackerRuntimeStatus::working: return isChinese ? "正常" : "Working";
         case TrackerRuntimeStatus::failed: break;
     }
-    return "失败";
+    return isChinese ? "失败" : "Failed";
 }
 
 }  // namespace skein

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "public/common/Language.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -11,7 +13,7 @@ namespace skein {
 enum class TrackerRuntimeStatus : std::uint8_t { idle, announcing, working, failed };
 std::string_view textOf(TrackerRuntimeStatus status) noexcept;
 /// The label that users see.
-std::string_view displayNameOf(TrackerRuntimeStatus status) noexcept;
+std::string_view displayNameOf(TrackerRuntimeStatus status, Language language = interfaceLanguage()) noexcept;
 
 /// One row of the tracker list that users see.
 struct TrackerRuntimeInfo {

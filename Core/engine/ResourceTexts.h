@@ -2,6 +2,7 @@
 
 #include "Core/engine/ResourceRecords.h"
 #include "Core/wire/PeerTraits.h"
+#include "public/common/Language.h"
 
 #include <array>
 #include <optional>
@@ -28,8 +29,10 @@ constexpr std::optional<UploadMode> uploadModeFrom(std::string_view text) noexce
 }
 
 /// The label that users see.
-constexpr std::string_view displayNameOf(UploadMode mode) noexcept {
-    return detail::nameIn<UploadMode, 3>({"上传赚币", "公益做种", "仅下载"}, mode);
+inline std::string_view displayNameOf(UploadMode mode, Language language = interfaceLanguage()) noexcept {
+    return language == Language::chinese
+               ? detail::nameIn<UploadMode, 3>({"上传赚币", "公益做种", "仅下载"}, mode)
+               : detail::nameIn<UploadMode, 3>({"Upload and earn credit", "Seed for free", "Download only"}, mode);
 }
 
 }  // namespace skein

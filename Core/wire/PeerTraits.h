@@ -1,5 +1,7 @@
 #pragma once
 
+#include "public/common/Language.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -67,14 +69,17 @@ constexpr std::optional<PeerSource> peerSourceFrom(std::string_view text) noexce
 
 // The labels that users see.
 
-constexpr std::string_view displayNameOf(PeerDirection direction) noexcept {
-    return detail::nameIn<PeerDirection, 2>({"被动", "主动"}, direction);
+inline std::string_view displayNameOf(PeerDirection direction, Language language = interfaceLanguage()) noexcept {
+    return language == Language::chinese ? detail::nameIn<PeerDirection, 2>({"被动", "主动"}, direction)
+                                         : detail::nameIn<PeerDirection, 2>({"Incoming", "Outgoing"}, direction);
 }
+/// The same in all languages.
 constexpr std::string_view displayNameOf(PeerTransport transport) noexcept {
     return detail::nameIn<PeerTransport, 3>({"TCP", "uTP", "Relay"}, transport);
 }
-constexpr std::string_view displayNameOf(PeerAddressFamily family) noexcept {
-    return detail::nameIn<PeerAddressFamily, 3>({"IPv4", "IPv6", "域名"}, family);
+inline std::string_view displayNameOf(PeerAddressFamily family, Language language = interfaceLanguage()) noexcept {
+    return language == Language::chinese ? detail::nameIn<PeerAddressFamily, 3>({"IPv4", "IPv6", "域名"}, family)
+                                         : detail::nameIn<PeerAddressFamily, 3>({"IPv4", "IPv6", "Host name"}, family);
 }
 
 }  // namespace skein

@@ -33,9 +33,6 @@ std::string taskTable(const boost::json::array& tasks, std::size_t width);
 /// "3 tasks, 1.2 MiB/s down, 30.0 KiB/s up"
 std::string taskTotals(const boost::json::array& tasks);
 
-/// One task with its files and trackers, for reading.
-std::string taskDetails(const boost::json::object& task);
-
 /// Columns of the terminal that stdout is; 100 when it is none.
 std::size_t terminalWidth();
 

@@ -5,7 +5,7 @@
 
 namespace skein {
 
-Language interfaceLanguage() {
+Language interfaceLanguage() noexcept {
     for (const char* const name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
         const char* const value = std::getenv(name);
         if (value == nullptr || *value == '\0') continue;

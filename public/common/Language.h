@@ -8,6 +8,6 @@ namespace skein {
 enum class Language : std::uint8_t { english, chinese };
 
 /// The user's: Chinese when LC_ALL, LC_MESSAGES or LANG (the first that is set) begins with "zh". Thread: any.
-Language interfaceLanguage();
+Language interfaceLanguage() noexcept;
 
 }  // namespace skein

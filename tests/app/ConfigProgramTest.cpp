@@ -40,7 +40,7 @@ TEST_F(ConfigProgramTest, listExplainsEverySettingAndShowsNoSecret) {
     ASSERT_EQ(skein({"config", "set", "fallbackTrackers", "http://t.example/announce?passkey=secret"}).status, 0);
     const std::string list = skein({"config", "list"}).out;
     EXPECT_THAT(list, AllOf(HasSubstr("fallbackTrackers = http://t.example/announce?passkey=…\n"),
-                            HasSubstr("uploadMode is not set (default: paid)\n"),
+                            HasSubstr("uploadMode is not set (default: paid (Upload and earn credit))\n"),
                             HasSubstr("Allowed: paid, free or disabled; acts at once.\n"), Not(HasSubstr("secret"))));
     EXPECT_THAT(skein({"config", "get", "fallbackTrackers"}).out, HasSubstr("passkey=secret"));
 }

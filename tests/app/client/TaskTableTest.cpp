@@ -1,5 +1,9 @@
+#include "app/RowJSON.h"
 #include "app/TextWidth.h"
+#include "app/client/TaskDetails.h"
 #include "app/client/TaskTable.h"
+#include "downloads/TaskListJSON.h"
+#include "public/common/MsgCenter/MsgCenter.h"
 
 #include <gmock/gmock.h>
 
@@ -7,11 +11,16 @@ namespace skein {
 namespace {
 
 namespace json = boost::json;
-using testing::HasSubstr;
+using testing::AllOf, testing::HasSubstr, testing::Not;
 
 json::object taskNamed(const std::string& name) {
-    return {{"name", name},       {"totalSize", 5},      {"progress", 0.9999}, {"status", "fetchingMetadata"},
-            {"downloadSpeed", 0}, {"uploadSpeed", 2048}, {"peerCount", 3}};
+    return {{"name", name},
+            {"totalSize", 5},
+            {"progress", 0.9999},
+            {"status", "fetchingMetadata"},
+            {"downloadSpeed", 0},
+            {"uploadSpeed", 2048},
+            {"peerCount", 3}};
 }
 
 TEST(TaskTable, fitsTheTerminalWhateverTheName) {
@@ -34,16 +43,40 @@ TEST(TaskTable, anUnknownSizeHasNoPercentageAndACheckHasOne) {
     json::object task = taskNamed("stream");
     task["totalSize"] = 0;
     task["downloadedBytes"] = 3'355'443;
-    EXPECT_THAT(TaskTable(100).row(1, task), HasSubstr("   3.2 MiB+       -  "));
+    EXPECT_THAT(TaskTable(100).row(12, task), HasSubstr("   3.2 MiB+       -  "));
     task["status"] = "completed";
     task["progress"] = 1.0;
-    EXPECT_THAT(TaskTable(100).row(1, task), HasSubstr("     0 B  100.0%  Completed  "));
+    EXPECT_THAT(TaskTable(100).row(12, task), HasSubstr("     0 B  100.0%  Completed  "));
     task["status"] = "downloading";
     task["verifyProgress"] = 0.456;
-    EXPECT_THAT(TaskTable(100).row(1, task), HasSubstr("  Verifying 45%  "));
+    EXPECT_THAT(TaskTable(100).row(12, task), HasSubstr("  Verifying 45%  "));
     ::setenv("LC_ALL", "zh_CN.UTF-8", 1);
     task["verifyProgress"] = nullptr;
-    EXPECT_THAT(TaskTable(100).row(1, task), HasSubstr("  下载中  "));
+    EXPECT_THAT(TaskTable(100).row(12, task), HasSubstr("  下载中  "));
+    ::unsetenv("LC_ALL");
+}
+
+TEST(TaskDetails, nameThingsInTheLanguageOfTheUser) {
+    MsgCenter center;
+    json::object task = taskAsObject(TorrentTask(center, {.infoHash = "aa"}));
+    task["category"] = "book";
+    task["status"] = "paused";
+    task["creationDate"] = nullptr;
+    task["remainingTime"] = nullptr;
+    task["controlOperationMessage"] = "正在暂停，请稍候…";
+    task["files"] = json::array();
+    PeerRuntimeInfo peer{.address = {"10.0.0.1", 1}, .clientName = "Ours 1.0", .downloadRate = 2048};
+    peer.isConnected = true;
+    task["peers"] = {toJSON(peer), toJSON(PeerRuntimeInfo())};
+    task["trackers"] = {toJSON(TrackerRuntimeInfo{.id = "", .url = "udp://t:1", .scheme = "udp"})};
+    EXPECT_THAT(taskDetails(task),
+                AllOf(HasSubstr("status:      Paused\n"), HasSubstr("please wait: Pausing, please wait…\n"),
+                      HasSubstr("category:    Books\n"), HasSubstr("tracker:     udp://t:1 Idle\n"),
+                      HasSubstr("peer:        10.0.0.1:1  Incoming, TCP, Ours 1.0, has 0.0%, 2.0 KiB/s down, "),
+                      Not(HasSubstr("peer:        :0"))));
+    ::setenv("LC_ALL", "zh_CN.UTF-8", 1);
+    EXPECT_THAT(taskDetails(task), AllOf(HasSubstr(" 已暂停\n"), HasSubstr("正在暂停，请稍候…\n"), HasSubstr(" 书籍\n"),
+                                         HasSubstr("udp://t:1 等待\n"), HasSubstr("10.0.0.1:1  被动, TCP, Ours 1.0")));
     ::unsetenv("LC_ALL");
 }
 
