@@ -69,6 +69,7 @@ void EngineHost::listen(std::uint16_t port, const DHTOptions& dht) {
     try {
         asio::co_spawn(pools_.io(), listener_.start(chosen), asio::use_future).get();
     } catch (const std::exception& error) {
+        log_.error("[Session] Failed to start TCP listener: ", textOf(error));
         throw CommandFailure("listening on port " + std::to_string(port), textOf(error));
     }
     if (dht.isUsed) startDHT(listener_.port(), dht);

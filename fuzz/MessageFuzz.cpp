@@ -27,6 +27,7 @@ private:
         check(!body.empty());
         read(body);
     }
+    void onOversized(std::size_t length) override { check(length > wire::maxMessageSize); }
     void read(ByteView bytes) {
         ++messages;
         for (const std::uint8_t byte : bytes) sum += byte;

@@ -218,10 +218,23 @@ void PeerPool::handlePeerDisconnect(PeerKey key, const std::string& reason) {
     std::unique_ptr<Peer> peer = std::move(found->second);
     environment_.log.info("[Session] Peer disconnected: ", peer->connection->address().description());
     connected_.erase(found);
-    rememberDisconnectedPeer(*peer, reason);
+    rememberDisconnectedPeer(*peer, wasSetUpAsLeecher(*peer) ? reason : "Peer disconnected before leecher setup");
     callbacks_.onPeerGone(*peer);
     retire(std::move(peer));
     dialer_.drainPendingPublicPeerDials();
+}
+
+/// False, and logged, for a peer that was lost before it heard that we are interested.
+bool PeerPool::wasSetUpAsLeecher(const Peer& peer) const {
+    const PeerConnection& connection = *peer.connection;
+    if (!connection.amInterested() || connection.hasSpoken()) return true;
+    const std::string address = connection.address().description();
+    if (const auto& failure = connection.writeFailure()) {
+        environment_.log.info("[Session] failed to send interested to ", address, ": ", *failure);
+    } else {
+        environment_.log.info("[Session] skip leecher setup for disconnected peer ", address);
+    }
+    return false;
 }
 
 void PeerPool::rememberDisconnectedPeer(const Peer& peer, const std::string& error) {

@@ -130,6 +130,7 @@ private:
     void handlePeerDisconnect(PeerKey key, const std::string& reason);
     void retire(std::unique_ptr<Peer> peer);
     asio::awaitable<void> retireSlowly(std::unique_ptr<Peer> peer);
+    bool wasSetUpAsLeecher(const Peer& peer) const;
     void rememberDisconnectedPeer(const Peer& peer, const std::string& error);
     void remember(PeerRuntimeInfo info);
     void forgetRow(const PeerAddress& address);

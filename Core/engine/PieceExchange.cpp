@@ -110,14 +110,20 @@ void PieceExchange::requestPiecesFromPeer(PeerKey key) {
     if (!isWanting()) return;
     PeerPool::Peer* const peer = environment_.pool.find(key);
     if (peer == nullptr) return;
+    const bool isLogged = environment_.log.wants(LogLevel::debug);
+    const bool wasExhausted = isLogged && scheduler_.isExhausted(key);
     const std::vector<BlockRequest> requests = scheduler_.nextRequests(key);
-    if (requests.empty()) return;
-    if (environment_.log.wants(LogLevel::debug))
-        for (const BlockRequest& request : requests)
-            if (request.begin == 0)
-                environment_.log.debug("[Session] Requesting piece ", request.pieceIndex, " from ",
-                                       peer->connection->address().description());
-    peer->connection->sendRequests(requests);
+    if (isLogged) logRequests(requests, *peer, !wasExhausted && scheduler_.isExhausted(key));
+    if (!requests.empty()) peer->connection->sendRequests(requests);
+}
+
+void PieceExchange::logRequests(const std::vector<BlockRequest>& requests, const PeerPool::Peer& peer,
+                                bool areLast) const {
+    const std::string address = peer.connection->address().description();
+    for (const BlockRequest& request : requests)
+        if (request.begin == 0)
+            environment_.log.debug("[Session] Requesting piece ", request.pieceIndex, " from ", address);
+    if (areLast) environment_.log.debug("[Session] No more pieces to request from ", address);
 }
 
 void PieceExchange::driveActivePeerRequests() {

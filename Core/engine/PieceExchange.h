@@ -66,6 +66,7 @@ private:
     bool dropIfBothAreComplete(PeerKey key);
     void unchokeIfInterested(PeerKey key);
     void requestPiecesFromPeer(PeerKey key);
+    void logRequests(const std::vector<BlockRequest>& requests, const PeerPool::Peer& peer, bool areLast) const;
     void handleReceivedBlock(PeerKey key, std::uint32_t piece, std::uint32_t begin, ByteView block);
     asio::awaitable<void> afterBlocks(PeerKey key);
     asio::awaitable<void> finishPiece(int piece, PeerKey supplier);

@@ -148,6 +148,11 @@ std::vector<PeerKey> RequestScheduler::idlePeers() const {
     return idle;
 }
 
+bool RequestScheduler::isExhausted(PeerKey peer) const {
+    const auto found = peers_.find(peer);
+    return found != peers_.end() && found->second.isExhausted;
+}
+
 RequestScheduler::BlockOutcome RequestScheduler::receiveBlock(PeerKey key, std::uint32_t piece, std::uint32_t begin,
                                                               ByteView block) {
     if (piece >= static_cast<std::uint32_t>(pieces_.metaInfo().pieceCount())) return BlockOutcome::ignored;

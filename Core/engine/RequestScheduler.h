@@ -67,6 +67,8 @@ public:
     std::vector<BlockRequest> nextRequests(PeerKey peer);
     /// Peers that could be asked but have nothing to do, those waiting longest for a slot first.
     std::vector<PeerKey> idlePeers() const;
+    /// There was nothing more to ask of `peer` when it was last to be asked.
+    bool isExhausted(PeerKey peer) const;
 
     /// Stores a block that came from `peer`. Only what was asked of that peer is taken. After `whole` the caller
     /// completes the piece and calls `pieceEnded`.

@@ -50,7 +50,10 @@ Decoded decodeMessages(ByteView stream, MessageSink& sink, std::size_t work) {
     while (stream.size() - decoded.bytes >= lengthPrefixSize) {
         const ByteView rest = stream.subspan(decoded.bytes);
         const std::size_t length = numberAt(rest, 0);
-        if (length > maxMessageSize) throw PeerException(PeerError::oversizedMessage);
+        if (length > maxMessageSize) {
+            sink.onOversized(length);
+            throw PeerException(PeerError::oversizedMessage);
+        }
         if (rest.size() - lengthPrefixSize < length) break;
         if (work == 0) {
             decoded.hasMore = true;

@@ -23,6 +23,8 @@ public:
     virtual void onPiece(std::uint32_t piece, std::uint32_t begin, ByteView block) = 0;
     /// `body` is what follows message id 20: the extended id and its payload; never empty.
     virtual void onExtended(ByteView body) = 0;
+    /// A message of `length` bytes is announced, which is above the limit: nothing is read after it.
+    virtual void onOversized(std::size_t length) = 0;
 
 protected:
     ~MessageSink() = default;
@@ -46,7 +48,7 @@ struct Decoded {
 };
 
 /// Hands the whole messages in `stream` to `sink`, until they have cost so much `work`. Messages with an unknown id or
-/// too short a body are skipped. Throws PeerException (oversizedMessage) at a length above the limit.
+/// too short a body are skipped. Throws PeerException (oversizedMessage) after `onOversized`.
 Decoded decodeMessages(ByteView stream, MessageSink& sink, std::size_t work = allWork);
 
 }  // namespace wire

@@ -261,6 +261,10 @@ void PeerConnection::onExtended(ByteView body) {
     if (extensions_.owesMetadata()) writerWake_.notify();
 }
 
+void PeerConnection::onOversized(std::size_t length) {
+    environment_.log.info("[Peer ", address_.description(), "] oversized message length=", length, ", dropping peer");
+}
+
 bool PeerConnection::hasPiece(std::uint32_t index) const noexcept {
     if (!peerBitfield_ || index / 8 >= peerBitfield_->size()) return false;
     return ((*peerBitfield_)[index / 8] >> (7U - index % 8U) & 1U) != 0;
@@ -348,8 +352,9 @@ asio::awaitable<void> PeerConnection::writeLoop() try {
             co_await writerWake_.wait();
         }
     }
-} catch (const std::exception&) {
+} catch (const std::exception& error) {
     // The reader meets the same closed transport and reports it; told twice, one failure would count as two.
+    if (isConnected_) writeFailure_ = textOf(error);
     transport_->cancel();
 }
 
@@ -357,6 +362,7 @@ asio::awaitable<void> PeerConnection::writePending() {
     const Bytes bytes = std::exchange(pendingControl_, {});
     writingSince_ = environment_.clock.now();
     co_await transport_->send(bytes);
+    hasSpoken_ = true;
     lastSentAt_ = environment_.clock.now();
     writingSince_.reset();
 }

@@ -134,6 +134,10 @@ public:
     /// After encryption failed: with the other prime it may succeed.
     bool mayNeedOtherPrime() const noexcept { return mayNeedOtherPrime_; }
     bool isConnected() const noexcept { return isConnected_; }
+    /// A message of ours has gone out, after the handshake.
+    bool hasSpoken() const noexcept { return hasSpoken_; }
+    /// Why a message of ours could not be written; nothing when none failed, or the peer was gone before.
+    const std::optional<std::string>& writeFailure() const noexcept { return writeFailure_; }
     std::optional<Clock::TimePoint> connectedAt() const noexcept { return connectedAt_; }
     /// When the peer last sent something.
     std::optional<Clock::TimePoint> lastActiveAt() const noexcept { return lastActiveAt_; }
@@ -166,6 +170,7 @@ private:
     void onCancel(std::uint32_t piece, std::uint32_t begin, std::uint32_t length) override;
     void onPiece(std::uint32_t piece, std::uint32_t begin, ByteView block) override;
     void onExtended(ByteView body) override;
+    void onOversized(std::size_t length) override;
 
     asio::awaitable<void> dialAndShakeHands(EncryptionPreference encryptionPreference, MSEPrime prime);
     asio::awaitable<void> negotiateEncryption(MSEPrime prime);
@@ -199,6 +204,8 @@ private:
     Callbacks callbacks_;
 
     bool isConnected_ = false;
+    bool hasSpoken_ = false;
+    std::optional<std::string> writeFailure_;
     bool amChoking_ = true;
     bool amInterested_ = false;
     bool peerChoking_ = true;

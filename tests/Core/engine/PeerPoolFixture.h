@@ -67,7 +67,7 @@ protected:
         callbacks.connectionCallbacks = [](PeerKey) { return PeerConnection::Callbacks(); };
         callbacks.onDialFailed = [this](const DialRequest& request) { onDialFailed(request); };
         callbacks.onOutOfReach = [](const DialRequest&) { ADD_FAILURE() << "everybody can be reached"; };
-        callbacks.onPeerReady = [](const PeerPool::Peer&) { ADD_FAILURE() << "nobody answers here"; };
+        callbacks.onPeerReady = [this](PeerPool::Peer& peer) { onPeerReady(peer); };
         callbacks.onPeerGone = [](const PeerPool::Peer&) {};
         return callbacks;
     }
@@ -82,6 +82,7 @@ protected:
     std::vector<int> dialledOverUTP;
     std::vector<std::string> dialledPeers;  ///< over either
     std::function<void(const DialRequest&)> onDialFailed = [](const DialRequest&) {};
+    std::function<void(PeerPool::Peer&)> onPeerReady = [](PeerPool::Peer&) { ADD_FAILURE() << "nobody answers here"; };
     PeerPool pool;
 };
 

@@ -101,6 +101,54 @@ TEST_F(PeerPoolTest, holdsALackOfSocketsAgainstNobodyAndWaits) {
     EXPECT_THAT(dialled, ElementsAre(2));
 }
 
+/// A peer that shakes hands and is lost then: at once, or when it does not take what is sent to it.
+class LostTransport final : public PeerWireTransport {
+public:
+    LostTransport(Clock& clock, bool failsWrite) : clock_(clock), failsWrite_(failsWrite) {
+        const PeerHandshake::Encoded handshake = PeerHandshake{SHA1Digest{}, peerIDOf('p'), false}.encode();
+        toRead_.assign(handshake.begin(), handshake.end());
+    }
+    PeerTransport kind() const noexcept override { return PeerTransport::tcp; }
+    asio::awaitable<void> start() override { co_return; }
+    asio::awaitable<void> send(ByteView data) override {
+        if (data.size() == PeerHandshake::size) co_return;
+        co_await clock_.sleep(1s);
+        if (failsWrite_) throw PeerException(PeerError::connectionClosed);
+    }
+    asio::awaitable<std::size_t> receiveSome(std::span<std::uint8_t> into) override {
+        if (toRead_.empty()) {
+            do co_await clock_.sleep(1ms);
+            while (failsWrite_ && !isCancelled_);
+            throw PeerException(PeerError::timeout);
+        }
+        const std::size_t count = std::min(into.size(), toRead_.size());
+        std::copy_n(toRead_.begin(), count, into.begin());
+        toRead_.erase(toRead_.begin(), toRead_.begin() + static_cast<std::ptrdiff_t>(count));
+        co_return count;
+    }
+    void cancel() noexcept override { isCancelled_ = true; }
+
+private:
+    Clock& clock_;
+    const bool failsWrite_;
+    bool isCancelled_ = false;
+    Bytes toRead_;
+};
+
+TEST_F(PeerPoolTest, tellsOfAPeerThatIsLostBeforeItHearsThatWeAreInterested) {
+    onPeerReady = [](PeerPool::Peer& peer) { peer.connection->sendInterested(); };
+    for (const auto& [port, line] :
+         {std::pair{1, "[Session] skip leecher setup for disconnected peer 10.0.0.1:1"},
+          {2, "[Session] failed to send interested to 10.0.0.1:2: Peer connection closed"}}) {
+        DialRequest request{{"10.0.0.1", static_cast<std::uint16_t>(port)}, PeerSource::publicTracker};
+        auto transport = std::make_unique<LostTransport>(simulation, port == 2);
+        EXPECT_EQ(simulation.finish(pool.connectOver(std::move(transport), std::move(request), 5s)), "");
+        simulation.advance(2s);
+        EXPECT_EQ(log.count(line), 1) << line;
+        EXPECT_EQ(lastRow().lastError, "Peer disconnected before leecher setup");
+    }
+}
+
 class UTPProbeTest : public PeerPoolTest {
 protected:
     UTPProbeTest() : PeerPoolTest(TransportChoice::any) { fate = Fate::fails; }

@@ -24,6 +24,7 @@ TEST_F(TorrentSessionTest, downloadsFromASeederWhoThenRests) {
     waitUntilWhole(*getter);
     EXPECT_THAT(getter->states, ElementsAre(Kind::downloading, Kind::completed, Kind::seeding));
     EXPECT_EQ(TestTorrent::contentOf(getterFolder.path() / "t.torrent"), torrentData);
+    EXPECT_TRUE(getter->hasLogged("[Session] No more pieces to request from "));
     EXPECT_EQ(simulation.finish(getter->session().getCompletionBitmap()), std::vector<bool>(18, true));
     getter->stop();
     simulation.runUntil([&] { return seeder->hasLogged("[Session] Peer disconnected: "); });

@@ -31,6 +31,7 @@ private:
         note("piece " + text(piece, begin, static_cast<std::uint32_t>(block.size())));
     }
     void onExtended(ByteView body) override { note("extended " + toHex(body)); }
+    void onOversized(std::size_t length) override { note("oversized " + std::to_string(length)); }
 };
 
 TEST(MessageDecoder, handsOverEveryMessageHoweverTheStreamIsCut) {
@@ -99,6 +100,7 @@ TEST(MessageDecoder, acceptsTwoMebibytesAndNotAByteMore) {
     Bytes tooLong;
     appendBigEndian<std::uint32_t>(tooLong, wire::maxMessageSize + 1);
     EXPECT_THROW(wire::decodeMessages(tooLong, notes), PeerException);
+    EXPECT_EQ(notes.lines.back(), "oversized 2097153");
 }
 
 TEST(PeerHandshake, hasItsFieldsWhereTheyBelongAndSaysWhatIsWrong) {

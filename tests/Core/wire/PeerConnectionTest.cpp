@@ -121,6 +121,7 @@ TEST_F(PeerConnectionTest, endsWhenThePeerSendsAnOversizedMessageOrGoes) {
     connectBoth();
     simulation.finish(peer.send(Bytes{0x00, 0x20, 0x00, 0x01, 7}));
     EXPECT_EQ(endOfConversation(), "Peer sent oversized message");
+    EXPECT_EQ(log.count("oversized message length=2097153, dropping peer"), 1);
     simulation.finish(peer.waitForClose());
     connectBoth();
     peer.close();
