@@ -18,7 +18,7 @@ public:
         : ClientCommand({"accelerate", "Ask for a task's acceleration, or no longer", "skein accelerate 1 on"}) {}
 
     void declare(CLI::App& options) override {
-        options.add_option("TASK", task_, "An info-hash, the beginning of one, or a row of the list")->required();
+        options.add_option("TASK", task_, "An info-hash, the beginning of one, or its number in the list")->required();
         options.add_option("FLAG", flag_, "on or off")->required()->check(CLI::IsMember({"on", "off"}));
     }
 

@@ -17,7 +17,7 @@ public:
     LabelCommand() : ClientCommand({"label", "Say what a task is", "skein label 1 paper"}) {}
 
     void declare(CLI::App& options) override {
-        options.add_option("TASK", task_, "An info-hash, the beginning of one, or a row of the list")->required();
+        options.add_option("TASK", task_, "An info-hash, the beginning of one, or its number in the list")->required();
         options.add_option("CATEGORY", category_, "paper, dataset, book, course, notes, other or uncategorized")
             ->required();
     }

@@ -17,7 +17,7 @@ public:
     NoteCommand() : ClientCommand({"note", "Write a note on a task", "skein note 1 'for the reading group'"}) {}
 
     void declare(CLI::App& options) override {
-        options.add_option("TASK", task_, "An info-hash, the beginning of one, or a row of the list")->required();
+        options.add_option("TASK", task_, "An info-hash, the beginning of one, or its number in the list")->required();
         options.add_option("TEXT", notes_, "The note")->required();
     }
 

@@ -17,7 +17,7 @@ public:
     RemoveCommand() : ClientCommand({"remove", "Take tasks off the daemon's list", "skein remove 1 --delete-files"}) {}
 
     void declare(CLI::App& options) override {
-        options.add_option("TASK", tasks_, "An info-hash, the beginning of one, or a row of the list")->required();
+        options.add_option("TASK", tasks_, "An info-hash, the beginning of one, or its number in the list")->required();
         options.add_flag("--delete-files", deletesFiles_, "Delete what was downloaded, too");
     }
 

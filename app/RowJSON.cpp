@@ -34,6 +34,10 @@ json::object toJSON(const PeerRuntimeInfo& peer) {
             {"uploadRate", peer.uploadRate},
             {"progress", peer.progress},
             {"connected", peer.isConnected},
+            {"isChokingUs", peer.peerChoking},
+            {"isChoked", peer.amChoking},
+            {"isInterested", peer.peerInterested},
+            {"isEncrypted", peer.encryption == PeerEncryptionStatus::encrypted},
             {"lastError", peer.lastError ? json::value(*peer.lastError) : json::value(nullptr)}};
 }
 

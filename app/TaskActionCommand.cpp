@@ -16,7 +16,7 @@ public:
         : ClientCommand(std::move(description)), action_(std::move(action)), startsAnew_(startsAnew) {}
 
     void declare(CLI::App& options) override {
-        options.add_option("TASK", tasks_, "An info-hash, the beginning of one, or a row of the list")->required();
+        options.add_option("TASK", tasks_, "An info-hash, the beginning of one, or its number in the list")->required();
     }
 
 protected:

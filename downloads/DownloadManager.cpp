@@ -59,6 +59,7 @@ asio::awaitable<void> DownloadManager::load() {
         list_.push_back(std::move(saved).restore(environment_.center, environment_.random));
         if (list_.back()->status() == TaskStatus::paused) rest(list_.back(), TaskStatus::paused);
     }
+    giveNumbers();
     std::set<SHA1Digest> listed;
     std::vector<SHA1Digest> keys;
     for (const Task& task : list_) keys.push_back(TaskTargets::keyOf(*task));
@@ -152,7 +153,25 @@ DownloadManager::Task DownloadManager::makeTask(TaskIdentity identity, std::stri
     return task;
 }
 
+/// One more than the highest that is taken.
+std::int64_t DownloadManager::nextNumber() const {
+    std::int64_t highest = 0;
+    for (const Task& task : list_) highest = std::max(highest, task->number());
+    return highest + 1;
+}
+
+/// To the loaded tasks that have none, or that of one before them.
+void DownloadManager::giveNumbers() {
+    std::set<std::int64_t> taken;
+    for (const Task& task : list_)
+        if (!taken.insert(task->number()).second) task->number.set(0);
+    std::int64_t next = nextNumber();
+    for (const Task& task : list_)
+        if (task->number() == 0) task->number.set(next++);
+}
+
 void DownloadManager::append(const Task& task) {
+    task->number.set(nextNumber());
     list_.push_back(task);
     environment_.center.publish(TaskListChanged{TaskListChanged::Kind::added, task->id, task->infoHash});
     store_.saveTasks();
@@ -340,7 +359,7 @@ void DownloadManager::rest(const Task& task, TaskStatus status) {
     task->statusMessage.set(std::nullopt);
     StallFacts facts;
     facts.isPaused = status == TaskStatus::paused;
-    task->stallReason.set(facts.isPaused ? std::optional(stallReasonOf(facts)->sentence()) : std::nullopt);
+    task->stallReason.set(facts.isPaused ? stallReasonOf(facts) : std::nullopt);
 }
 
 void DownloadManager::complete(const Task& task, bool hasDownloaded) {

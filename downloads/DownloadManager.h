@@ -124,6 +124,8 @@ private:
     Task find(const std::string& infoHash) const;
     Task makeTask(TaskIdentity identity, std::string name, TaskStatus status);
     void append(const Task& task);
+    std::int64_t nextNumber() const;
+    void giveNumbers();
 
     asio::awaitable<void> load();
     asio::awaitable<void> shutDown();
@@ -167,9 +169,9 @@ private:
     asio::awaitable<void> ensureCompletedTasksRegistered();
     asio::awaitable<void> rebuildSeedingSession(Task task);
     asio::awaitable<void> registerOnly(Task task);
+    bool isForRegisterOnly(const Task& task) const;
     asio::awaitable<void> tellCompleted(std::string infoHash);
     asio::awaitable<void> tellAccelerate(std::shared_ptr<TorrentSession> session, bool isEnabled);
-    bool isForRegisterOnly(const Task& task) const;
     asio::awaitable<void> flushPendingDeletes(std::string userID);
     asio::awaitable<void> releaseResources();
 
@@ -192,9 +194,9 @@ private:
     TaskGroup tasks_;
     Notifier commandEnded_;
     Notifier wake_;  // something moves that did not
+    Notifier uploadModeChanged_;
     TaskStore store_;
     TaskTargets targets_;
-    Notifier uploadModeChanged_;
     TaskSessions sessions_;
     ServiceHeartbeat heartbeat_;
     MemoryMonitor memoryMonitor_;

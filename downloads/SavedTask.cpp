@@ -30,7 +30,8 @@ SavedTask SavedTask::of(const TorrentTask& task) {
             .downloadType = std::string(textOf(task.downloadType)),
             .ownerUserID = task.ownerUserID(),
             .accelerateEnabled = task.accelerateEnabled(),
-            .uploadedBytes = task.uploadedBytes()};
+            .uploadedBytes = task.uploadedBytes(),
+            .number = task.number()};
 }
 
 std::shared_ptr<TorrentTask> SavedTask::restore(MsgCenter& center, Random& random) && {
@@ -60,6 +61,9 @@ std::shared_ptr<TorrentTask> SavedTask::restore(MsgCenter& center, Random& rando
     task->ownerUserID.set(std::move(ownerUserID));
     task->accelerateEnabled.set(accelerateEnabled.value_or(false));
     task->uploadedBytes.set(std::max<std::int64_t>(uploadedBytes.value_or(0), 0));
+    // What may be wrong in a file that people edit counts as none.
+    constexpr std::int64_t highest = 1'000'000'000;
+    if (number && *number > 0 && *number <= highest) task->number.set(*number);
     return task;
 }
 

@@ -33,6 +33,7 @@ struct SavedTask {
     Text ownerUserID;
     std::optional<bool> accelerateEnabled;
     std::optional<std::int64_t> uploadedBytes;
+    std::optional<std::int64_t> number;
 
     /// A finished task is saved as completed, also while it seeds. Thread: the main executor.
     static SavedTask of(const TorrentTask& task);

@@ -106,7 +106,8 @@ bool forEachField(Task& task, Visit visit) {
            visit("progress", task.progress) && visit("files", task.files) && visit("category", task.category) &&
            visit("notes", task.notes) && visit("downloadURL", task.downloadURL) &&
            visit("downloadType", task.downloadType) && visit("ownerUserID", task.ownerUserID) &&
-           visit("accelerateEnabled", task.accelerateEnabled) && visit("uploadedBytes", task.uploadedBytes);
+           visit("accelerateEnabled", task.accelerateEnabled) && visit("uploadedBytes", task.uploadedBytes) &&
+           visit("number", task.number);
 }
 
 template <class T>

@@ -8,6 +8,7 @@ namespace skein {
 
 /// The values of a task that change.
 enum class TaskField : std::uint8_t {
+    number,
     ownerUserID,
     name,
     status,

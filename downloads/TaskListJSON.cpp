@@ -22,7 +22,9 @@ json::value orNull(const std::optional<T>& value) {
 
 json::object taskAsObject(const TorrentTask& task) {
     const auto eta = task.eta();
+    const auto& stall = task.stallReason();
     return {{"infoHash", task.infoHash},
+            {"number", task.number()},
             {"name", task.getDisplayName()},
             {"status", textOf(task.status())},
             {"progress", task.progress()},
@@ -40,7 +42,9 @@ json::object taskAsObject(const TorrentTask& task) {
             {"accelerateEnabled", task.accelerateEnabled()},
             {"errorMessage", orNull(task.errorMessage())},
             {"statusMessage", orNull(task.statusMessage())},
-            {"stallReason", orNull(task.stallReason())},
+            {"stallReason", stall ? json::value(stall->sentence()) : json::value(nullptr)},
+            {"stallCause", stall ? json::value(textOf(stall->cause)) : json::value(nullptr)},
+            {"stallDetail", stall ? orNull(stall->detail) : json::value(nullptr)},
             {"currencyEarned", task.currencyEarned()},
             {"currencySpent", task.currencySpent()},
             {"dlBytesFromPlatformPeers", task.dlBytesFromPlatformPeers()},

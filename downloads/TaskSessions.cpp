@@ -230,9 +230,7 @@ TorrentSession::Callbacks TaskSessions::torrentCallbacks(const Task& task, const
         relay(weakTask, weak, [rows](const Task& of) { of->trackerDetails.set(rows); });
     };
     callbacks.onStallChanged = [this, weakTask, weak](const std::optional<StallReason>& reason) {
-        relay(weakTask, weak, [reason](const Task& of) {
-            of->stallReason.set(reason ? std::optional(reason->sentence()) : std::nullopt);
-        });
+        relay(weakTask, weak, [reason](const Task& of) { of->stallReason.set(reason); });
     };
     return callbacks;
 }
@@ -325,7 +323,7 @@ void TaskSessions::applyHTTPState(const Task& task, const HTTPDownloadSession::S
     using Kind = HTTPDownloadSession::State::Kind;
     StallFacts facts;
     facts.waitsToRetry = state.kind == Kind::connecting && task->downloadedBytes() > 0;
-    task->stallReason.set(facts.waitsToRetry ? std::optional(stallReasonOf(facts)->sentence()) : std::nullopt);
+    task->stallReason.set(facts.waitsToRetry ? stallReasonOf(facts) : std::nullopt);
     switch (state.kind) {
         case Kind::idle:
         case Kind::paused: break;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Core/discovery/TrackerRuntimeInfo.h"
+#include "Core/engine/StallReason.h"
 #include "downloads/DownloadType.h"
 #include "downloads/FileList.h"
 #include "downloads/Observed.h"
@@ -54,6 +55,7 @@ public:
     const Text downloadURL;
     const DownloadType downloadType;
 
+    Value<TaskField::number, std::int64_t> number{changes_};  ///< from 1; by which users name it while it is listed
     Value<TaskField::ownerUserID, Text> ownerUserID{changes_};
     Value<TaskField::name, std::string> name{changes_};
     Value<TaskField::status, TaskStatus> status{changes_, TaskStatus::paused};
@@ -65,8 +67,8 @@ public:
     Value<TaskField::downloadedBytes, std::int64_t> downloadedBytes{changes_};
     Value<TaskField::files, FileList> files{changes_};
     Value<TaskField::errorMessage, Text> errorMessage{changes_};
-    Value<TaskField::statusMessage, Text> statusMessage{changes_};  ///< of the moment
-    Value<TaskField::stallReason, Text> stallReason{changes_};      ///< why nothing moves, while nothing does
+    Value<TaskField::statusMessage, Text> statusMessage{changes_};                    ///< of the moment
+    Value<TaskField::stallReason, std::optional<StallReason>> stallReason{changes_};  ///< while nothing moves
     Value<TaskField::addedDate, Date> addedDate{changes_};
     Value<TaskField::folder, std::filesystem::path> folder{changes_};       ///< absolute: where the files go
     Value<TaskField::isPrivate, std::optional<bool>> isPrivate{changes_};   ///< nothing until known

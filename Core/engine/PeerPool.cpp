@@ -402,6 +402,7 @@ PeerRuntimeInfo PeerPool::infoOf(const Peer& peer) const {
     info.uploadRate = static_cast<std::int64_t>(stats.uploadRate);
     info.isConnected = connection.isConnected();
     info.peerChoking = connection.peerChoking();
+    info.amChoking = connection.amChoking();
     info.peerInterested = connection.peerInterested();
     if (dialer_.isDetectedUTPPeer(info.address)) info.lastError = PeerDialer::utpPeerMark;
     return info;

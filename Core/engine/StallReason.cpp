@@ -9,15 +9,15 @@ namespace {
 StallReason storageReason(const StallFacts& facts) {
     if (facts.storageErrno == ENOSPC || facts.storageErrno == EDQUOT)
         return {StallCause::diskFull, "The disk is full (" + *facts.storageProblem + ")",
-                "Make room; the download goes on by itself"};
+                "Make room; the download goes on by itself", facts.storageProblem};
     return {StallCause::folderUnusable, "The download folder cannot be written to (" + *facts.storageProblem + ")",
-            "Make the folder available and writable; the download goes on by itself"};
+            "Make the folder available and writable; the download goes on by itself", facts.storageProblem};
 }
 
 StallReason unconnectedReason(const StallFacts& facts) {
     if (facts.peersFound == 0 && facts.trackerRefusal)
         return {StallCause::trackersRefuse, "No tracker answers as it should (" + *facts.trackerRefusal + ")",
-                "Check the trackers' addresses, or add another one"};
+                "Check the trackers' addresses, or add another one", facts.trackerRefusal};
     if (facts.peersFound == 0)
         return {StallCause::noPeersFound, "No peers found by any source",
                 "Check the network, or add a tracker or a peer"};
@@ -33,7 +33,7 @@ std::optional<StallReason> stallReasonOf(const StallFacts& facts) {
     if (facts.goneInterface)
         return StallReason{StallCause::interfaceGone,
                            "The network interface " + *facts.goneInterface + " (--bind) is not there",
-                           "Connect it again; the download goes on by itself"};
+                           "Connect it again; the download goes on by itself", facts.goneInterface};
     if (facts.waitsToRetry)
         return StallReason{StallCause::waitingToRetry, "The connection was lost and is tried again soon",
                            "Wait, or check the network"};

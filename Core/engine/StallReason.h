@@ -28,6 +28,7 @@ struct StallReason {
     StallCause cause = StallCause::noPeersFound;
     std::string text;
     std::string advice;
+    std::optional<std::string> detail = {};  ///< what the system, the tracker or the settings say of it, without words
 
     /// Both in one line: "No peers found. Add a tracker …".
     std::string sentence() const { return text + ". " + advice + "."; }

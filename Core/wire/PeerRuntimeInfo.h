@@ -24,6 +24,7 @@ struct PeerRuntimeInfo {
     double progress = 0;            ///< the fraction of the torrent that the peer has, 0 to 1
     bool isConnected = false;
     bool peerChoking = true;      ///< the peer sends us nothing now
+    bool amChoking = true;        ///< we send the peer nothing now
     bool peerInterested = false;  ///< the peer wants something of us
     std::optional<std::string> lastError;
 };

@@ -9,9 +9,9 @@
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
 
-#include <algorithm>
-#include <cctype>
+#include <charconv>
 #include <chrono>
+#include <optional>
 #include <thread>
 
 namespace skein {
@@ -50,9 +50,14 @@ json::value answerIn(const HTTPResponse& response) {
                                            : "HTTP " + std::to_string(response.status));
 }
 
-bool isRowNumber(const std::string& name) {
-    return !name.empty() && name.size() < shortestPrefix &&
-           std::all_of(name.begin(), name.end(), [](unsigned char digit) { return std::isdigit(digit) != 0; });
+/// The number in "12" or "#1200"; nothing in what is a prefix of an info-hash or no name of a task at all.
+std::optional<std::int64_t> taskNumberIn(std::string_view name) {
+    const bool isMarked = name.starts_with('#');
+    if (isMarked) name.remove_prefix(1);
+    if (!isMarked && name.size() >= shortestPrefix) return std::nullopt;
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+    return error == std::errc() && end == name.data() + name.size() ? std::optional(number) : std::nullopt;
 }
 
 }  // namespace
@@ -122,27 +127,24 @@ WebSocketRequest DaemonClient::eventStream() const {
 
 std::vector<std::string> DaemonClient::resolve(const std::vector<std::string>& names) {
     const json::value list = get("api/v1/tasks");
-    std::vector<std::string> infoHashes;
-    for (const json::value& task : list.as_array())
-        infoHashes.emplace_back(task.as_object().at("infoHash").as_string());
     std::vector<std::string> resolved;
     resolved.reserve(names.size());
-    for (const std::string& name : names) resolved.push_back(resolveTask(infoHashes, name));
+    for (const std::string& name : names) resolved.push_back(resolveTask(list.as_array(), name));
     return resolved;
 }
 
-std::string resolveTask(const std::vector<std::string>& infoHashes, const std::string& name) {
-    if (isRowNumber(name)) {
-        const std::size_t row = std::stoul(name);
-        if (row == 0 || row > infoHashes.size()) throw CommandFailure(name, "the list has no such row");
-        return infoHashes[row - 1];
-    }
+std::string resolveTask(const json::array& tasks, const std::string& name) {
+    const auto number = taskNumberIn(name);
     std::vector<std::string> matches;
-    for (const std::string& infoHash : infoHashes) {
+    for (const json::value& item : tasks) {
+        const json::object& task = item.as_object();
+        std::string infoHash(task.at("infoHash").as_string());
         if (infoHash == name) return infoHash;
-        if (name.size() >= shortestPrefix && infoHash.starts_with(name)) matches.push_back(infoHash);
+        const bool isMeant = number ? task.at("number").to_number<std::int64_t>() == *number
+                                    : name.size() >= shortestPrefix && infoHash.starts_with(name);
+        if (isMeant) matches.push_back(std::move(infoHash));
     }
-    if (matches.empty()) throw CommandFailure(name, "there is no such task");
+    if (matches.empty()) throw CommandFailure(name, number ? "no task has this number" : "there is no such task");
     if (matches.size() > 1) throw CommandFailure(name, "several tasks begin like this");
     return matches.front();
 }

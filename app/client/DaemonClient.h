@@ -6,6 +6,7 @@
 #include "public/common/ThreadPools.h"
 #include "public/common/WebSocketClient.h"
 
+#include <boost/json/fwd.hpp>
 #include <boost/json/value.hpp>
 
 #include <chrono>
@@ -42,8 +43,8 @@ public:
     /// What runs there is stopped before the client goes.
     ThreadPools& pools() noexcept { return pools_; }
 
-    /// The info-hashes that `names` stand for: a whole one, a prefix of four digits or more, or a row number of the
-    /// list. Throws CommandFailure for what names none or several.
+    /// The info-hashes that `names` stand for: a whole one, a prefix of four digits or more, or a task's number, of
+    /// three digits at most or after a "#". Throws CommandFailure for what names none or several.
     std::vector<std::string> resolve(const std::vector<std::string>& names);
 
 private:
@@ -58,7 +59,7 @@ private:
     HTTPClient http_;
 };
 
-/// Which task of `infoHashes`, the list in its order, `name` stands for. Throws CommandFailure.
-std::string resolveTask(const std::vector<std::string>& infoHashes, const std::string& name);
+/// The info-hash of the one of `tasks` that `name` stands for. Throws CommandFailure.
+std::string resolveTask(const boost::json::array& tasks, const std::string& name);
 
 }  // namespace skein

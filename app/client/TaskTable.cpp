@@ -76,10 +76,10 @@ std::string TaskTable::header() const {
     return line([](const Layout& layout) { return std::string(layout.title); });
 }
 
-std::string TaskTable::row(std::size_t position, const json::object& task) const {
+std::string TaskTable::row(const json::object& task) const {
     return line([&](const Layout& layout) {
         switch (layout.column) {
-            case Column::number: return std::to_string(position);
+            case Column::number: return std::to_string(number(task, "number"));
             case Column::name: return printable(text(task, "name"));
             case Column::size:
                 if (isSizeKnown(task)) return formatByteCount(number(task, "totalSize"));
@@ -97,8 +97,7 @@ std::string TaskTable::row(std::size_t position, const json::object& task) const
 std::string taskTable(const json::array& tasks, std::size_t width) {
     const TaskTable layout(width);
     std::string table = layout.header() + "\n";
-    std::size_t row = 0;
-    for (const json::value& task : tasks) table += layout.row(++row, task.as_object()) + "\n";
+    for (const json::value& task : tasks) table += layout.row(task.as_object()) + "\n";
     return table;
 }
 

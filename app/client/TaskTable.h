@@ -16,8 +16,7 @@ public:
 
     // Without a line end.
     std::string header() const;
-    /// `number` counts from 1.
-    std::string row(std::size_t number, const boost::json::object& task) const;
+    std::string row(const boost::json::object& task) const;
 
 private:
     template <class Cell>

@@ -111,7 +111,7 @@ std::string WatchView::screen(std::size_t rows, std::size_t columns) {
     scroll(visible);
     std::vector<std::string> lines{"\x1B[1m" + table.header() + "\x1B[0m"};
     for (std::size_t row = top_; row < top_ + visible; ++row) {
-        const std::string line = row < tasks.size() ? table.row(row + 1, tasks[row].as_object()) : std::string();
+        const std::string line = row < tasks.size() ? table.row(tasks[row].as_object()) : std::string();
         lines.push_back(row < tasks.size() && row == row_ ? highlighted(line) : line);
     }
     lines.push_back(fitted(detail(), columns));

@@ -100,6 +100,7 @@ TEST_F(DownloadManagerTest, pausesAndResumesFromTheSavedTorrent) {
     simulation.runUntil([&] { return task->statusMessage() == "Downloading t"; });
     simulation.finish(manager->pauseTask(task));
     EXPECT_EQ(task->status(), TaskStatus::paused);
+    EXPECT_EQ(task->stallReason()->cause, StallCause::paused);
     EXPECT_FALSE(task->isControlOperationInProgress());
     const Task again = restarted();
     EXPECT_EQ(again->status(), TaskStatus::paused);
@@ -167,6 +168,15 @@ TEST_F(DownloadManagerTest, downloadsFromTheWebAndKeepsWhatIsNoURLAsAnError) {
     EXPECT_THAT(manager->tasks(), SizeIs(3));
     simulation.finish(manager->removeTask(task, true));
     EXPECT_FALSE(std::filesystem::exists(downloads.path() / "paper.pdf"));
+}
+
+TEST_F(DownloadManagerTest, aTaskKeepsItsNumberWhileItIsListed) {
+    const Task first = manager->addHTTPDownload("no url");
+    const Task second = manager->addHTTPDownload("nor this");
+    EXPECT_EQ(second->number(), 2);
+    simulation.finish(manager->removeTask(first));
+    EXPECT_EQ(restarted()->number(), 2);
+    EXPECT_EQ(manager->addHTTPDownload("nor that")->number(), 3);
 }
 
 TEST_F(DownloadManagerTest, removesItsFilesAndNoOthers) {

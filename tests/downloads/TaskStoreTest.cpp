@@ -73,6 +73,9 @@ TEST(SavedTaskTest, comesBackPausedOrCompletedWithWhatIsMissingAtItsDefault) {
     task->uploadedBytes.set(7);
     EXPECT_EQ(restored(SavedTask::of(*task))->uploadedBytes(), 7);
     EXPECT_EQ(restored({.uploadedBytes = -1})->uploadedBytes(), 0);
+    task->number.set(5);
+    EXPECT_EQ(restored(SavedTask::of(*task))->number(), 5);
+    EXPECT_EQ(restored({.number = -1})->number(), 0);
 }
 
 TEST(SavedTaskTest, aDisplayNameOfAnOlderListIsUnderstood) {

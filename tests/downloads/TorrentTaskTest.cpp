@@ -84,7 +84,13 @@ TEST_F(TorrentTaskTest, isDescribedForPeople) {
 
     EXPECT_THAT(taskAsJSON(task), testing::HasSubstr(R"("totalSize":10000000,"downloadedBytes":9900000,)"));
     EXPECT_THAT(taskAsJSON(task),
-                testing::HasSubstr(R"("errorMessage":null,"statusMessage":null,"stallReason":null,)"));
+                testing::HasSubstr(R"("statusMessage":null,"stallReason":null,"stallCause":null,"stallDetail":null,)"));
+    StallFacts full;
+    full.storageProblem = "a: No space left on device";
+    full.storageErrno = ENOSPC;
+    task.stallReason.set(stallReasonOf(full));
+    EXPECT_THAT(taskAsJSON(task),
+                testing::HasSubstr(R"("stallCause":"diskFull","stallDetail":"a: No space left on device")"));
     EXPECT_EQ(task.getDisplayName(), task.infoHash);
     EXPECT_EQ(nameOf({.magnetURI = "magnet:?xt=urn:btih:" + task.infoHash + "&dn=a%20name"}), "a name");
     EXPECT_EQ(nameOf({.infoHash = "x", .magnetURI = "magnet:?xt="}), "x");

@@ -13,8 +13,10 @@ TEST(StallReason, namesTheCauseThatIsNearestToTheUser) {
     EXPECT_EQ(cause(), StallCause::noPeersFound);
     facts.trackerRefusal = "Tracker error: banned";
     EXPECT_EQ(stallReasonOf(facts)->text, "No tracker answers as it should (Tracker error: banned)");
+    EXPECT_EQ(stallReasonOf(facts)->detail, "Tracker error: banned");
     facts.peersFound = 3;
     EXPECT_EQ(cause(), StallCause::noPeerReachable);
+    EXPECT_EQ(stallReasonOf(facts)->detail, std::nullopt);
     facts.dialsInFlight = 1;
     EXPECT_EQ(stallReasonOf(facts), std::nullopt) << "it may yet be reached";
     facts.connected = 2;

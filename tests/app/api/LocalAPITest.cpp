@@ -2,6 +2,8 @@
 
 #include "Core/formats/TorrentWriter.h"
 #include "app/Command.h"
+#include "app/RowJSON.h"
+#include "app/api/ChatJSON.h"
 #include "app/api/ChatRoutes.h"
 #include "app/api/DaemonFile.h"
 #include "app/client/DaemonClient.h"
@@ -25,6 +27,43 @@ namespace fs = std::filesystem;
 namespace json = boost::json;
 using testing::HasSubstr;
 
+using Keys = std::set<std::string>;
+
+Keys keysOf(const json::object& object) {
+    Keys keys;
+    for (const auto& entry : object) keys.emplace(entry.key());
+    return keys;
+}
+
+/// docs/openapi.json.
+class APIDescription {
+public:
+    const json::object& paths() const { return document_.at("paths").as_object(); }
+    /// Of the answer, or of each object of a list.
+    Keys answer(const std::string& path) const {
+        const json::value& response = paths().at(path).at("get").at("responses").at("200");
+        return keysIn(response.at("content").at("application/json").at("schema").as_object());
+    }
+    Keys schema(std::string_view name) const {
+        return keysIn(document_.at("components").at("schemas").at(name).as_object());
+    }
+
+private:
+    Keys keysIn(const json::object& schema) const {
+        if (schema.contains("$ref")) {
+            const std::string_view path = schema.at("$ref").as_string();
+            return this->schema(path.substr(path.rfind('/') + 1));
+        }
+        if (schema.contains("items")) return keysIn(schema.at("items").as_object());
+        if (!schema.contains("allOf")) return keysOf(schema.at("properties").as_object());
+        Keys all;
+        for (const json::value& part : schema.at("allOf").as_array()) all.merge(keysIn(part.as_object()));
+        return all;
+    }
+
+    const json::object document_ = json::parse(asText(readWholeFile(SKEIN_OPENAPI, 1'000'000))).as_object();
+};
+
 TEST_F(LocalAPITest, answersOnlyWhoHasTheTokenAndComesFromItself) {
     const HTTPHeader token{"Authorization", "Bearer secret"};
     EXPECT_EQ(ask("GET", "/api/v1/tasks", {}, {token}).status, 200);
@@ -37,6 +76,7 @@ TEST_F(LocalAPITest, offersTheListAndTheCommands) {
     EXPECT_EQ(asText(ask("GET", "/api/v1/tasks").body), "[]");
     const json::object added = objectIn(ask("POST", "/api/v1/tasks", R"({"source":"no link"})"));
     EXPECT_EQ(added.at("errorMessage").as_string(), "Invalid URL");
+    EXPECT_EQ(added.at("number").as_int64(), 1);
     const std::string task = "/api/v1/tasks/" + std::string(added.at("infoHash").as_string());
     EXPECT_EQ(objectIn(ask("PATCH", task, R"({"category":"book","notes":"n"})")).at("category"), "book");
     EXPECT_EQ(objectIn(ask("GET", task)).at("notes"), "n");
@@ -76,6 +116,17 @@ TEST_F(LocalAPITest, fetchesATorrentThatIsNamedByItsAddressAndTellsWhatThereIsTo
     EXPECT_EQ(file.at("location").as_string(),
               (host.downloads.path() / std::string(file.at("path").as_string())).string());
     EXPECT_FALSE(file.at("isAvailable").as_bool());
+
+    const APIDescription document;
+    EXPECT_EQ(keysOf(task), document.answer("/api/v1/tasks/{task}"));
+    EXPECT_EQ(keysOf(file), document.schema("TaskFile"));
+    EXPECT_EQ(keysOf(toJSON(PeerRuntimeInfo())), document.schema("Peer"));
+    EXPECT_EQ(keysOf(toJSON(TrackerRuntimeInfo())), document.schema("Tracker"));
+    const json::value list = json::parse(asText(ask("GET", "/api/v1/tasks").body));
+    EXPECT_EQ(keysOf(list.at(0).as_object()), document.answer("/api/v1/tasks"));
+    for (const std::string path : {"/api/v1/status", "/api/v1/account"})
+        EXPECT_EQ(keysOf(objectIn(ask("GET", path))), document.answer(path)) << path;
+    EXPECT_EQ(keysOf(asJSON(TalkConversation())), document.answer("/api/v1/chat/talks"));
     const HTTPResponse missing = add("/none.torrent");
     EXPECT_EQ(missing.status, 400);
     EXPECT_THAT(asText(missing.body), HasSubstr("HTTP 404"));
@@ -88,11 +139,11 @@ TEST_F(LocalAPITest, isDescribedRouteByRoute) {
     ChatHost chat(engine, center);
     ChatRoutes chatRoutes(chat);
     chatRoutes.addTo(api.router());
-    std::set<std::string> offered;
+    Keys offered;
     for (const Router::Route& route : api.router().routes()) offered.insert(route.method + " " + route.path);
-    std::set<std::string> described;
-    const json::value document = json::parse(asText(readWholeFile(SKEIN_OPENAPI, 1'000'000)));
-    for (const auto& path : document.as_object().at("paths").as_object())
+    Keys described;
+    const APIDescription document;
+    for (const auto& path : document.paths())
         for (const auto& method : path.value().as_object())
             if (method.key() != "parameters")
                 described.insert(boost::to_upper_copy(std::string(method.key())) + " " + std::string(path.key()));
@@ -141,13 +192,18 @@ TEST(DaemonFile, isForOneDaemonAHomeAndGoesWithIt) {
     EXPECT_EQ(DaemonAddress::find(home.path()), std::nullopt) << "left behind by one that was killed";
 }
 
-TEST(ResolveTask, takesHashesPrefixesAndRows) {
-    const std::vector<std::string> list{"aaaa1111", "aaaa2222", "1234bbbb"};
-    EXPECT_EQ(resolveTask(list, "aaaa2"), "aaaa2222");
-    EXPECT_EQ(resolveTask(list, "3"), "1234bbbb");
-    EXPECT_EQ(resolveTask(list, "1234"), "1234bbbb");
-    for (const char* const wrong : {"aaaa", "aaa", "0", "4", "", "bbbb"})
-        EXPECT_THROW(resolveTask(list, wrong), CommandFailure) << wrong;
+TEST(ResolveTask, takesHashesPrefixesAndNumbers) {
+    const json::value list = {{{"infoHash", "aaaa1111"}, {"number", 1}},
+                              {{"infoHash", "aaaa2222"}, {"number", 4}},
+                              {{"infoHash", "1234bbbb"}, {"number", 1234}}};
+    const auto resolved = [&](const std::string& name) { return resolveTask(list.as_array(), name); };
+    EXPECT_EQ(resolved("aaaa2"), "aaaa2222");
+    EXPECT_EQ(resolved("4"), "aaaa2222");
+    EXPECT_EQ(resolved("#4"), "aaaa2222");
+    EXPECT_EQ(resolved("1234"), "1234bbbb");
+    EXPECT_EQ(resolved("#1234"), "1234bbbb");
+    for (const char* const wrong : {"aaaa", "aaa", "0", "3", "", "bbbb", "#", "#aaaa1111", "-1", "1a"})
+        EXPECT_THROW(resolved(wrong), CommandFailure) << wrong;
 }
 
 }  // namespace

@@ -25,7 +25,8 @@ TEST(TableLog, printsTheTableOnceAChangeAndAtMostEveryFiveSeconds) {
     const auto printed = [&] { return std::ranges::count(out.str(), '#'); };  // of the header
     simulation.advance(60s);
     EXPECT_EQ(printed(), 0);
-    take(R"({"type":"list","tasks":[{"infoHash":"a","name":"film","totalSize":1,"progress":0,"status":"paused",
+    take(
+        R"({"type":"list","tasks":[{"infoHash":"a","number":1,"name":"film","totalSize":1,"progress":0,"status":"paused",
              "downloadSpeed":0,"uploadSpeed":0,"peerCount":0}]})");
     EXPECT_EQ(printed(), 1);
     for (int i = 0; i < 40; ++i) {

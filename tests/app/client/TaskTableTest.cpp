@@ -14,7 +14,8 @@ namespace json = boost::json;
 using testing::AllOf, testing::HasSubstr, testing::Not;
 
 json::object taskNamed(const std::string& name) {
-    return {{"name", name},
+    return {{"number", 12},
+            {"name", name},
             {"totalSize", 5},
             {"progress", 0.9999},
             {"status", "fetchingMetadata"},
@@ -28,11 +29,11 @@ TEST(TaskTable, fitsTheTerminalWhateverTheName) {
         for (std::size_t width = 16; width <= 200; ++width) {
             const TaskTable table(width);
             EXPECT_EQ(columnsOf(table.header()), width);
-            EXPECT_EQ(columnsOf(table.row(12, taskNamed(name + std::string(width, 'x')))), width) << name;
-            EXPECT_EQ(columnsOf(table.row(12, taskNamed(name))), width) << name;
+            EXPECT_EQ(columnsOf(table.row(taskNamed(name + std::string(width, 'x')))), width) << name;
+            EXPECT_EQ(columnsOf(table.row(taskNamed(name))), width) << name;
         }
     const std::string row = taskTable(json::array{taskNamed("\x1B[2J論文" + std::string(200, 'x'))}, 100);
-    EXPECT_THAT(row, HasSubstr("  1 ?[2J論文xxxx"));
+    EXPECT_THAT(row, HasSubstr(" 12 ?[2J論文xxxx"));
     EXPECT_THAT(row, HasSubstr("…        5 B   99.9%  Fetching metada…            -    2.0 KiB/s     3\n"));
     EXPECT_EQ(TaskTable(80).header(),
               "  # NAME                SIZE    DONE  STATUS                   DOWN           UP");
@@ -43,16 +44,16 @@ TEST(TaskTable, anUnknownSizeHasNoPercentageAndACheckHasOne) {
     json::object task = taskNamed("stream");
     task["totalSize"] = 0;
     task["downloadedBytes"] = 3'355'443;
-    EXPECT_THAT(TaskTable(100).row(12, task), HasSubstr("   3.2 MiB+       -  "));
+    EXPECT_THAT(TaskTable(100).row(task), HasSubstr("   3.2 MiB+       -  "));
     task["status"] = "completed";
     task["progress"] = 1.0;
-    EXPECT_THAT(TaskTable(100).row(12, task), HasSubstr("     0 B  100.0%  Completed  "));
+    EXPECT_THAT(TaskTable(100).row(task), HasSubstr("     0 B  100.0%  Completed  "));
     task["status"] = "downloading";
     task["verifyProgress"] = 0.456;
-    EXPECT_THAT(TaskTable(100).row(12, task), HasSubstr("  Verifying 45%  "));
+    EXPECT_THAT(TaskTable(100).row(task), HasSubstr("  Verifying 45%  "));
     ::setenv("LC_ALL", "zh_CN.UTF-8", 1);
     task["verifyProgress"] = nullptr;
-    EXPECT_THAT(TaskTable(100).row(12, task), HasSubstr("  下载中  "));
+    EXPECT_THAT(TaskTable(100).row(task), HasSubstr("  下载中  "));
     ::unsetenv("LC_ALL");
 }
 

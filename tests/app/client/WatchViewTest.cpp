@@ -12,8 +12,11 @@ using testing::HasSubstr;
 using testing::Not;
 
 json::object task(const std::string& infoHash, const std::string& name) {
-    return {{"infoHash", infoHash}, {"name", name},       {"totalSize", 5},   {"progress", 0},
-            {"status", "paused"},   {"downloadSpeed", 0}, {"uploadSpeed", 0}, {"peerCount", 0}};
+    return {{"infoHash", infoHash}, {"number", infoHash[0] - 'a' + 1},
+            {"name", name},         {"totalSize", 5},
+            {"progress", 0},        {"status", "paused"},
+            {"downloadSpeed", 0},   {"uploadSpeed", 0},
+            {"peerCount", 0}};
 }
 
 class WatchViewTest : public testing::Test {
@@ -71,7 +74,7 @@ TEST_F(WatchViewTest, theChoiceStaysWithItsTaskAndInSight) {
     press("jjj");
     EXPECT_THAT(screen(6), AllOf(HasSubstr("\x1B[7m  4 name-d"), HasSubstr("name-c"), Not(HasSubstr("name-b"))));
     view.take({{"type", "removed"}, {"infoHash", "b"}});
-    EXPECT_THAT(screen(6), HasSubstr("\x1B[7m  3 name-d"));
+    EXPECT_THAT(screen(6), AllOf(HasSubstr("  5 name-e"), HasSubstr("\x1B[7m  4 name-d"))) << "it keeps its number";
     EXPECT_EQ(press("p"), "pause d");
     view.take({{"type", "removed"}, {"infoHash", "e"}});
     view.take({{"type", "removed"}, {"infoHash", "d"}});
