@@ -138,7 +138,7 @@ std::string encode(std::span<const SavedTask> tasks) {
             return true;
         });
         if (text.size() > 1) text += ',';
-        text += plainJSON(fields);
+        text += plainJSONOfBytes(fields);
     }
     return text += ']';
 }

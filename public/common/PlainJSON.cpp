@@ -1,5 +1,8 @@
 #include "public/common/PlainJSON.h"
 
+#include "public/common/Bytes.h"
+#include "public/common/ValidUTF8.h"
+
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/serialize.hpp>
@@ -8,6 +11,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <string_view>
 
 namespace skein {
 
@@ -15,7 +19,20 @@ namespace json = boost::json;
 
 namespace {
 
+/// What becomes of a string's bytes that are no UTF-8.
+enum class OddBytes { replaced, kept };
+
+template <OddBytes oddBytes>
 void append(std::string& text, const json::value& value);
+
+template <OddBytes oddBytes>
+void append(std::string& text, std::string_view string) {
+    if (oddBytes == OddBytes::kept || isValidUTF8(asBytes(string))) {
+        text += json::serialize(json::string_view(string));
+    } else {
+        text += json::serialize(json::string_view(toValidUTF8(string)));
+    }
+}
 
 void append(std::string& text, double number) {
     if (!std::isfinite(number)) {
@@ -27,49 +44,55 @@ void append(std::string& text, double number) {
     text.append(digits.data(), result.ptr);
 }
 
+template <OddBytes oddBytes>
 void append(std::string& text, const json::object& object) {
     text += '{';
     bool isFirst = true;
     for (const auto& [key, value] : object) {
         if (!isFirst) text += ',';
         isFirst = false;
-        text.append(json::serialize(key)).append(":");
-        append(text, value);
+        append<oddBytes>(text, std::string_view(key));
+        text += ':';
+        append<oddBytes>(text, value);
     }
     text += '}';
 }
 
+template <OddBytes oddBytes>
 void append(std::string& text, const json::array& array) {
     text += '[';
     bool isFirst = true;
     for (const json::value& value : array) {
         if (!isFirst) text += ',';
         isFirst = false;
-        append(text, value);
+        append<oddBytes>(text, value);
     }
     text += ']';
 }
 
+template <OddBytes oddBytes>
 void append(std::string& text, const json::value& value) {
     switch (value.kind()) {
         case json::kind::double_: return append(text, value.get_double());
-        case json::kind::object: return append(text, value.get_object());
-        case json::kind::array: return append(text, value.get_array());
+        case json::kind::object: return append<oddBytes>(text, value.get_object());
+        case json::kind::array: return append<oddBytes>(text, value.get_array());
+        case json::kind::string: return append<oddBytes>(text, std::string_view(value.get_string()));
         default: text += json::serialize(value);
     }
 }
 
-template <class Value>
+template <OddBytes oddBytes, class Value>
 std::string textOf(const Value& value) {
     std::string text;
-    append(text, value);
+    append<oddBytes>(text, value);
     return text;
 }
 
 }  // namespace
 
-std::string plainJSON(const json::value& value) { return textOf(value); }
-std::string plainJSON(const json::object& object) { return textOf(object); }
-std::string plainJSON(const json::array& array) { return textOf(array); }
+std::string plainJSON(const json::value& value) { return textOf<OddBytes::replaced>(value); }
+std::string plainJSON(const json::object& object) { return textOf<OddBytes::replaced>(object); }
+std::string plainJSON(const json::array& array) { return textOf<OddBytes::replaced>(array); }
+std::string plainJSONOfBytes(const json::object& object) { return textOf<OddBytes::kept>(object); }
 
 }  // namespace skein

@@ -1,19 +1,12 @@
 #include "public/common/Printable.h"
 
-#include "public/common/Bytes.h"
+#include "public/common/ValidUTF8.h"
 
 #include <algorithm>
 
 namespace skein {
 
 namespace {
-
-/// Bytes of the character at the start of `text`, 0 when there is no whole one.
-std::size_t characterLength(std::string_view text) noexcept {
-    for (std::size_t length = 1; length <= std::min<std::size_t>(text.size(), 4); ++length)
-        if (isValidUTF8(asBytes(text.substr(0, length)))) return length;
-    return 0;
-}
 
 bool isHarmless(std::string_view character) noexcept {
     if (character.size() == 1) return character[0] >= ' ' && character[0] != 0x7F;
@@ -34,7 +27,7 @@ std::string printable(std::string_view text) {
     std::string result;
     result.reserve(text.size());
     while (!text.empty()) {
-        const std::size_t length = characterLength(text);
+        const std::size_t length = firstCharacterLength(text);
         const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
         if (length > 0 && isHarmless(character)) {
             result += character;

@@ -35,5 +35,11 @@ TEST(PlainJSONTest, writesAllElse) {
     EXPECT_EQ(plainJSON(json::parse(text)), text);
 }
 
+TEST(PlainJSONTest, isJSONWhateverBytesAStringHolds) {
+    const json::object object{{"\xFF", "a\xC3(\xED\xA0\x80\xF5\x01é"}};
+    EXPECT_EQ(plainJSON(object), "{\"\uFFFD\":\"a\uFFFD(\uFFFD\uFFFD\uFFFD\uFFFD\\u0001é\"}");
+    EXPECT_EQ(plainJSONOfBytes({{"path", "\xFF"}}), "{\"path\":\"\xFF\"}");
+}
+
 }  // namespace
 }  // namespace skein
