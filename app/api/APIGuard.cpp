@@ -55,8 +55,9 @@ bool APIGuard::knowsToken(const HTTPServerRequest& request) const {
     constexpr std::string_view scheme = "Bearer ";
     const std::string_view credentials = request.header("authorization");
     if (credentials.starts_with(scheme)) return isSame(credentials.substr(scheme.size()), token_);
+    if (!request.isUpgrade || request.path != streamPath) return false;
     const auto given = request.query.find("token");
-    return request.isUpgrade && given != request.query.end() && isSame(given->second, token_);
+    return given != request.query.end() && isSame(given->second, token_);
 }
 
 std::optional<HTTPServerResponse> APIGuard::refusalOf(const HTTPServerRequest& request) const {

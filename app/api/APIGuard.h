@@ -13,11 +13,15 @@ namespace skein {
 /// name that was pointed at this machine, gets nothing. Plain rules; any thread.
 class APIGuard {
 public:
+    /// The one address that takes the token from its query, and that as a websocket: a page cannot set headers there,
+    /// and addresses get into logs and histories.
+    static constexpr const char* streamPath = "/api/v1/events";
+
     /// `address` and `port` are what the server listens on.
     APIGuard(std::string token, const std::string& address, std::uint16_t port);
 
-    /// Why the request is refused; nothing when it may pass. The token is its header's, or that of an upgrade's query:
-    /// a page cannot set headers on a websocket.
+    /// Why the request is refused; nothing when it may pass. The token is its header's, or at `streamPath` that of
+    /// the query.
     std::optional<HTTPServerResponse> refusalOf(const HTTPServerRequest& request) const;
 
 private:

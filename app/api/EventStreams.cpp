@@ -1,6 +1,7 @@
 #include "app/api/EventStreams.h"
 
 #include "app/api/APIEvent.h"
+#include "app/api/APIGuard.h"
 #include "downloads/TaskChanged.h"
 #include "downloads/TaskListChanged.h"
 #include "downloads/TaskListJSON.h"
@@ -36,7 +37,7 @@ EventStreams::EventStreams(DownloadManager& manager, MsgCenter& center, Clock& c
 EventStreams::~EventStreams() = default;
 
 void EventStreams::addTo(Router& router) {
-    router.add("GET", "/api/v1/events", [this](std::string task, HTTPServerRequest request) {
+    router.add("GET", APIGuard::streamPath, [this](std::string task, HTTPServerRequest request) {
         return answer(std::move(task), std::move(request));
     });
 }

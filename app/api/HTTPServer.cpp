@@ -1,5 +1,6 @@
 #include "app/api/HTTPServer.h"
 
+#include "public/common/Bytes.h"
 #include "public/common/ErrorText.h"
 #include "public/common/Within.h"
 
@@ -31,7 +32,9 @@ std::string lowerCase(std::string text) {
     return text;
 }
 
-/// Nothing when the target is no path.
+bool isText(std::string_view bytes) { return isValidUTF8(asBytes(bytes)); }
+
+/// Nothing when the target is no path, or names things by bytes that are no text.
 std::optional<HTTPServerRequest> translated(const Head& head) {
     const auto& from = head.get();
     const auto target = boost::urls::parse_origin_form(std::string_view(from.target().data(), from.target().size()));
@@ -39,7 +42,10 @@ std::optional<HTTPServerRequest> translated(const Head& head) {
     HTTPServerRequest request;
     request.method = std::string(from.method_string());
     request.path = std::string(target->encoded_path());
-    for (const auto& parameter : target->params()) request.query[parameter.key] = parameter.value;
+    for (const auto& parameter : target->params()) {
+        if (!isText(parameter.value)) return std::nullopt;
+        request.query[parameter.key] = parameter.value;
+    }
     for (const auto& field : from) request.headers[lowerCase(std::string(field.name_string()))] = field.value();
     request.isUpgrade = head.is_done() && boost::beast::websocket::is_upgrade(from);
     return request;
@@ -74,12 +80,10 @@ std::string_view HTTPServerRequest::header(const std::string& name) const {
 /// One client's connection: requests one after another, or a websocket after some.
 class HTTPServer::Connection {
 public:
-    Connection(HTTPServer& server, asio::ip::tcp::socket socket) : server_(server), socket_(std::move(socket)) {
-        ++server_.connections_;
-    }
+    Connection(HTTPServer& server, asio::ip::tcp::socket socket)
+        : server_(server), socket_(std::move(socket)), place_(server.room_, [this] { cut(); }) {}
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
-    ~Connection() { --server_.connections_; }
 
     asio::awaitable<void> serve() {
         while (!isOver_) {
@@ -101,10 +105,19 @@ public:
     }
 
 private:
+    void cut() noexcept {
+        boost::system::error_code ignored;
+        socket_.close(ignored);
+    }
+
     asio::awaitable<void> readHead(Head& head) {
         boost::system::error_code error;
         co_await http::async_read_header(socket_, buffer_, head, asio::redirect_error(asio::use_awaitable, error));
         if (error) refusal_ = refusalFor(error);
+        // What came is still in the buffer when the limit was met before the end of the first line.
+        const bool isEndless = error == http::error::header_limit && head.get().target().empty();
+        if (isEndless || head.get().target().size() > maxTargetBytes)
+            refusal_ = failure(414, "The address is too long");
     }
 
     /// Reads the rest of the request, if it is to be read, and has it answered.
@@ -113,7 +126,10 @@ private:
         if (!refusal_) request = translated(head);
         if (!refusal_ && !request) refusal_ = failure(400, "Bad request");
         if (!refusal_) refusal_ = server_.callbacks_.refusalOf(*request);
+        if (!refusal_ && !place_.prove()) refusal_ = failure(503, "Too many connections");
         isOver_ = refusal_.has_value() || !head.get().keep_alive();
+        std::optional<ByteBudget::Claim> claim;  // until the answer is there: so long the body is held
+        if (!refusal_ && !head.is_done()) claim = claimFor(head, *request);
         if (!refusal_ && !head.is_done()) co_await within(server_.clock_, patience, readBody(head, *request));
         if (refusal_) {
             isOver_ = true;
@@ -123,17 +139,28 @@ private:
         co_return co_await std::move(work);
     }
 
+    static std::uint64_t bodyLimit(const HTTPServerRequest& request) {
+        return request.header("content-type") == "application/x-bittorrent" ? maxTorrentBytes : maxBodyBytes;
+    }
+
+    /// The body's part of what all bodies may hold. Short ones need none: they must not wait for the long ones, and
+    /// the number of connections bounds them.
+    std::optional<ByteBudget::Claim> claimFor(const Head& head, const HTTPServerRequest& request) {
+        const std::uint64_t limit = bodyLimit(request);
+        const auto length = head.content_length();
+        const std::uint64_t bytes = length ? *length : limit;
+        if (bytes > limit) refusal_ = refusalFor(http::error::body_limit);
+        if (refusal_ || bytes <= maxBodyBytes) return std::nullopt;
+        auto claim = server_.bodies_.claim(bytes);
+        if (!claim) refusal_ = failure(503, "Too much is being sent at once");
+        return claim;
+    }
+
     asio::awaitable<void> readBody(Head& head, HTTPServerRequest& request) {
-        const bool isTorrent = request.header("content-type") == "application/x-bittorrent";
-        const std::uint64_t limit = isTorrent ? maxTorrentBytes : maxBodyBytes;
-        if (head.content_length().value_or(0) > limit) {
-            refusal_ = refusalFor(http::error::body_limit);
-            co_return;
-        }
         if (lowerCase(std::string(request.header("expect"))) == "100-continue")
             co_await asio::async_write(socket_, asio::buffer(goOn), asio::use_awaitable);
         Parser parser(std::move(head));
-        parser.body_limit(limit);
+        parser.body_limit(bodyLimit(request));
         boost::system::error_code error;
         co_await http::async_read(socket_, buffer_, parser, asio::redirect_error(asio::use_awaitable, error));
         if (error) refusal_ = refusalFor(error);
@@ -173,6 +200,7 @@ private:
 
     HTTPServer& server_;
     asio::ip::tcp::socket socket_;
+    ConnectionRoom::Place place_;
     boost::beast::flat_buffer buffer_;
     std::optional<HTTPServerResponse> refusal_;  // says why the request at hand is not answered otherwise
     bool isOver_ = false;                        // nothing is read after it
@@ -198,7 +226,7 @@ asio::awaitable<void> HTTPServer::acceptAll() {
         co_await acceptor_->async_accept(socket, asio::redirect_error(asio::use_awaitable, error));
         if (error) {
             co_await clock_.sleep(std::chrono::milliseconds(100));  // out of descriptors, most likely
-        } else if (connections_ < maxConnections) {
+        } else {
             tasks_.spawn(serve(std::move(socket)));
         }
     }

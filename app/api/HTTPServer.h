@@ -1,5 +1,7 @@
 #pragma once
 
+#include "app/api/ByteBudget.h"
+#include "app/api/ConnectionRoom.h"
 #include "app/api/ServerSocket.h"
 #include "public/common/Clock.h"
 #include "public/common/FileLogger.h"
@@ -38,17 +40,20 @@ struct HTTPServerResponse {
 
 /// A small HTTP/1.1 server for programs on this machine. Source: RFC 9112.
 ///
-/// What one client can make it hold is bounded: connections, sizes, and the time that a request may take to come in;
-/// who is refused gets no body read. Owner: the daemon, which awaits `stop()`. Thread: the strand given, on which the
-/// callbacks run too.
+/// What clients can make it hold is bounded: connections (ConnectionRoom), sizes, and the time that a request may take
+/// to come in; who is refused gets no body read. Owner: the daemon, which awaits `stop()`. Thread: the strand given, on
+/// which the callbacks run too.
 class HTTPServer {
 public:
-    static constexpr std::size_t maxConnections = 64;
     static constexpr std::uint32_t maxHeaderBytes = 16'384;
+    /// Of a head, its path and query.
+    static constexpr std::size_t maxTargetBytes = 8'192;
     /// The largest `.torrent` that is taken.
     static constexpr std::uint64_t maxTorrentBytes = std::uint64_t{32} << 20U;
     /// Of any other body: commands are short.
     static constexpr std::uint64_t maxBodyBytes = std::uint64_t{64} << 10U;
+    /// Of all long bodies that are here at once: three of the largest.
+    static constexpr std::uint64_t maxBodiesBytes = 3 * maxTorrentBytes;
     /// For a request's head to come in; an idle connection ends after it too.
     static constexpr std::chrono::seconds headPatience{10};
     /// For its body, and for an answer to go out.
@@ -57,7 +62,8 @@ public:
     static constexpr std::chrono::seconds lingerTime{2};
 
     struct Callbacks {
-        /// Judges a request by its head, before anything else of it is read; nothing when it may pass.
+        /// Judges a request by its head, before anything else of it is read; nothing when it may pass. A connection
+        /// that had one pass counts as proven.
         std::function<std::optional<HTTPServerResponse>(const HTTPServerRequest&)> refusalOf;
         std::function<asio::awaitable<HTTPServerResponse>(HTTPServerRequest)> answer;
     };
@@ -83,7 +89,8 @@ private:
     FileLogger& log_;
     const Callbacks callbacks_;
     std::uint16_t port_ = 0;
-    std::size_t connections_ = 0;
+    ConnectionRoom room_;
+    ByteBudget bodies_{maxBodiesBytes};
     std::optional<asio::ip::tcp::acceptor> acceptor_;
     TaskGroup tasks_;
 };

@@ -73,6 +73,9 @@ TEST_F(HTTPServerTest, refusesWhatIsTooLargeOrNoRequestAndReadsNoBodyOfWhoIsRefu
          "HTTP/1.1 413"},
         {"POST / HTTP/1.1\r\nX: no\r\nContent-Type: application/x-bittorrent\r\nContent-Length: 33554432\r\n\r\n",
          "HTTP/1.1 401"},
+        {"GET /?q=" + std::string(10'000, 'q') + " HTTP/1.1\r\n\r\n", "HTTP/1.1 414"},
+        {"GET /?q=" + std::string(20'000, 'q'), "HTTP/1.1 414"},
+        {"GET /?folder=%FF HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
         {"nonsense\r\n\r\n", "HTTP/1.1 400"},
         {"GET no-path HTTP/1.1\r\n\r\n", "HTTP/1.1 400"},
     };
@@ -87,15 +90,51 @@ TEST_F(HTTPServerTest, refusesWhatIsTooLargeOrNoRequestAndReadsNoBodyOfWhoIsRefu
 
 TEST_F(HTTPServerTest, holdsABoundedNumberOfConnections) {
     std::list<RawClient> clients;
-    for (std::size_t i = 0; i < HTTPServer::maxConnections; ++i) {
+    for (std::size_t i = 0; i < ConnectionRoom::maxProven; ++i) {
         clients.emplace_back(simulation, server.port()).say("GET / HTTP/1.1\r\n\r\n");
         EXPECT_THAT(clients.back().hear(), StartsWith("HTTP/1.1 200"));
     }
-    RawClient tooMany = client();
-    EXPECT_EQ(tooMany.hearOut(), "");
+    EXPECT_THAT(answerTo("GET / HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 503"));
     clients.pop_front();
     simulation.runUntil(
         [&] { return answerTo("GET / HTTP/1.1\r\nConnection: close\r\n\r\n").starts_with("HTTP/1.1 200"); });
+}
+
+TEST_F(HTTPServerTest, letsTheOldestOfThoseWhoShowNothingGoForANewcomer) {
+    RawClient known = client();
+    known.say("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_THAT(known.hear(), StartsWith("HTTP/1.1 200"));
+    std::list<RawClient> silent;
+    const auto fillUp = [&](std::size_t count) {
+        for (std::size_t i = 0; i < count; ++i) silent.emplace_back(simulation, server.port()).say("GET / HT");
+    };
+    fillUp(1);
+    const auto oldest = silent.front().beginToHearOut();
+    fillUp(2 * ConnectionRoom::maxUnproven);
+    EXPECT_THAT(answerTo("GET / HTTP/1.1\r\nConnection: close\r\n\r\n"), StartsWith("HTTP/1.1 200"));
+    EXPECT_TRUE(Simulation::hasEnded(oldest));
+    silent.back().say("TP/1.1\r\nConnection: close\r\n\r\n");
+    EXPECT_THAT(silent.back().hearOut(), StartsWith("HTTP/1.1 200"));
+    known.say("POST / HTTP/1.1\r\nConnection: close\r\nContent-Length: 1\r\n\r\n!");
+    EXPECT_THAT(known.hearOut(), testing::EndsWith("!"));
+}
+
+TEST_F(HTTPServerTest, holdsABoundedAmountOfUnfinishedBodies) {
+    const std::string largest =
+        "POST / HTTP/1.1\r\nContent-Type: application/x-bittorrent\r\nContent-Length: 33554432\r\n\r\n";
+    std::list<RawClient> senders;
+    for (std::uint64_t bytes = 0; bytes < HTTPServer::maxBodiesBytes; bytes += HTTPServer::maxTorrentBytes)
+        senders.emplace_back(simulation, server.port()).say(largest);
+    simulation.runUntil([&] { return heads == static_cast<int>(senders.size()); });
+    EXPECT_THAT(answerTo(largest), StartsWith("HTTP/1.1 503"));
+    EXPECT_THAT(answerTo("POST / HTTP/1.1\r\nConnection: close\r\nContent-Length: 1\r\n\r\n!"),
+                StartsWith("HTTP/1.1 200"));
+    senders.pop_front();
+    RawClient next = client();
+    next.say(
+        "POST / HTTP/1.1\r\nContent-Type: application/x-bittorrent\r\nTransfer-Encoding: chunked\r\n"
+        "Connection: close\r\n\r\n0\r\n\r\n");
+    EXPECT_THAT(next.hearOut(), StartsWith("HTTP/1.1 200"));
 }
 
 }  // namespace
