@@ -40,6 +40,7 @@ private:
             case SourceKind::magnetLink:
             case SourceKind::webTorrent:
             case SourceKind::webFile: break;
+            case SourceKind::otherWeb: throw CommandFailure(source, unsupportedSource);
             case SourceKind::file: return daemon.addTorrent(readTorrentFile(source), place());
         }
         return daemon.post("api/v1/tasks" + place(), json::object{{"source", source}});

@@ -22,11 +22,23 @@ bool hasScheme(std::string_view source, std::string_view scheme) {
            });
 }
 
+bool isScheme(std::string_view text) {
+    const auto mayStandInIt = [](unsigned char character) {
+        return std::isalnum(character) != 0 || character == '+' || character == '-' || character == '.';
+    };
+    return !text.empty() && std::isalpha(static_cast<unsigned char>(text.front())) != 0 &&
+           std::all_of(text.begin(), text.end(), mayStandInIt);
+}
+
 }  // namespace
 
 SourceKind sourceKindOf(std::string_view source) {
     if (hasScheme(source, "magnet:")) return SourceKind::magnetLink;
-    if (!hasScheme(source, "http://") && !hasScheme(source, "https://")) return SourceKind::file;
+    const std::size_t end = source.find("://");
+    if (end == source.npos || !isScheme(source.substr(0, end))) return SourceKind::file;
+    const bool isWeb = hasScheme(source, "http://") || hasScheme(source, "https://");
+    const std::string_view host = source.substr(end + 3);
+    if (!isWeb || host.empty() || host.find_first_of("/?#:") == 0) return SourceKind::otherWeb;
     const std::string_view path = source.substr(0, source.find_first_of("?#"));
     return path.ends_with(".torrent") ? SourceKind::webTorrent : SourceKind::webFile;
 }

@@ -74,6 +74,7 @@ std::optional<std::vector<TransferSource>> readTransferSources(const std::vector
         switch (sourceKindOf(name)) {
             case SourceKind::magnetLink: sources.emplace_back(parseMagnet(name)); break;
             case SourceKind::webFile: sources.emplace_back(WebFile{name}); break;
+            case SourceKind::otherWeb: throw CommandFailure(name, unsupportedSource);
             case SourceKind::file: sources.emplace_back(readTorrentFile(name)); break;
             case SourceKind::webTorrent:
                 auto torrent = fetchUnlessInterrupted(name, host, interrupt);

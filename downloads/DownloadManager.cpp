@@ -22,12 +22,6 @@ constexpr std::chrono::seconds speedInterval{1};
 /// How far the saved list may lag behind what is downloaded, in speed intervals.
 constexpr int saveEvery = 30;
 
-bool isHTTPURL(const std::string& text) {
-    const auto url = boost::urls::parse_uri(text);
-    if (!url || url->host().empty()) return false;
-    return url->scheme_id() == boost::urls::scheme::http || url->scheme_id() == boost::urls::scheme::https;
-}
-
 }  // namespace
 
 DownloadManager::DownloadManager(Environment environment)
@@ -227,6 +221,12 @@ asio::awaitable<void> DownloadManager::keepCopy(SHA1Digest infoHash, Bytes torre
     co_await runOn(environment_.disk, std::move(keep));
 }
 
+bool DownloadManager::isWebAddress(const std::string& text) {
+    const auto url = boost::urls::parse_uri(text);
+    if (!url || url->host().empty()) return false;
+    return url->scheme_id() == boost::urls::scheme::http || url->scheme_id() == boost::urls::scheme::https;
+}
+
 DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text, TaskPlace place) {
     constexpr std::string_view blanks = " \t\r\n";
     std::string url = text;
@@ -234,7 +234,7 @@ DownloadManager::Task DownloadManager::addHTTPDownload(const std::string& text, 
     url.erase(url.find_last_not_of(blanks) + 1);
     TaskIdentity identity;
     identity.downloadType = DownloadType::http;
-    if (!isHTTPURL(url)) {
+    if (!isWebAddress(url)) {
         identity.infoHash = "http_" + UUID::random(environment_.random).text();
         Task task = makeTask(std::move(identity), shownURL(url), TaskStatus::error);
         task->errorMessage.set("Invalid URL");

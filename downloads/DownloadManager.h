@@ -82,7 +82,9 @@ public:
     /// Each returns the task that is there already when the same was added before. Throw what the parsers throw.
     Task addMagnet(const std::string& text, TaskPlace place = {});
     asio::awaitable<Task> addTorrentFile(Bytes torrentData, TaskPlace place = {});
-    /// Never throws: what is no URL becomes a task in the state `error`.
+    /// Whether `text` is a whole http or https URL.
+    static bool isWebAddress(const std::string& text);
+    /// Never throws: what is no such URL becomes a task in the state `error`.
     Task addHTTPDownload(const std::string& text, TaskPlace place = {});
 
     // Commands. They return when the command has ended; giving up the wait does not stop it. A command for a task on

@@ -161,13 +161,15 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::add(std::string, HTTPServerReque
 asio::awaitable<DownloadManager::Task> TaskRoutes::addSource(std::string source, TaskPlace place) {
     switch (sourceKindOf(source)) {
         case SourceKind::magnetLink: co_return manager_.addMagnet(source, std::move(place));
-        case SourceKind::webFile:
-        case SourceKind::file: break;  // which is told of as of an address that is none
+        case SourceKind::webFile: break;
+        case SourceKind::otherWeb:
+        case SourceKind::file: throw std::runtime_error(std::string(unsupportedSource));
         case SourceKind::webTorrent: {
             Bytes data = co_await fetchTorrent(http_, source);
             co_return co_await manager_.addTorrentFile(std::move(data), std::move(place));
         }
     }
+    if (!DownloadManager::isWebAddress(source)) throw std::runtime_error("Invalid URL");
     co_return manager_.addHTTPDownload(source, std::move(place));
 }
 
@@ -186,24 +188,38 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::remove(std::string infoHash, HTT
     co_return jsonDone();
 }
 
-/// An object with any of `category`, `notes`, `accelerateEnabled`.
+/// What a PATCH asks for: nothing of it is done before all of it is understood.
+struct TaskWish {
+    std::optional<ResearchCategory> category;
+    std::optional<std::string> notes;
+    std::optional<bool> accelerateEnabled;
+};
+
+/// An object with any of `category`, `notes`, `accelerateEnabled`. Throws std::exception with a text for the caller.
+TaskWish wishIn(const HTTPServerRequest& request) {
+    const json::object changes = objectIn(request);
+    TaskWish wish;
+    if (const auto* const text = changes.if_contains("category")) {
+        wish.category = researchCategoryFrom(std::string(text->as_string()));
+        if (!wish.category) throw std::runtime_error("there is no such category");
+    }
+    if (const auto* const notes = changes.if_contains("notes")) wish.notes = std::string(notes->as_string());
+    if (const auto* const flag = changes.if_contains("accelerateEnabled")) wish.accelerateEnabled = flag->as_bool();
+    return wish;
+}
+
 asio::awaitable<HTTPServerResponse> TaskRoutes::change(std::string infoHash, HTTPServerRequest request) {
     const DownloadManager::Task task = find(infoHash);
     if (!task) co_return Router::error(404, "there is no such task");
+    TaskWish wish;
     try {
-        const json::object changes = objectIn(request);
-        if (const auto* const text = changes.if_contains("category")) {
-            const auto category = researchCategoryFrom(std::string(text->as_string()));
-            if (!category) throw std::runtime_error("there is no such category");
-            manager_.setCategory(task, *category);
-        }
-        if (const auto* const notes = changes.if_contains("notes"))
-            manager_.setNotes(task, std::string(notes->as_string()));
-        if (const auto* const flag = changes.if_contains("accelerateEnabled"))
-            manager_.setAccelerate(task, flag->as_bool());
+        wish = wishIn(request);
     } catch (const std::exception& error) {
         co_return Router::error(400, textOf(error));
     }
+    if (wish.category) manager_.setCategory(task, *wish.category);
+    if (wish.notes) manager_.setNotes(task, *std::move(wish.notes));
+    if (wish.accelerateEnabled) manager_.setAccelerate(task, *wish.accelerateEnabled);
     co_return co_await details(task);
 }
 

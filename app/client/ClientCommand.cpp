@@ -1,5 +1,7 @@
 #include "app/client/ClientCommand.h"
 
+#include "app/client/DaemonRefusal.h"
+
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
 
@@ -20,6 +22,9 @@ int ClientCommand::forEach(const std::vector<std::string>& names, const std::fun
     for (const std::string& name : names) {
         try {
             work(name);
+        } catch (const DaemonRefusal& refusal) {
+            reportFailure(CommandFailure(name, refusal.why).what());
+            status = exitStatus::failed;
         } catch (const CommandFailure& failure) {
             reportFailure(failure.what());
             status = exitStatus::failed;

@@ -22,8 +22,8 @@ protected:
     /// Does it and returns the exit status. Throws CommandFailure.
     virtual int talk(DaemonClient& daemon) = 0;
 
-    /// Calls `work` for each of `names`. One that throws CommandFailure is told and does not keep the rest from being
-    /// done. Returns the exit status.
+    /// Calls `work` for each of `names`. One that throws CommandFailure is told (what the daemon refuses, under that
+    /// name) and does not keep the rest from being done. Returns the exit status.
     static int forEach(const std::vector<std::string>& names, const std::function<void(const std::string&)>& work);
     /// Throws CommandFailure when `task`, an answer of the daemon, says what went wrong with it.
     static void failIfError(const std::string& name, const boost::json::value& task);

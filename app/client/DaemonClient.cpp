@@ -1,9 +1,16 @@
 #include "app/client/DaemonClient.h"
 
 #include "app/Command.h"
+#include "app/client/DaemonRefusal.h"
 #include "public/common/ErrorText.h"
 
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/deferred.hpp>
+#include <boost/asio/experimental/parallel_group.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/use_future.hpp>
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
@@ -25,6 +32,8 @@ constexpr std::size_t maxAnswerBytes = std::size_t{256} << 20U;
 constexpr std::size_t shortestPrefix = 4;
 /// A verification or a clean stop takes as long as it takes.
 constexpr std::chrono::hours patience{24};
+/// A daemon that runs says so at once, whatever else it does.
+constexpr std::chrono::seconds greetingPatience{5};
 constexpr std::chrono::milliseconds pollInterval{50};
 
 DaemonAddress found(const std::filesystem::path& home) {
@@ -45,9 +54,8 @@ json::value answerIn(const HTTPResponse& response) {
     if (response.status == httpOK && !error) return answer;
     const json::object* const object = answer.if_object();
     const json::value* const text = object == nullptr ? nullptr : object->if_contains("error");
-    throw CommandFailure("the daemon", text != nullptr && text->is_string()
-                                           ? std::string(text->as_string())
-                                           : "HTTP " + std::to_string(response.status));
+    throw DaemonRefusal(text != nullptr && text->is_string() ? std::string(text->as_string())
+                                                             : "HTTP " + std::to_string(response.status));
 }
 
 /// The number in "12" or "#1200"; nothing in what is a prefix of an info-hash or no name of a task at all.
@@ -100,11 +108,49 @@ json::value DaemonClient::send(const std::string& method, const std::string& pat
     HTTPRequest question = request(method, path, contentType, std::move(body));
     HTTPResponse response;
     try {
-        response = asio::co_spawn(pools_.io(), http_.fetch(std::move(question)), asio::use_future).get();
+        response = asio::co_spawn(asio::make_strand(pools_.io()), watched(std::move(question)), asio::use_future).get();
     } catch (const HTTPException& error) {
         tell(error);
     }
     return answerIn(response);
+}
+
+/// First, so that a daemon that hangs is given nothing that it would do later, when nobody expects it any more.
+asio::awaitable<HTTPResponse> DaemonClient::watched(HTTPRequest question) {
+    co_await greet();
+    const auto executor = co_await asio::this_coro::executor;
+    auto both = asio::experimental::make_parallel_group(
+        asio::co_spawn(executor, http_.fetch(std::move(question)), asio::deferred),
+        asio::co_spawn(executor, keepGreeting(), asio::deferred));
+    auto [order, failure, response, silence] =
+        co_await both.async_wait(asio::experimental::wait_for_one(), asio::use_awaitable);
+    const bool isSilent = order[0] == 1;
+    if (isSilent && silence) std::rethrow_exception(silence);
+    if (failure) std::rethrow_exception(failure);
+    co_return std::move(response);
+}
+
+asio::awaitable<void> DaemonClient::greet() {
+    HTTPRequest question = request("GET", "api/v1/status", "application/json", {});
+    question.totalTimeout = greetingPatience;
+    bool isSilent = false;
+    try {
+        co_await http_.fetch(std::move(question));
+    } catch (const HTTPException& error) {
+        isSilent = error.error == HTTPError::timeout;
+        if (!isSilent) throw;
+    }
+    if (isSilent)
+        throw CommandFailure("the daemon", "no answer within " + std::to_string(greetingPatience.count()) + " s");
+}
+
+asio::awaitable<void> DaemonClient::keepGreeting() {
+    asio::steady_timer timer(co_await asio::this_coro::executor);
+    for (;;) {
+        timer.expires_after(greetingPatience);
+        co_await timer.async_wait(asio::use_awaitable);
+        co_await greet();
+    }
 }
 
 asio::awaitable<json::value> DaemonClient::ask(std::string method, std::string path) {
@@ -122,6 +168,7 @@ WebSocketRequest DaemonClient::eventStream() const {
     const std::string url = daemon_.url();
     return {.url = "ws" + url.substr(url.find(':')) + "api/v1/events",
             .headers = {{"Authorization", "Bearer " + daemon_.token}},
+            .openTimeout = greetingPatience,
             .maxMessageBytes = maxAnswerBytes};
 }
 

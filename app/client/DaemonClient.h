@@ -30,7 +30,8 @@ public:
     explicit DaemonClient(const std::filesystem::path& home);
     ~DaemonClient() override;
 
-    // All that asks the daemon throws NoDaemon when it is gone.
+    // All that asks the daemon throws NoDaemon when it is gone, CommandFailure when it has answered nothing for 5 s (to
+    // another call, while it works on this one), and DaemonRefusal.
     /// `query` begins with "?": where it is to go.
     boost::json::value addTorrent(Bytes torrentData, const std::string& query);
     /// Waits until the daemon has let go of its home; false when it still has it after `limit`.
@@ -52,6 +53,10 @@ private:
                         Bytes body) const;
     boost::json::value send(const std::string& method, const std::string& path, const std::string& contentType,
                             Bytes body) override;
+
+    asio::awaitable<HTTPResponse> watched(HTTPRequest question);
+    asio::awaitable<void> greet();
+    asio::awaitable<void> keepGreeting();
 
     const std::filesystem::path home_;
     const DaemonAddress daemon_;

@@ -71,6 +71,31 @@ TEST_F(DaemonProgramTest, aDaemonThatCannotSayWhereItIsEndsCleanly) {
     EXPECT_THAT(result.err, HasSubstr("daemon.json: "));
 }
 
+TEST_F(DaemonProgramTest, commandsSayThatADaemonDoesNotAnswer) {
+    const auto server = startDaemon();
+    server->signal(SIGSTOP);
+    ProgramRun list(line({"list"}));
+    ProgramRun add(line({"add", "http://127.0.0.1:1/x"}));
+    ProgramRun watch(line({"watch", "--json"}));
+    EXPECT_EQ(list.finish().err, "skein: the daemon: no answer within 5 s\n");
+    EXPECT_EQ(add.finish().status, 1);
+    EXPECT_EQ(watch.finish(std::chrono::seconds(12)).status, 1);
+    server->signal(SIGCONT);
+    EXPECT_EQ(skein({"list", "--json"}).out, "[]\n") << "what was given up is not done later";
+}
+
+TEST_F(DaemonProgramTest, addTellsWhichSourceWasRefused) {
+    const auto server = startDaemon();
+    write("wrong.torrent", "no torrent");
+    const auto result = skein({"add", path("wrong.torrent"), "ftp://127.0.0.1/a", "http://", "magnet:?dn=x"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("skein: " + path("wrong.torrent") + ": Invalid BEncode format"));
+    EXPECT_THAT(result.err, HasSubstr("skein: ftp://127.0.0.1/a: not a magnet link, a .torrent file or an http(s)"));
+    EXPECT_THAT(result.err, HasSubstr("skein: http://: not a magnet link"));
+    EXPECT_THAT(result.err, HasSubstr("skein: magnet:?dn=x: Magnet link missing info hash"));
+    EXPECT_EQ(skein({"list", "--json"}).out, "[]\n");
+}
+
 TEST_F(DaemonProgramTest, watchSteersTasksAndLeavesTheTerminalAsItWas) {
     write("film", std::string(40'000, 'f'));
     ASSERT_EQ(skein({"create", path("film"), "-o", path("film.torrent")}).status, 0);
