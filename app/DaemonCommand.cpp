@@ -72,7 +72,7 @@ public:
         AccountRoutes account(managerHost.service(), host.account(), &managerHost.manager(),
                               [&managerHost] { managerHost.chat().accountChanged(); });
         account.addTo(api.router());
-        ChatRoutes chat(managerHost.chat(), options_.allowsLocalPeers);
+        ChatRoutes chat(managerHost.chat(), {.allowsLocalPeers = options_.allowsLocalPeers});
         chat.addTo(api.router());
         const ChatEvents chatEvents(managerHost.center(), managerHost.manager().strand());
         const RunningAPI running(api, host);

@@ -4,6 +4,7 @@
 #include "app/api/JSONBody.h"
 #include "chat/ChatFrame.h"
 #include "public/common/ErrorText.h"
+#include "public/common/Within.h"
 
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
@@ -165,13 +166,21 @@ asio::awaitable<std::vector<TalkRecord>> ChatRoutes::refreshed(HistoryWish wish)
     // The server's clock may be ahead of ours.
     const Clock::WallTime newest = chat_.host().clock().wallNow() + std::chrono::hours(24);
     const Clock::WallTime end = wish.before ? wallTimeOf(wish.before->sentAt) : newest;
-    co_await refresh(wish.partner, end, wish.limit);
+    co_await patiently(refresh(wish.partner, end, wish.limit));
     co_return co_await stored(std::move(wish));
 }
 
 asio::awaitable<std::vector<TalkRecord>> ChatRoutes::stored(HistoryWish wish) {
     std::string owner = co_await chat_.owner();
     co_return co_await chat_.talk().history(std::move(owner), std::move(wish.partner), wish.limit, wish.before);
+}
+
+asio::awaitable<void> ChatRoutes::patiently(asio::awaitable<void> work) {
+    try {
+        co_await within(chat_.host().clock(), serverPatience_, std::move(work));
+    } catch (const TimeLimitExceeded&) {
+        // The store answers.
+    }
 }
 
 /// What the server knows of the `limit` messages before `end` goes into the store, if the server is there.
@@ -208,7 +217,7 @@ asio::awaitable<HTTPServerResponse> ChatRoutes::markRead(std::string, HTTPServer
     if (!wish.until) wish.until = co_await lastTimeOf(wish.partner);
     co_await chat_.markRead(wish.partner, *wish.until);
     // The server keeps no count of a group's messages.
-    if (!wish.partner.isGroup) co_await tellRead(wish.partner.id, wallTimeOf(*wish.until));
+    if (!wish.partner.isGroup) co_await patiently(tellRead(wish.partner.id, wallTimeOf(*wish.until)));
     co_return jsonDone();
 }
 

@@ -18,9 +18,19 @@ public:
         std::optional<TalkPlace> before;
     };
 
-    /// `allowsLocalPeers`: what others name may lead into the user's own network.
-    explicit ChatRoutes(ChatHost& chat, bool allowsLocalPeers = false)
-        : chat_(chat), gate_(chat), contacts_(chat), media_(chat, allowsLocalPeers) {}
+    struct Options {
+        bool allowsLocalPeers = false;  ///< what others name may lead into the user's own network
+        /// How long an answer that the store can give waits for what the chat server knows beyond it. A server that
+        /// answers later still fills the store, and who listens to the events is told.
+        Clock::Duration serverPatience = std::chrono::milliseconds(200);
+    };
+
+    ChatRoutes(ChatHost& chat, Options options)
+        : chat_(chat),
+          serverPatience_(options.serverPatience),
+          gate_(chat),
+          contacts_(chat),
+          media_(chat, options.allowsLocalPeers) {}
 
     void addTo(Router& router);
 
@@ -41,7 +51,11 @@ private:
     asio::awaitable<std::int64_t> lastTimeOf(TalkPartner partner);
     asio::awaitable<void> tellRead(std::string user, Clock::WallTime until);
 
+    /// Awaits `work` for as long as the server is waited for; it needs no end.
+    asio::awaitable<void> patiently(asio::awaitable<void> work);
+
     ChatHost& chat_;
+    const Clock::Duration serverPatience_;
     ChatGate gate_;
     ChatContactRoutes contacts_;
     ChatMediaRoutes media_;

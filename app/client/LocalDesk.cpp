@@ -3,6 +3,7 @@
 #include "app/Command.h"
 
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/strand.hpp>
 #include <boost/asio/use_future.hpp>
 #include <boost/json/object.hpp>
 #include <boost/json/parse.hpp>
@@ -15,7 +16,7 @@ LocalDesk::LocalDesk(const std::filesystem::path& home)
       service_(host_.http(), host_.account(), host_.clock(), host_.log()),
       chat_(host_, center_),
       account_(service_, host_.account(), nullptr, [] {}),
-      chatRoutes_(chat_) {
+      chatRoutes_(chat_, {.serverPatience = chatPatience}) {
     account_.addTo(router_);
     chatRoutes_.addTo(router_);
 }
@@ -30,7 +31,7 @@ boost::json::value LocalDesk::send(const std::string& method, const std::string&
     request.headers["content-type"] = contentType;
     for (const auto& parameter : url.params()) request.query[parameter.key] = parameter.value;
     request.body = asText(body);
-    auto answered = asio::co_spawn(host_.pools().io(), router_.answer(request), asio::use_future);
+    auto answered = asio::co_spawn(asio::make_strand(host_.pools().io()), router_.answer(request), asio::use_future);
     const HTTPServerResponse response = answered.get();
     boost::json::value answer = boost::json::parse(response.body);
     if (response.status >= 200 && response.status <= 299) return answer;

@@ -8,6 +8,7 @@
 #include "app/client/APIPort.h"
 #include "service/SkeinServiceClient.h"
 
+#include <chrono>
 #include <filesystem>
 
 namespace skein {
@@ -15,6 +16,9 @@ namespace skein {
 /// Answers calls about the account and the chat in this process, while no daemon runs.
 class LocalDesk final : public APIPort {
 public:
+    /// Where nobody was connected before: for the login and the answer of the chat server, before the store's will do.
+    static constexpr std::chrono::seconds chatPatience{5};
+
     explicit LocalDesk(const std::filesystem::path& home);
 
     EngineHost& host() noexcept { return host_; }

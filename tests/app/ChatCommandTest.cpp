@@ -143,6 +143,17 @@ TEST_F(ChatCommandTest, pagesBackIntoWhatOnlyTheServerHas) {
     EXPECT_EQ(skein({"chat", "history", "bob", "--before", "yesterday"}).status, 2);
 }
 
+TEST_F(ChatCommandTest, showsWhatIsStoredWhileTheServerKeepsSilent) {
+    const auto running = startDaemon();
+    waitUntil([this] { return atServer([this] { return room.isOnline("alice"); }); });
+    chat({"send", "bob", "hello"});
+    atServer([this] { room.goSilent(true); });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(list({"history", "bob"}).size(), 1U);
+    chat({"read", "bob"});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+}
+
 TEST_F(ChatCommandTest, savesTheMediaOfAMessageBesideWhatIsThere) {
     const ProgramRun listener(line({"chat", "listen"}));
     waitUntil([this] { return atServer([this] { return room.isOnline("alice"); }); });

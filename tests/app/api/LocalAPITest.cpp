@@ -74,13 +74,24 @@ TEST_F(LocalAPITest, answersOnlyWhoHasTheTokenAndComesFromItself) {
 
 TEST_F(LocalAPITest, offersTheListAndTheCommands) {
     EXPECT_EQ(asText(ask("GET", "/api/v1/tasks").body), "[]");
-    const json::object added = objectIn(ask("POST", "/api/v1/tasks", R"({"source":"no link"})"));
-    EXPECT_EQ(added.at("errorMessage").as_string(), "Invalid URL");
+    for (const char* const other : {"no link", "ftp://127.0.0.1/a", "file:///etc/passwd", "http://", "http://a b/"}) {
+        const HTTPResponse refused = ask("POST", "/api/v1/tasks", R"({"source":")" + std::string(other) + R"("})");
+        EXPECT_EQ(refused.status, 400) << other;
+    }
+    EXPECT_TRUE(manager.tasks().empty());
+    manager.addHTTPDownload("no link");
+    const json::object added = json::parse(asText(ask("GET", "/api/v1/tasks").body)).at(0).as_object();
     EXPECT_EQ(added.at("number").as_int64(), 1);
     const std::string task = "/api/v1/tasks/" + std::string(added.at("infoHash").as_string());
     EXPECT_EQ(objectIn(ask("PATCH", task, R"({"category":"book","notes":"n"})")).at("category"), "book");
     EXPECT_EQ(objectIn(ask("GET", task)).at("notes"), "n");
-    EXPECT_EQ(ask("PATCH", task, R"({"category":"spell"})").status, 400);
+    for (const char* const half : {R"({"notes":"m","category":"spell"})", R"({"category":"video","notes":1})",
+                                   R"({"notes":"m","accelerateEnabled":"yes"})", R"({"notes":"\ud800"})"})
+        EXPECT_EQ(ask("PATCH", task, half).status, 400) << half;
+    EXPECT_EQ(objectIn(ask("GET", task)).at("category"), "book");
+    EXPECT_EQ(objectIn(ask("GET", task)).at("notes"), "n");
+    manager.setNotes(manager.tasks().front(), "\xFF\xED\xA0\x80\x01\"");
+    EXPECT_EQ(objectIn(ask("GET", task)).at("notes"), "\uFFFD\uFFFD\uFFFD\uFFFD\x01\"");
     for (const char* const nonsense : {"", "[]", "{", R"({"source":1})", "{}"})
         EXPECT_EQ(ask("POST", "/api/v1/tasks", nonsense).status, 400) << nonsense;
     EXPECT_THAT(asText(ask("POST", "/api/v1/tasks", R"({"source":"magnet:?dn=x"})").body),
@@ -137,7 +148,7 @@ TEST_F(LocalAPITest, fetchesATorrentThatIsNamedByItsAddressAndTellsWhatThereIsTo
 TEST_F(LocalAPITest, isDescribedRouteByRoute) {
     EngineHost engine(host.home.path() / "chatting", LocalBinding("127.0.0.1"));
     ChatHost chat(engine, center);
-    ChatRoutes chatRoutes(chat);
+    ChatRoutes chatRoutes(chat, {});
     chatRoutes.addTo(api.router());
     Keys offered;
     for (const Router::Route& route : api.router().routes()) offered.insert(route.method + " " + route.path);
@@ -168,6 +179,15 @@ TEST(APIGuard, letsInWhoHasTheTokenAndAsksForUsByAddressOrAsLocalhost) {
                                     "[192.168.1.5]:7070", "[]:7070", ":7070", ""})
         EXPECT_EQ(statusFor(wrong), 403) << wrong;
     EXPECT_EQ(statusFor("192.168.1.5:7070", "http://192.168.1.5:7070"), 200);
+    const auto isLetInByQuery = [&](const char* path, bool isUpgrade) {
+        return !guard.refusalOf({.path = path,
+                                 .query = {{"token", "secret"}},
+                                 .headers = {{"host", "localhost:7070"}},
+                                 .isUpgrade = isUpgrade});
+    };
+    EXPECT_TRUE(isLetInByQuery("/api/v1/events", true));
+    EXPECT_FALSE(isLetInByQuery("/api/v1/events", false));
+    EXPECT_FALSE(isLetInByQuery("/api/v1/tasks", true));
     EXPECT_EQ(statusFor("192.168.1.5:7070", "http://192.168.1.6:7070"), 403);
     const APIGuard loopback("secret", "127.0.0.1", 7070);
     EXPECT_TRUE(loopback.refusalOf({.headers = {{"authorization", "Bearer secret"}, {"host", "192.168.1.5:7070"}}}));
