@@ -6,7 +6,10 @@
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 
+#include <cstdint>
 #include <iostream>
+#include <string>
+#include <utility>
 
 namespace skein {
 
@@ -25,7 +28,9 @@ public:
 
 protected:
     int talk(DaemonClient& daemon) override {
-        const json::value task = daemon.get("api/v1/tasks/" + daemon.resolve({task_}).front());
+        const std::string path = "api/v1/tasks/" + daemon.resolve({task_}).front();
+        json::value task = daemon.get(path);
+        addFiles(daemon, path + "/files?offset=", task.as_object());
         if (isJSON_) {
             std::cout << plainJSON(task) << std::endl;
         } else {
@@ -35,6 +40,17 @@ protected:
     }
 
 private:
+    /// Those beyond the first page, which came with the task.
+    static void addFiles(DaemonClient& daemon, const std::string& path, json::object& task) {
+        json::array& files = task.at("files").as_array();
+        while (std::cmp_less(files.size(), task.at("fileCount").to_number<std::int64_t>())) {
+            const json::value page = daemon.get(path + std::to_string(files.size()));
+            const json::array& more = page.at("files").as_array();
+            if (more.empty()) break;  // the list has changed meanwhile
+            files.insert(files.end(), more.begin(), more.end());
+        }
+    }
+
     std::string task_;
     bool isJSON_ = false;
 };

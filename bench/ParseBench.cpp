@@ -23,7 +23,7 @@ Bytes torrentOfPieces(std::int64_t count) {
 Bytes torrentOfFiles(std::int64_t count) {
     TorrentMetaInfo torrent{.name = "many files", .pieceLength = 1 << 20, .pieces = Bytes(sha1Length * 1'000)};
     for (std::int64_t i = 0; i < count; ++i)
-        torrent.files.push_back(
+        torrent.files.edit().push_back(
             {"many files/folder " + std::to_string(i / 100) + "/file " + std::to_string(i), 5'000, 0});
     return TorrentWriter::write(torrent);
 }

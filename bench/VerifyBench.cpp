@@ -35,7 +35,7 @@ public:
         metaInfo.totalSize = totalSize;
         const std::int64_t fileSize = totalSize / fileCount;
         for (int i = 0; i < fileCount; ++i)
-            metaInfo.files.push_back({"t/" + std::to_string(i), fileSize, i * fileSize});
+            metaInfo.files.edit().push_back({"t/" + std::to_string(i), fileSize, i * fileSize});
         storage = std::make_unique<TorrentStorage>(TorrentLayout(unhashed()), environmentIn(folder));
         storage->survey(0, metaInfo.files.size());
         const PieceSet none(metaInfo.pieceCount());
@@ -127,7 +127,7 @@ void verifyFresh(benchmark::State& state) {
         metaInfo.totalSize = 100 * 1024 * mebibyte;
         const std::int64_t fileSize = metaInfo.totalSize / state.range(1);
         for (int i = 0; i < state.range(1); ++i)
-            metaInfo.files.push_back({"t/" + std::to_string(i), fileSize, i * fileSize});
+            metaInfo.files.edit().push_back({"t/" + std::to_string(i), fileSize, i * fileSize});
         metaInfo.totalSize = fileSize * state.range(1);
         const std::int64_t pieces = (metaInfo.totalSize + metaInfo.pieceLength - 1) / metaInfo.pieceLength;
         metaInfo.pieces.resize(static_cast<std::size_t>(pieces) * sha1Length);

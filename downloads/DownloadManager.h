@@ -103,8 +103,17 @@ public:
     /// Asks every running torrent session to drop peers.
     asio::awaitable<void> shedAllSessionsPeers(std::string reason);
 
-    /// The task's files, in their order, as they lie on the disk.
-    asio::awaitable<std::vector<TaskFiles::Place>> placesOf(Task task);
+    /// The task's files. The list of one that has not run since the start is read first where it is too long to be
+    /// saved with the task; empty while the torrent's is not known.
+    asio::awaitable<FileList> filesOf(Task task);
+    /// A file as it lies on the disk.
+    struct PlacedFile {
+        TorrentFileInfo file;
+        double progress = 0;  ///< 0 to 1
+        TaskFiles::Place place;
+    };
+    /// Of the task's files, in their order, at most `count` from `first` on.
+    asio::awaitable<std::vector<PlacedFile>> placesOf(Task task, std::size_t first, std::size_t count);
 
     // The account at the resource service, whose figures are published as CreditChanged.
     const CreditFigures& credit() const noexcept { return heartbeat_.figures(); }

@@ -1,6 +1,7 @@
 // What the manager is told to do with a task.
 
 #include "Core/formats/MagnetParser.h"
+#include "Core/formats/TorrentParser.h"
 #include "downloads/ControlMessage.h"
 #include "downloads/DownloadManager.h"
 #include "downloads/TaskListChanged.h"
@@ -173,13 +174,39 @@ asio::awaitable<void> DownloadManager::recheck(Task task) {
 
 // --- the files -------------------------------------------------------------------------------------------------------
 
-asio::awaitable<std::vector<TaskFiles::Place>> DownloadManager::placesOf(Task task) {
-    std::vector<double> progress;
-    for (const TorrentFileInfo& file : task->files()) progress.push_back(task->fileProgress(file));
-    auto look = [files = task->filesIn(task->folder()), progress = std::move(progress)] {
-        return files.places(progress);
+asio::awaitable<FileList> DownloadManager::filesOf(Task task) {
+    const bool isKnown = !task->files().empty() || task->downloadType != DownloadType::torrent;
+    if (isKnown || task->totalSize() == 0) co_return task->files();
+    const SHA1Digest key = TaskTargets::keyOf(*task);
+    const TaskPlace place = co_await targets_.placeOf(key);
+    auto read = [this, key, &place, name = task->name()] {
+        try {
+            const auto data = archive_.torrent(key, place.folder, name);
+            if (!data) return FileList();
+            const TorrentMetaInfo metaInfo = TorrentParser::parse(*data);
+            return place.topName.empty() ? metaInfo.files : metaInfo.storedAs(place.topName).files;
+        } catch (const std::exception& error) {
+            environment_.log.warning("[Manager] the list of files of ", name, " cannot be read: ", textOf(error));
+            return FileList();
+        }
     };
-    co_return co_await runOn(environment_.disk, std::move(look));
+    FileList files = co_await runOn(environment_.disk, std::move(read));
+    if (task->files().empty()) task->files.set(std::move(files));
+    co_return task->files();
+}
+
+asio::awaitable<std::vector<DownloadManager::PlacedFile>> DownloadManager::placesOf(Task task, std::size_t first,
+                                                                                    std::size_t count) {
+    const FileList files = co_await filesOf(task);
+    const std::size_t begin = std::min(first, files.size());
+    const std::size_t end = begin + std::min(count, files.size() - begin);
+    std::vector<double> progress;
+    for (std::size_t i = begin; i < end; ++i) progress.push_back(task->fileProgress(files[i]));
+    auto look = [on = task->filesIn(task->folder()), begin, progress] { return on.places(begin, progress); };
+    const std::vector<TaskFiles::Place> places = co_await runOn(environment_.disk, std::move(look));
+    std::vector<PlacedFile> placed;
+    for (std::size_t i = begin; i < end; ++i) placed.push_back({files[i], progress[i - begin], places[i - begin]});
+    co_return placed;
 }
 
 // --- download again, and remove --------------------------------------------------------------------------------------
@@ -208,7 +235,8 @@ asio::awaitable<void> DownloadManager::clearDownloaded(Task task) {
     const SHA1Digest key = TaskTargets::keyOf(*task);
     const auto target = co_await targets_.take(key, TaskTargets::Purpose::remove);
     if (task->downloadType == DownloadType::http) co_await sessions_.clearHTTPDownload(task, target->place.folder);
-    const TaskFiles files(target->place.folder, task->files());
+    const FileList list = co_await filesOf(task);
+    const TaskFiles files(target->place.folder, list);
     auto clear = [this, key, &files] {
         archive_.forgetResumeRecord(key);
         return files.remove(environment_.claims.claimsOf(key));
@@ -257,7 +285,10 @@ asio::awaitable<void> DownloadManager::deleteTraces(Task task, const TaskTargets
     const bool isTorrent = task->downloadType == DownloadType::torrent;
     if (!isTorrent && target != nullptr) co_await sessions_.clearHTTPDownload(task, target->place.folder);
     std::optional<TaskFiles> files;
-    if (deleteFiles && target != nullptr) files.emplace(target->place.folder, task->files());
+    if (deleteFiles && target != nullptr) {
+        FileList list = co_await filesOf(task);
+        files.emplace(target->place.folder, std::move(list));
+    }
     auto clear = [this, key = TaskTargets::keyOf(*task), isTorrent, files] {
         if (isTorrent) archive_.forget(key);
         auto removal = files ? files->remove(environment_.claims.claimsOf(key)) : TaskFiles::Removal();

@@ -23,7 +23,7 @@ SavedTask SavedTask::of(const TorrentTask& task) {
             .status = std::string(textOf(task.isFinished() ? TaskStatus::completed : task.status())),
             .totalSize = task.totalSize(),
             .progress = fraction(task.progress()),
-            .files = task.files(),
+            .files = task.files().size() <= mostFiles ? std::optional(task.files()) : std::nullopt,
             .category = std::string(textOf(task.category())),
             .notes = task.notes(),
             .downloadURL = task.downloadURL,

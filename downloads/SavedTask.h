@@ -1,8 +1,9 @@
 #pragma once
 
-#include "downloads/FileList.h"
+#include "Core/formats/FileList.h"
 #include "public/common/Clock.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -17,6 +18,9 @@ class TorrentTask;
 /// The durable part of a task, as `tasks.json` holds it. The fields bear the names of its keys.
 struct SavedTask {
     using Text = std::optional<std::string>;
+
+    /// Longer lists are not saved, for every save writes all of it again: they are in the saved `.torrent`.
+    static constexpr std::size_t mostFiles = 1000;
 
     std::string infoHash;
     std::string name;

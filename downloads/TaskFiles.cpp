@@ -133,11 +133,11 @@ bool TaskFiles::isFileAvailable(const TorrentFileInfo& file, double progress) co
     return progress >= 1.0 && path && fs::is_regular_file(*path, ignored);
 }
 
-std::vector<TaskFiles::Place> TaskFiles::places(const std::vector<double>& progress) const {
+std::vector<TaskFiles::Place> TaskFiles::places(std::size_t first, const std::vector<double>& progress) const {
     std::vector<Place> places;
-    places.reserve(files_.size());
-    for (const TorrentFileInfo& file : files_)
-        places.push_back({fileURL(file), isFileAvailable(file, progress[places.size()])});
+    places.reserve(progress.size());
+    for (std::size_t i = 0; i < progress.size() && first + i < files_.size(); ++i)
+        places.push_back({fileURL(files_[first + i]), isFileAvailable(files_[first + i], progress[i])});
     return places;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Core/engine/FileClaims.h"
-#include "downloads/FileList.h"
+#include "Core/formats/FileList.h"
 
 #include <cstddef>
 #include <filesystem>
@@ -32,8 +32,8 @@ public:
         std::optional<std::filesystem::path> url;  ///< as `fileURL` says
         bool isAvailable = false;
     };
-    /// Of every file, in their order, of which `progress` says what `TorrentTask::fileProgress` does.
-    std::vector<Place> places(const std::vector<double>& progress) const;
+    /// Of the files from `first` on, in their order, of which `progress` says what `TorrentTask::fileProgress` does.
+    std::vector<Place> places(std::size_t first, const std::vector<double>& progress) const;
 
     struct Removal {
         std::size_t files = 0;    ///< that were deleted

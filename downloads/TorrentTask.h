@@ -2,8 +2,8 @@
 
 #include "Core/discovery/TrackerRuntimeInfo.h"
 #include "Core/engine/StallReason.h"
+#include "Core/formats/FileList.h"
 #include "downloads/DownloadType.h"
-#include "downloads/FileList.h"
 #include "downloads/Observed.h"
 #include "downloads/PeerDetailStore.h"
 #include "downloads/ResearchCategory.h"

@@ -15,23 +15,33 @@ void roundTrip(ByteView data) {
     check(BEncoder::encode(again.value) == encoded);
 }
 
-/// The bytes that are hashed are those that the value was read from.
-void infoRange(ByteView data) {
-    const auto [value, range] = BEncoder::decodeWithInfoRange(data);
-    check(value == BEncoder::decode(data));
-    check(range.has_value() == (value["info"] != nullptr));
-    if (!range) return;
-    check(range->begin < range->end && range->end <= data.size());
-    const auto info = BEncoder::decodeWithConsumedLength(data.subspan(range->begin, range->end - range->begin));
-    check(info.consumed == range->end - range->begin);
-    check(info.value == *value["info"]);
+/// The bytes that are hashed are those that the value was read from, and a list of files that is read one by one is the
+/// one that would have been decoded.
+void outline(ByteView data) {
+    const auto [value, info, files, consumed] = BEncoder::outlineOfTorrent(data);
+    check(info.has_value() == (value["info"] != nullptr));
+    if (!info) return;
+    check(info->begin < info->end && info->end <= consumed && consumed <= data.size());
+    const ByteView infoData = data.subspan(info->begin, info->end - info->begin);
+    const auto bare = BEncoder::outlineOfInfo(infoData);
+    check(bare.consumed == infoData.size() && bare.value == *value["info"]);
+    check(bare.files.has_value() == files.has_value());
+    const auto whole = BEncoder::decode(infoData);
+    const BEncodeValue::List* const list = whole.listAt("files");
+    check(files.has_value() == (list != nullptr));
+    if (!files) return;
+    check(files->count == list->size());
+    auto expected = list->begin();
+    BEncoder::forEachElement(data.subspan(files->range.begin, files->range.end - files->range.begin),
+                             [&](const BEncodeValue& element) { check(element == *expected++); });
+    check(expected == list->end());
 }
 
 }  // namespace
 }  // namespace skein
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    for (const auto property : {skein::roundTrip, skein::infoRange}) {
+    for (const auto property : {skein::roundTrip, skein::outline}) {
         try {
             property({data, size});
         } catch (const skein::BEncodeException& failure) {

@@ -18,7 +18,7 @@ void use(const TorrentMetaInfo& torrent) {
 /// A file whose info dictionary was read from other bytes than those that were hashed would not parse so.
 TorrentMetaInfo parseTwice(ByteView file) {
     TorrentMetaInfo torrent = TorrentParser::parse(file);
-    const auto range = BEncoder::decodeWithInfoRange(file).infoRange;
+    const auto range = BEncoder::outlineOfTorrent(file).info;
     const ByteView info = file.subspan(range->begin, range->end - range->begin);
     const TorrentMetaInfo bare = TorrentParser::parse(info, torrent.infoHash);
     check(bare.pieceLength == torrent.pieceLength && bare.pieces == torrent.pieces);

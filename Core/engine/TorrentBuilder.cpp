@@ -196,13 +196,14 @@ void TorrentBuilder::listFolder(const fs::path& source, const fs::path& leftOut)
 
 void TorrentBuilder::addFile(std::string path, std::uintmax_t sizeBytes) {
     if (!isValidUTF8(asBytes(path))) throw TorrentBuildException(TorrentBuildError::nameIsNotText, path);
-    torrent_.files.push_back({std::move(path), static_cast<std::int64_t>(sizeBytes), 0});
+    torrent_.files.edit().push_back({std::move(path), static_cast<std::int64_t>(sizeBytes), 0});
 }
 
 void TorrentBuilder::layOut() {
-    std::sort(torrent_.files.begin(), torrent_.files.end(),
+    FileList::Files& files = torrent_.files.edit();
+    std::sort(files.begin(), files.end(),
               [](const TorrentFileInfo& left, const TorrentFileInfo& right) { return left.path < right.path; });
-    for (TorrentFileInfo& file : torrent_.files) {
+    for (TorrentFileInfo& file : files) {
         file.offset = torrent_.totalSize;
         // Sparse files may be larger together than any number of pieces.
         if (__builtin_add_overflow(torrent_.totalSize, file.size, &torrent_.totalSize))

@@ -16,7 +16,7 @@ constexpr std::size_t maxNameBytes = 240;
 }  // namespace
 
 std::optional<std::string> faultOf(ByteView data) {
-    const BEncodeValue value = BEncoder::decode(data);
+    const BEncodeValue value = BEncoder::outlineOfTorrent(data).value;
     if (value.kind() != BEncodeValue::Kind::dictionary) return "Torrent file is not a dictionary";
     if (value["info"] == nullptr) return "Torrent file has no 'info' key";
     return std::nullopt;
@@ -34,7 +34,7 @@ Saved save(const std::filesystem::path& folder, std::string_view name, ByteView 
 }
 
 Bytes infoDataOf(ByteView data) {
-    const auto range = BEncoder::decodeWithInfoRange(data).infoRange;
+    const auto range = BEncoder::outlineOfTorrent(data).info;
     if (!range) return {};
     const ByteView info = data.subspan(range->begin, range->end - range->begin);
     return {info.begin(), info.end()};

@@ -42,20 +42,38 @@ public:
         }
     }
 
-    /// The value, and where it holds the value of the key `info`: of a key that stands twice the first, as in
-    /// `BEncodeValue::operator[]`.
-    DecodedTorrent torrent() {
-        if (next() != 'd') return {value(), std::nullopt};
-        DecodedTorrent decoded;
-        BEncodeValue::Dictionary entries;
-        for (enter(0); !atEndOfContainer();) {
-            std::string name(asText(string()));
-            const std::size_t begin = index_;
-            entries.emplace_back(std::move(name), value(1));
-            if (entries.back().first == "info" && !decoded.infoRange) decoded.infoRange = ByteRange{begin, index_};
+    TorrentOutline torrent() {
+        TorrentOutline outline;
+        if (next() == 'd') {
+            BEncodeValue::Dictionary entries;
+            for (enter(0); !atEndOfContainer();) {
+                std::string name(asText(string()));
+                // Of a key that stands twice the first counts, as in `BEncodeValue::operator[]`.
+                const bool isInfo = name == "info" && !outline.info;
+                const std::size_t begin = index_;
+                add(entries, std::move(name), isInfo ? info(1, outline) : value(1));
+                if (isInfo) outline.info = ByteRange{begin, index_};
+            }
+            outline.value = std::move(entries);
+        } else {
+            outline.value = value();
         }
-        decoded.value = std::move(entries);
-        return decoded;
+        outline.consumed = index_;
+        return outline;
+    }
+
+    TorrentOutline bareInfo() {
+        TorrentOutline outline;
+        outline.value = info(0, outline);
+        outline.info = ByteRange{0, index_};
+        outline.consumed = index_;
+        return outline;
+    }
+
+    template <class Visit>
+    void elements(Visit visit) {
+        const std::size_t allowed = leftBytes_;
+        for (enter(0); !atEndOfContainer(); leftBytes_ = allowed) visit(value(1));  // one is held at a time
     }
 
 private:
@@ -112,7 +130,11 @@ private:
 
     BEncodeValue list(int depth) {
         BEncodeValue::List elements;
-        for (enter(depth); !atEndOfContainer();) elements.push_back(value(depth + 1));
+        for (enter(depth); !atEndOfContainer();) {
+            // Twice, as a list that grows is held twice.
+            take(2 * sizeof(BEncodeValue));
+            elements.push_back(value(depth + 1));
+        }
         return elements;
     }
 
@@ -120,13 +142,70 @@ private:
         BEncodeValue::Dictionary entries;
         for (enter(depth); !atEndOfContainer();) {
             std::string name(asText(string()));
-            entries.emplace_back(std::move(name), value(depth + 1));
+            add(entries, std::move(name), value(depth + 1));
         }
         return entries;
     }
 
+    void add(BEncodeValue::Dictionary& entries, std::string name, BEncodeValue value) {
+        take(2 * sizeof(BEncodeValue::Dictionary::value_type));
+        entries.emplace_back(std::move(name), std::move(value));
+    }
+
+    /// The value at the key `info`, and in `outline` where its files are.
+    BEncodeValue info(int depth, TorrentOutline& outline) {
+        if (next() != 'd') return value(depth);
+        BEncodeValue::Dictionary entries;
+        bool hasFiles = false;
+        for (enter(depth); !atEndOfContainer();) {
+            std::string name(asText(string()));
+            const bool isFiles = name == "files" && !std::exchange(hasFiles, hasFiles || name == "files");
+            if (isFiles && next() == 'l') {
+                const std::size_t begin = index_;
+                const std::size_t count = skipList(depth + 1);
+                outline.files = {{begin, index_}, count};
+            } else if (name == "file tree") {
+                skip(depth + 1);
+                add(entries, std::move(name), {});
+            } else {
+                add(entries, std::move(name), value(depth + 1));
+            }
+        }
+        return entries;
+    }
+
+    /// As `value`, of which nothing is kept.
+    void skip(int depth) {
+        switch (next()) {
+            case 'i': integer(); break;
+            case 'l': skipList(depth); break;
+            case 'd':
+                for (enter(depth); !atEndOfContainer();) {
+                    string();
+                    skip(depth + 1);
+                }
+                break;
+            default: string();
+        }
+    }
+
+    /// How many elements it had.
+    std::size_t skipList(int depth) {
+        std::size_t count = 0;
+        for (enter(depth); !atEndOfContainer(); ++count) skip(depth + 1);
+        return count;
+    }
+
+    /// Before so much memory is used.
+    void take(std::size_t bytes) {
+        if (bytes > leftBytes_)
+            throw BEncodeException(BEncodeError::invalidFormat, "Too many values for so little data");
+        leftBytes_ -= bytes;
+    }
+
     const ByteView data_;
     std::size_t index_ = 0;
+    std::size_t leftBytes_ = std::max(freeBytes, maxGrowth* data_.size());  // that may still be used
 };
 
 template <class Number>
@@ -183,7 +262,12 @@ DecodedPrefix decodeWithConsumedLength(ByteView data) {
     return {std::move(value), reader.index()};
 }
 
-DecodedTorrent decodeWithInfoRange(ByteView data) { return Reader(data).torrent(); }
+TorrentOutline outlineOfTorrent(ByteView data) { return Reader(data).torrent(); }
+TorrentOutline outlineOfInfo(ByteView data) { return Reader(data).bareInfo(); }
+
+void forEachElement(ByteView list, const std::function<void(const BEncodeValue& element)>& visit) {
+    Reader(list).elements(visit);
+}
 
 Bytes encode(const BEncodeValue& value) {
     Bytes bytes;

@@ -126,7 +126,7 @@ std::int64_t TorrentMetaInfo::pieceSize(int index) const noexcept {
 
 TorrentMetaInfo TorrentMetaInfo::storedAs(const std::string& top) const {
     TorrentMetaInfo renamed = *this;
-    for (TorrentFileInfo& file : renamed.files)
+    for (TorrentFileInfo& file : renamed.files.edit())
         if (file.path.starts_with(name)) file.path.replace(0, name.size(), top);
     return renamed;
 }

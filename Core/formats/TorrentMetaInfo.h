@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/formats/FileList.h"
 #include "public/common/Bytes.h"
 #include "public/common/SHA1.h"
 
@@ -12,15 +13,6 @@
 
 namespace skein {
 
-/// One file of a torrent.
-struct TorrentFileInfo {
-    std::string path;         ///< relative, "/" between components, the torrent's name first; as given, not yet safe
-    std::int64_t size = 0;    ///< bytes
-    std::int64_t offset = 0;  ///< of its first byte in the torrent's byte stream
-
-    friend bool operator==(const TorrentFileInfo&, const TorrentFileInfo&) = default;
-};
-
 /// The immutable description of a torrent. Source: BEP 3, BEP 12 (tiers), BEP 27 (private).
 ///
 /// Holds what the torrent says, unchecked: storage refuses what it cannot keep safely.
@@ -31,7 +23,7 @@ struct TorrentMetaInfo {
     std::int64_t pieceLength = 0;  ///< bytes; may be anything the torrent says, 0 and negative included
     Bytes pieces;                  ///< 20 bytes a piece
     std::int64_t totalSize = 0;    ///< bytes
-    std::vector<TorrentFileInfo> files;
+    FileList files;
     bool isPrivate = false;
     std::optional<std::chrono::sys_seconds> creationDate;
     std::optional<std::string> comment;

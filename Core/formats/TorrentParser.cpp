@@ -4,6 +4,7 @@
 #include "Core/formats/TextDecoder.h"
 #include "Core/formats/TorrentPaths.h"
 
+#include <algorithm>
 #include <limits>
 #include <optional>
 #include <string>
@@ -32,6 +33,9 @@ std::int64_t saturatingSum(std::int64_t left, std::int64_t right) noexcept {
 /// Every path repeats the torrent's name, so a long name and many files would grow beyond all proportion.
 constexpr std::size_t maxPathBytes = std::size_t{256} << 20U;
 
+/// Bytes of a file's entry, at least: "d6:lengthi0e4:pathlee".
+constexpr std::size_t shortestFile = 22;
+
 /// Nothing when there is none.
 std::optional<std::string> readText(const TextDecoder& decoder, std::optional<ByteView> bytes) {
     if (!bytes) return std::nullopt;
@@ -45,26 +49,37 @@ std::string readName(const TextDecoder& decoder, const BEncodeValue& info) {
     return decoder.decode(name);
 }
 
-void addFile(TorrentMetaInfo& torrent, std::string path, std::int64_t size) {
-    torrent.files.push_back({std::move(path), size, torrent.totalSize});
-    torrent.totalSize = saturatingSum(torrent.totalSize, size);
-}
+/// Where a torrent's description is in its bytes.
+struct Source {
+    const BEncodeValue& root;
+    const BEncodeValue& info;
+    std::optional<BEncoder::TorrentOutline::List> files;
+    ByteView data;  ///< in which `files` is
+};
 
-void readFiles(TorrentMetaInfo& torrent, const TextDecoder& decoder, const BEncodeValue& info) {
-    const BEncodeValue::List* files = info.listAt("files");
-    if (files == nullptr) {
-        addFile(torrent, torrent.name, required(info.intAt("length"), "length or files"));
+void readFiles(TorrentMetaInfo& torrent, const TextDecoder& decoder, const Source& source) {
+    FileList::Files files;
+    const auto addFile = [&](std::string path, std::int64_t size) {
+        files.push_back({std::move(path), size, torrent.totalSize});
+        torrent.totalSize = saturatingSum(torrent.totalSize, size);
+    };
+    if (!source.files) {
+        addFile(torrent.name, required(source.info.intAt("length"), "length or files"));
+        torrent.files = std::move(files);
         return;
     }
-    torrent.files.reserve(files->size());
-    TorrentPaths paths(decoder, *files);
+    const auto [range, count] = *source.files;
+    const ByteView list = source.data.subspan(range.begin, range.end - range.begin);
+    files.reserve(std::min(count, list.size() / shortestFile));
+    TorrentPaths paths(decoder, list);
     std::size_t pathBytes = 0;
-    for (const BEncodeValue& file : *files) {
+    BEncoder::forEachElement(list, [&](const BEncodeValue& file) {
         const std::int64_t size = required(file.intAt("length"), "file length");
-        addFile(torrent, torrent.name + required(paths.read(file), "file path"), size);
-        pathBytes += torrent.files.back().path.size();
+        addFile(torrent.name + required(paths.read(file), "file path"), size);
+        pathBytes += files.back().path.size();
         if (pathBytes > maxPathBytes) throw TorrentParseException(TorrentParseError::invalidData);
-    }
+    });
+    torrent.files = std::move(files);
 }
 
 std::vector<std::vector<std::string>> readTrackers(const BEncodeValue& root) {
@@ -89,7 +104,9 @@ void refuseOtherVersions(const BEncodeValue& info) {
     if (isVersion2 && info["pieces"] == nullptr) throw TorrentParseException(TorrentParseError::unsupportedVersion);
 }
 
-TorrentMetaInfo parseInfo(const SHA1Digest& infoHash, const BEncodeValue& root, const BEncodeValue& info) {
+TorrentMetaInfo parseInfo(const SHA1Digest& infoHash, const Source& source) {
+    const BEncodeValue& root = source.root;
+    const BEncodeValue& info = source.info;
     refuseOtherVersions(info);
     const TextDecoder decoder(root.stringAt("encoding").value_or(std::string_view()));
     TorrentMetaInfo torrent;
@@ -99,7 +116,7 @@ TorrentMetaInfo parseInfo(const SHA1Digest& infoHash, const BEncodeValue& root, 
     torrent.pieceLength = required(info.intAt("piece length"), "piece length");
     const ByteView pieces = required(info.dataAt("pieces"), "pieces");
     torrent.pieces.assign(pieces.begin(), pieces.end());
-    readFiles(torrent, decoder, info);
+    readFiles(torrent, decoder, source);
     torrent.announceList = readTrackers(root);
     torrent.isPrivate = info.intAt("private") == 1;
     if (const auto date = root.intAt("creation date")) torrent.creationDate.emplace(std::chrono::seconds(*date));
@@ -111,18 +128,19 @@ TorrentMetaInfo parseInfo(const SHA1Digest& infoHash, const BEncodeValue& root, 
 }  // namespace
 
 TorrentMetaInfo parse(ByteView data) {
-    const auto [root, infoRange] = BEncoder::decodeWithInfoRange(data);
-    if (!infoRange) throw TorrentParseException(TorrentParseError::invalidData);
-    const SHA1Digest infoHash = sha1(data.subspan(infoRange->begin, infoRange->end - infoRange->begin));
-    return parseInfo(infoHash, root, *root["info"]);
+    const BEncoder::TorrentOutline outline = BEncoder::outlineOfTorrent(data);
+    if (!outline.info) throw TorrentParseException(TorrentParseError::invalidData);
+    const auto [begin, end] = *outline.info;
+    return parseInfo(sha1(data.subspan(begin, end - begin)),
+                     {outline.value, *outline.value["info"], outline.files, data});
 }
 
 TorrentMetaInfo parse(ByteView infoData, const SHA1Digest& expectedInfoHash) {
-    const auto [info, consumed] = BEncoder::decodeWithConsumedLength(infoData);
+    const BEncoder::TorrentOutline outline = BEncoder::outlineOfInfo(infoData);
     if (sha1(infoData) != expectedInfoHash) throw TorrentParseException(TorrentParseError::invalidInfoHash);
     // Inside of a file the bytes that follow would not belong to the dictionary: its hash would be another one there.
-    if (consumed != infoData.size()) throw TorrentParseException(TorrentParseError::invalidData);
-    return parseInfo(expectedInfoHash, info, info);
+    if (outline.consumed != infoData.size()) throw TorrentParseException(TorrentParseError::invalidData);
+    return parseInfo(expectedInfoHash, {outline.value, outline.value, outline.files, infoData});
 }
 
 }  // namespace skein::TorrentParser

@@ -1,5 +1,7 @@
 #include "Core/formats/TorrentPaths.h"
 
+#include "Core/formats/BEncoder.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -42,15 +44,17 @@ std::optional<std::string> TorrentPaths::read(const BEncodeValue& file) {
 }
 
 void TorrentPaths::noteNamesInUTF8() {
-    for (const BEncodeValue& file : files_) {
-        for (const std::string_view form : {std::string_view("path"), secondForm}) {
-            const BEncodeValue::List* const path = file.listAt(form);
-            if (path == nullptr) continue;
-            for (const BEncodeValue& component : *path)
-                if (const auto text = component.stringValue()) takenComponents_.emplace(*text);
-            if (form == secondForm) continue;
-            if (std::string text = joined(*path); isUTF8(text)) takenPaths_.insert(std::move(text));
-        }
+    BEncoder::forEachElement(files_, [this](const BEncodeValue& file) { noteNamesOf(file); });
+}
+
+void TorrentPaths::noteNamesOf(const BEncodeValue& file) {
+    for (const std::string_view form : {std::string_view("path"), secondForm}) {
+        const BEncodeValue::List* const path = file.listAt(form);
+        if (path == nullptr) continue;
+        for (const BEncodeValue& component : *path)
+            if (const auto text = component.stringValue()) takenComponents_.emplace(*text);
+        if (form == secondForm) continue;
+        if (std::string text = joined(*path); isUTF8(text)) takenPaths_.insert(std::move(text));
     }
 }
 

@@ -16,10 +16,11 @@ namespace skein {
 ///
 /// A path in UTF-8 is taken as it is. For another one the torrent may give a second form, `path.utf-8`; else its
 /// components are decoded, and one that then looks like another name of the torrent gets a number: "a (2).txt".
-/// Not locked. `decoder` and `files` outlive it.
+/// Not locked. `decoder` and the bytes of `files` outlive it.
 class TorrentPaths {
 public:
-    TorrentPaths(const TextDecoder& decoder, const BEncodeValue::List& files) : decoder_(decoder), files_(files) {}
+    /// `files` is the bencoded list of all files.
+    TorrentPaths(const TextDecoder& decoder, ByteView files) : decoder_(decoder), files_(files) {}
 
     /// The components of a file's path, a "/" before each; those that are no strings are left out. `file` is one of
     /// `files`. Nothing when it has no path.
@@ -29,9 +30,10 @@ private:
     std::string decoded(const BEncodeValue::List& path);
     const std::string& decodedComponent(std::string_view bytes);
     void noteNamesInUTF8();
+    void noteNamesOf(const BEncodeValue& file);
 
     const TextDecoder& decoder_;
-    const BEncodeValue::List& files_;
+    const ByteView files_;
     // All empty while every path is in UTF-8.
     bool hasNoted_ = false;
     std::unordered_set<std::string> takenPaths_;

@@ -12,6 +12,7 @@
 #include <boost/json/parse.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <stdexcept>
 
 namespace skein {
@@ -30,6 +31,17 @@ std::string bitmapText(const std::vector<bool>& bitmap) {
     return text;
 }
 
+/// Throws std::runtime_error for what is no number.
+std::size_t numberIn(HTTPServerRequest& request, const std::string& name, std::size_t unset) {
+    const std::string& text = request.query[name];
+    if (text.empty()) return unset;
+    std::size_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size())
+        throw std::runtime_error(name + " is no number: " + text);
+    return number;
+}
+
 json::value textOrNull(const TorrentTask::Text& text) { return text ? json::value(*text) : json::value(nullptr); }
 
 json::array tiersOf(const TorrentTask& task) {
@@ -39,26 +51,26 @@ json::array tiersOf(const TorrentTask& task) {
     return tiers;
 }
 
-json::object detailsOf(const TorrentTask& task, const std::vector<TaskFiles::Place>& places) {
+json::array rowsOf(const std::vector<DownloadManager::PlacedFile>& files) {
+    json::array rows;
+    for (const auto& [file, progress, place] : files)
+        rows.push_back(json::object{{"path", file.path},
+                                    {"size", file.size},
+                                    {"offset", file.offset},
+                                    {"progress", progress},
+                                    {"location", place.url ? json::value(place.url->string()) : json::value(nullptr)},
+                                    {"isAvailable", place.isAvailable}});
+    return rows;
+}
+
+json::object detailsOf(const TorrentTask& task, const std::vector<DownloadManager::PlacedFile>& files) {
     json::object details = taskAsObject(task);
-    json::array files;
-    auto place = places.begin();
-    for (const TorrentFileInfo& file : task.files()) {
-        json::object row{{"path", file.path},     {"size", file.size},
-                         {"offset", file.offset}, {"progress", task.fileProgress(file)},
-                         {"location", nullptr},   {"isAvailable", false}};
-        if (place != places.end()) {
-            if (place->url) row["location"] = place->url->string();
-            row["isAvailable"] = place->isAvailable;
-            ++place;
-        }
-        files.push_back(std::move(row));
-    }
     json::array peers;
     for (const PeerRuntimeInfo& peer : task.peerDetails()) peers.push_back(toJSON(peer));
     json::array trackers;
     for (const TrackerRuntimeInfo& tracker : task.trackerDetails()) trackers.push_back(toJSON(tracker));
-    details["files"] = std::move(files);
+    details["files"] = rowsOf(files);
+    details["fileCount"] = task.files().size();
     details["peers"] = std::move(peers);
     details["trackers"] = std::move(trackers);
     details["pieceLength"] = task.pieceLength();
@@ -84,6 +96,7 @@ void TaskRoutes::addTo(Router& router) {
     router.add("GET", "/api/v1/tasks", this, &TaskRoutes::list);
     router.add("POST", "/api/v1/tasks", this, &TaskRoutes::add);
     router.add("GET", "/api/v1/tasks/{task}", this, &TaskRoutes::show);
+    router.add("GET", "/api/v1/tasks/{task}/files", this, &TaskRoutes::files);
     router.add("PATCH", "/api/v1/tasks/{task}", this, &TaskRoutes::change);
     router.add("DELETE", "/api/v1/tasks/{task}", this, &TaskRoutes::remove);
     router.add("GET", "/api/v1/status", this, &TaskRoutes::status);
@@ -124,8 +137,24 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::show(std::string infoHash, HTTPS
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::details(DownloadManager::Task task) {
-    const std::vector<TaskFiles::Place> places = co_await manager_.placesOf(task);
-    co_return jsonReply(detailsOf(*task, places));
+    const std::vector<DownloadManager::PlacedFile> files = co_await manager_.placesOf(task, 0, filesPerPage);
+    co_return jsonReply(detailsOf(*task, files));
+}
+
+/// `offset` and `limit` say which.
+asio::awaitable<HTTPServerResponse> TaskRoutes::files(std::string infoHash, HTTPServerRequest request) {
+    const DownloadManager::Task task = find(infoHash);
+    if (!task) co_return Router::error(404, "there is no such task");
+    std::size_t offset = 0;
+    std::size_t limit = filesPerPage;
+    try {
+        offset = numberIn(request, "offset", offset);
+        limit = std::clamp<std::size_t>(numberIn(request, "limit", limit), 1, filesPerPage);
+    } catch (const std::exception& error) {
+        co_return Router::error(400, textOf(error));
+    }
+    const std::vector<DownloadManager::PlacedFile> page = co_await manager_.placesOf(task, offset, limit);
+    co_return jsonReply(json::object{{"offset", offset}, {"fileCount", task->files().size()}, {"files", rowsOf(page)}});
 }
 
 /// Where the new task is to go: `folder`, `output` and `overwrite` of the query. Throws std::runtime_error.

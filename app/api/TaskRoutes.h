@@ -13,6 +13,9 @@ namespace skein {
 /// Owner: the daemon. Thread: the manager's strand.
 class TaskRoutes {
 public:
+    /// A task may have a million files.
+    static constexpr std::size_t filesPerPage = 1000;
+
     /// `requestStop` has the daemon end after the answer. `http` fetches the `.torrent`s that are named by an address.
     TaskRoutes(DownloadManager& manager, HTTPClient& http, std::function<void()> requestStop);
 
@@ -28,6 +31,7 @@ private:
     asio::awaitable<HTTPServerResponse> details(DownloadManager::Task task);
     asio::awaitable<HTTPServerResponse> list(std::string task, HTTPServerRequest request);
     asio::awaitable<HTTPServerResponse> show(std::string task, HTTPServerRequest request);
+    asio::awaitable<HTTPServerResponse> files(std::string task, HTTPServerRequest request);
     asio::awaitable<HTTPServerResponse> add(std::string task, HTTPServerRequest request);
     asio::awaitable<HTTPServerResponse> perform(std::string task, Command command);
     asio::awaitable<HTTPServerResponse> remove(std::string task, HTTPServerRequest request);

@@ -94,6 +94,24 @@ TEST_F(DownloadManagerTest, downloadsFromAMagnetAndComesBackCompletedAfterAResta
     EXPECT_EQ(simulation.sleepers(), 0U) << "a list that nothing happens to wakes nobody up";
 }
 
+TEST_F(DownloadManagerTest, readsALongListOfFilesFromTheSavedTorrentWhenSomebodyAsks) {
+    TestTorrent::Files names;
+    for (int i = 0; i < 1001; ++i) names.emplace_back("many/" + std::to_string(i), 1);
+    TestTorrent many(16384, names);
+    many.metaInfo->name = "many";
+    many.writeTo(downloads.path());
+    waitFor(simulation.finish(manager->addTorrentFile(TorrentWriter::write(*many.metaInfo))), TaskStatus::seeding);
+    Task task = restarted();
+    EXPECT_EQ(asText(readWholeFile(host.home.path() / "tasks.json", 1'000'000)).find("many/"), std::string::npos);
+    const auto last = simulation.finish(manager->placesOf(task, 1000, 10));
+    ASSERT_THAT(last, SizeIs(1));
+    EXPECT_EQ(last[0].file.path, "many/1000");
+    EXPECT_TRUE(last[0].place.isAvailable);
+    task = restarted();
+    simulation.finish(manager->removeTask(task, true));
+    EXPECT_FALSE(std::filesystem::exists(downloads.path() / "many"));
+}
+
 TEST_F(DownloadManagerTest, pausesAndResumesFromTheSavedTorrent) {
     const Task task = add();
     EXPECT_EQ(add(), task);
@@ -107,12 +125,12 @@ TEST_F(DownloadManagerTest, pausesAndResumesFromTheSavedTorrent) {
     EXPECT_EQ(again->folder(), downloads.path());
     startSeeder();
     simulation.finish(manager->resumeTask(again));
-    EXPECT_FALSE(simulation.finish(manager->placesOf(again)).at(0).isAvailable);
+    EXPECT_FALSE(simulation.finish(manager->placesOf(again, 0, 1000)).at(0).place.isAvailable);
     waitUntilWhole(again);
-    const auto places = simulation.finish(manager->placesOf(again));
+    const auto places = simulation.finish(manager->placesOf(again, 0, 1000));
     EXPECT_THAT(places, SizeIs(again->files().size()));
-    EXPECT_EQ(places.at(0).url, downloads.path() / again->files().begin()->path);
-    EXPECT_TRUE(places.at(0).isAvailable);
+    EXPECT_EQ(places.at(0).place.url, downloads.path() / again->files().begin()->path);
+    EXPECT_TRUE(places.at(0).place.isAvailable);
 
     // What was sent is remembered with the task.
     const Task source = seeder.manager->tasks().at(0);

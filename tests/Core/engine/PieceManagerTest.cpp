@@ -286,7 +286,7 @@ TEST_F(PieceManagerTest, letsReadersWaitUntilPiecesAreWritten) {
 
 TEST_F(PieceManagerTest, refusesAHostileTorrentAtSetupAndDoesNothingWithIt) {
     torrent = TestTorrent(16384, {{"t", 16384}});
-    torrent.metaInfo->files[0].path = "../t";
+    torrent.metaInfo->files.edit()[0].path = "../t";
     EXPECT_THROW(setUp(torrent), StorageException);
     torrent.metaInfo->pieceLength = 0;
     EXPECT_THROW(setUp(torrent), StorageException);

@@ -44,7 +44,7 @@ TEST_F(PieceVerificationTest, doesNotReadHoles) {
     // 100 GiB, of which the first 50 pieces and the last are zeros.
     torrent = TestTorrent(1 << 20U, {{"t", 0}});
     Bytes& hashes = torrent.metaInfo->pieces;
-    torrent.metaInfo->files[0].size = torrent.metaInfo->totalSize = (std::int64_t{100} << 30U) - 5;
+    torrent.metaInfo->files.edit()[0].size = torrent.metaInfo->totalSize = (std::int64_t{100} << 30U) - 5;
     hashes.resize(100 * 1024 * sha1Length);
     const SHA1Digest zeros = sha1(Bytes(1 << 20U));
     for (std::ptrdiff_t piece = 0; piece < 50; ++piece) std::ranges::copy(zeros, hashes.begin() + piece * 20);

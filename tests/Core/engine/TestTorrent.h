@@ -22,7 +22,7 @@ struct TestTorrent {
     /// Content is random unless `fill` says which byte it is made of.
     TestTorrent(std::int64_t pieceLength, const Files& files, std::optional<std::uint8_t> fill = std::nullopt) {
         for (const auto& [path, size] : files) {
-            metaInfo->files.push_back({path, size, metaInfo->totalSize});
+            metaInfo->files.edit().push_back({path, size, metaInfo->totalSize});
             metaInfo->totalSize += size;
         }
         std::mt19937_64 random(42);

@@ -52,8 +52,8 @@ TEST(TorrentLayoutTest, refusesSizesThatCannotBe) {
     EXPECT_EQ(refusalOf(*good.metaInfo), std::nullopt);
     for (const int length : {0, -4})
         EXPECT_EQ(changed([=](auto& it) { it.pieceLength = length; }), StorageError::invalidPieceLength);
-    EXPECT_EQ(changed([](auto& it) { it.files[0].size = -1; }), StorageError::invalidFileSize);
-    EXPECT_EQ(changed([](auto& it) { it.files.push_back({"u", huge - 9, 10}); }), StorageError::invalidFileSize);
+    EXPECT_EQ(changed([](auto& it) { it.files.edit()[0].size = -1; }), StorageError::invalidFileSize);
+    EXPECT_EQ(changed([](auto& it) { it.files.edit().push_back({"u", huge - 9, 10}); }), StorageError::invalidFileSize);
     for (const std::size_t size : {40U, 80U})
         EXPECT_EQ(changed([=](auto& it) { it.pieces.resize(size); }), StorageError::pieceCountMismatch);
     EXPECT_EQ(changed([](auto& it) { it.totalSize = 11; }), StorageError::pieceCountMismatch);
@@ -61,7 +61,7 @@ TEST(TorrentLayoutTest, refusesSizesThatCannotBe) {
         return changed([=](auto& it) {
             it.pieceLength = huge;
             it.pieces.resize(33);  // a stray part of a hash is not counted
-            it.files[0].size = it.totalSize = size;
+            it.files.edit()[0].size = it.totalSize = size;
         });
     };
     EXPECT_EQ(ofOnePiece(10), std::nullopt);

@@ -62,11 +62,11 @@ TEST(BEncoder, nestsAtMost128Levels) {
 
 TEST(BEncoder, findsTheInfoDictionaryUnderTheKeyOfTheTopLevelAlone) {
     const auto infoIn = [](std::string_view text) -> std::optional<std::string_view> {
-        const auto [value, range] = BEncoder::decodeWithInfoRange(asBytes(text));
-        EXPECT_EQ(value, decode(text));
-        if (!range) return std::nullopt;
-        const std::string_view info = text.substr(range->begin, range->end - range->begin);
-        EXPECT_EQ(decode(info), *value["info"]) << "what is hashed is what is read";
+        const BEncoder::TorrentOutline outline = BEncoder::outlineOfTorrent(asBytes(text));
+        EXPECT_EQ(outline.value, decode(text));
+        if (!outline.info) return std::nullopt;
+        const std::string_view info = text.substr(outline.info->begin, outline.info->end - outline.info->begin);
+        EXPECT_EQ(decode(info), *outline.value["info"]) << "what is hashed is what is read";
         return info;
     };
     EXPECT_EQ(infoIn("d1:a1:b4:infod1:xi1eee"), "d1:xi1ee");
@@ -75,6 +75,40 @@ TEST(BEncoder, findsTheInfoDictionaryUnderTheKeyOfTheTopLevelAlone) {
     EXPECT_EQ(infoIn("d04:infoi1e4:infoi2ee"), "i1e") << "of a key that stands twice the first";
     for (const char* text : {"de4:infoi7e", "l4:infoi7ee", "d1:a6:4:infoe", "d1:ad4:infoi1eee", "i1e"})
         EXPECT_EQ(infoIn(text), std::nullopt) << text;
+}
+
+TEST(BEncoder, leavesTheListOfFilesWhereItIs) {
+    const auto filesIn = [](std::string_view text) {
+        const BEncoder::TorrentOutline outline = BEncoder::outlineOfTorrent(asBytes(text));
+        EXPECT_EQ(outline.value["info"]->listAt("files"), nullptr);
+        return outline.files ? text.substr(outline.files->range.begin, outline.files->range.end) : std::string_view();
+    };
+    EXPECT_TRUE(filesIn("d4:infod5:filesli1eleeee").starts_with("li1elee"));
+    EXPECT_EQ(filesIn("d4:infod5:filesi1e5:filesleee"), "") << "of a key that stands twice the first";
+    EXPECT_EQ(filesIn("d4:infod1:ad5:filesleeee"), "");
+    for (const char* const wrong : {"d4:infod5:filesli1xeee", "d4:infod5:filesl5:aee", "d4:infod9:file treed1:ai1xeee"})
+        EXPECT_THROW(filesIn(wrong), BEncodeException) << wrong;
+    std::vector<std::int64_t> seen;
+    BEncoder::forEachElement(asBytes("li3ei4ee"),
+                             [&](const BEncodeValue& element) { seen.push_back(*element.intValue()); });
+    EXPECT_EQ(seen, (std::vector<std::int64_t>{3, 4}));
+}
+
+TEST(BEncoder, refusesWhatWouldTakeFarMoreMemoryThanItIsLong) {
+    const auto repeated = [](std::string_view text, std::size_t count) {
+        std::string list = "l";
+        for (std::size_t i = 0; i < count; ++i) list += text;
+        return list + "e";
+    };
+    EXPECT_EQ(decode(repeated("le", 50'000)).listValue()->size(), 50'000U) << "a short message is never refused";
+    for (const char* const dense : {"le", "i0e", "0:", "d0:0:e"})
+        EXPECT_EQ(failureOf(repeated(dense, 1'000'000)), "Invalid BEncode format: Too many values for so little data");
+    EXPECT_EQ(decode(repeated("60:" + std::string(60, 'x'), 100'000)).listValue()->size(), 100'000U);
+    const std::string files = "d4:infod5:files" + repeated("le", 1'000'000) + "ee";
+    EXPECT_EQ(BEncoder::outlineOfTorrent(asBytes(files)).files->count, 1'000'000U);
+    std::size_t count = 0;
+    BEncoder::forEachElement(asBytes(repeated("le", 1'000'000)), [&](const BEncodeValue&) { ++count; });
+    EXPECT_EQ(count, 1'000'000U) << "of which one is held at a time";
 }
 
 TEST(BEncodeValue, keepsTheOrderOfADictionaryAndEncodesItSorted) {

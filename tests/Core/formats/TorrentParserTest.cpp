@@ -48,7 +48,7 @@ TEST(TorrentParser, readsASingleFile) {
     const TorrentMetaInfo torrent = TorrentParser::parse(asBytes("d4:info" + info + "e"));
     EXPECT_EQ(torrent.infoHash, sha1(asBytes(info)));
     EXPECT_EQ(torrent.name, "test.txt");
-    EXPECT_THAT(torrent.files, testing::ElementsAre(TorrentFileInfo{"test.txt", 10, 0}));
+    EXPECT_THAT(torrent.files.all(), testing::ElementsAre(TorrentFileInfo{"test.txt", 10, 0}));
     EXPECT_EQ(torrent.totalSize, 10);
     EXPECT_EQ(torrent.pieceLength, 4);
     EXPECT_EQ(torrent.pieces, toBytes("abc"));
@@ -58,8 +58,8 @@ TEST(TorrentParser, readsSeveralFilesWithTheirPathsAsGiven) {
     const List files{Dictionary{{"length", 6}, {"path", List{"file1.txt"}}},
                      Dictionary{{"length", 4}, {"path", List{"sub", 7, "..", "", "file2.txt"}}}};
     const TorrentMetaInfo torrent = parsed(infoWith({{"files", files}, {"length", 99}, {"private", 1}}));
-    EXPECT_THAT(torrent.files, testing::ElementsAre(TorrentFileInfo{"mydir/file1.txt", 6, 0},
-                                                    TorrentFileInfo{"mydir/sub/..//file2.txt", 4, 6}));
+    EXPECT_THAT(torrent.files.all(), testing::ElementsAre(TorrentFileInfo{"mydir/file1.txt", 6, 0},
+                                                          TorrentFileInfo{"mydir/sub/..//file2.txt", 4, 6}));
     EXPECT_EQ(torrent.totalSize, 10);
     EXPECT_TRUE(torrent.isPrivate);
 }

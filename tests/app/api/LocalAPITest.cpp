@@ -145,6 +145,27 @@ TEST_F(LocalAPITest, fetchesATorrentThatIsNamedByItsAddressAndTellsWhatThereIsTo
     simulation.finish(web.stop());
 }
 
+TEST_F(LocalAPITest, handsOutLongListsOfFilesInPages) {
+    TestTorrent::Files names;
+    for (std::size_t i = 0; i <= TaskRoutes::filesPerPage; ++i) names.emplace_back("many/" + std::to_string(i), 1);
+    TestTorrent many(16384, names);
+    many.metaInfo->name = "many";
+    const auto added = simulation.finish(manager.addTorrentFile(TorrentWriter::write(*many.metaInfo)));
+    const std::string task = "/api/v1/tasks/" + added->infoHash;
+    const json::object details = objectIn(ask("GET", task));
+    EXPECT_EQ(details.at("fileCount"), 1001);
+    EXPECT_EQ(details.at("files").as_array().size(), 1000U);
+    const auto page = [&](const std::string& query) { return objectIn(ask("GET", task + "/files" + query)); };
+    EXPECT_EQ(page("").at("files"), details.at("files"));
+    EXPECT_EQ(page("?offset=1000&limit=7").at("files").as_array().at(0).at("path"), "many/1000");
+    EXPECT_EQ(page("?offset=999&limit=99999").at("files").as_array().size(), 2U);
+    EXPECT_EQ(page("?offset=999&limit=1").at("files").as_array().size(), 1U);
+    const json::object beyond = page("?offset=18446744073709551615");
+    EXPECT_TRUE(beyond.at("files").as_array().empty());
+    EXPECT_EQ(beyond.at("fileCount"), 1001);
+    EXPECT_EQ(ask("GET", task + "/files?offset=-1").status, 400);
+}
+
 TEST_F(LocalAPITest, isDescribedRouteByRoute) {
     EngineHost engine(host.home.path() / "chatting", LocalBinding("127.0.0.1"));
     ChatHost chat(engine, center);
