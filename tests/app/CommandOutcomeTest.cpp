@@ -27,6 +27,8 @@ protected:
 
 TEST_F(CommandOutcomeTest, whatWasNotDoneEndsWith1AndOneLineAndStopWaitsForTheEnd) {
     replaceWholeFile(home.path() / "daemon.json", toBytes("{}"));
+    const char* const nowhere = R"([{"infoHash":"http_1","name":"n","addedDate":0,"downloadType":"http"}])";
+    replaceWholeFile(home.path() / "tasks.json", toBytes(nowhere));
     const auto daemon = startDaemon();
     const auto added = skein({"add", "http://exa mple/x", silence("HTTP", "/file.bin")});
     EXPECT_EQ(added.status, 1);
