@@ -30,8 +30,12 @@ std::int64_t saturatingSum(std::int64_t left, std::int64_t right) noexcept {
     return sum;
 }
 
-/// Every path repeats the torrent's name, so a long name and many files would grow beyond all proportion.
-constexpr std::size_t maxPathBytes = std::size_t{256} << 20U;
+/// What all paths together may take. Each repeats the torrent's name, so a long name and many short ones would grow
+/// beyond all proportion to the list that they come from.
+std::size_t maxPathBytes(ByteView list) noexcept {
+    constexpr std::size_t ofAnyList = std::size_t{32} << 20U;
+    return std::max(ofAnyList, 3 * list.size());
+}
 
 /// Bytes of a file's entry, at least: "d6:lengthi0e4:pathlee".
 constexpr std::size_t shortestFile = 22;
@@ -77,7 +81,7 @@ void readFiles(TorrentMetaInfo& torrent, const TextDecoder& decoder, const Sourc
         const std::int64_t size = required(file.intAt("length"), "file length");
         addFile(torrent.name + required(paths.read(file), "file path"), size);
         pathBytes += files.back().path.size();
-        if (pathBytes > maxPathBytes) throw TorrentParseException(TorrentParseError::invalidData);
+        if (pathBytes > maxPathBytes(list)) throw TorrentParseException(TorrentParseError::invalidData);
     });
     torrent.files = std::move(files);
 }
