@@ -37,7 +37,7 @@ asio::awaitable<SavedMedia> MediaDownload::save(ChatMedia media, std::filesystem
     const std::unique_ptr<HTTPStream> stream = co_await http_.open(std::move(request));
     if (stream->head().status != httpOK)
         throw std::runtime_error(media.url + ": HTTP " + std::to_string(stream->head().status));
-    auto create = [folder, name = nameOf(media)] { return PartFile::create(folder, name); };
+    auto create = [folder, name = nameOf(media)] { return PartFile::create(folder, name, [](const std::string&) {}); };
     const std::shared_ptr<PartFile> part = co_await runOn(disk_, std::move(create));
     std::exception_ptr failure;
     try {

@@ -37,6 +37,13 @@ std::string encoded(std::string_view url) {
     return text;
 }
 
+/// Whether the server still has the file that was finished before.
+bool isConfirmed(const ResumeData& finished, const HTTPResponse& head, const ResponsePlan& plan) {
+    constexpr int notModified = 304;
+    return head.status == notModified ||
+           (plan.action == ResponsePlan::Action::restart && finished.isConfirmedBy(head, plan.totalBytes));
+}
+
 /// A connection that was lost comes back; a refused certificate or a loop of redirects stays.
 bool isLoss(HTTPError error, bool hadResponse) noexcept {
     switch (error) {
@@ -79,6 +86,7 @@ HTTPDownloadSession::HTTPDownloadSession(const Environment& environment, std::st
       savePath_(std::move(savePath)),
       fileName_(fileName ? HTTPFileName::safe(*fileName) : std::nullopt),
       resumeDataURL_(ResumeData::fileFor(environment_.resumeFolder, url_, savePath_)),
+      finished_(resumeDataURL_),
       tasks_(environment_.io),
       changed_(tasks_.strand()) {
     throttle_.share(environment_.downloadRate);
@@ -182,20 +190,23 @@ asio::awaitable<std::filesystem::path> HTTPDownloadSession::readDestination() { 
 
 asio::awaitable<void> HTTPDownloadSession::run(bool isResumption) {
     const Opening opening = co_await openPart(isResumption);
-    if (opening == Opening::finished) co_return co_await handleCompletion();
-    bool goesOn = opening == Opening::usable;
+    bool goesOn = opening != Opening::unusable;
+    bool isComplete = opening == Opening::finished;
     std::int64_t furthest = part_ ? part_->size() : 0;
     for (int retries = 0; goesOn;) {
-        const Ending ending = co_await attempt();
-        if (ending == Ending::complete) co_return co_await handleCompletion();
+        Ending ending = Ending::complete;
+        if (!std::exchange(isComplete, false)) ending = co_await attempt();
+        if (ending == Ending::complete) ending = co_await handleCompletion();
+        if (ending == Ending::complete) co_return;
         const std::int64_t reached = part_ ? part_->size() : 0;
         if (reached - furthest >= recoveryBytes) retries = 0;
         furthest = std::max(furthest, reached);
-        if (ending == Ending::adopted) continue;
-        if (ending == Ending::startAgain) {
-            goesOn = co_await startAgain();
-        } else if (ending == Ending::failed || retries == maxRetries) {
+        if (ending == Ending::adopted || ending == Ending::more) continue;
+        if (ending == Ending::failed || retries == maxRetries) {
             goesOn = false;
+        } else if (ending == Ending::startAgain) {
+            ++retries;
+            goesOn = co_await startAgain();
         } else {
             co_await waitToRetry(++retries, ending);
         }
@@ -208,7 +219,8 @@ asio::awaitable<HTTPDownloadSession::Ending> HTTPDownloadSession::attempt() try 
     if (isWhole()) co_return Ending::complete;
     HTTPRequest request;
     request.url = encoded(url_);
-    request.headers = rangeHeaders(resumeData_, part_ ? part_->size() : 0);
+    request.headers =
+        isFinishedBefore_ ? revalidationHeaders(resumeData_) : rangeHeaders(resumeData_, part_ ? part_->size() : 0);
     request.headers.push_back({"User-Agent", std::string(userAgent)});
     request.headers.push_back({"Accept-Encoding", "identity"});  // a range is one of the file, not of its compression
     request.totalTimeout = std::chrono::milliseconds::zero();
@@ -231,7 +243,16 @@ asio::awaitable<HTTPDownloadSession::Ending> HTTPDownloadSession::transfer(HTTPS
     const HTTPResponse& head = stream.head();
     const std::int64_t partBytes = part_ ? part_->size() : 0;
     const ResponsePlan plan = ResponsePlan::of(head, resumeData_, partBytes);
-    if (plan.action == ResponsePlan::Action::askAgain) co_return Ending::startAgain;
+    if (isFinishedBefore_ && isConfirmed(resumeData_, head, plan)) co_return Ending::complete;
+    if (plan.action == ResponsePlan::Action::complete) {
+        resumeData_.totalBytes = plan.totalBytes;
+        takeOver(plan.totalBytes);
+        co_return Ending::complete;
+    }
+    if (plan.action == ResponsePlan::Action::askAgain) {
+        noteFailure("The server sends nothing that goes on where the file ends", "unusable range");
+        co_return Ending::startAgain;
+    }
     const bool isBusy = plan.action == ResponsePlan::Action::askLater;
     if (isBusy || plan.action == ResponsePlan::Action::refuse) {
         failure_.message = failure_.status = "HTTP " + std::to_string(head.status);
@@ -245,19 +266,24 @@ asio::awaitable<HTTPDownloadSession::Ending> HTTPDownloadSession::transfer(HTTPS
         const bool isAdopted = co_await adoptPart(head, plan.totalBytes);
         if (isAdopted) co_return Ending::adopted;
     }
+    isFinishedBefore_ = false;
+    bodyEnd_ = plan.endBytes;
     co_await handleResponse(head, restarts, plan.totalBytes);
     for (;;) {
         std::vector<Bytes> chunks = co_await within(environment_.clock, stallLimit, stream.read());
         if (chunks.empty()) break;
-        co_await store(chunks);
+        const bool isSound = co_await store(chunks);
+        if (!isSound) co_return Ending::spoilt;
         stream.recycle(std::move(chunks));
     }
-    const std::int64_t total = progress_.expectedContentLength();
-    if (total < 0 || isWhole()) co_return Ending::complete;
-    noteFailure("The server closed the connection after " + std::to_string(part_->size()) + " of " +
-                    std::to_string(total) + " bytes",
-                "cut short");
-    co_return Ending::lost;
+    if (part_->size() < bodyEnd_) {
+        noteFailure("The server closed the connection after " + std::to_string(part_->size()) + " of " +
+                        std::to_string(std::max(bodyEnd_, plan.totalBytes)) + " bytes",
+                    "cut short");
+        co_return Ending::lost;
+    }
+    // The end of a range is the end of the file only where the file's size says so.
+    co_return bodyEnd_ < 0 || isWhole() ? Ending::complete : Ending::more;
 }
 
 asio::awaitable<void> HTTPDownloadSession::handleResponse(const HTTPResponse& head, bool restarts,
@@ -277,10 +303,12 @@ asio::awaitable<void> HTTPDownloadSession::handleResponse(const HTTPResponse& he
 
 asio::awaitable<void> HTTPDownloadSession::waitToRetry(int retry, Ending why) {
     std::chrono::seconds delay = firstRetryDelay * (1 << (retry - 1));
+    std::string reason = "Connection lost";
+    if (why == Ending::busy) reason = "The server is busy (" + failure_.message + ")";
+    if (why == Ending::spoilt) reason = failure_.message;
     if (why == Ending::busy && retryAfter_) delay = std::clamp(*retryAfter_, firstRetryDelay, longestRetryDelay);
     setState(State::Kind::connecting);
-    setStatus((why == Ending::busy ? "The server is busy (" + failure_.message + ")" : "Connection lost") +
-              ", retrying in " + std::to_string(delay.count()) + " s (" + std::to_string(retry) + " of " +
+    setStatus(reason + ", retrying in " + std::to_string(delay.count()) + " s (" + std::to_string(retry) + " of " +
               std::to_string(maxRetries) + ")");
     co_await environment_.clock.sleep(delay);
     setStatus(part_ && part_->size() > 0 ? "Resuming from breakpoint..." : "Connecting...");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "downloads/DownloadProgress.h"
+#include "downloads/FinishedDownloads.h"
 #include "downloads/PartFile.h"
 #include "downloads/ResumeData.h"
 #include "public/common/Clock.h"
@@ -35,10 +36,12 @@ namespace skein {
 /// there lies in the resume folder; what was begun from the same address with another query is gone on with where the
 /// server's validators and size say that it is the same file. A lost connection is made anew `maxRetries` times, and so
 /// often is a busy server asked again. What the server has changed in between, or will not send in part, is downloaded
-/// from the start.
-/// Owner: a command or the download manager, which awaits `stop()` before it lets go; a stopped session is at its end,
-/// and a new one with the same URL and folder goes on. Thread: any; the state lives on one strand, on which the
-/// callbacks come too. Failures become the state `failed`, never exceptions. Source: RFC 9110 (14, ranges), RFC 6266.
+/// from the start; so is a part that another program changed, and what could not be synced is fetched again. A file
+/// that was finished by the same URL and folder before, and that the server still has, is complete without another
+/// download. Owner: a command or the download manager, which awaits `stop()` before it lets go; a stopped session is at
+/// its end, and a new one with the same URL and folder goes on. Thread: any; the state lives on one strand, on which
+/// the callbacks come too. Failures become the state `failed`, never exceptions. Source: RFC 9110 (14, ranges), RFC
+/// 6266.
 class HTTPDownloadSession {
 public:
     static constexpr int maxRetries = 5;
@@ -82,6 +85,7 @@ public:
         HTTPClient& http;
         std::filesystem::path resumeFolder;      ///< created when missing
         SharedThrottle* downloadRate = nullptr;  ///< of all downloads together; none: not limited
+        FileCalls& files = FileCalls::real();
     };
 
     /// `savePath` is an existing folder. A `fileName`, reduced to one path component, goes before what the server says.
@@ -95,7 +99,8 @@ public:
     void setCallbacks(Callbacks callbacks) { callbacks_ = std::move(callbacks); }
 
     /// Before `start`: the resume data outlives the completion and then says so, until `clearResumeData`. For an owner
-    /// who has yet to put down what it hears; a session that is started meanwhile is completed at once.
+    /// who has yet to put down what it hears; a session that is started meanwhile is completed at once, without asking
+    /// the server. Of what was downloaded by other owners nothing is known then.
     void keepRecord() noexcept { keepsRecord_ = true; }
 
     /// Begins, from resume data when there is some. Returns at once; nothing happens when it runs already.
@@ -127,7 +132,16 @@ public:
 
 private:
     /// How one request of several ended.
-    enum class Ending : std::uint8_t { complete, lost, busy, adopted, startAgain, failed };
+    enum class Ending : std::uint8_t {
+        complete,
+        more,  ///< the server ended a range before the end of the file
+        lost,
+        busy,
+        spoilt,  ///< the part was dropped, or what was not synced of it
+        adopted,
+        startAgain,
+        failed
+    };
     /// What an earlier run has left.
     enum class Opening : std::uint8_t { usable, finished, unusable };
     /// Why it did not bring the file.
@@ -153,14 +167,20 @@ private:
     asio::awaitable<void> handleResponse(const HTTPResponse& head, bool restarts, std::int64_t totalBytes);
     asio::awaitable<bool> adoptPart(const HTTPResponse& head, std::int64_t totalBytes);
     asio::awaitable<void> preparePart(ResumeData data);
-    asio::awaitable<void> store(std::vector<Bytes>& chunks);
+    asio::awaitable<bool> store(std::vector<Bytes>& chunks);
     asio::awaitable<void> storeSlowly(ByteView bytes);
     asio::awaitable<void> waitToRetry(int retry, Ending why);
     asio::awaitable<bool> startAgain();
+    // File calls, on the disk pool.
+    void findFinished();
+    void trustPart();
+    bool settlePart();
+    void putDownPart();
     void finishPart();
-    asio::awaitable<void> handleCompletion();
+
+    asio::awaitable<Ending> handleCompletion();
     asio::awaitable<void> handleError();
-    asio::awaitable<void> saveResumeData();
+    asio::awaitable<bool> saveResumeData();
     asio::awaitable<void> closePart();
     asio::awaitable<void> reportRegularly();
     void handleProgress();
@@ -180,13 +200,16 @@ private:
     const std::filesystem::path savePath_;
     const std::optional<std::string> fileName_;
     const std::filesystem::path resumeDataURL_;
+    const FinishedDownloads finished_;
     Callbacks callbacks_;
     bool keepsRecord_ = false;
 
     State state_;
     ResumeData resumeData_;
+    bool isFinishedBefore_ = false;   ///< `resumeData_` speaks of a file that is whole, unless the server has another
     std::unique_ptr<PartFile> part_;  ///< open while it is written
     std::filesystem::path destination_;
+    std::int64_t bodyEnd_ = -1;  ///< where in the file the response ends; -1: not known
     DownloadProgress progress_;
     Throttle throttle_;
     Failure failure_;                                 ///< of the last attempt

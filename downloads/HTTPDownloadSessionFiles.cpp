@@ -23,11 +23,18 @@ asio::awaitable<HTTPDownloadSession::Opening> HTTPDownloadSession::openPart(bool
     bool isFinished = false;
     auto open = [this, &isFinished] {
         auto data = ResumeData::load(resumeDataURL_, url_);
-        if (!data) return;
-        part_ = PartFile::reopen(savePath_, data->fileName, data->part);
+        if (!data) return findFinished();
         resumeData_ = std::move(*data);
-        if (part_) part_->truncate(resumeData_.trustedBytes(part_->size()));
-        isFinished = !part_ && resumeData_.isFinishedIn(savePath_);
+        isFinished = resumeData_.isFinishedIn(savePath_);
+        if (isFinished) {
+            // Where a file system cannot rename, the part is a second name of the file for a moment.
+            PartFile::remove(savePath_, resumeData_.fileName, resumeData_.part);
+            return;
+        }
+        part_ = PartFile::reopen(savePath_, resumeData_.fileName, resumeData_.part, environment_.files);
+        if (!part_) return;
+        if (resumeData_.isWhole(part_->stamp())) resumeData_.totalBytes = part_->size();
+        trustPart();
     };
     try {
         co_await runOn(environment_.disk, std::move(open));
@@ -49,6 +56,27 @@ asio::awaitable<HTTPDownloadSession::Opening> HTTPDownloadSession::openPart(bool
     co_return Opening::usable;
 }
 
+/// A file that this URL and folder brought before, which the server is asked about.
+void HTTPDownloadSession::findFinished() {
+    if (keepsRecord_) return;
+    auto data = finished_.find(url_, savePath_);
+    if (!data || (fileName_ && *fileName_ != data->fileName)) return;
+    resumeData_ = *std::move(data);
+    isFinishedBefore_ = true;
+}
+
+/// Keeps what `resumeData_` vouches for of the part.
+void HTTPDownloadSession::trustPart() {
+    part_->truncate(resumeData_.trustedBytes(part_->stamp()));
+    part_->noteSynced(resumeData_.syncedBytes);
+    try {
+        // What a killed run wrote last may not have reached the device, and the system tells that once.
+        part_->sync();
+    } catch (const std::system_error& error) {
+        environment_.log.warning("[HTTP] some of it is fetched again: ", error.what());
+    }
+}
+
 /// Takes over what was begun of the same file under the same address with another query, if there is such: it is ours
 /// from then on. What is open elsewhere, or was told to bear another name, stays where it is.
 asio::awaitable<bool> HTTPDownloadSession::adoptPart(const HTTPResponse& head, std::int64_t totalBytes) {
@@ -58,12 +86,11 @@ asio::awaitable<bool> HTTPDownloadSession::adoptPart(const HTTPResponse& head, s
             if (!data.isCertainlyOf(head, totalBytes) || (fileName_ && *fileName_ != data.fileName)) continue;
             std::unique_ptr<PartFile> part;
             try {
-                part = PartFile::reopen(savePath_, data.fileName, data.part);
+                part = PartFile::reopen(savePath_, data.fileName, data.part, environment_.files);
             } catch (const std::system_error&) {
                 continue;
             }
             if (!part) continue;
-            part->truncate(data.trustedBytes(part->size()));
             const std::filesystem::path before = ResumeData::fileFor(folder, data.url, savePath_);
             data.url = url_;
             // In this order: killed in between, two records speak of the part, and whoever comes first takes it.
@@ -71,7 +98,7 @@ asio::awaitable<bool> HTTPDownloadSession::adoptPart(const HTTPResponse& head, s
             std::filesystem::remove(before);
             resumeData_ = std::move(data);
             part_ = std::move(part);
-            return;
+            return trustPart();
         }
     };
     co_await runOn(environment_.disk, std::move(adopt));
@@ -85,18 +112,23 @@ asio::awaitable<bool> HTTPDownloadSession::adoptPart(const HTTPResponse& head, s
 asio::awaitable<void> HTTPDownloadSession::preparePart(ResumeData data) {
     resumeData_ = std::move(data);
     auto prepare = [this] {
-        // In this order: killed at any point, no part goes on with data that was written of another.
-        const bool isNew = !part_;
-        if (isNew) part_ = PartFile::create(savePath_, resumeData_.fileName);
-        if (!isNew) part_->truncate(0);
-        resumeData_.fileName = part_->name();
-        resumeData_.part = part_->identity();
-        resumeData_.bootID = bootIdentity();
-        try {
+        // In this order: killed at any point, a part that was made is found again, and none goes on with data that was
+        // written of another.
+        const auto foretell = [this](const std::string& name) {
+            resumeData_.fileName = name;
             resumeData_.save(resumeDataURL_);
+        };
+        const bool isNew = !part_;
+        try {
+            if (isNew) part_ = PartFile::create(savePath_, resumeData_.fileName, foretell, environment_.files);
+            if (!isNew) part_->truncate(0);
+            resumeData_.fileName = part_->name();
+            putDownPart();
         } catch (const std::system_error&) {
             // Nobody would know again what it is a part of.
-            if (isNew) std::exchange(part_, nullptr)->discard();
+            std::error_code ignored;
+            if (isNew && part_) std::exchange(part_, nullptr)->discard();
+            if (isNew) std::filesystem::remove(resumeDataURL_, ignored);
             throw;
         }
     };
@@ -104,11 +136,11 @@ asio::awaitable<void> HTTPDownloadSession::preparePart(ResumeData data) {
     lastRecordAt_ = environment_.clock.now();
 }
 
-asio::awaitable<void> HTTPDownloadSession::store(std::vector<Bytes>& chunks) {
+/// False when the part is not sound any more.
+asio::awaitable<bool> HTTPDownloadSession::store(std::vector<Bytes>& chunks) {
     std::size_t size = 0;
     for (const Bytes& chunk : chunks) size += chunk.size();
-    const std::int64_t total = progress_.expectedContentLength();
-    if (total >= 0 && part_->size() + static_cast<std::int64_t>(size) > total)
+    if (bodyEnd_ >= 0 && part_->size() + static_cast<std::int64_t>(size) > bodyEnd_)
         throw HTTPException(HTTPError::transferFailed, "more came than was announced");
     if (throttle_.isLimited()) {
         for (const Bytes& chunk : chunks) co_await storeSlowly(chunk);
@@ -121,7 +153,8 @@ asio::awaitable<void> HTTPDownloadSession::store(std::vector<Bytes>& chunks) {
     const Clock::TimePoint now = environment_.clock.now();
     progress_.moveTo(part_->size());
     if (now - lastReportAt_ >= reportInterval) handleProgress();
-    if (now - lastRecordAt_ >= recordInterval) co_await saveResumeData();
+    if (now - lastRecordAt_ < recordInterval) co_return true;
+    co_return co_await saveResumeData();
 }
 
 /// Slice by slice, so that a limited download flows; the server waits while we do.
@@ -150,11 +183,44 @@ asio::awaitable<bool> HTTPDownloadSession::startAgain() {
     co_return true;
 }
 
+/// Whether all of the part is on the device, and what was written. What is not is dropped, also when this throws.
+bool HTTPDownloadSession::settlePart() {
+    std::string altered = part_->name() + std::string(PartFile::suffix) + " was changed by another program";
+    if (part_->isAltered()) {
+        noteFailure(std::move(altered), "the part was changed by another program");
+        // What took its place is not ours.
+        if (part_->isInPlace()) {
+            part_->truncate(0);
+        } else {
+            part_.reset();
+        }
+        return false;
+    }
+    try {
+        part_->sync();
+        return true;
+    } catch (const std::system_error& error) {
+        noteFileFailure(error);
+        return false;
+    }
+}
+
+/// Saves what there is of the part, which is on the device.
+void HTTPDownloadSession::putDownPart() {
+    resumeData_.part = part_->identity();
+    resumeData_.partModified = part_->stamp().modified;
+    resumeData_.syncedBytes = part_->size();
+    resumeData_.finishedName.clear();
+    resumeData_.bootID = bootIdentity();
+    resumeData_.save(resumeDataURL_);
+}
+
 /// In this order: killed at any point, the file is found whole again, by its part or by its name.
 void HTTPDownloadSession::finishPart() {
-    part_->sync();
     part_->finish([this](const std::string& name) {
         resumeData_.finishedName = name;
+        resumeData_.part = part_->identity();
+        resumeData_.partModified = part_->stamp().modified;
         resumeData_.syncedBytes = part_->size();
         try {
             resumeData_.save(resumeDataURL_);
@@ -166,24 +232,21 @@ void HTTPDownloadSession::finishPart() {
 }
 
 /// Without a part, the file was finished before.
-asio::awaitable<void> HTTPDownloadSession::handleCompletion() {
+asio::awaitable<HTTPDownloadSession::Ending> HTTPDownloadSession::handleCompletion() {
     const bool isNewName = !part_;
     auto finish = [this] {
+        if (part_ && !settlePart()) return false;
         if (part_) finishPart();
-        std::error_code ignored;  // what is left of it finds the file finished, or is passed over
-        if (!keepsRecord_) std::filesystem::remove(resumeDataURL_, ignored);
         part_.reset();
+        if (!keepsRecord_) finished_.keep();
+        return true;
     };
-    bool isFinished = false;
     try {
-        co_await runOn(environment_.disk, std::move(finish));
-        isFinished = true;
+        const bool isFinished = co_await runOn(environment_.disk, std::move(finish));
+        if (!isFinished) co_return Ending::spoilt;
     } catch (const std::system_error& error) {
         noteFileFailure(error);
-    }
-    if (!isFinished) {
-        co_await handleError();
-        co_return;
+        co_return Ending::failed;
     }
     destination_ = savePath_ / resumeData_.finishedName;
     progress_.complete(resumeData_.syncedBytes);
@@ -192,16 +255,16 @@ asio::awaitable<void> HTTPDownloadSession::handleCompletion() {
     setState(State::Kind::completed);
     setStatus("Download complete");
     environment_.log.info("[HTTP] complete: ", resumeData_.finishedName, ", ", resumeData_.syncedBytes, " bytes");
+    co_return Ending::complete;
 }
 
-/// Puts down how far we are. What fails is only noted: what was put down before still holds.
-asio::awaitable<void> HTTPDownloadSession::saveResumeData() {
-    auto save = [this] {
-        part_->sync();
-        resumeData_.part = part_->identity();
-        resumeData_.syncedBytes = part_->size();
-        resumeData_.bootID = bootIdentity();
-        resumeData_.save(resumeDataURL_);
+/// Puts down how far we are. A record that cannot be saved is only noted: what was put down before still holds. False
+/// when the part was not sound, and some of it was dropped.
+asio::awaitable<bool> HTTPDownloadSession::saveResumeData() {
+    bool isSound = false;
+    auto save = [this, &isSound] {
+        isSound = settlePart();
+        if (part_) putDownPart();
     };
     try {
         co_await runOn(environment_.disk, std::move(save));
@@ -209,6 +272,7 @@ asio::awaitable<void> HTTPDownloadSession::saveResumeData() {
         environment_.log.warning("[HTTP] resume data not saved: ", error.what());
     }
     lastRecordAt_ = environment_.clock.now();
+    co_return isSound;
 }
 
 asio::awaitable<void> HTTPDownloadSession::closePart() {

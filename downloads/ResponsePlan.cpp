@@ -32,11 +32,22 @@ ResponsePlan planOfRange(const HTTPResponse& head, const ResumeData& data, std::
     const Action otherwise = partBytes > 0 ? Action::askAgain : Action::refuse;
     const auto range = ContentRange::parse(head.header("content-range").value_or(std::string_view()));
     if (!range || range->first != partBytes) return {otherwise};
-    if (partBytes == 0) return {Action::append, range->totalBytes};
+    if (partBytes == 0) return {Action::append, range->totalBytes, range->last + 1};
     // Some servers send a range without having looked at the condition.
     const bool isOfOtherSize = data.totalBytes >= 0 && range->totalBytes >= 0 && range->totalBytes != data.totalBytes;
     if (isOfOtherSize || !data.agreesWith(head)) return {otherwise};
-    return {Action::append, range->totalBytes >= 0 ? range->totalBytes : data.totalBytes};
+    return {Action::append, range->totalBytes >= 0 ? range->totalBytes : data.totalBytes, range->last + 1};
+}
+
+/// RFC 9110, 15.5.17: such a response says how long the file is ("bytes */1234").
+ResponsePlan planOfNoRange(const HTTPResponse& head, const ResumeData& data, std::int64_t partBytes) {
+    using Action = ResponsePlan::Action;
+    if (partBytes == 0) return {Action::refuse};
+    constexpr std::string_view unit = "bytes */";
+    const std::string_view range = head.header("content-range").value_or(std::string_view());
+    const auto total = range.starts_with(unit) ? numberIn(range.substr(unit.size())) : std::nullopt;
+    const bool isEnd = total == partBytes && data.totalBytes < 0 && data.agreesWith(head);
+    return isEnd ? ResponsePlan{Action::complete, partBytes, partBytes} : ResponsePlan{Action::askAgain};
 }
 
 }  // namespace
@@ -59,9 +70,9 @@ std::optional<ContentRange> ContentRange::parse(std::string_view header) {
 ResponsePlan ResponsePlan::of(const HTTPResponse& head, const ResumeData& data, std::int64_t partBytes) {
     switch (head.status) {
         case ok:
-        case nonAuthoritative: return {Action::restart, lengthIn(head)};
+        case nonAuthoritative: return {Action::restart, lengthIn(head), lengthIn(head)};
         case partialContent: return planOfRange(head, data, partBytes);
-        case rangeNotSatisfiable: return {partBytes > 0 ? Action::askAgain : Action::refuse};
+        case rangeNotSatisfiable: return planOfNoRange(head, data, partBytes);
         case tooManyRequests:
         case serviceUnavailable: return {Action::askLater};
         default: return {};
@@ -74,6 +85,12 @@ std::vector<HTTPHeader> rangeHeaders(const ResumeData& data, std::int64_t partBy
     if (std::string validator = data.validator(); !validator.empty())
         headers.push_back({"If-Range", std::move(validator)});
     return headers;
+}
+
+std::vector<HTTPHeader> revalidationHeaders(const ResumeData& data) {
+    if (!data.entityTag.empty()) return {{"If-None-Match", data.entityTag}};
+    if (!data.lastModified.empty()) return {{"If-Modified-Since", data.lastModified}};
+    return {};
 }
 
 }  // namespace skein

@@ -25,12 +25,14 @@ struct ResponsePlan {
     enum class Action : std::uint8_t {
         append,    ///< it goes on where the part ends
         restart,   ///< it is the whole file, from the start
+        complete,  ///< there is nothing after the part: it is whole
         askAgain,  ///< it is of no use, and the part neither: ask for the whole
         askLater,  ///< the server is busy, and may not be another time (429, 503)
         refuse,    ///< it brings no file
     };
     Action action = Action::refuse;
     std::int64_t totalBytes = -1;  ///< of the whole file; -1: not known
+    std::int64_t endBytes = -1;    ///< where in the file the body ends; -1: where the server ends it
 
     /// `partBytes` above 0 were there when the request was made, of which `data` speaks.
     static ResponsePlan of(const HTTPResponse& head, const ResumeData& data, std::int64_t partBytes);
@@ -39,5 +41,7 @@ struct ResponsePlan {
 /// The headers of a request for what is missing after `partBytes` (14.2), on the condition that the file is still the
 /// one that `data` speaks of (13.1.5).
 std::vector<HTTPHeader> rangeHeaders(const ResumeData& data, std::int64_t partBytes);
+/// The headers of a request for the file unless it still is the one that `data` speaks of (13.1.2, 13.1.3).
+std::vector<HTTPHeader> revalidationHeaders(const ResumeData& data);
 
 }  // namespace skein

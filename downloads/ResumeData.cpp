@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <exception>
 #include <limits>
+#include <sys/stat.h>
 #include <system_error>
 #include <utility>
 
@@ -25,6 +26,8 @@ namespace json = boost::json;
 
 /// Headers and URLs are a few kilobytes.
 constexpr std::size_t mostRecordBytes = std::size_t{1} << 20U;
+
+constexpr std::string_view namePrefix = "resume_";
 
 std::string textIn(const json::object& fields, std::string_view key) {
     const json::value* const value = fields.if_contains(key);
@@ -66,6 +69,7 @@ std::optional<ResumeData> readRecord(const std::filesystem::path& file) try {
     data.url = textIn(fields, "url");
     data.fileName = textIn(fields, "fileName");
     data.part = identityIn(fields, "part");
+    data.partModified = sizeIn(fields, "partModified");
     data.entityTag = textIn(fields, "entityTag");
     data.lastModified = textIn(fields, "lastModified");
     data.totalBytes = sizeIn(fields, "totalBytes");
@@ -106,20 +110,30 @@ bool ResumeData::isCertainlyOf(const HTTPResponse& head, std::int64_t size) cons
     return !mine.empty() && size >= 0 && size == totalBytes && mine == of({}, {}, head, size).validator();
 }
 
-bool ResumeData::isFinishedIn(const std::filesystem::path& folder) const {
-    if (finishedName.empty()) return false;
-    std::error_code error;
-    const std::filesystem::path file = folder / finishedName;
-    if (part.isFile() && FileIdentity::at(file) != part) return false;
-    if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(file, error))) return false;
-    const std::uintmax_t size = std::filesystem::file_size(file, error);
-    return !error && size == static_cast<std::uintmax_t>(syncedBytes);
+bool ResumeData::isConfirmedBy(const HTTPResponse& head, std::int64_t size) const {
+    if (size >= 0) return size == syncedBytes && agreesWith(head);
+    const std::string mine = validator();
+    return !mine.empty() && mine == of({}, {}, head, size).validator();
 }
 
-std::int64_t ResumeData::trustedBytes(std::int64_t size) const {
-    if (!isResumable() || (totalBytes >= 0 && size > totalBytes)) return 0;
+bool ResumeData::isFinishedIn(const std::filesystem::path& folder) const {
+    const std::filesystem::path file = folder / finishedName;
+    if (finishedName.empty() || !part.isFile() || FileIdentity::at(file) != part) return false;
+    struct stat status {};
+    return ::lstat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode) && isWhole(FileStamp::of(status));
+}
+
+bool ResumeData::isWhole(const FileStamp& stamp) const {
+    return !finishedName.empty() && stamp.size == syncedBytes && stamp.modified == partModified;
+}
+
+std::int64_t ResumeData::trustedBytes(const FileStamp& stamp) const {
+    if (isWhole(stamp)) return stamp.size;
+    if (!isResumable() || (totalBytes >= 0 && stamp.size > totalBytes)) return 0;
+    const bool isChanged = stamp.size == syncedBytes && stamp.modified != partModified;
+    if (stamp.size < syncedBytes || isChanged) return 0;
     const bool isSameBoot = !bootID.empty() && bootID == bootIdentity();
-    return isSameBoot ? size : std::min(size, syncedBytes);
+    return isSameBoot ? stamp.size : syncedBytes;
 }
 
 std::filesystem::path ResumeData::fileFor(const std::filesystem::path& folder, std::string_view url,
@@ -127,7 +141,7 @@ std::filesystem::path ResumeData::fileFor(const std::filesystem::path& folder, s
     // Neither of the two holds a NUL.
     const std::string source =
         std::string(url) + '\0' + std::filesystem::absolute(savePath).lexically_normal().string();
-    return folder / ("resume_" + toHex(sha1(asBytes(source))) + ".dat");
+    return folder / (std::string(namePrefix) + toHex(sha1(asBytes(source))) + ".dat");
 }
 
 std::optional<ResumeData> ResumeData::load(const std::filesystem::path& file, std::string_view url) {
@@ -140,6 +154,7 @@ std::vector<ResumeData> ResumeData::withOtherQuery(const std::filesystem::path& 
     std::vector<ResumeData> found;
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        if (!entry.path().filename().string().starts_with(namePrefix)) continue;
         auto data = readRecord(entry.path());
         if (!data || data->url == url || withoutQuery(data->url) != withoutQuery(url)) continue;
         // The record's name alone says which folder it is about.
@@ -153,6 +168,7 @@ void ResumeData::save(const std::filesystem::path& file) const {
     const json::object fields{{"url", url},
                               {"fileName", fileName},
                               {"part", listOf(part)},
+                              {"partModified", partModified},
                               {"entityTag", entityTag},
                               {"lastModified", lastModified},
                               {"totalBytes", totalBytes},

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Core/engine/FileStamp.h"
 #include "public/common/Bytes.h"
 #include "public/common/FileIdentity.h"
 #include "public/common/HTTPMessage.h"
@@ -18,11 +19,13 @@ namespace skein {
 ///
 /// The unfinished file is only ever added to. What it held when this was written (`syncedBytes`) was on the disk by
 /// then. What it holds beyond that is as good while the machine runs, whatever became of the program; after a restart
-/// of the machine it may be a hole that was never written, and is fetched again.
+/// of the machine it may be a hole that was never written, and is fetched again. So is all of a file that is shorter
+/// than that, or as long and changed since: somebody else did that.
 struct ResumeData {
     std::string url;
-    std::string fileName;  ///< of the finished file, one path component
-    FileIdentity part;     ///< of the unfinished file; no file in a record of an earlier version
+    std::string fileName;           ///< of the finished file, one path component
+    FileIdentity part;              ///< of the unfinished file, and of the finished one; no file: about to be made
+    std::int64_t partModified = 0;  ///< when our last write changed it, in nanoseconds since 1970
     std::string entityTag;
     std::string lastModified;      ///< empty where it does not tell one version from the next
     std::int64_t totalBytes = -1;  ///< -1: not known
@@ -43,10 +46,15 @@ struct ResumeData {
     /// Whether `head`, of a response with the whole file of `size` bytes (-1: not known), tells by a validator and the
     /// size that it is the same file.
     bool isCertainlyOf(const HTTPResponse& head, std::int64_t size) const;
-    /// Whether the file is whole, and in `folder` under its name. Blocks: disk pool only.
+    /// Whether `head`, of a response with the whole file of `size` bytes, does not contradict that the finished file is
+    /// what the server has.
+    bool isConfirmedBy(const HTTPResponse& head, std::int64_t size) const;
+    /// Whether the file is whole, in `folder` under its name, and as it was left. Blocks: disk pool only.
     bool isFinishedIn(const std::filesystem::path& folder) const;
-    /// How much of an unfinished file of `size` bytes is taken for good.
-    std::int64_t trustedBytes(std::int64_t size) const;
+    /// Whether an unfinished file that looks like that is whole, and has but to get its name.
+    bool isWhole(const FileStamp& stamp) const;
+    /// How much of an unfinished file that looks like that is taken for good.
+    std::int64_t trustedBytes(const FileStamp& stamp) const;
 
     /// "resume_HASH.dat", named for the source and the folder it goes to.
     static std::filesystem::path fileFor(const std::filesystem::path& folder, std::string_view url,
