@@ -2,6 +2,7 @@
 
 #include "app/Command.h"
 #include "public/common/PrivateFolder.h"
+#include "public/common/WholeFile.h"
 
 #include <algorithm>
 #include <array>
@@ -17,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::array<std::string_view, 3> keptFolders{"logs", "resume", "torrents"};
+constexpr std::array<std::string_view, 4> keptFolders{"logs", "resume", "torrents", "removals"};
 constexpr std::array<std::string_view, 6> keptFiles{"tasks.json", "settings.db", "claims.db",
                                                     "talk.db",    "daemon.json", "daemon.lock"};
 
@@ -50,15 +51,22 @@ HomeFolder::HomeFolder(fs::path path) : path_(created(std::move(path))) {
 }
 
 void HomeFolder::narrowKept() {
-    for (const fs::directory_entry& entry : fs::directory_iterator(path_))
-        if (isKeptFile(entry.path().filename().string())) narrow(entry.path());
+    for (const fs::directory_entry& entry : fs::directory_iterator(path_)) {
+        const std::string name = entry.path().filename().string();
+        if (isKeptFile(name)) narrow(entry.path());
+        // A new one is called ".tasks.json.new" before it takes its name.
+        if (name.starts_with('.') && isKeptFile(name.substr(1))) removeIfLeftNew(entry.path());
+    }
     for (const std::string_view name : keptFolders)
         if (fs::is_directory(fs::symlink_status(path_ / name))) narrowAll(path_ / name);
 }
 
 void HomeFolder::narrowAll(const fs::path& folder) {
     narrow(folder);
-    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) narrow(entry.path());
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+        removeIfLeftNew(entry.path());
+        narrow(entry.path());
+    }
 }
 
 void HomeFolder::narrow(const fs::path& path) {

@@ -11,7 +11,8 @@ namespace skein {
 class HomeFolder {
 public:
     /// Creates the folder where it is missing. What others may read, write or enter there is taken from them: the
-    /// folder itself, and the files and folders that the program keeps in it. Throws CommandFailure when that cannot be
+    /// folder itself, and the files and folders that the program keeps in it. What killed processes left half written
+    /// there is deleted. Throws CommandFailure when that cannot be
     /// done, or when the folder belongs to another user.
     explicit HomeFolder(std::filesystem::path path);
 

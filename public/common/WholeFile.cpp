@@ -4,9 +4,12 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <string>
+#include <string_view>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace skein {
 
@@ -24,8 +27,8 @@ public:
         : path_(file), number_(::open(file.c_str(), flags | O_CLOEXEC, mode)) {
         if (number_ < 0) fail(path_);
     }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
+    File(File&& other) noexcept : path_(std::move(other.path_)), number_(std::exchange(other.number_, -1)) {}
+    File& operator=(File&&) = delete;
     ~File() {
         if (number_ >= 0) ::close(number_);
     }
@@ -50,15 +53,26 @@ public:
         }
     }
 
+    /// Network file systems, too, tell of a failed write here.
     void sync() {
         if (::fsync(number_) != 0) fail(path_);
     }
 
-    /// Network file systems tell of a failed write only here.
-    void close() {
-        const int number = number_;
-        number_ = -1;
-        if (::close(number) != 0) fail(path_);
+    /// Waits for whoever holds it, unless told not to; false when somebody does. The lock goes with this. A file system
+    /// that has no locks has nobody who holds one.
+    bool lock(int waiting = 0) const {
+        int result = 0;
+        do {
+            result = ::flock(number_, LOCK_EX | waiting);
+        } while (result != 0 && errno == EINTR);
+        return result == 0 || errno != EWOULDBLOCK;
+    }
+
+    /// Whether it is still the file of its name.
+    bool isInPlace() const {
+        struct stat named {};
+        const struct stat own = status();
+        return ::lstat(path_.c_str(), &named) == 0 && named.st_ino == own.st_ino && named.st_dev == own.st_dev;
     }
 
     struct stat status() const {
@@ -71,6 +85,40 @@ private:
     fs::path path_;
     int number_;
 };
+
+constexpr std::string_view newPrefix = ".";
+constexpr std::string_view newSuffix = ".new";
+
+/// Deletes what stands there unless somebody writes it: `waiting` says what to do then.
+void clearAway(const fs::path& path, int waiting) {
+    std::error_code error;
+    const fs::file_type type = fs::symlink_status(path, error).type();
+    if (type == fs::file_type::not_found) return;
+    if (type != fs::file_type::regular) {
+        if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail(path);
+        return;
+    }
+    try {
+        const File left(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+        if (left.lock(waiting) && left.isInPlace() && ::unlink(path.c_str()) != 0) fail(path);
+    } catch (const std::system_error& failure) {
+        if (failure.code() != std::errc::no_such_file_or_directory) throw;
+    }
+}
+
+/// An empty file that nobody else writes or deletes while it is open.
+File newFile(const fs::path& path, mode_t mode) {
+    for (;;) {
+        clearAway(path, 0);
+        try {
+            File fresh(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+            fresh.lock();
+            if (fresh.isInPlace()) return fresh;
+        } catch (const std::system_error& failure) {
+            if (failure.code() != std::errc::file_exists) throw;
+        }
+    }
+}
 
 }  // namespace
 
@@ -102,14 +150,11 @@ Bytes readWholeFile(const fs::path& file, std::size_t maxBytes) {
 
 void replaceWholeFile(const fs::path& file, ByteView bytes, fs::perms mode) {
     const fs::path folder = file.has_parent_path() ? file.parent_path() : fs::path(".");
-    const fs::path fresh = folder / ("." + file.filename().string() + "." + std::to_string(::getpid()) + ".new");
-    // One that is left from an earlier life of this process id is not ours to trust.
-    ::unlink(fresh.c_str());
+    const fs::path fresh = folder / (std::string(newPrefix) + file.filename().string() + std::string(newSuffix));
+    File target = newFile(fresh, static_cast<mode_t>(mode));
     try {
-        File target(fresh, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, static_cast<mode_t>(mode));
         target.write(bytes);
         target.sync();
-        target.close();
         if (::rename(fresh.c_str(), file.c_str()) != 0) fail(file);
     } catch (const std::system_error&) {
         ::unlink(fresh.c_str());
@@ -120,6 +165,16 @@ void replaceWholeFile(const fs::path& file, ByteView bytes, fs::perms mode) {
     if (folderNumber < 0) return;
     ::fsync(folderNumber);
     ::close(folderNumber);
+}
+
+void removeIfLeftNew(const fs::path& file) {
+    const std::string name = file.filename().string();
+    if (!name.starts_with(newPrefix) || !name.ends_with(newSuffix)) return;
+    try {
+        clearAway(file, LOCK_NB);
+    } catch (const std::system_error&) {
+        // It lies there until its file is written again, and does no harm.
+    }
 }
 
 }  // namespace skein

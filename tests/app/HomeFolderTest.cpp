@@ -60,9 +60,12 @@ TEST_F(HomeFolderTest, isNarrowedWhenOthersHadAccessAndSparesWhatIsTheUsers) {
                                    "resume/record", "torrents/a.torrent", "films/film", "tool"})
         write(name);
     fs::create_symlink(folder.path(), home / "resume" / "elsewhere");
+    for (const char* const name : {".tasks.json.new", ".daemon.json.77.new", "resume/.record.new"}) write(name);
     const auto modeOutside = fs::status(folder.path()).permissions();
     const HomeFolder first(home);
     EXPECT_EQ(first.narrowedCount(), 10U);
+    for (const char* const left : {".tasks.json.new", ".daemon.json.77.new", "resume/.record.new"})
+        EXPECT_FALSE(fs::exists(home / left)) << left;
     EXPECT_THAT(open(), UnorderedElementsAre("films", "films/film", "tool", "resume/elsewhere"));
     EXPECT_EQ(fs::status(folder.path()).permissions(), modeOutside);
     EXPECT_EQ(HomeFolder(home).narrowedCount(), 0U);

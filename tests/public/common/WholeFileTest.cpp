@@ -6,7 +6,10 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 namespace skein {
 namespace {
@@ -46,6 +49,39 @@ TEST_F(WholeFileTest, aFailedReplacementLeavesNothingBehind) {
     fs::create_directories(file / "inside");
     EXPECT_NE(failureOf([&] { replaceWholeFile(file, toBytes("x")); }), "none");
     EXPECT_THAT(failureOf([&] { replaceWholeFile(folder / "none" / "file", {}); }), HasSubstr("No such file"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1);
+}
+
+TEST_F(WholeFileTest, whatAKilledWriterLeftDoesNoHarmAndGoes) {
+    const fs::path left = folder / ".file.new";
+    fs::create_symlink(file, left);
+    for (const char* const content : {"one", "two"}) {
+        replaceWholeFile(file, toBytes(content));
+        EXPECT_EQ(asText(readWholeFile(file, 9)), content);
+        EXPECT_FALSE(fs::exists(fs::symlink_status(left)));
+        std::ofstream(left) << "half";
+    }
+    for (const fs::path& mine : {folder / "a.new", folder / ".hidden"}) {
+        replaceWholeFile(mine, {});
+        removeIfLeftNew(mine);
+        EXPECT_TRUE(fs::exists(mine));
+    }
+    removeIfLeftNew(left);
+    EXPECT_FALSE(fs::exists(left));
+}
+
+TEST_F(WholeFileTest, writersOfOneFileTakeTurns) {
+    std::vector<std::thread> writers;
+    for (std::uint8_t letter = 'a'; letter < 'e'; ++letter)
+        writers.emplace_back([this, letter] {
+            for (int i = 0; i < 20; ++i) {
+                replaceWholeFile(file, Bytes(100'000, letter));
+                removeIfLeftNew(folder / ".file.new");
+                const Bytes found = readWholeFile(file, 100'000);
+                EXPECT_EQ(found, Bytes(100'000, found.at(0)));
+            }
+        });
+    for (std::thread& writer : writers) writer.join();
     EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1);
 }
 
