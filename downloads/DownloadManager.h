@@ -74,6 +74,10 @@ public:
     /// Stops every session, saves the list. Nothing of the manager runs any more after it.
     asio::awaitable<void> stop();
 
+    /// Returns once everything that the list and its tasks say by now is on the disk; false when it is not. Only then
+    /// may somebody be told that what they asked for is done.
+    asio::awaitable<bool> whenSaved() { return store_.saveNow(); }
+
     /// In the order added.
     const std::vector<Task>& tasks() const noexcept { return list_; }
     std::int64_t globalDownloadSpeed() const noexcept { return globalDownloadSpeed_; }

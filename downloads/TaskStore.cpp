@@ -102,7 +102,14 @@ asio::awaitable<void> TaskStore::saveSoon() {
 
 asio::awaitable<bool> TaskStore::saveTheRest() {
     const std::uint64_t now = changes_;
-    if (isLoaded_) co_await save();
+    const std::uint64_t write = writesBegun_ + 1;  // the first that certainly holds it all
+    while (isLoaded_ && savedChanges_ < now && writesEnded_ < write) {
+        if (isSaving_) {
+            co_await saved_.wait();
+        } else {
+            co_await save();
+        }
+    }
     co_return savedChanges_ >= now;
 }
 
@@ -119,6 +126,7 @@ asio::awaitable<void> TaskStore::save() {
     if (savedChanges_ == changes_) co_return;
     const std::uint64_t saved = changes_;
     isSaving_ = true;
+    ++writesBegun_;
     lastSave_ = clock_.now();
     auto work = [file = file_, tasks = snapshot_(), isDamaged = isDamaged_] { saveTo(file, tasks, isDamaged); };
     auto saving = runOn(disk_, std::move(work));
@@ -132,6 +140,7 @@ asio::awaitable<void> TaskStore::save() {
             log_.error("[Manager] ❌ saving ", file_.string(), " failed: ", textOf(error));
     }
     isSaving_ = false;
+    ++writesEnded_;
     saved_.notify();
 }
 

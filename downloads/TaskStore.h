@@ -49,7 +49,8 @@ public:
     void saveTasks();
     /// Returns once everything up to now is on the disk, false when it is not: the write failed, or the store stops.
     asio::awaitable<bool> whenSaved();
-    /// The same, without waiting for the next write. Throws as `loadSavedTasks`.
+    /// The same, without waiting for the spacing. What comes while the list is written joins the next write, which is
+    /// one for all who wait. Throws as `loadSavedTasks`.
     asio::awaitable<bool> saveNow();
 
     /// Writes what is not yet written, and returns when nothing of the store runs any more. May be called again.
@@ -70,7 +71,9 @@ private:
     bool isDamaged_ = false;  ///< the file on disk is to be set aside first
     std::uint64_t changes_ = 0;
     std::uint64_t savedChanges_ = 0;  ///< those on the disk
-    bool isChanged_ = false;          ///< saveSoon has to go on
+    std::uint64_t writesBegun_ = 0;
+    std::uint64_t writesEnded_ = 0;
+    bool isChanged_ = false;  ///< saveSoon has to go on
     bool isSaving_ = false;
     bool isSavePlanned_ = false;  ///< saveSoon runs
     bool hasFailed_ = false;      ///< the last write did

@@ -157,6 +157,18 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::files(std::string infoHash, HTTP
     co_return jsonReply(json::object{{"offset", offset}, {"fileCount", task->files().size()}, {"files", rowsOf(page)}});
 }
 
+HTTPServerResponse notSaved() {
+    constexpr int insufficientStorage = 507;
+    return Router::error(insufficientStorage, "the task list could not be saved, and may be lost with the daemon");
+}
+
+/// After a change, of which nobody is told before it is certain to last.
+asio::awaitable<HTTPServerResponse> TaskRoutes::savedDetails(DownloadManager::Task task) {
+    const bool isSaved = co_await manager_.whenSaved();
+    if (!isSaved) co_return notSaved();
+    co_return co_await details(task);
+}
+
 /// Where the new task is to go: `folder`, `output` and `overwrite` of the query. Throws std::runtime_error.
 TaskPlace placeIn(HTTPServerRequest& request) {
     TaskPlace place{request.query["folder"], request.query["output"], request.query["overwrite"] == "true"};
@@ -184,7 +196,7 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::add(std::string, HTTPServerReque
         failure = textOf(error);
     }
     if (!task) co_return Router::error(400, failure);
-    co_return co_await details(task);
+    co_return co_await savedDetails(task);
 }
 
 asio::awaitable<DownloadManager::Task> TaskRoutes::addSource(std::string source, TaskPlace place) {
@@ -207,14 +219,15 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::perform(std::string infoHash, Co
     if (!task) co_return Router::error(404, "there is no such task");
     const bool isDone = co_await (manager_.*command)(task);
     if (!isDone) co_return Router::error(409, "another command runs for this task");
-    co_return co_await details(task);
+    co_return co_await savedDetails(task);
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::remove(std::string infoHash, HTTPServerRequest request) {
     const DownloadManager::Task task = find(infoHash);
     if (!task) co_return Router::error(404, "there is no such task");
     co_await manager_.removeTask(task, request.query["deleteFiles"] == "true");
-    co_return jsonDone();
+    const bool isSaved = co_await manager_.whenSaved();
+    co_return isSaved ? jsonDone() : notSaved();
 }
 
 /// What a PATCH asks for: nothing of it is done before all of it is understood.
@@ -249,7 +262,7 @@ asio::awaitable<HTTPServerResponse> TaskRoutes::change(std::string infoHash, HTT
     if (wish.category) manager_.setCategory(task, *wish.category);
     if (wish.notes) manager_.setNotes(task, *std::move(wish.notes));
     if (wish.accelerateEnabled) manager_.setAccelerate(task, *wish.accelerateEnabled);
-    co_return co_await details(task);
+    co_return co_await savedDetails(task);
 }
 
 asio::awaitable<HTTPServerResponse> TaskRoutes::status(std::string, HTTPServerRequest) {

@@ -29,6 +29,7 @@ private:
 
     asio::awaitable<DownloadManager::Task> addSource(std::string source, TaskPlace place);
     asio::awaitable<HTTPServerResponse> details(DownloadManager::Task task);
+    asio::awaitable<HTTPServerResponse> savedDetails(DownloadManager::Task task);
     asio::awaitable<HTTPServerResponse> list(std::string task, HTTPServerRequest request);
     asio::awaitable<HTTPServerResponse> show(std::string task, HTTPServerRequest request);
     asio::awaitable<HTTPServerResponse> files(std::string task, HTTPServerRequest request);

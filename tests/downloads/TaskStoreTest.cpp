@@ -177,6 +177,30 @@ TEST_F(TaskStoreTest, aFailedSaveIsToldOnceAndRepeatedWithTheNextChange) {
     EXPECT_THAT(tasks, SizeIs(2));
 }
 
+TEST_F(TaskStoreTest, manyWhoWaitShareOneWriteAndHearOfAFailure) {
+    restart();
+    add();
+    const auto tellApart = [&](bool isSaved) {
+        const int before = snapshots;
+        std::vector<std::future<bool>> waiting;
+        for (int i = 0; i < 100; ++i) {
+            tasks.push_back(bare);
+            store->saveTasks();
+            waiting.push_back(simulation.begin(store->saveNow()));
+        }
+        simulation.settle();
+        for (auto& one : waiting) EXPECT_EQ(one.get(), isSaved);
+        EXPECT_LE(snapshots - before, 2);
+    };
+    tellApart(true);
+    EXPECT_EQ(stored(), 101U);
+    fs::remove(file);
+    fs::create_directories(file / "in the way");
+    tellApart(false);
+    fs::remove_all(file);
+    EXPECT_TRUE(simulation.finish(store->saveNow()));
+}
+
 TEST_F(TaskStoreTest, savesWhileOtherThreadsGoOn) {
     open();
     ThreadPools pools;
