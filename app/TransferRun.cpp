@@ -3,6 +3,7 @@
 #include "Core/formats/MagnetLink.h"
 #include "Core/formats/TorrentParser.h"
 #include "app/Command.h"
+#include "downloads/PendingRemovals.h"
 #include "public/common/ShownURL.h"
 
 #include <boost/asio/post.hpp>
@@ -50,7 +51,10 @@ std::filesystem::path TransferRun::folder() const {
 
 std::unique_ptr<TargetLock> TransferRun::lock(const SHA1Digest& source, const std::string& name) const {
     try {
-        return std::make_unique<TargetLock>(folder(), source);
+        auto lock = std::make_unique<TargetLock>(folder(), source);
+        // The user has thought better of a removal that was killed: what it left is wanted again.
+        PendingRemovals(host_.home()).end(source);
+        return lock;
     } catch (const std::exception& error) {
         throw CommandFailure(name, error.what());
     }

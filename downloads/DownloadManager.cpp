@@ -29,6 +29,7 @@ DownloadManager::DownloadManager(Environment environment)
       uploadMode_(environment_.uploadMode),
       archive_(environment_.home),
       pendingDeletes_(environment_.settings, environment_.log),
+      removals_(environment_.home),
       tasks_(environment_.io),
       commandEnded_(tasks_.strand()),
       wake_(tasks_.strand()),
@@ -53,6 +54,13 @@ asio::awaitable<void> DownloadManager::load() {
         list_.push_back(std::move(saved).restore(environment_.center, environment_.random));
         if (list_.back()->status() == TaskStatus::paused) rest(list_.back(), TaskStatus::paused);
     }
+    auto read = [this] { return removals_.all(); };
+    std::vector<PendingRemovals::Removal> unfinished = co_await runOn(environment_.disk, std::move(read));
+    for (const auto& [gone, deletesFiles] : unfinished)
+        std::erase_if(list_, [&gone = gone](const Task& task) {
+            // Another one of the same source was added since.
+            return task->infoHash == gone.infoHash && task->addedDate() == gone.addedDate;
+        });
     giveNumbers();
     std::set<SHA1Digest> listed;
     std::vector<SHA1Digest> keys;
@@ -71,6 +79,7 @@ asio::awaitable<void> DownloadManager::load() {
     };
     co_await runOn(environment_.disk, std::move(prepare));
     for (std::size_t i = 0; i < folders.size(); ++i) list_[i]->folder.set(std::move(folders[i]));
+    for (PendingRemovals::Removal& removal : unfinished) co_await finishRemoval(std::move(removal));
     co_await heartbeat_.load();
     tasks_.spawn(speedLoop());
     tasks_.spawn(beginAccountTasks());

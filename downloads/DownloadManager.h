@@ -4,6 +4,7 @@
 #include "downloads/CompletionNotifier.h"
 #include "downloads/MemoryMonitor.h"
 #include "downloads/PendingDeletes.h"
+#include "downloads/PendingRemovals.h"
 #include "downloads/ResourceService.h"
 #include "downloads/ServiceHeartbeat.h"
 #include "downloads/TaskSessions.h"
@@ -69,7 +70,7 @@ public:
 
     const Strand& strand() const noexcept { return tasks_.strand(); }
 
-    /// Loads the saved list and starts the timers. No session is started.
+    /// Loads the saved list, does removals to their end that were killed, and starts the timers. No session is started.
     asio::awaitable<void> start();
     /// Stops every session, saves the list. Nothing of the manager runs any more after it.
     asio::awaitable<void> stop();
@@ -167,7 +168,11 @@ private:
     asio::awaitable<std::optional<TorrentOrigin>> originFor(Task task, std::string missing);
     void rebuild(const Task& task, TorrentOrigin origin);
     asio::awaitable<std::unique_ptr<TaskTargets::Hold>> takeToDelete(Task task);
-    asio::awaitable<void> deleteTraces(Task task, const TaskTargets::Hold* target, bool deleteFiles);
+    asio::awaitable<bool> beginRemoval(Task task, bool deleteFiles);
+    asio::awaitable<void> endRemoval(SHA1Digest key);
+    asio::awaitable<void> finishRemoval(PendingRemovals::Removal removal);
+    asio::awaitable<void> deleteTraces(Task task, const TaskTargets::Hold* target, bool deleteFiles,
+                                       bool isSecondTry = false);
     void report(const TaskFiles::Removal& removal, const std::string& name);
     TaskSessions::Callbacks sessionCallbacks();
     void endCheck(const Task& task);
@@ -200,6 +205,7 @@ private:
     UploadMode uploadMode_;
     const TorrentArchive archive_;
     PendingDeletes pendingDeletes_;
+    const PendingRemovals removals_;
     std::vector<Task> list_;
     std::map<UUID, Command> busy_;             // tasks on which one runs
     std::string userID_;                       // who is signed in; empty: nobody

@@ -256,11 +256,14 @@ asio::awaitable<void> DownloadManager::remove(Task task, bool deleteFiles) {
     std::unique_ptr<TaskTargets::Hold> target = co_await takeToDelete(task);
     // From here on all of it is done, also when the manager stops meanwhile.
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
+    // Killed anywhere behind this, the next start does the rest.
+    const bool isPutDown = target && co_await beginRemoval(task, deleteFiles);
     std::erase(list_, task);
     environment_.center.publish(TaskListChanged{TaskListChanged::Kind::removed, task->id, task->infoHash});
     store_.saveTasks();
     co_await store_.saveNow();
     co_await deleteTraces(task, target.get(), deleteFiles);
+    if (isPutDown) co_await endRemoval(TaskTargets::keyOf(*task));
     target.reset();
     co_await asio::this_coro::reset_cancellation_state(asio::enable_terminal_cancellation());
     if (!isTorrent || user.empty() || user != userID_ || tasks_.isStopping()) co_return;
@@ -281,7 +284,46 @@ asio::awaitable<std::unique_ptr<TaskTargets::Hold>> DownloadManager::takeToDelet
     co_return target;
 }
 
-asio::awaitable<void> DownloadManager::deleteTraces(Task task, const TaskTargets::Hold* target, bool deleteFiles) {
+asio::awaitable<bool> DownloadManager::beginRemoval(Task task, bool deleteFiles) {
+    auto begin = [this, key = TaskTargets::keyOf(*task),
+                  removal = PendingRemovals::Removal{SavedTask::of(*task), deleteFiles}] {
+        try {
+            removals_.begin(key, removal);
+            return true;
+        } catch (const std::system_error& error) {
+            environment_.log.warning("[Manager] a removal could not be put down: ", error.what());
+            return false;
+        }
+    };
+    co_return co_await runOn(environment_.disk, std::move(begin));
+}
+
+/// Forgets that it was begun, once no list has the task any more.
+asio::awaitable<void> DownloadManager::endRemoval(SHA1Digest key) {
+    const bool isSaved = co_await store_.saveNow();
+    if (!isSaved) co_return;
+    auto end = [this, key] { removals_.end(key); };
+    co_await runOn(environment_.disk, std::move(end));
+}
+
+/// What a removal had not yet done when it was killed.
+asio::awaitable<void> DownloadManager::finishRemoval(PendingRemovals::Removal removal) {
+    const bool deletesFiles = removal.deletesFiles;
+    const Task task = std::move(removal.task).restore(environment_.center, environment_.random);
+    const SHA1Digest key = TaskTargets::keyOf(*task);
+    const bool isAddedAgain =
+        std::any_of(list_.begin(), list_.end(), [&](const Task& other) { return TaskTargets::keyOf(*other) == key; });
+    if (!isAddedAgain) {
+        const std::unique_ptr<TaskTargets::Hold> target = co_await takeToDelete(task);
+        environment_.log.info("[Manager] the removal of ", task->name(), " is done to its end");
+        if (target) co_await deleteTraces(task, target.get(), deletesFiles, true);
+    }
+    store_.saveTasks();
+    co_await endRemoval(key);
+}
+
+asio::awaitable<void> DownloadManager::deleteTraces(Task task, const TaskTargets::Hold* target, bool deleteFiles,
+                                                    bool isSecondTry) {
     const bool isTorrent = task->downloadType == DownloadType::torrent;
     if (!isTorrent && target != nullptr) co_await sessions_.clearHTTPDownload(task, target->place.folder);
     std::optional<TaskFiles> files;
@@ -289,9 +331,10 @@ asio::awaitable<void> DownloadManager::deleteTraces(Task task, const TaskTargets
         FileList list = co_await filesOf(task);
         files.emplace(target->place.folder, std::move(list));
     }
-    auto clear = [this, key = TaskTargets::keyOf(*task), isTorrent, files] {
+    auto clear = [this, key = TaskTargets::keyOf(*task), isTorrent, files, isSecondTry] {
+        auto removal = files ? files->remove(environment_.claims.claimsOf(key), isSecondTry) : TaskFiles::Removal();
+        // After the files: the list of them may be in there, and a killed removal is done again from the start.
         if (isTorrent) archive_.forget(key);
-        auto removal = files ? files->remove(environment_.claims.claimsOf(key)) : TaskFiles::Removal();
         targets_.forget(key);
         environment_.claims.forget(key);
         return removal;

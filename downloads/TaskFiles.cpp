@@ -37,13 +37,19 @@ const char* nameOf(const std::string& path) { return path.c_str() + (path.rfind(
 /// Deletes below one folder, going from folder to folder without following a link.
 class Remover {
 public:
-    explicit Remover(const fs::path& folder) : folder_(folder) {}
+    Remover(const fs::path& folder, bool isSecondTry) : folder_(folder), isSecondTry_(isSecondTry) {}
 
     /// `identity` is what the task put down of it; no file: killed before it could, and so before it wrote anything.
     void removeFile(const std::string& path, const FileIdentity& identity) {
         struct stat status {};
         const int parent = enter(parentOf(path));
-        if (parent < 0 || ::fstatat(parent, nameOf(path), &status, AT_SYMLINK_NOFOLLOW) != 0) return note(path);
+        if (parent < 0 || ::fstatat(parent, nameOf(path), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            const int error = errno;
+            note(path);
+            // The first try may have deleted the file and not yet its folders.
+            if (isSecondTry_ && error == ENOENT) emptied_.emplace(parentOf(path));
+            return;
+        }
         if (!S_ISREG(status.st_mode)) return note(path, "not a regular file");
         const bool isOurs =
             identity.isFile() ? FileIdentity::at(parent, nameOf(path)) == identity : status.st_size == 0;
@@ -59,8 +65,9 @@ public:
             const std::string path = std::move(emptied_.extract(emptied_.begin()).value());
             if (path.empty()) break;
             const int parent = enter(parentOf(path));
-            if (parent >= 0 && ::unlinkat(parent, nameOf(path), AT_REMOVEDIR) == 0) {
-                ++result.folders;
+            const bool isRemoved = parent >= 0 && ::unlinkat(parent, nameOf(path), AT_REMOVEDIR) == 0;
+            if (isRemoved) ++result.folders;
+            if (isRemoved || (isSecondTry_ && errno == ENOENT)) {
                 emptied_.emplace(parentOf(path));
             } else if (errno != ENOTEMPTY && errno != EEXIST) {
                 note(path);
@@ -96,6 +103,7 @@ private:
     }
 
     const fs::path folder_;
+    const bool isSecondTry_;
     FileDescriptor current_;
     std::string currentPath_;
     std::set<std::string, std::greater<>> emptied_;  // folders that something was deleted from
@@ -141,8 +149,8 @@ std::vector<TaskFiles::Place> TaskFiles::places(std::size_t first, const std::ve
     return places;
 }
 
-TaskFiles::Removal TaskFiles::remove(const std::vector<FileClaims::Claim>& claims) const {
-    Remover remover(folder_);
+TaskFiles::Removal TaskFiles::remove(const std::vector<FileClaims::Claim>& claims, bool isSecondTry) const {
+    Remover remover(folder_, isSecondTry);
     for (const auto& [index, identity] : claims) {
         if (index >= files_.size()) continue;
         const TorrentFileInfo& file = files_[index];

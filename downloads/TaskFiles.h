@@ -44,8 +44,9 @@ public:
     /// Deletes the files of the list that the task claims, then the folders below the download folder that this left
     /// empty. A file that the task does not claim stays, and so does one that took the place of a claimed one.
     /// Symbolic links are neither followed below the download folder nor deleted. What is missing already is no
-    /// failure; a failure does not keep the rest from being deleted.
-    Removal remove(const std::vector<FileClaims::Claim>& claims) const;
+    /// failure; a failure does not keep the rest from being deleted. At a second try the folders of what is missing
+    /// count as left empty by the first one.
+    Removal remove(const std::vector<FileClaims::Claim>& claims, bool isSecondTry = false) const;
 
 private:
     std::filesystem::path folder_;

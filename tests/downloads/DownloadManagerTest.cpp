@@ -321,6 +321,33 @@ TEST_F(DownloadManagerTest, aRemovalIsDoneToItsEndAndSparesWhatIsAddedInItsPlace
     EXPECT_FALSE(std::filesystem::exists(downloads.path() / "t"));
 }
 
+TEST_F(DownloadManagerTest, aRemovalThatWasKilledIsDoneAtTheNextStart) {
+    const auto removal = host.home.path() / "removals" / (toHex(infoHash) + ".removal");
+    for (const bool deletesFiles : {true, false}) {
+        const Task task = addWhole();
+        const SavedTask saved = SavedTask::of(*task);
+        EXPECT_TRUE(simulation.finish(manager->whenSaved()));
+        host.close();
+        PendingRemovals(host.home.path()).begin(infoHash, {saved, deletesFiles});
+        if (deletesFiles) std::filesystem::remove(downloads.path() / "t/sub/b");  // killed behind this
+        host.open();
+        EXPECT_THAT(manager->tasks(), SizeIs(0));
+        EXPECT_EQ(std::filesystem::exists(downloads.path() / "t"), !deletesFiles);
+        EXPECT_FALSE(TorrentArchive(host.home.path()).torrent(infoHash));
+        EXPECT_FALSE(std::filesystem::exists(removal));
+    }
+    // Of one that was added again in its place nothing is touched.
+    const Task again = addWhole();
+    SavedTask former = SavedTask::of(*again);
+    former.addedDate -= 1s;
+    PendingRemovals(host.home.path()).begin(infoHash, {former, true});
+    EXPECT_EQ(restarted()->status(), TaskStatus::completed);
+    EXPECT_TRUE(torrent.isWholeIn(downloads.path()));
+    EXPECT_FALSE(std::filesystem::exists(removal));
+    simulation.finish(manager->removeTask(manager->tasks().at(0), true));
+    EXPECT_FALSE(std::filesystem::exists(removal));
+}
+
 TEST_F(DownloadManagerTest, commandsAndSessionsStopSideBySide) {
     page = [](const SeenHTTPRequest& request) {
         HTTPReply reply = HTTPReply::text("d8:intervali1800e5:peers0:e");
