@@ -105,6 +105,27 @@ TEST_F(LocalAPITest, offersTheListAndTheCommands) {
     simulation.runUntil([&] { return stopsAsked == 1; });
 }
 
+TEST_F(LocalAPITest, answersAChangeWhenItIsOnTheDisk) {
+    const fs::path list = host.home.path() / "tasks.json";
+    const auto saved = [&] { return std::string(asText(readWholeFile(list, 1U << 20U))); };
+    for (const std::string letter : {"a", "b", "c"}) {
+        std::string hash;
+        while (hash.size() < 40) hash += letter;
+        EXPECT_EQ(ask("POST", "/api/v1/tasks", R"({"source":"magnet:?xt=urn:btih:)" + hash + R"("})").status, 200);
+        EXPECT_THAT(saved(), HasSubstr(hash));
+        EXPECT_EQ(ask("PATCH", "/api/v1/tasks/" + hash, R"({"notes":"about )" + letter + R"("})").status, 200);
+        EXPECT_THAT(saved(), HasSubstr("about " + letter));
+        EXPECT_EQ(ask("POST", "/api/v1/tasks/" + hash + "/pause").status, 200);
+    }
+    fs::remove(list);
+    fs::create_directories(list / "in the way");
+    const std::string task = "/api/v1/tasks/" + std::string(40, 'a');
+    EXPECT_EQ(ask("PATCH", task, R"({"notes":"lost"})").status, 507);
+    fs::remove_all(list);
+    EXPECT_EQ(ask("DELETE", task).status, 200);
+    EXPECT_THAT(saved(), testing::Not(HasSubstr(std::string(40, 'a'))));
+}
+
 TEST_F(LocalAPITest, fetchesATorrentThatIsNamedByItsAddressAndTellsWhatThereIsToSee) {
     TestTorrent torrent(16384, {{"a", 20'000}});
     torrent.metaInfo->name = "t";
