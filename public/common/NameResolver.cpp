@@ -89,12 +89,11 @@ asio::awaitable<std::vector<IPAddress>> SystemNameResolver::resolve(std::string 
             auto cancel = [lookups, id](asio::cancellation_type) { lookups->cancel(id); };
             slot.assign(std::move(cancel));
         }
-        // Once the caller was told, another thread may go on in the coroutine, to which this lambda belongs.
-        const auto desk = lookups;
+        // Once the caller was told, another thread may go on in the coroutine, to which this lambda belongs: `begin`
+        // is the last that uses it, and looks at nothing of it after an answer.
         auto answer = [waiting, id](const NameLookups::Addresses* found) { waiting->tell(id, found); };
         auto mayAsk = [binding] { return !binding.isGone(); };
-        const std::string wanted = host;
-        if (waiting->add(id, caller)) desk->begin(id, wanted, std::move(mayAsk), std::move(answer));
+        if (waiting->add(id, caller)) lookups->begin(id, host, std::move(mayAsk), std::move(answer));
     };
     co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(initiate, asio::use_awaitable);
     if (!caller->found) throw boost::system::system_error(asio::error::operation_aborted);
