@@ -257,7 +257,8 @@ asio::awaitable<void> DownloadManager::remove(Task task, bool deleteFiles) {
     // From here on all of it is done, also when the manager stops meanwhile.
     co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
     // Killed anywhere behind this, the next start does the rest.
-    const bool isPutDown = target && co_await beginRemoval(task, deleteFiles);
+    bool isPutDown = false;
+    if (target) isPutDown = co_await beginRemoval(task, deleteFiles);
     std::erase(list_, task);
     environment_.center.publish(TaskListChanged{TaskListChanged::Kind::removed, task->id, task->infoHash});
     store_.saveTasks();
