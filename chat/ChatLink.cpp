@@ -155,7 +155,7 @@ asio::awaitable<bool> ChatLink::send(boost::json::object request, std::int64_t s
     if (!socket || !isOpen_) co_return false;
     request.stable_erase("seq");
     request.emplace("seq", seq);
-    const std::string text = plainJSON(request);
+    const std::string text = plainJSONOfBytes(request);
     // A server ends the connection over a frame that is not UTF-8, and so over one user's odd message.
     if (text.size() > maxFrameBytes || !chatFrame::read(text)) co_return false;
     WebSocketMessage message = WebSocketMessage::text(text);

@@ -12,7 +12,8 @@ namespace skein {
 std::string plainJSON(const boost::json::value& value);
 std::string plainJSON(const boost::json::object& object);
 std::string plainJSON(const boost::json::array& array);
-/// The same with the bytes of strings as they are, for what only this program reads: it has to find its files again.
+/// The same with the bytes of strings as they are: for what only this program reads, which has to find its files again,
+/// and for what is refused where it is no UTF-8.
 std::string plainJSONOfBytes(const boost::json::object& object);
 
 }  // namespace skein

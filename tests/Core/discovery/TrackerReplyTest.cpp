@@ -72,7 +72,7 @@ TEST(TrackerReply, whatIsNoDictionaryIsInvalidAndAReasonIsAnError) {
 TEST(TrackerReply, takesNoMoreThanAShareOfAMillionPeers) {
     EXPECT_THAT(TrackerReply::parseCompactIPv4Peers(Bytes(6'000'000, 1)), SizeIs(TrackerReply::maxPeers));
     const BEncodeValue peer(BEncodeValue::Dictionary{{"ip", "1.2.3.4"}, {"port", 80}});
-    const BEncodeValue reply(BEncodeValue::Dictionary{{"peers", BEncodeValue::List(100'000, peer)}});
+    const BEncodeValue reply(BEncodeValue::Dictionary{{"peers", BEncodeValue::List(10'000, peer)}});
     EXPECT_THAT(TrackerReply::parseHTTPAnnounceReply(BEncoder::encode(reply)).result.peers,
                 SizeIs(TrackerReply::maxPeers));
 }
