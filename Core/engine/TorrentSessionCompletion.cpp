@@ -37,6 +37,7 @@ asio::awaitable<void> TorrentSession::completeWhenSafe() {
 
 void TorrentSession::markCompleted() {
     services_.log.info("[Session] ✅ Download completed!");
+    setStatus("Download complete");
     setState(Kind::completed);
     updateProgress();
     if (discovery_) discovery_->noteCompleted();
