@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <iostream>
 #include <semaphore>

@@ -6,6 +6,7 @@
 #include "downloads/PendingRemovals.h"
 #include "public/common/ShownURL.h"
 
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_future.hpp>
 

@@ -11,6 +11,7 @@
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <functional>
 #include <future>

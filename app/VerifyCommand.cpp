@@ -11,6 +11,7 @@
 #include "public/common/WholeFile.h"
 
 #include <CLI/CLI.hpp>
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
 #include <boost/json/object.hpp>
 

@@ -10,6 +10,7 @@
 #include "public/common/WholeFile.h"
 
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/use_future.hpp>
 
 #include <chrono>

@@ -167,11 +167,7 @@ asio::awaitable<bool> ChatLink::send(boost::json::object request, std::int64_t s
     co_return true;
 }
 
-asio::awaitable<void> ChatLink::stop() {
-    // Not a task of the group that it stops, and not given up half way.
-    return asio::co_spawn(tasks_.strand(), shutDown(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> ChatLink::stop() { return tasks_.finish(shutDown()); }
 
 asio::awaitable<void> ChatLink::shutDown() {
     isWanted_ = false;

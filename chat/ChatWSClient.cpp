@@ -24,11 +24,7 @@ ChatWSClient::ChatWSClient(const Strand& strand, Parts parts)
       link_(strand, parts_.clock, parts_.way, parts_.log, *this),
       tasks_(strand) {}
 
-asio::awaitable<void> ChatWSClient::stop() {
-    // Not a task of the group that it stops, and not given up half way.
-    return asio::co_spawn(tasks_.strand(), shutDown(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> ChatWSClient::stop() { return tasks_.finish(shutDown()); }
 
 asio::awaitable<void> ChatWSClient::shutDown() {
     co_await link_.stop();  // first, as it calls us

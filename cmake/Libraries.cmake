@@ -16,6 +16,11 @@ target_compile_definitions(skein_asio PUBLIC BOOST_ASIO_SEPARATE_COMPILATION BOO
 target_include_directories(skein_asio SYSTEM PUBLIC ${Boost_INCLUDE_DIRS})
 target_link_libraries(skein_asio PUBLIC Threads::Threads PRIVATE skein_flags OpenSSL::SSL)
 
+# What of Boost.Beast is no template, likewise.
+add_library(skein_beast STATIC ${PROJECT_SOURCE_DIR}/cmake/beast.cpp)
+target_compile_definitions(skein_beast PUBLIC BOOST_BEAST_SEPARATE_COMPILATION)
+target_link_libraries(skein_beast PUBLIC skein_asio PRIVATE skein_flags)
+
 # Boost.JSON, likewise.
 add_library(skein_json STATIC ${PROJECT_SOURCE_DIR}/cmake/json.cpp)
 target_compile_features(skein_json PUBLIC cxx_std_20)

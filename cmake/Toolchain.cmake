@@ -12,8 +12,10 @@ target_include_directories(skein_flags INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(skein_flags INTERFACE SKEIN_VERSION="${PROJECT_VERSION}")
 
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # GCC 12 finds dangling and uninitialised uses inside the standard library and Asio at -O2 that are not there.
-  target_compile_options(skein_flags INTERFACE -Wno-maybe-uninitialized -Wno-stringop-overflow -Wno-array-bounds -Wno-restrict)
+  # GCC 12 finds dangling and uninitialised uses inside the standard library and Asio at -O2 that are not there, and sees
+  # the allocation of coroutine frames, but not that their operator delete is the one that belongs to it.
+  target_compile_options(skein_flags INTERFACE -Wno-maybe-uninitialized -Wno-stringop-overflow -Wno-array-bounds
+    -Wno-restrict -Wno-mismatched-new-delete)
 endif()
 
 if(SKEIN_SANITIZER STREQUAL "address")
@@ -26,10 +28,6 @@ endif()
 if(SKEIN_SANITIZER)
   # Asio's reuse of small blocks would hide a use of a freed coroutine frame.
   target_compile_definitions(skein_flags INTERFACE BOOST_ASIO_DISABLE_SMALL_BLOCK_RECYCLING SKEIN_SANITIZED)
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # Without the recycling GCC 12 sees the frames' aligned_alloc, but not that their operator delete calls free.
-    target_compile_options(skein_flags INTERFACE -Wno-mismatched-new-delete)
-  endif()
 endif()
 
 find_program(SKEIN_CCACHE ccache)

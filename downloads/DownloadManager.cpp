@@ -9,6 +9,7 @@
 #include "public/common/RunOn.h"
 #include "public/common/ShownURL.h"
 
+#include <boost/system/system_error.hpp>
 #include <boost/url/parse.hpp>
 
 #include <algorithm>
@@ -85,11 +86,7 @@ asio::awaitable<void> DownloadManager::load() {
     tasks_.spawn(beginAccountTasks());
 }
 
-asio::awaitable<void> DownloadManager::stop() {
-    // Not a task of the group that it stops, and not given up half way.
-    return asio::co_spawn(tasks_.strand(), shutDown(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> DownloadManager::stop() { return tasks_.finish(shutDown()); }
 
 asio::awaitable<void> DownloadManager::shutDown() {
     sessions_.close();  // or the commands that still run would start some

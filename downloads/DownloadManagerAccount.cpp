@@ -7,6 +7,7 @@
 #include "public/common/Within.h"
 
 #include <boost/asio/co_spawn.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <algorithm>
 
@@ -28,11 +29,7 @@ void DownloadManager::refreshCredit() {
     if (accountTasks_) accountTasks_->spawn(heartbeat_.updateCurrencyEstimates());
 }
 
-asio::awaitable<void> DownloadManager::prepareForAccountLogout() {
-    // Not given up half way, with sessions of the user that go on.
-    return asio::co_spawn(tasks_.strand(), signOut(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> DownloadManager::prepareForAccountLogout() { return tasks_.finish(signOut()); }
 
 asio::awaitable<void> DownloadManager::beginAccountTasks() {
     co_await endAccountTasks();

@@ -8,6 +8,9 @@
 #include "public/common/ErrorText.h"
 #include "public/common/RunOn.h"
 
+#include <boost/asio/this_coro.hpp>
+#include <boost/system/system_error.hpp>
+
 #include <algorithm>
 
 namespace skein {

@@ -111,11 +111,7 @@ std::span<const std::string_view> HTTPDownloadSession::downloadableExtensions() 
 asio::awaitable<void> HTTPDownloadSession::start() { return tasks_.call(begin(false)); }
 asio::awaitable<void> HTTPDownloadSession::resume() { return tasks_.call(begin(true)); }
 asio::awaitable<void> HTTPDownloadSession::pause() { return tasks_.call(doPause()); }
-asio::awaitable<void> HTTPDownloadSession::stop() {
-    // Stopping is not given up half way, so the caller's cancellation does not reach it.
-    return asio::co_spawn(tasks_.strand(), shutDown(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> HTTPDownloadSession::stop() { return tasks_.finish(shutDown()); }
 asio::awaitable<void> HTTPDownloadSession::setDownloadLimit(std::int64_t bytesPerSecond) {
     return tasks_.call(doSetLimit(bytesPerSecond));
 }

@@ -3,10 +3,12 @@
 #include "Core/engine/ResourceTexts.h"
 #include "public/common/PlainJSON.h"
 
+#include <boost/asio/error.hpp>
 #include <boost/describe/class.hpp>
 #include <boost/json/parse.hpp>
 #include <boost/json/value_from.hpp>
 #include <boost/json/value_to.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <algorithm>
 #include <utility>

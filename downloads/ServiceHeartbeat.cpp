@@ -2,6 +2,8 @@
 
 #include "public/common/Within.h"
 
+#include <boost/system/system_error.hpp>
+
 #include <algorithm>
 #include <utility>
 

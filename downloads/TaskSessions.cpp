@@ -3,6 +3,7 @@
 #include "public/common/Database.h"
 
 #include <boost/asio/post.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <algorithm>
 #include <utility>

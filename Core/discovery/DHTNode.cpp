@@ -5,6 +5,7 @@
 
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/system_error.hpp>
@@ -67,8 +68,7 @@ asio::awaitable<void> DHTNode::stop() {
     co_await asio::this_coro::throw_if_cancelled(false);  // a caller that is cancelled half way still stops it all
     co_await tasks_.stop();
     // On the strand, where streams that are given up go too.
-    co_await asio::co_spawn(tasks_.strand(), shutDown(),
-                            asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+    co_await tasks_.finish(shutDown());
 }
 
 asio::awaitable<void> DHTNode::begin() {

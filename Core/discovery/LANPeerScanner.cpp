@@ -3,9 +3,12 @@
 #include "public/common/BoundSocket.h"
 #include "public/common/Within.h"
 
+#include <boost/asio/cancellation_state.hpp>
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/deferred.hpp>
 #include <boost/asio/experimental/parallel_group.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/system/system_error.hpp>
 

@@ -56,9 +56,8 @@ asio::awaitable<bool> LSDService::start() {
 asio::awaitable<void> LSDService::stop() {
     if (!tasks_) co_return;
     co_await tasks_->stop();
-    tasks_.reset();
-    co_await asio::co_spawn(port_.strand(), leave(),
-                            asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+    const std::unique_ptr<TaskGroup> ended = std::move(tasks_);
+    co_await ended->finish(leave());
     log_.info("[LSD] stopped");
 }
 

@@ -3,6 +3,7 @@
 #include "Core/discovery/LSDMessage.h"
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
 #include <algorithm>

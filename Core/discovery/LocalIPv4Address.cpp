@@ -6,6 +6,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/udp.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <algorithm>
 #include <cstring>

@@ -2,6 +2,9 @@
 
 #include "public/common/ErrorText.h"
 
+#include <boost/asio/this_coro.hpp>
+#include <boost/system/system_error.hpp>
+
 #include <algorithm>
 #include <utility>
 

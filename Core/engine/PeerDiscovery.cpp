@@ -6,6 +6,8 @@
 #include "Core/discovery/PeerHistoryStore.h"
 #include "public/common/Within.h"
 
+#include <boost/asio/dispatch.hpp>
+
 #include <algorithm>
 #include <utility>
 

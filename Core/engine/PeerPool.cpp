@@ -3,6 +3,8 @@
 #include "Core/wire/PeerIDClientParser.h"
 #include "public/common/ErrorText.h"
 
+#include <boost/asio/this_coro.hpp>
+
 #include <algorithm>
 
 namespace skein {

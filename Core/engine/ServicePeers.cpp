@@ -3,6 +3,9 @@
 #include "public/common/ErrorText.h"
 #include "public/common/Within.h"
 
+#include <boost/asio/error.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/system/system_error.hpp>
 #include <boost/url/parse.hpp>
 
 #include <algorithm>

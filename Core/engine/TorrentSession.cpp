@@ -3,6 +3,10 @@
 #include "Core/engine/TorrentFile.h"
 #include "public/common/RunOn.h"
 
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/system/system_error.hpp>
+
 #include <algorithm>
 #include <utility>
 
@@ -61,11 +65,7 @@ asio::awaitable<void> TorrentSession::connectToPeer(PeerAddress address) {
 }
 asio::awaitable<std::vector<bool>> TorrentSession::getCompletionBitmap() { return tasks_.call(bitmap()); }
 
-asio::awaitable<void> TorrentSession::stop() {
-    // Not a task of the group that it stops, and not given up half way.
-    return asio::co_spawn(tasks_.strand(), shutDown(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> TorrentSession::stop() { return tasks_.finish(shutDown()); }
 
 // --- start -----------------------------------------------------------------------------------------------------------
 

@@ -4,6 +4,9 @@
 #include "public/common/ErrorText.h"
 #include "public/common/Within.h"
 
+#include <boost/asio/this_coro.hpp>
+#include <boost/system/system_error.hpp>
+
 #include <algorithm>
 
 namespace skein {

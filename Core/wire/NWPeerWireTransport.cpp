@@ -6,9 +6,11 @@
 #include "public/common/Within.h"
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <algorithm>
 

@@ -6,6 +6,7 @@
 #include "public/common/Within.h"
 
 #include <boost/asio/post.hpp>
+#include <boost/asio/use_awaitable.hpp>
 
 #include <algorithm>
 #include <limits>

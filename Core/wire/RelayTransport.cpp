@@ -5,6 +5,7 @@
 #include "public/common/WebSocketClient.h"
 #include "public/common/Within.h"
 
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/url/encode.hpp>
 #include <boost/url/parse.hpp>

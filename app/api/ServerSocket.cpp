@@ -3,7 +3,11 @@
 #include "public/common/Within.h"
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/deferred.hpp>
 #include <boost/asio/experimental/parallel_group.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/websocket/stream.hpp>
 
@@ -24,7 +28,7 @@ constexpr std::size_t frameBytes = 65'536;
 struct ServerSocket::Stream {
     explicit Stream(asio::ip::tcp::socket from) : socket(std::move(from)) {}
 
-    websocket::stream<asio::ip::tcp::socket> socket;
+    websocket::stream<asio::ip::tcp::socket, false> socket;  // compression is never accepted
     boost::beast::flat_buffer incoming;
 };
 

@@ -38,10 +38,7 @@ asio::awaitable<void> ChatListener::print() {
     end_(failure);
 }
 
-asio::awaitable<void> ChatListener::stop() {
-    return asio::co_spawn(tasks_.strand(), shutDown(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> ChatListener::stop() { return tasks_.finish(shutDown()); }
 
 asio::awaitable<void> ChatListener::shutDown() {
     subscriptions_.clear();  // here, on the strand, no handler runs meanwhile

@@ -42,10 +42,7 @@ asio::awaitable<void> SentMessageWatch::look() {
     }
 }
 
-asio::awaitable<void> SentMessageWatch::stop() {
-    return asio::co_spawn(tasks_.strand(), shutDown(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> SentMessageWatch::stop() { return tasks_.finish(shutDown()); }
 
 asio::awaitable<void> SentMessageWatch::shutDown() {
     subscription_.end();  // here, on the strand, no handler runs meanwhile

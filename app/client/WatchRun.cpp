@@ -3,6 +3,7 @@
 #include "app/Command.h"
 #include "public/common/ErrorText.h"
 
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_future.hpp>
 #include <boost/json/parse.hpp>

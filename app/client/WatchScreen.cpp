@@ -3,6 +3,8 @@
 #include "public/common/ErrorText.h"
 #include "public/common/RunOn.h"
 
+#include <boost/asio/use_awaitable.hpp>
+
 #include <array>
 #include <csignal>
 #include <utility>

@@ -1,12 +1,8 @@
 #pragma once
 
 #include <boost/asio/any_io_executor.hpp>
-#include <boost/asio/as_tuple.hpp>
 #include <boost/asio/awaitable.hpp>
-#include <boost/asio/error.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/use_awaitable.hpp>
-#include <boost/system/system_error.hpp>
 
 namespace skein {
 
@@ -24,11 +20,7 @@ public:
     }
     /// Returns after the next `notify`. Throws boost::system::system_error (operation_aborted) when cancelled.
     /// The caller looks at its condition before and after.
-    asio::awaitable<void> wait() {
-        const auto seen = changes_;
-        co_await timer_.async_wait(asio::as_tuple(asio::use_awaitable));
-        if (changes_ == seen) throw boost::system::system_error(asio::error::operation_aborted);
-    }
+    asio::awaitable<void> wait();
 
 private:
     asio::steady_timer timer_;

@@ -1,16 +1,9 @@
 #pragma once
 
 #include <boost/asio/any_io_executor.hpp>
-#include <boost/asio/associated_executor.hpp>
-#include <boost/asio/async_result.hpp>
 #include <boost/asio/awaitable.hpp>
-#include <boost/asio/dispatch.hpp>
-#include <boost/asio/execution/outstanding_work.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/asio/prefer.hpp>
-#include <boost/asio/use_awaitable.hpp>
 
-#include <exception>
+#include <functional>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -23,32 +16,21 @@ namespace asio = boost::asio;
 /// what it throws comes through. Cancelling the caller does not end the wait: `work` may still use what the caller
 /// owns. `pool` ends before the caller's own executor does, which its threads still hold for a moment after they
 /// resumed it.
+asio::awaitable<void> runOnPool(asio::any_io_executor pool, std::function<void()> work);
+
+/// The same for work that returns something, or is not copied.
 template <class Work>
 asio::awaitable<std::invoke_result_t<Work&>> runOn(asio::any_io_executor pool, Work work) {
     using Result = std::invoke_result_t<Work&>;
-    std::exception_ptr failure;
-    std::optional<std::conditional_t<std::is_void_v<Result>, bool, Result>> result;
-    auto attempt = [&]() noexcept {
-        try {
-            if constexpr (std::is_void_v<Result>) {
-                work();
-            } else {
-                result.emplace(work());
-            }
-        } catch (...) {
-            failure = std::current_exception();
-        }
-    };
-    auto initiate = [&](auto handler) {
-        auto home = asio::prefer(asio::get_associated_executor(handler), asio::execution::outstanding_work.tracked);
-        asio::post(pool, [&attempt, home = std::move(home), handler = std::move(handler)]() mutable {
-            attempt();
-            asio::dispatch(home, std::move(handler));
-        });
-    };
-    co_await asio::async_initiate<const asio::use_awaitable_t<>, void()>(initiate, asio::use_awaitable);
-    if (failure) std::rethrow_exception(failure);
-    if constexpr (!std::is_void_v<Result>) co_return std::move(*result);
+    if constexpr (std::is_void_v<Result>) {
+        std::function<void()> step = [&work] { work(); };
+        co_await runOnPool(std::move(pool), std::move(step));
+    } else {
+        std::optional<Result> result;
+        std::function<void()> step = [&work, &result] { result.emplace(work()); };
+        co_await runOnPool(std::move(pool), std::move(step));
+        co_return std::move(*result);
+    }
 }
 
 }  // namespace skein

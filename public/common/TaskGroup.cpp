@@ -3,7 +3,15 @@
 #include "public/common/FatalFault.h"
 
 #include <boost/asio/as_tuple.hpp>
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/cancellation_state.hpp>
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <cassert>
 #include <string>
@@ -30,6 +38,23 @@ void reportEscaped(const std::exception_ptr& failure, bool isStopping) {
 
 }  // namespace
 
+/// Takes a task's signal out of the list when the task ends, however it ends.
+class TaskGroup::Entry {
+public:
+    Entry(TaskGroup& group, const std::shared_ptr<asio::cancellation_signal>& signal)
+        : group_(group), position_(group.running_.insert(group.running_.end(), signal)) {}
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+    ~Entry() {
+        group_.running_.erase(position_);
+        if (group_.stopping_) group_.changed_.cancel();
+    }
+
+private:
+    TaskGroup& group_;
+    Signals::iterator position_;
+};
+
 TaskGroup::TaskGroup(const asio::any_io_executor& pool) : TaskGroup(asio::make_strand(pool)) {}
 
 TaskGroup::TaskGroup(const Strand& strand) : strand_(strand), changed_(strand_) {
@@ -37,6 +62,30 @@ TaskGroup::TaskGroup(const Strand& strand) : strand_(strand), changed_(strand_) 
 }
 
 TaskGroup::~TaskGroup() { assert(running_.empty()); }
+
+asio::awaitable<void> TaskGroup::call(asio::awaitable<void> task) {
+    // Shared, because co_spawn's own forwarding follows a pointer that the caller's strand may have freed by then.
+    const auto signal = std::make_shared<asio::cancellation_signal>();
+    const asio::cancellation_state caller = co_await asio::this_coro::cancellation_state;
+    if (caller.slot().is_connected())
+        caller.slot().assign([strand = strand_, signal](asio::cancellation_type type) {
+            asio::dispatch(strand, [signal, type] { signal->emit(type); });
+        });
+    co_await asio::co_spawn(strand_, tracked(signal, std::move(task)),
+                            asio::bind_cancellation_slot(signal->slot(), asio::use_awaitable));
+}
+
+asio::awaitable<void> TaskGroup::tracked(std::shared_ptr<asio::cancellation_signal> signal,
+                                         asio::awaitable<void> task) {
+    if (stopping_) throw boost::system::system_error(asio::error::operation_aborted);
+    const Entry entry(*this, signal);
+    co_await std::move(task);
+}
+
+asio::awaitable<void> TaskGroup::finish(asio::awaitable<void> work) {
+    return asio::co_spawn(strand_, std::move(work),
+                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+}
 
 void TaskGroup::spawn(asio::awaitable<void> task) {
     asio::co_spawn(strand_, supervise(std::move(task)), asio::detached);
@@ -52,11 +101,7 @@ asio::awaitable<void> TaskGroup::supervise(asio::awaitable<void> task) {
     reportEscaped(failure, stopping_);
 }
 
-asio::awaitable<void> TaskGroup::stop() {
-    // Stopping is not given up half way, so the caller's cancellation does not reach it.
-    return asio::co_spawn(strand_, drain(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> TaskGroup::stop() { return finish(drain()); }
 
 asio::awaitable<void> TaskGroup::drain() {
     stopping_ = true;

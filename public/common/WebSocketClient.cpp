@@ -4,16 +4,21 @@
 #include "public/common/BoundSocket.h"
 #include "public/common/ErrorText.h"
 #include "public/common/ShownURL.h"
+#include "public/common/WebSocketTransport.h"
 #include "public/common/Within.h"
 
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/deferred.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/asio/experimental/parallel_group.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/host_name_verification.hpp>
-#include <boost/asio/ssl/stream.hpp>
+#include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/websocket/ssl.hpp>
 #include <boost/beast/websocket/stream.hpp>
+#include <boost/system/system_error.hpp>
 #include <boost/url/parse.hpp>
 #include <openssl/ssl.h>
 
@@ -28,7 +33,6 @@ namespace {
 namespace websocket = boost::beast::websocket;
 namespace ssl = asio::ssl;
 using asio::ip::tcp;
-using TLSStream = ssl::stream<tcp::socket>;
 
 /// Masked and written at once: the library's 4 KiB would cost a system call and a frame each.
 constexpr std::size_t writeBufferBytes = std::size_t{64} << 10U;
@@ -74,79 +78,53 @@ ssl::context& trust() {
     return context;
 }
 
-asio::awaitable<void> secure(tcp::socket&, const std::string&) { co_return; }
-
-asio::awaitable<void> secure(TLSStream& stream, const std::string& host) {
-    if (!IPAddress::parse(host)) SSL_set_tlsext_host_name(stream.native_handle(), host.c_str());
-    stream.set_verify_callback(ssl::host_name_verification(host));
-    co_await stream.async_handshake(ssl::stream_base::client, asio::use_awaitable);
-}
-
 }  // namespace
 
-/// A websocket whose kind of transport is not known to its user.
-class WebSocketClient::Stream {
-public:
-    Stream() = default;
-    Stream(const Stream&) = delete;
-    Stream& operator=(const Stream&) = delete;
-    virtual ~Stream() = default;
+asio::awaitable<void> WebSocketTransport::secureAs(std::string host, ssl::context& trust) {
+    tls_.emplace(socket_, trust);
+    if (!IPAddress::parse(host)) SSL_set_tlsext_host_name(tls_->native_handle(), host.c_str());
+    tls_->set_verify_callback(ssl::host_name_verification(host));
+    co_await tls_->async_handshake(ssl::stream_base::client, asio::use_awaitable);
+}
 
-    virtual tcp::socket& socket() = 0;
-    virtual asio::awaitable<void> secureAs(std::string host) = 0;
-    virtual asio::awaitable<void> upgrade(Target target, const std::vector<HTTPHeader>& headers) = 0;
-    virtual asio::awaitable<WebSocketMessage> read() = 0;
-    virtual asio::awaitable<void> write(WebSocketMessage message) = 0;
-    virtual asio::awaitable<void> close() = 0;
-};
-
-template <class Transport>
-class WebSocketClient::StreamOver final : public Stream {
-public:
-    template <class... Arguments>
-    explicit StreamOver(std::size_t maxMessageBytes, Arguments&&... transport)
-        : stream_(std::forward<Arguments>(transport)...) {
-        stream_.read_message_max(maxMessageBytes);
-        stream_.write_buffer_bytes(writeBufferBytes);
+struct WebSocketClient::Stream {
+    Stream(const Strand& strand, std::size_t maxMessageBytes) : socket(strand) {
+        socket.read_message_max(maxMessageBytes);
+        socket.write_buffer_bytes(writeBufferBytes);
     }
 
-    tcp::socket& socket() override { return boost::beast::get_lowest_layer(stream_); }
+    WebSocketTransport& transport() { return socket.next_layer(); }
 
-    asio::awaitable<void> secureAs(std::string host) override { co_await secure(stream_.next_layer(), host); }
-
-    asio::awaitable<void> upgrade(Target target, const std::vector<HTTPHeader>& headers) override {
-        stream_.set_option(websocket::stream_base::decorator([&headers](websocket::request_type& request) {
+    asio::awaitable<void> upgrade(Target target, const std::vector<HTTPHeader>& headers) {
+        socket.set_option(websocket::stream_base::decorator([&headers](websocket::request_type& request) {
             for (const HTTPHeader& header : headers) request.set(header.name, header.value);
         }));
         websocket::response_type response;
         boost::system::error_code error;
-        co_await stream_.async_handshake(response, target.authority, target.path,
-                                         asio::redirect_error(asio::use_awaitable, error));
+        co_await socket.async_handshake(response, target.authority, target.path,
+                                        asio::redirect_error(asio::use_awaitable, error));
         if (error == websocket::condition::handshake_failed)
             throw WebSocketException(WebSocketError::refused, "HTTP " + std::to_string(response.result_int()));
         if (error) throw boost::system::system_error(error);
     }
 
-    asio::awaitable<WebSocketMessage> read() override {
-        const std::size_t size = co_await stream_.async_read(buffer_, asio::use_awaitable);
-        const auto* begin = static_cast<const std::uint8_t*>(buffer_.data().data());
-        WebSocketMessage message{stream_.got_text(), Bytes(begin, begin + size)};
-        buffer_.consume(size);
+    asio::awaitable<WebSocketMessage> read() {
+        const std::size_t size = co_await socket.async_read(incoming, asio::use_awaitable);
+        const auto* begin = static_cast<const std::uint8_t*>(incoming.data().data());
+        WebSocketMessage message{socket.got_text(), Bytes(begin, begin + size)};
+        incoming.consume(size);
         co_return message;
     }
 
-    asio::awaitable<void> write(WebSocketMessage message) override {
-        stream_.text(message.isText);
-        co_await stream_.async_write(asio::buffer(message.data), asio::use_awaitable);
+    asio::awaitable<void> write(WebSocketMessage message) {
+        socket.text(message.isText);
+        co_await socket.async_write(asio::buffer(message.data), asio::use_awaitable);
     }
 
-    asio::awaitable<void> close() override {
-        co_await stream_.async_close(websocket::close_code::normal, asio::use_awaitable);
-    }
+    asio::awaitable<void> close() { co_await socket.async_close(websocket::close_code::normal, asio::use_awaitable); }
 
-private:
-    websocket::stream<Transport> stream_;
-    boost::beast::flat_buffer buffer_;
+    websocket::stream<WebSocketTransport, false> socket;  // compression is never offered
+    boost::beast::flat_buffer incoming;
 };
 
 WebSocketClient::WebSocketClient(const asio::any_io_executor& pool, Clock& clock, WayOut way, WebSocketRequest request)
@@ -188,14 +166,10 @@ asio::awaitable<void> WebSocketClient::connectAndUpgrade() {
     auto step = WebSocketError::cannotConnect;
     try {
         const std::vector<IPAddress> addresses = co_await way_.resolver.resolve(target.host);
-        if (target.isSecure) {
-            stream_ = std::make_unique<StreamOver<TLSStream>>(request_.maxMessageBytes, tasks_.strand(), trust());
-        } else {
-            stream_ = std::make_unique<StreamOver<tcp::socket>>(request_.maxMessageBytes, tasks_.strand());
-        }
+        stream_ = std::make_unique<Stream>(tasks_.strand(), request_.maxMessageBytes);
         co_await connect(addresses, target.port);
         step = WebSocketError::insecure;
-        co_await stream_->secureAs(target.host);
+        if (target.isSecure) co_await stream_->transport().secureAs(target.host, trust());
         step = WebSocketError::closed;
         co_await stream_->upgrade(target, request_.headers);
     } catch (const boost::system::system_error& error) {
@@ -208,7 +182,7 @@ asio::awaitable<void> WebSocketClient::connectAndUpgrade() {
 asio::awaitable<void> WebSocketClient::connect(std::vector<IPAddress> addresses, std::uint16_t port) {
     boost::system::error_code error = asio::error::host_not_found;
     for (const IPAddress& address : addresses) {
-        tcp::socket& socket = stream_->socket();
+        tcp::socket& socket = stream_->transport().socket();
         const tcp::endpoint remote(toAsio(address), port);
         socket.close(error);
         try {
@@ -264,11 +238,7 @@ asio::awaitable<void> WebSocketClient::write(WebSocketMessage message) {
     }
 }
 
-asio::awaitable<void> WebSocketClient::stop() {
-    // Not a task of the group that it stops, and not given up half way.
-    return asio::co_spawn(tasks_.strand(), shutDown(),
-                          asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
-}
+asio::awaitable<void> WebSocketClient::stop() { return tasks_.finish(shutDown()); }
 
 asio::awaitable<void> WebSocketClient::shutDown() {
     try {
@@ -296,7 +266,7 @@ void WebSocketClient::breakOff() noexcept {
     sendEnded_.notify();
     if (!stream_) return;
     boost::system::error_code ignored;
-    stream_->socket().close(ignored);
+    stream_->transport().socket().close(ignored);
 }
 
 }  // namespace skein

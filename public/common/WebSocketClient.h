@@ -10,6 +10,7 @@
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include <chrono>
 #include <cstddef>
@@ -68,9 +69,7 @@ public:
     asio::awaitable<void> stop();
 
 private:
-    class Stream;
-    template <class Transport>
-    class StreamOver;
+    struct Stream;
 
     asio::awaitable<void> doOpen();
     asio::awaitable<void> connectAndUpgrade();

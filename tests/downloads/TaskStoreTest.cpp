@@ -7,6 +7,8 @@
 #include "tests/support/Simulation.h"
 #include "tests/support/TemporaryFolder.h"
 
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/use_future.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

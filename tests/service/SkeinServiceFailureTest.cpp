@@ -1,5 +1,7 @@
 #include "tests/service/ServiceTest.h"
 
+#include <boost/system/system_error.hpp>
+
 #include <chrono>
 
 namespace skein {

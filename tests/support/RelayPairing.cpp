@@ -1,5 +1,6 @@
 #include "tests/support/RelayPairing.h"
 
+#include <boost/system/system_error.hpp>
 #include <boost/url/parse.hpp>
 
 #include <algorithm>

@@ -8,6 +8,7 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
+#include <boost/system/system_error.hpp>
 
 #include <algorithm>
 #include <utility>

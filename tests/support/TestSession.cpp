@@ -2,6 +2,8 @@
 
 #include "tests/support/ScriptedPeer.h"
 
+#include <boost/system/system_error.hpp>
+
 namespace skein {
 
 TestSession::TestSession(Simulation& simulation, const SHA1Digest& infoHash, char peerID,

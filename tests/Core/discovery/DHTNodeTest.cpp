@@ -4,6 +4,8 @@
 #include "tests/support/RecordingLogger.h"
 #include "tests/support/Simulation.h"
 
+#include <boost/asio/co_spawn.hpp>
+#include <boost/system/system_error.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -5,6 +5,7 @@
 #include "tests/support/TemporaryFolder.h"
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/system/system_error.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -6,6 +6,7 @@
 #include "tests/support/Simulation.h"
 
 #include <boost/asio/strand.hpp>
+#include <boost/system/system_error.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -1,6 +1,8 @@
 #include "public/common/ThreadPools.h"
 #include "tests/Core/engine/PieceManagerFixture.h"
 
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
 #include <gmock/gmock.h>
 

@@ -3,6 +3,7 @@
 #include "tests/support/ScriptedPeer.h"
 #include "tests/support/Simulation.h"
 
+#include <boost/asio/error.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/write.hpp>
 #include <gtest/gtest.h>

@@ -5,6 +5,8 @@
 #include "tests/Core/wire/ConnectionFixture.h"
 #include "tests/support/ScriptedWebSocketServer.h"
 
+#include <boost/system/system_error.hpp>
+
 namespace skein {
 namespace {
 

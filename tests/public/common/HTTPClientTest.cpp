@@ -6,7 +6,9 @@
 #include "tests/support/ScriptedHTTPServer.h"
 #include "tests/support/Simulation.h"
 
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
+#include <boost/system/system_error.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -3,7 +3,9 @@
 #include "public/common/Within.h"
 #include "tests/support/Simulation.h"
 
+#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_future.hpp>
+#include <boost/system/system_error.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -3,7 +3,10 @@
 #include "public/common/ThreadPools.h"
 #include "tests/support/Simulation.h"
 
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/error.hpp>
 #include <boost/asio/use_future.hpp>
+#include <boost/system/system_error.hpp>
 #include <gtest/gtest.h>
 
 #include <thread>
