@@ -1,6 +1,7 @@
 #include "app/CommandLine.h"
 
 #include "app/Command.h"
+#include "public/common/ErrorText.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,7 +22,7 @@ int run(Command& command, const GlobalOptions& global) {
     } catch (const CommandFailure& failure) {
         reportFailure(failure.what());
     } catch (const std::exception& failure) {
-        reportFailure(command.description().name + ": " + failure.what());
+        reportFailure(command.description().name + ": " + textOf(failure));
     }
     return exitStatus::failed;
 }

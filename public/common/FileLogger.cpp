@@ -1,5 +1,6 @@
 #include "public/common/FileLogger.h"
 
+#include "public/common/Printable.h"
 #include "public/common/PrivateFolder.h"
 #include "public/common/ShownURL.h"
 
@@ -7,7 +8,9 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 
 #include <cstdio>
+#include <new>
 #include <sys/stat.h>
+#include <system_error>
 #include <utility>
 
 namespace skein {
@@ -30,16 +33,6 @@ spdlog::level::level_enum levelOf(LogLevel level) {
     return spdlog::level::off;
 }
 
-/// Replaces the control characters of ASCII, and those of Unicode that start with 0xC2 in UTF-8.
-void replaceControls(std::string& line) {
-    unsigned char before = 0;
-    for (char& character : line) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte < 0x20 || byte == 0x7F || (before == 0xC2 && byte >= 0x80 && byte < 0xA0)) character = '?';
-        before = byte;
-    }
-}
-
 }  // namespace
 
 std::optional<LogLevel> logLevelFrom(std::string_view name) noexcept {
@@ -60,16 +53,24 @@ struct FileLogger::Sink {
         };
         auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file.string(), rotateAtBytes, keptFiles,
                                                                            false, handlers);
-        writer = std::make_shared<spdlog::details::thread_pool>(waitingLines, 1);
-        logger = std::make_shared<spdlog::async_logger>("skein", std::move(sink), writer,
-                                                        spdlog::async_overflow_policy::overrun_oldest);
+        try {
+            writer = std::make_shared<spdlog::details::thread_pool>(waitingLines, 1);
+            logger = std::make_shared<spdlog::async_logger>("skein", sink, writer,
+                                                            spdlog::async_overflow_policy::overrun_oldest);
+        } catch (const std::system_error&) {
+            // No thread is to be had: whoever has something to say writes it.
+            logger = std::make_shared<spdlog::logger>("skein", std::move(sink));
+        }
+        // spdlog itself would tell on stderr, where the program's own lines are expected.
+        logger->set_error_handler([](const std::string&) {});
         logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %L %v");
         logger->set_level(spdlog::level::trace);
         logger->flush_on(spdlog::level::debug);
     }
 
-    std::shared_ptr<spdlog::async_logger> logger;
-    std::shared_ptr<spdlog::details::thread_pool> writer;  // goes first: writes out what waits, and joins its thread
+    std::shared_ptr<spdlog::logger> logger;
+    std::shared_ptr<spdlog::details::thread_pool>
+        writer;  // goes first: writes out what waits, and joins its thread; null without one
 };
 
 FileLogger::FileLogger() : FileLogger(LogLevel::off) {}
@@ -79,6 +80,8 @@ FileLogger::FileLogger(LogLevel least) : least_(least) {}
 FileLogger::FileLogger(const std::filesystem::path& file, LogLevel least) : least_(least) {
     try {
         sink_ = std::make_unique<Sink>(file);
+    } catch (const std::bad_alloc&) {
+        throw;  // the rest would fail as well, and say it again
     } catch (const std::exception& error) {
         std::fprintf(stderr, "skein: the log is off: %s\n", error.what());
         least_ = LogLevel::off;
@@ -90,9 +93,7 @@ FileLogger::~FileLogger() = default;
 void FileLogger::write(LogLevel level, std::string_view line) {
     if (!sink_) return;
     const bool isCut = line.size() > longestLineBytes;
-    std::string clean(line.substr(0, longestLineBytes));
-    replaceControls(clean);
-    clean = withShownURLs(clean);
+    std::string clean = withShownURLs(printable(line.substr(0, longestLineBytes)));
     if (isCut) clean += "…";
     // As a view: spdlog would take a string for a format, and what a peer sent may hold braces.
     sink_->logger->log(levelOf(level), spdlog::string_view_t(clean));

@@ -72,7 +72,7 @@ public:
 protected:
     /// For a logger that keeps its lines elsewhere (tests): takes all lines from `least` on through `write`.
     explicit FileLogger(LogLevel least);
-    /// Control characters in `line` (what a peer sent may hold a line break or steer a terminal) are written as "?".
+    /// What of `line` is not `printable` (a peer may have sent it) is written as "?".
     virtual void write(LogLevel level, std::string_view line);
 
 private:

@@ -141,16 +141,21 @@ std::optional<IPAddress> addressOf(const curl_sockaddr& given) noexcept {
 }  // namespace
 
 struct HTTPTransfer::Callbacks {
-    static std::size_t header(char* data, std::size_t, std::size_t count, void* self) {
+    // No exception may cross curl. Where memory is short, the transfer fails.
+    static std::size_t header(char* data, std::size_t, std::size_t count, void* self) noexcept try {
         return static_cast<HTTPTransfer*>(self)->acceptHeader({data, count}) ? count : 0;
+    } catch (const std::bad_alloc&) {
+        return 0;
     }
 
-    static std::size_t body(char* data, std::size_t, std::size_t count, void* self) {
+    static std::size_t body(char* data, std::size_t, std::size_t count, void* self) noexcept try {
         const ByteView bytes(reinterpret_cast<const std::uint8_t*>(data), count);
         auto& transfer = *static_cast<HTTPTransfer*>(self);
         const bool isTaken = transfer.acceptBody(bytes);
         if (transfer.isPaused_) return CURL_WRITEFUNC_PAUSE;
         return isTaken ? count : 0;
+    } catch (const std::bad_alloc&) {
+        return 0;
     }
 
     static curl_socket_t openSocket(void* self, curlsocktype, curl_sockaddr* address) {

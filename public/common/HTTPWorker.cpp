@@ -1,10 +1,14 @@
 #include "public/common/HTTPWorker.h"
 
+#include "public/common/ErrorText.h"
+#include "public/common/StartThread.h"
+
 #include <boost/asio/post.hpp>
 #include <curl/curl.h>
 
 #include <algorithm>
 #include <csignal>
+#include <new>
 #include <pthread.h>
 #include <stdexcept>
 #include <utility>
@@ -25,16 +29,28 @@ void initialiseCurl() {
     if (done != CURLE_OK) throw std::runtime_error(curl_easy_strerror(done));
 }
 
-/// A thread that gets no signal: the program's handlers run elsewhere, and a broken TLS connection raises SIGPIPE.
-template <class Work>
-std::thread threadWithoutSignals(Work work) {
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    std::thread thread(std::move(work));
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return thread;
+/// While it lives, this thread and those that it starts get no signal: the program's handlers run elsewhere, and a
+/// broken TLS connection raises SIGPIPE.
+class NoSignals {
+public:
+    NoSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    NoSignals(const NoSignals&) = delete;
+    NoSignals& operator=(const NoSignals&) = delete;
+    ~NoSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_{};
+};
+
+/// For want of what the program has, not by what the network did.
+void fail(HTTPExchange& exchange, std::string why) {
+    exchange.outcome.error = HTTPError::transferFailed;
+    exchange.outcome.detail = std::move(why);
+    exchange.isAborted = false;
 }
 
 }  // namespace
@@ -57,13 +73,31 @@ void HTTPWorker::tell(Message message) {
         work();
         return;
     }
-    if (!thread_.joinable()) thread_ = threadWithoutSignals([this] { run(); });
     curl_multi_wakeup(multi_);
 }
 
+void HTTPWorker::startOnce() {
+    const std::lock_guard lock(lifeMutex_);
+    if (isStopping_ || thread_.joinable()) return;
+    const NoSignals inTheThread;
+    thread_ = startThread([this] { run(); });
+}
+
 void HTTPWorker::begin(Id id, HTTPBody body, std::shared_ptr<HTTPExchange> exchange, Done done) {
+    try {
+        startOnce();
+    } catch (const ThreadShortage& shortage) {
+        fail(*exchange, shortage.what());
+        return done();
+    }
     tell([this, id, body, exchange = std::move(exchange), done = std::move(done)] {
-        auto transfer = std::make_unique<HTTPTransfer>(std::move(exchange->request), body, options_);
+        std::unique_ptr<HTTPTransfer> transfer;
+        try {
+            transfer = std::make_unique<HTTPTransfer>(std::move(exchange->request), body, options_);
+        } catch (const std::bad_alloc& shortage) {
+            fail(*exchange, textOf(shortage));
+            return done();
+        }
         add(id, Running{std::move(transfer), exchange, done});
     });
 }
@@ -138,12 +172,17 @@ void HTTPWorker::add(Id id, Running running) {
     start(entry);
 }
 
+void HTTPWorker::perform(RunningMap::iterator entry) {
+    void* const handle = entry->second.transfer->handle();
+    if (curl_multi_add_handle(multi_, handle) != CURLM_OK) handleEnd(handle, CURLE_OUT_OF_MEMORY);
+}
+
 /// Runs the transfer, once it is known where its host is.
 void HTTPWorker::start(RunningMap::iterator entry) {
     Running& running = entry->second;
     const auto host = running.transfer->hostToFind();
     if (!host) {
-        curl_multi_add_handle(multi_, running.transfer->handle());
+        perform(entry);
         return;
     }
     if (isStopping_) return;  // it is about to be ended
@@ -165,7 +204,7 @@ void HTTPWorker::handleFound(Id id, NameLookups::Id lookup, const NameLookups::A
     if (entry == running_.end() || entry->second.lookup != lookup) return;
     entry->second.lookup = 0;
     if (entry->second.transfer->setAddresses(addresses)) {
-        curl_multi_add_handle(multi_, entry->second.transfer->handle());
+        perform(entry);
     } else {
         endUnlessStreamed(entry);
     }

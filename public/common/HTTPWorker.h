@@ -62,12 +62,14 @@ private:
     };
     using RunningMap = std::map<Id, Running>;
 
+    void startOnce();
     template <class Message>
     void tell(Message message);
     void run();
     void work();
     void add(Id id, Running running);
     void start(RunningMap::iterator entry);
+    void perform(RunningMap::iterator entry);
     void handleFound(Id id, NameLookups::Id lookup, const NameLookups::Addresses& addresses);
     void giveLookupsUp();
     int longestWaitMilliseconds() const;

@@ -1,11 +1,13 @@
 #include "public/common/NameLookups.h"
 
+#include "public/common/StartThread.h"
+
 #include <algorithm>
 #include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <new>
 #include <sys/socket.h>
-#include <thread>
 #include <utility>
 
 namespace skein {
@@ -63,11 +65,29 @@ void NameLookups::begin(Id id, const std::string& host, MayAsk mayAsk, Answer an
     }
     query->waiting.emplace(id, Waiting{std::move(mayAsk), std::move(answer)});
     byId_.emplace(id, query);
-    if (!isNew || threads_ == maxThreads) return;
-    ++threads_;
-    // Not joined by anybody: see the class. It holds this, and nothing else of the program.
-    std::thread([self = shared_from_this()] { self->work(); }).detach();
+    if (!isNew || threads_ == maxThreads || addThread() || threads_ > 0) return;
+    // The queue was empty: nobody takes from it.
+    const Answer unanswered = std::move(query->waiting.extract(id).mapped().answer);
+    byId_.erase(id);
+    byHost_.erase(host);
+    queue_.pop_back();
+    lock.unlock();
+    const Addresses nothing;
+    unanswered(&nothing);
 }
+
+bool NameLookups::addThread() {
+    try {
+        // Not joined by anybody: see the class. It holds this, and nothing else of the program.
+        start_([self = shared_from_this()] { self->work(); });
+        ++threads_;
+        return true;
+    } catch (const ThreadShortage&) {
+        return false;
+    }
+}
+
+void NameLookups::startDetached(std::function<void()> work) { startThread(std::move(work)).detach(); }
 
 void NameLookups::cancel(Id id) {
     std::unique_lock lock(mutex_);
@@ -89,7 +109,11 @@ void NameLookups::work() {
             std::ranges::any_of(query->waiting, [](const auto& entry) { return entry.second.mayAsk(); });
         if (isWanted) {
             lock.unlock();
-            addresses = ask_(query->host);
+            try {
+                addresses = ask_(query->host);
+            } catch (const std::bad_alloc&) {
+                // Not found, then: it may be found later.
+            }
             lock.lock();
             keep(query->host, addresses);
         }

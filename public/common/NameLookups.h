@@ -37,19 +37,24 @@ public:
     /// How the system is asked; blocks.
     using Ask = std::function<Addresses(const std::string& host)>;
 
-    explicit NameLookups(Ask ask = askSystem) : ask_(std::move(ask)) {}
+    /// How a thread that nobody joins begins. Throws ThreadShortage.
+    using Start = std::function<void(std::function<void()> work)>;
+
+    explicit NameLookups(Ask ask = askSystem, Start start = startDetached)
+        : ask_(std::move(ask)), start_(std::move(start)) {}
     NameLookups(const NameLookups&) = delete;
     NameLookups& operator=(const NameLookups&) = delete;
 
     /// The one of the program.
     static const std::shared_ptr<NameLookups>& shared();
     static Addresses askSystem(const std::string& host);
+    static void startDetached(std::function<void()> work);
 
     Id newId() noexcept { return ++lastId_; }
     /// Whether the system may be asked, when the look-up's turn comes: what it is to leave by may have gone meanwhile.
     using MayAsk = std::function<bool()>;
 
-    /// `answer` may come before this returns.
+    /// `answer` may come before this returns. Nothing is found while not even one thread can be started.
     void begin(Id id, const std::string& host, MayAsk mayAsk, Answer answer);
     void cancel(Id id);
 
@@ -69,11 +74,13 @@ private:
         std::map<Id, Waiting> waiting;
     };
 
+    bool addThread();
     void work();
     const Addresses* kept(const std::string& host);
     void keep(const std::string& host, Addresses addresses);
 
     const Ask ask_;
+    const Start start_;
     std::atomic<Id> lastId_{0};
     std::mutex mutex_;  // not held while anybody is answered
     std::deque<std::shared_ptr<Query>> queue_;

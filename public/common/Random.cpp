@@ -15,7 +15,7 @@ std::uint32_t Random::number() {
 }
 
 void SecureRandom::fill(std::span<std::uint8_t> bytes) {
-    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) stopProgram("the random source failed");
+    if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) endProgram("the random source failed");
 }
 
 }  // namespace skein

@@ -14,6 +14,8 @@
 #include <boost/system/system_error.hpp>
 
 #include <cassert>
+#include <exception>
+#include <new>
 #include <string>
 
 namespace skein {
@@ -28,6 +30,8 @@ void reportEscaped(const std::exception_ptr& failure, bool isStopping) {
     } catch (const boost::system::system_error& error) {
         if (isStopping || error.code() == asio::error::operation_aborted) return;
         text = error.what();
+    } catch (const std::bad_alloc&) {
+        endProgram("not enough memory");
     } catch (const std::exception& error) {
         text = error.what();
     } catch (...) {
@@ -61,7 +65,12 @@ TaskGroup::TaskGroup(const Strand& strand) : strand_(strand), changed_(strand_) 
     changed_.expires_at(asio::steady_timer::time_point::max());
 }
 
-TaskGroup::~TaskGroup() { assert(running_.empty()); }
+TaskGroup::~TaskGroup() {
+    // An actor that goes without having been stopped met a lack of memory while it was handed from one owner to
+    // another. Its tasks would go on in freed memory.
+    if (!running_.empty() && std::uncaught_exceptions() > 0) endProgram("not enough memory");
+    assert(running_.empty());
+}
 
 asio::awaitable<void> TaskGroup::call(asio::awaitable<void> task) {
     // Shared, because co_spawn's own forwarding follows a pointer that the caller's strand may have freed by then.

@@ -1,8 +1,9 @@
 #include "public/common/ThreadPools.h"
 
+#include "public/common/StartThread.h"
+
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/thread_pool.hpp>
 
 #include <algorithm>
 #include <thread>
@@ -10,23 +11,65 @@
 
 namespace skein {
 
+namespace {
+
+/// One pool. Its end drops what is queued, unless `finish` came before.
+class Pool {
+public:
+    explicit Pool(unsigned most) : context_(static_cast<int>(most)), work_(context_.get_executor()) {
+        threads_.reserve(most);
+    }
+    Pool(const Pool&) = delete;
+    Pool& operator=(const Pool&) = delete;
+    ~Pool() {
+        context_.stop();
+        join();
+    }
+
+    asio::any_io_executor executor() { return context_.get_executor(); }
+    /// Throws ThreadShortage.
+    void addThread() {
+        threads_.push_back(startThread([this] { context_.run(); }));
+    }
+    /// Returns when all that is queued has run.
+    void finish() {
+        work_.reset();
+        join();
+    }
+
+private:
+    void join() {
+        for (std::thread& thread : threads_) thread.join();
+        threads_.clear();
+    }
+
+    asio::io_context context_;
+    asio::executor_work_guard<asio::io_context::executor_type> work_;
+    std::vector<std::thread> threads_;
+};
+
+}  // namespace
+
 struct ThreadPools::Pools {
-    explicit Pools(unsigned count) : io(static_cast<int>(count)), work(io.get_executor()), disk(count) {
-        threads.reserve(count);
-        for (unsigned i = 0; i < count; ++i) threads.emplace_back([this] { io.run(); });
+    explicit Pools(unsigned most) : io(most), disk(most) {
+        // Each needs one before the other may have a second.
+        io.addThread();
+        disk.addThread();
+        try {
+            for (unsigned count = 1; count < most; ++count) {
+                io.addThread();
+                disk.addThread();
+            }
+        } catch (const ThreadShortage&) {
+            // Those that run do the work of all.
+        }
     }
     Pools(const Pools&) = delete;
     Pools& operator=(const Pools&) = delete;
-    ~Pools() {
-        disk.join();
-        io.stop();
-        for (std::thread& thread : threads) thread.join();
-    }
+    ~Pools() { disk.finish(); }
 
-    asio::io_context io;
-    asio::executor_work_guard<asio::io_context::executor_type> work;
-    asio::thread_pool disk;
-    std::vector<std::thread> threads;
+    Pool io;
+    Pool disk;
 };
 
 unsigned ThreadPools::threadsEach() noexcept { return std::max(2U, std::thread::hardware_concurrency()); }
@@ -34,7 +77,7 @@ unsigned ThreadPools::threadsEach() noexcept { return std::max(2U, std::thread::
 ThreadPools::ThreadPools() : pools_(std::make_unique<Pools>(threadsEach())) {}
 ThreadPools::~ThreadPools() = default;
 
-asio::any_io_executor ThreadPools::io() const { return pools_->io.get_executor(); }
-asio::any_io_executor ThreadPools::disk() const { return pools_->disk.get_executor(); }
+asio::any_io_executor ThreadPools::io() const { return pools_->io.executor(); }
+asio::any_io_executor ThreadPools::disk() const { return pools_->disk.executor(); }
 
 }  // namespace skein

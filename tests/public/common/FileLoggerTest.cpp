@@ -75,7 +75,7 @@ TEST_F(FileLoggerTest, whatAPeerSentNeitherBreaksTheLineNorFillsTheLog) {
     }
     const auto written = lines(file);
     ASSERT_EQ(written.size(), 2U);
-    EXPECT_THAT(written[0], HasSubstr("name=a??b?[2J??\xC2?é"));
+    EXPECT_THAT(written[0], HasSubstr("name=a??b?[2J???é"));
     EXPECT_LT(written[1].size(), FileLogger::longestLineBytes + 100);
 }
 

@@ -1,4 +1,5 @@
 #include "public/common/NameResolver.h"
+#include "public/common/StartThread.h"
 #include "public/common/ThreadPools.h"
 #include "public/common/Within.h"
 #include "tests/support/Simulation.h"
@@ -71,6 +72,36 @@ TEST(NameLookups, asksForAHostOnceOnFewThreads) {
                  boost::system::system_error);
     asio::co_spawn(pools.io(), resolver.resolve("host3"), asio::use_future).get();
     EXPECT_EQ(asked, 21) << "what was found is kept";
+}
+
+TEST(NameLookups, makesDoWithTheThreadsThatItGets) {
+    std::vector<std::thread> threads;
+    std::size_t mayStart = 0;
+    const auto start = [&](std::function<void()> work) {
+        if (threads.size() == mayStart) throw ThreadShortage("no thread can be started");
+        threads.emplace_back(std::move(work));
+    };
+    std::promise<void> mayAnswer;
+    const auto ask = [gate = mayAnswer.get_future().share()](const std::string&) {
+        gate.wait();
+        return NameLookups::Addresses{loopback};
+    };
+    const auto lookups = std::make_shared<NameLookups>(ask, start);
+    std::atomic<int> found = 0;
+    std::atomic<int> unfound = 0;
+    const auto begin = [&](const std::string& host) {
+        lookups->begin(
+            lookups->newId(), host, [] { return true; },
+            [&](const NameLookups::Addresses* addresses) { ++(addresses->empty() ? unfound : found); });
+    };
+    begin("one");
+    EXPECT_EQ(unfound, 1) << "nobody could ever ask";
+    mayStart = 1;
+    for (const char* host : {"one", "two", "three"}) begin(host);
+    EXPECT_EQ(unfound, 1);
+    mayAnswer.set_value();
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(found, 3);
 }
 
 TEST(SystemNameResolver, leavesNobodyWaitingWhenCancelledOrGone) {
