@@ -1,4 +1,5 @@
 #include "Core/engine/PieceManager.h"
+#include "Core/engine/StoredPaths.h"
 #include "Core/engine/TorrentFile.h"
 #include "Core/formats/TorrentParser.h"
 #include "app/Command.h"
@@ -40,7 +41,7 @@ public:
     }
 
     int run(const GlobalOptions& /*global*/) override {
-        const auto metaInfo = std::make_shared<const TorrentMetaInfo>(parse());
+        const auto metaInfo = storedIn(folder_, {}, std::make_shared<const TorrentMetaInfo>(parse()));
         ThreadPools pools;
         RealClock clock;
         FileLogger log;

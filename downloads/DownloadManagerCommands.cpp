@@ -1,5 +1,6 @@
 // What the manager is told to do with a task.
 
+#include "Core/engine/StoredPaths.h"
 #include "Core/formats/MagnetParser.h"
 #include "Core/formats/TorrentParser.h"
 #include "downloads/ControlMessage.h"
@@ -34,7 +35,7 @@ asio::awaitable<void> DownloadManager::performTracked(Task task, asio::awaitable
     } catch (const boost::system::system_error&) {
         // Cancelled: the manager stops.
     } catch (const std::exception& error) {
-        failure = error.what();
+        failure = textOf(error);
     }
     if (!failure.empty()) fail(task, failure);
     task->isControlOperationInProgress.set(false);
@@ -186,8 +187,8 @@ asio::awaitable<FileList> DownloadManager::filesOf(Task task) {
         try {
             const auto data = archive_.torrent(key, place.folder, name);
             if (!data) return FileList();
-            const TorrentMetaInfo metaInfo = TorrentParser::parse(*data);
-            return place.topName.empty() ? metaInfo.files : metaInfo.storedAs(place.topName).files;
+            auto metaInfo = std::make_shared<const TorrentMetaInfo>(TorrentParser::parse(*data));
+            return storedIn(place.folder, place.topName, std::move(metaInfo))->files;
         } catch (const std::exception& error) {
             environment_.log.warning("[Manager] the list of files of ", name, " cannot be read: ", textOf(error));
             return FileList();

@@ -1,6 +1,7 @@
 #include "downloads/HTTPFileName.h"
 
 #include "public/common/Bytes.h"
+#include "public/common/OddCharacters.h"
 
 #include <algorithm>
 #include <array>
@@ -63,8 +64,7 @@ std::string fromLatin1(std::string_view text) {
 }
 
 bool standsInNames(char character) noexcept {
-    return static_cast<unsigned char>(character) >= 0x20 && character != '\x7F' &&
-           std::string_view("/\\:*?\"<>|").find(character) == std::string_view::npos;
+    return std::string_view("/\\:*?\"<>|").find(character) == std::string_view::npos;
 }
 
 /// The first `count` bytes, or fewer so as not to cut through a character.
@@ -129,7 +129,8 @@ std::optional<std::string> extendedName(std::string_view value) {
 
 std::optional<std::string> safe(std::string_view given) {
     const std::string text = isValidUTF8(asBytes(given)) ? std::string(given) : fromLatin1(given);
-    std::string_view name = trimmed(text, "/\\\"; \t\r\n");
+    const std::string plain = withoutOdd(trimmed(text, "/\\\"; \t\r\n"), '_');
+    std::string_view name = trimmed(plain, "/\\\"; ");
     name = trimmed(name.substr(name.find_last_of("/\\") + 1), ".\"; \t\r\n");
     if (name.empty()) return std::nullopt;
     const std::size_t dot = extensionOf(name);

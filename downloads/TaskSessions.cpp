@@ -1,6 +1,7 @@
 #include "downloads/TaskSessions.h"
 
 #include "public/common/Database.h"
+#include "public/common/ErrorText.h"
 
 #include <boost/asio/post.hpp>
 #include <boost/system/system_error.hpp>
@@ -57,7 +58,7 @@ asio::awaitable<bool> TaskSessions::prepare(Task task, std::shared_ptr<Running> 
     } catch (const boost::system::system_error&) {
         // Cancelled: everything stops.
     } catch (const std::exception& error) {
-        failure = error.what();
+        failure = textOf(error);
     }
     running->isPreparing = false;
     stopEnded_.notify();

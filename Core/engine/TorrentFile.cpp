@@ -1,6 +1,7 @@
 #include "Core/engine/TorrentFile.h"
 
 #include "Core/formats/BEncoder.h"
+#include "public/common/OddCharacters.h"
 #include "public/common/WholeFile.h"
 
 #include <cstring>
@@ -41,11 +42,11 @@ Bytes infoDataOf(ByteView data) {
 }
 
 std::string safeFileName(std::string_view name) {
-    std::string safe(name.substr(0, maxNameBytes));
+    const std::string plain = withoutOdd(name, '_');
+    std::string safe = plain.substr(0, maxNameBytes);
     for (char& character : safe)
-        if (static_cast<unsigned char>(character) < 0x20 || std::strchr("/\\:*?\"<>|\x7F", character) != nullptr)
-            character = '_';
-    if (name.size() > maxNameBytes) {  // the cut may have gone through a character
+        if (std::strchr("/\\:*?\"<>|", character) != nullptr) character = '_';
+    if (plain.size() > maxNameBytes) {  // the cut may have gone through a character
         while (!safe.empty() && (static_cast<unsigned char>(safe.back()) & 0xC0U) == 0x80U) safe.pop_back();
         if (!safe.empty() && static_cast<unsigned char>(safe.back()) >= 0xC0U) safe.pop_back();
     }

@@ -1,6 +1,8 @@
 #include "Core/engine/TorrentSession.h"
 
+#include "Core/engine/StoredPaths.h"
 #include "Core/engine/TorrentFile.h"
+#include "public/common/ErrorText.h"
 #include "public/common/RunOn.h"
 
 #include <boost/asio/dispatch.hpp>
@@ -77,7 +79,7 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
         fail(parsed.failure);
         co_return;
     }
-    setMetaInfo(std::move(parsed.metaInfo));
+    co_await adopt(std::move(parsed.metaInfo));
     infoData_ = std::move(parsed.infoData);
     services_.log.info("[Session] ✅ Torrent parsed: ", metaInfo_->name, " (", metaInfo_->files.size(), " files, ",
                        metaInfo_->totalSize, ")");
@@ -85,9 +87,10 @@ asio::awaitable<void> TorrentSession::parseTorrentFileAndStart(Bytes torrentData
     co_await beginTransfer(std::move(torrentData));
 }
 
-void TorrentSession::setMetaInfo(std::shared_ptr<const TorrentMetaInfo> metaInfo) {
-    metaInfo_ = std::move(metaInfo);
-    if (!options_.topName.empty()) metaInfo_ = std::make_shared<TorrentMetaInfo>(metaInfo_->storedAs(options_.topName));
+/// A list of files may be long, and where they are is looked up on disk.
+asio::awaitable<void> TorrentSession::adopt(std::shared_ptr<const TorrentMetaInfo> metaInfo) {
+    auto place = [&] { return storedIn(options_.savePath, options_.topName, std::move(metaInfo)); };
+    metaInfo_ = co_await runOn(services_.disk, std::move(place));
     peerPool_.setPieceCount(metaInfo_->pieceCount());
 }
 
@@ -173,7 +176,7 @@ asio::awaitable<void> TorrentSession::openPieces(bool mayResume) {
         if (error.code() == asio::error::operation_aborted) throw;
         failure = error.what();
     } catch (const std::exception& error) {
-        failure = error.what();
+        failure = textOf(error);
     }
     if (!failure.empty()) {
         fail(failure);

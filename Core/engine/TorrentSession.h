@@ -159,7 +159,7 @@ public:
 
 private:
     asio::awaitable<void> parseTorrentFileAndStart(Bytes torrentData);
-    void setMetaInfo(std::shared_ptr<const TorrentMetaInfo> metaInfo);
+    asio::awaitable<void> adopt(std::shared_ptr<const TorrentMetaInfo> metaInfo);
     asio::awaitable<void> keepTorrentCopy(Bytes torrentData);
     asio::awaitable<void> saveTorrentFile(Bytes torrentData);
     /// `mayResume`: what a resume record says may be believed.

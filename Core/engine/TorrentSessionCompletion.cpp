@@ -73,7 +73,7 @@ asio::awaitable<void> TorrentSession::doRecheckWith(Bytes torrentData) {
     } else if (parsed->infoHash != infoHash_) {
         setStatus("Torrent info hash mismatch");
     } else {
-        setMetaInfo(parsed);
+        co_await adopt(parsed);
         co_await doRecheck();
     }
 }

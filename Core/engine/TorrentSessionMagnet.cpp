@@ -34,7 +34,7 @@ asio::awaitable<void> TorrentSession::fetchMetadata(MagnetLink magnet) {
     }
     auto readInfo = [&] { return TorrentFile::infoDataOf(found->torrentData); };
     infoData_ = co_await runOn(services_.disk, std::move(readInfo));
-    setMetaInfo(std::move(found->metaInfo));
+    co_await adopt(std::move(found->metaInfo));
     describeToDiscovery();  // at once: what is on disk may take minutes to verify, and public peers stay until then
     setStatus("Torrent acquired: " + TorrentMetaInfo::cleanDisplayName(metaInfo_->name));
     services_.log.info("[Session] Metadata parsed, transitioning to downloading...");

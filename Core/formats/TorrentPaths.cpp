@@ -20,15 +20,14 @@ std::string joined(const BEncodeValue::List& components) {
 
 bool isUTF8(std::string_view text) { return isValidUTF8(asBytes(text)); }
 
-/// "a.txt" with 2: "a (2).txt".
-std::string numbered(std::string_view component, std::size_t number) {
+}  // namespace
+
+std::string TorrentPaths::numbered(std::string_view component, std::size_t number) {
     const std::size_t dot = component.rfind('.');
     const std::size_t end = dot == 0 ? component.size() : std::min(dot, component.size());
     std::string text(component.substr(0, end));
     return text.append(" (" + std::to_string(number) + ")").append(component.substr(end));
 }
-
-}  // namespace
 
 std::optional<std::string> TorrentPaths::read(const BEncodeValue& file) {
     const BEncodeValue::List* const path = file.listAt("path");

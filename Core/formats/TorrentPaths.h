@@ -25,6 +25,8 @@ public:
     /// The components of a file's path, a "/" before each; those that are no strings are left out. `file` is one of
     /// `files`. Nothing when it has no path.
     std::optional<std::string> read(const BEncodeValue& file);
+    /// "a.txt" with 2: "a (2).txt".
+    static std::string numbered(std::string_view component, std::size_t number);
 
 private:
     std::string decoded(const BEncodeValue::List& path);

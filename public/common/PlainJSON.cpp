@@ -1,6 +1,7 @@
 #include "public/common/PlainJSON.h"
 
 #include "public/common/Bytes.h"
+#include "public/common/OddCharacters.h"
 #include "public/common/ValidUTF8.h"
 
 #include <boost/json/array.hpp>
@@ -25,13 +26,43 @@ enum class OddBytes { replaced, kept };
 template <OddBytes oddBytes>
 void append(std::string& text, const json::value& value);
 
+char32_t codePointOf(std::string_view character) noexcept {
+    constexpr unsigned bitsEach = 6;
+    const auto first = static_cast<unsigned char>(character.front());
+    char32_t code = first & (character.size() == 1 ? 0x7FU : 0x7FU >> character.size());
+    for (const char next : character.substr(1)) code = code << bitsEach | (static_cast<unsigned char>(next) & 0x3FU);
+    return code;
+}
+
+void appendEscape(std::string& text, std::string_view character) {
+    constexpr std::string_view digits = "0123456789abcdef";
+    const char32_t code = codePointOf(character);
+    text += "\\u";
+    for (int shift = 12; shift >= 0; shift -= 4) text += digits[code >> static_cast<unsigned>(shift) & 0xFU];
+}
+
+/// Boost.JSON escapes what JSON wants to have escaped; who looks at it on a terminal needs more.
+void appendHarmless(std::string& text, std::string_view serialized) {
+    std::size_t copied = 0;
+    for (std::size_t at = 0; at < serialized.size();) {
+        const std::size_t length = oddLength(serialized.substr(at));
+        if (length == 0) {
+            ++at;
+            continue;
+        }
+        text += serialized.substr(copied, at - copied);
+        appendEscape(text, serialized.substr(at, length));
+        at += length;
+        copied = at;
+    }
+    text += serialized.substr(copied);
+}
+
 template <OddBytes oddBytes>
 void append(std::string& text, std::string_view string) {
-    if (oddBytes == OddBytes::kept || isValidUTF8(asBytes(string))) {
-        text += json::serialize(json::string_view(string));
-    } else {
-        text += json::serialize(json::string_view(toValidUTF8(string)));
-    }
+    const bool isKept = oddBytes == OddBytes::kept || isValidUTF8(asBytes(string));
+    const auto serialize = [](std::string_view valid) { return json::serialize(json::string_view(valid)); };
+    appendHarmless(text, isKept ? serialize(string) : serialize(toValidUTF8(string)));
 }
 
 void append(std::string& text, double number) {

@@ -8,7 +8,8 @@ namespace skein {
 
 // JSON text in which every number is a plain decimal ("12.5", "1795452204.797", never "1.25E1"), as scripts expect it.
 // Boost.JSON's own serialize writes exponents. What is not finite becomes null,
-// and bytes of a string that are no UTF-8 become U+FFFD: whatever was stored, what is written is JSON.
+// and bytes of a string that are no UTF-8 become U+FFFD: whatever was stored, what is written is JSON. Odd characters
+// (see OddCharacters.h) are escaped ("\u202e"), so that the text does nothing to a terminal either.
 std::string plainJSON(const boost::json::value& value);
 std::string plainJSON(const boost::json::object& object);
 std::string plainJSON(const boost::json::array& array);

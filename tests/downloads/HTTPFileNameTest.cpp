@@ -1,5 +1,6 @@
 #include "downloads/HTTPDownloadSession.h"
 #include "downloads/HTTPFileName.h"
+#include "tests/support/OddCharacters.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,6 +33,8 @@ TEST(HTTPFileNameTest, contentDispositionsGiveOneSafePathComponent) {
     const auto longest = HTTPFileName::safe(std::string(300, 'x') + ".tar.gz");
     EXPECT_EQ(longest->size(), HTTPFileName::maxBytes);
     EXPECT_TRUE(longest->ends_with("x.tar.gz"));
+    for (const std::string& odd : oddCharacters) EXPECT_EQ(HTTPFileName::safe("x" + odd + "y.txt"), "x_y.txt");
+    EXPECT_EQ(HTTPFileName::safe("x\xFFy\x9Bz"), "xÿy_z") << "read as ISO 8859-1, that is a control character";
 }
 
 TEST(HTTPFileNameTest, urlsGiveTheirLastComponentOrAName) {
