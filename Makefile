@@ -1,6 +1,6 @@
 # The common chores. Everything is built below build/.
 
-.PHONY: all packages release test bench format lint clean
+.PHONY: all packages release test hostile bench format lint clean
 
 all: release
 
@@ -16,6 +16,11 @@ build:
 
 test: release
 	@ctest --test-dir build/release --output-on-failure --no-tests=error -j "$$(getconf _NPROCESSORS_ONLN)"
+
+# Attacks the built program for so many seconds; the seed that it prints repeats its choices.
+SECONDS = 60
+hostile: release
+	@tests/hostile/run $(SECONDS) $(SEED)
 
 # Benchmarks print figures, they do not pass or fail.
 bench: release
