@@ -193,10 +193,12 @@ bool PeerPool::isOurselves(const Peer& peer) const {
 }
 
 /// A relayed connection and a direct one to the same peer stand beside each other until the direct one proves itself.
+/// A peer id is no proof: whoever has spoken with a peer can repeat its id, and would keep it out from any other host.
 PeerPool::Peer* PeerPool::otherConnectionTo(const Peer& peer) {
+    const PeerConnection& connection = *peer.connection;
     for (const auto& [key, other] : connected_)
-        if (other->isRelayed() == peer.isRelayed() &&
-            other->connection->remotePeerID() == peer.connection->remotePeerID())
+        if (other->isRelayed() == peer.isRelayed() && other->connection->remotePeerID() == connection.remotePeerID() &&
+            (peer.isRelayed() || other->connection->address().host == connection.address().host))
             return other.get();
     return nullptr;
 }

@@ -149,6 +149,19 @@ TEST_F(PeerPoolTest, tellsOfAPeerThatIsLostBeforeItHearsThatWeAreInterested) {
     }
 }
 
+TEST_F(PeerPoolTest, takesAPeerIDForTheSamePeerOnlyAtTheSameHost) {
+    onPeerReady = [](const PeerPool::Peer&) {};
+    const auto connect = [&](const char* host, std::uint16_t port) {
+        auto transport = std::make_unique<LostTransport>(simulation, true);
+        DialRequest request{{host, port}, PeerSource::publicTracker};
+        EXPECT_EQ(simulation.finish(pool.connectOver(std::move(transport), std::move(request), 5s)), "");
+        return pool.connected().size();
+    };
+    EXPECT_EQ(connect("10.0.0.1", 1), 1U);
+    EXPECT_EQ(connect("10.0.0.1", 2), 1U) << "connected twice";
+    EXPECT_EQ(connect("10.0.0.2", 1), 2U) << "a stranger who repeats the id keeps nobody out";
+}
+
 class UTPProbeTest : public PeerPoolTest {
 protected:
     UTPProbeTest() : PeerPoolTest(TransportChoice::any) { fate = Fate::fails; }
