@@ -11,8 +11,8 @@ from kit.metainfo import BLOCK
 class Peer(TCPServer):
     """Serves all that is asked for, to who dials it and to whom it dials."""
 
-    def __init__(self, torrent, host="127.0.0.1"):
-        self.torrent = torrent
+    def __init__(self, torrent, host="127.0.0.1", peer_id=b"-HO0001-an-honest-on"):
+        self.torrent, self.peer_id = torrent, peer_id
         super().__init__(self.answer, host)
 
     def dial(self, port):
@@ -23,7 +23,7 @@ class Peer(TCPServer):
     def begin(self, connection):
         """The side that dialled speaks first."""
         talk = wire.Conversation(connection)
-        talk.send(wire.handshake(self.torrent.info_hash))
+        talk.send(self.handshake())
         talk.read_handshake()
         self.converse(talk)
 
@@ -31,7 +31,7 @@ class Peer(TCPServer):
         """The side that was dialled."""
         talk = wire.Conversation(connection)
         talk.read_handshake()
-        talk.send(wire.handshake(self.torrent.info_hash))
+        talk.send(self.handshake())
         self.converse(talk)
 
     def converse(self, talk):
@@ -39,6 +39,10 @@ class Peer(TCPServer):
         talk.send(self.introduction())
         while True:
             self.heed(talk, *talk.read())
+
+    def handshake(self):
+        """Its own."""
+        return wire.handshake(self.torrent.info_hash, self.peer_id)
 
     def introduction(self):
         """What it says at first."""

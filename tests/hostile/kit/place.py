@@ -26,8 +26,7 @@ class Place:
     def __exit__(self, kind, error, trace):
         with contextlib.ExitStack() as ends:
             ends.callback(shutil.rmtree, self.root, ignore_errors=True)
-            if kind is None:
-                ends.callback(self.check)
+            ends.callback(self.check if kind is None else self.show)
             for each in self.servers:
                 ends.callback(each.close)
             for each in self.running:
@@ -39,6 +38,13 @@ class Place:
             each.check_words()
         for each in self.servers:
             require(not each.errors, f"the script itself failed: {each.errors[:1]}")
+
+    def show(self):
+        """What helps to find the reason of a fault."""
+        for each in self.servers:
+            print("".join(each.errors[:1]), end="")
+        if self.running:
+            self.running[-1].show_log()
 
     def folder(self, name):
         """A folder of this round."""

@@ -14,10 +14,11 @@ from kit.fault import Fault, require
 ALONE = ["--bind", "127.0.0.1", "--port", "0", "--no-lsd", "--no-history"]
 MOST_MEMORY = 250 << 20
 MOST_DESCRIPTORS = 250
-PATIENCE = 60
+PATIENCE = 120
 """Seconds: many times what a download takes on an idle machine."""
 ANSWER_LIMIT = 1.0
 """Seconds within which the API answers. One late answer is the machine's doing, three in a row are the program's."""
+LOG_LINES = 15
 LAST_WORDS = ("terminate called", "skein: fatal:", "Sanitizer", "runtime error:", "Assertion ", "stack smashing",
               "double free", "malloc(): ", "free(): ", "Segmentation fault")
 
@@ -83,6 +84,11 @@ class Program:
         """The end of what it told."""
         return self.told.read_text(errors="replace")[-300:].strip()
 
+    def show_log(self):
+        """The end of its log, beside a fault."""
+        for log in self.home.glob("logs/skein.log"):
+            print("\n".join(log.read_text(errors="replace").splitlines()[-LOG_LINES:]))
+
     def end(self, how=signal.SIGKILL):
         """Makes it end, and returns its status."""
         if self.is_running:
@@ -125,3 +131,10 @@ class Daemon(Program):
         self.late_answers = self.late_answers + 1 if time.monotonic() - began > ANSWER_LIMIT else 0
         require(self.late_answers < 3, f"three answers in a row took more than {ANSWER_LIMIT} s")
         return answer
+
+    def port(self):
+        """The one at which peers reach it, once it has a task."""
+        words = "TCP listener started on port "
+        log = self.home / "logs" / "skein.log"
+        self.wait_for(lambda: log.exists() and words in log.read_text(errors="replace"), "it does not listen")
+        return int(log.read_text(errors="replace").split(words)[1].split()[0])

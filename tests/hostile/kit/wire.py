@@ -13,7 +13,7 @@ METADATA_ID, PEX_ID = 3, 4
 """Those that we want to be sent under."""
 
 
-def handshake(info_hash, peer_id=b"-HO0001-hostilehosti", reserved=EXTENSIONS):
+def handshake(info_hash, peer_id, reserved=EXTENSIONS):
     """The first 68 bytes of a side."""
     return b"\x13BitTorrent protocol" + reserved + info_hash + peer_id
 
