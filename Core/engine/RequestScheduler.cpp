@@ -225,8 +225,9 @@ std::vector<RequestScheduler::GivenBack> RequestScheduler::giveBackSlowPieces() 
     for (const auto& [piece, inFlight] : pieceToPeer_) {
         if (inFlight.isWhole()) continue;
         const bool stalls = now - inFlight.lastBlockAt >= stallLimit;
-        if (stalls || rescuerOf(piece, inFlight)) slow.push_back(piece);
-        if (stalls) peers_.at(inFlight.peer).isSlow = true;
+        const bool isRescued = rescuerOf(piece, inFlight).has_value();
+        if (stalls || isRescued) slow.push_back(piece);
+        if (stalls || (isRescued && isSilent(inFlight))) peers_.at(inFlight.peer).isSlow = true;
     }
     if (piecesInFlight() >= maxInFlightPieces) addSurplus(slow);
     std::vector<GivenBack> result;
@@ -253,7 +254,13 @@ bool RequestScheduler::fasterPeerThan(const Peer& slow) const {
     });
 }
 
-/// An idle peer that has `piece` and would fetch what is left of it far sooner than its supplier will end it.
+/// Its supplier unchoked us, was asked, and has never sent anything.
+bool RequestScheduler::isSilent(const PieceInFlight& inFlight) const {
+    return peers_.at(inFlight.peer).rate.total() == 0 && clock_.now() - inFlight.lastBlockAt >= firstBlockLimit;
+}
+
+/// An idle peer that has `piece` and would fetch what is left of it far sooner than its supplier will end it. Of a
+/// silent supplier nothing is expected: any idle peer gets its chance.
 std::optional<PeerKey> RequestScheduler::rescuerOf(int piece, const PieceInFlight& inFlight) const {
     const Clock::TimePoint now = clock_.now();
     const double rate = std::max(peers_.at(inFlight.peer).rate.bytesPerSecond(now), 1.0);
@@ -263,7 +270,7 @@ std::optional<PeerKey> RequestScheduler::rescuerOf(int piece, const PieceInFligh
         if (peer.isChoking || peer.isSlow || !peer.pieces.empty() || !peer.has.contains(piece)) continue;
         const double rescue = static_cast<double>(inFlight.blocks.size() - inFlight.received) * blockSize /
                               std::max(peer.rate.bytesPerSecond(now), 1.0);
-        if (rescue * rescueFactor < remaining) return key;
+        if (isSilent(inFlight) || rescue * rescueFactor < remaining) return key;
     }
     return std::nullopt;
 }

@@ -33,6 +33,8 @@ public:
     static constexpr int longestRequestQueue = 1000;
     /// A piece without a new block for this long is given back.
     static constexpr std::chrono::seconds stallLimit{30};
+    /// A peer that has sent nothing for this long since it was asked gives its pieces up to one that waits idle.
+    static constexpr std::chrono::seconds firstBlockLimit{10};
     /// Buffers of pieces in flight: very large pieces keep fewer than 32 in flight.
     static constexpr std::int64_t maxBufferedBytes = std::int64_t{256} << 20U;
 
@@ -131,6 +133,7 @@ private:
     void addSurplus(std::vector<int>& pieces) const;
     bool fasterPeerThan(const Peer& slow) const;
     GivenBack giveBack(int piece);
+    bool isSilent(const PieceInFlight& inFlight) const;
     std::optional<PeerKey> rescuerOf(int piece, const PieceInFlight& inFlight) const;
 
     PieceManager& pieces_;

@@ -167,6 +167,19 @@ TEST_F(RequestSchedulerTest, takesAStalledPieceBackAndPrefersFasterPeers) {
     EXPECT_THAT(scheduler.nextRequests(1), SizeIs(Ge(1))) << "better slow than not at all";
 }
 
+TEST_F(RequestSchedulerTest, givesAnIdlePeerItsChanceWhereTheOthersHaveNeverSentAnything) {
+    for (PeerKey silent = 1; silent <= 32; ++silent) add(silent);
+    for (PeerKey silent = 1; silent <= 32; ++silent) scheduler.nextRequests(silent);
+    EXPECT_EQ(scheduler.piecesInFlight(), 32);
+    simulation.advance(10s);
+    EXPECT_THAT(scheduler.giveBackSlowPieces(), IsEmpty()) << "nobody else is there";
+    add(99);
+    EXPECT_THAT(scheduler.nextRequests(99), IsEmpty());
+    EXPECT_THAT(scheduler.giveBackSlowPieces(), SizeIs(32));
+    EXPECT_THAT(scheduler.nextRequests(1), IsEmpty()) << "while the new one has not failed";
+    EXPECT_FALSE(scheduler.nextRequests(99).empty());
+}
+
 TEST_F(RequestSchedulerTest, movesTheLastPiecesToAnIdlePeerThatIsFarFaster) {
     add(1, Bytes{0x80});
     std::vector<BlockRequest> slow = scheduler.nextRequests(1);
