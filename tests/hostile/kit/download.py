@@ -40,6 +40,12 @@ class Download:
         require(task["status"] != "error", f"the task failed: {task['errorMessage']}")
         return task["status"] in ("seeding", "completed")
 
+    def tells_of_full_disk(self):
+        """Where the user sees it."""
+        if self.is_daemon:
+            return self.program.ask("GET", f"/tasks/{self.task}")["stallCause"] == "diskFull"
+        return b"The disk is full" in self.program.said.read_bytes()
+
     def finish(self, among):
         """Waits for its end, and looks at the files. `among`: what is told with a fault."""
         try:

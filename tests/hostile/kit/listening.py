@@ -37,7 +37,7 @@ class Script:
     def hold(self, connection, talk):
         """Lets `talk(connection)` run, and closes the connection after it."""
         self.count += 1
-        connection.settimeout(30)
+        connection.settimeout(300)
         self.connections.add(connection)
         try:
             talk(connection)

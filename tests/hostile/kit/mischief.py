@@ -129,7 +129,8 @@ def strange_offers(peer, talk):
     shake(peer, talk)
     strange = (-1, 0, 255, 1 << 62, -(1 << 63), b"text", [], {})
     for _ in range(10):
-        some = {key: peer.choice.choice(strange) for key in ("metadata_size", "reqq", "p", "yourip", "v", "upload_only")}
+        keys = ("metadata_size", "reqq", "p", "yourip", "v", "upload_only")
+        some = {key: peer.choice.choice(strange) for key in keys}
         some["m"] = peer.choice.choice(({"ut_metadata": peer.choice.choice(strange), "ut_pex": 0}, {}, 7))
         talk.send(wire.extended(0, some))
     many = {f"{number:05}": number % 256 for number in range(3000)}
@@ -154,7 +155,7 @@ def wrong_metadata(peer, talk):
 
 
 def pex_flood(peer, talk):
-    """Names thousands of peers, among them one that must be dialled only where local addresses may be."""
+    """Names thousands of peers, among them one that is dialled only where local addresses may be."""
     greet(peer, talk)
     for _ in range(20):
         hosts = [bytes((127, 0, 0, peer.choice.randint(100, 250))) for _ in range(300)]
@@ -194,5 +195,5 @@ def mutated(peer, talk):
     listen(peer, talk)
 
 
-ALL = (garbage, wrong_hash, silent, drip, oversized, truncated, random_messages, corrupt, never_sends, storm, have_beyond,
-       long_bitfield, request_flood, strange_offers, wrong_metadata, pex_flood, reset_midway, unasked, mutated)
+ALL = (garbage, wrong_hash, silent, drip, oversized, truncated, random_messages, corrupt, never_sends, storm,
+       have_beyond, long_bitfield, request_flood, strange_offers, wrong_metadata, pex_flood, reset_midway, unasked, mutated)

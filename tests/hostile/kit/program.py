@@ -3,6 +3,7 @@
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import time
@@ -18,6 +19,8 @@ PATIENCE = 120
 """Seconds: many times what a download takes on an idle machine."""
 ANSWER_LIMIT = 1.0
 """Seconds within which the API answers. One late answer is the machine's doing, three in a row are the program's."""
+UNFIT = re.compile("[\x00-\x08\x0b-\x1f\x7f-\x9f\u202a-\u202e\u2066-\u2069]")
+"""What strangers must not bring to a terminal or a log."""
 LOG_LINES = 15
 LAST_WORDS = ("terminate called", "skein: fatal:", "Sanitizer", "runtime error:", "Assertion ", "stack smashing",
               "double free", "malloc(): ", "free(): ", "Segmentation fault")
@@ -50,7 +53,7 @@ class Program:
         return self.events("listening")[0]["port"]
 
     def wait_for(self, condition, otherwise, seconds=PATIENCE):
-        """Returns what `condition` does, as soon as that is true. Until then the program must live, and within bounds."""
+        """What `condition` returns, as soon as that is true. Until then the program must live, and within bounds."""
         deadline = time.monotonic() + seconds
         while not (result := condition()):
             require(self.is_running, f"it ended with {self.process.returncode}: {self.last_words()}")
@@ -103,6 +106,8 @@ class Program:
             text = path.read_text(errors="replace")
             for words in LAST_WORDS:
                 require(words not in text, f"{path.name} tells of “{words}”: {text[text.find(words):][:200]}")
+            ugly = UNFIT.search(text)
+            require(not ugly, f"{path.name} holds an unfit character: {ugly and text[ugly.start() - 60:][:120]!r}")
 
 
 class Daemon(Program):

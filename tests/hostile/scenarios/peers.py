@@ -62,7 +62,7 @@ def attempt(place):
     choice = place.choice
     torrent = Torrent(choice)
     trap = place.serve(TCPServer(lambda connection: connection.recv(1), "127.0.0.66"))
-    kinds = choice.sample(mischief.ALL, choice.randint(2, 6))
+    kinds = choice.sample(mischief.ALL, choice.randint(1, 4))
     hostile = [place.serve(HostilePeer(torrent, f"127.0.0.{10 + number}", choice.random(), kind, trap))
                for number, kind in enumerate(kinds)]
     seeder = place.serve(Peer(torrent, "127.0.0.9"))
