@@ -68,9 +68,12 @@ void TorrentSession::reportPeers() {
     callbacks_.onPeerDetailsUpdated(peerPool_.makePeerRuntimeInfos(progressOf));
 }
 
-/// Bytes that came in the last seconds say that nothing is wrong, whatever the facts look like.
+/// Bytes that came in the last seconds say that nothing is wrong, whatever the facts look like; unless they cannot be
+/// stored, and only came as a trial.
 void TorrentSession::reportStall() {
-    const bool mayStall = isDownloading() && downloadSpeedTracker_.bytesPerSecond(services_.clock.now()) < 1;
+    const bool isMoving = downloadSpeedTracker_.bytesPerSecond(services_.clock.now()) >= 1;
+    const bool isStored = !pieceManager_ || !pieceManager_->storageProblem();
+    const bool mayStall = isDownloading() && !(isMoving && isStored);
     std::optional<StallReason> reason;
     if (mayStall) reason = stallReasonOf(stallFacts());
     if (reason == stallReason_) return;
