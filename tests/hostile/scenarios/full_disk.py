@@ -10,6 +10,8 @@ from kit.peer import Peer
 from kit.sandbox import is_isolated
 
 UNIT = "full disks"
+TELLS_WITHIN = 20
+"""Seconds from the beginning of the download, which takes one."""
 MNT_DETACH = 2
 
 
@@ -39,7 +41,7 @@ def attempt(place):
     foreign = folder / "in the way"
     foreign.write_bytes(bytes(choice.randint(len(torrent.content) // 4, len(torrent.content)) + (2 << 20)))
     download = Download(place, torrent, ["--peer", seeder.address, "--no-trackers", "--no-dht", "--no-cache-sites"])
-    download.program.wait_for(download.tells_of_full_disk, "it does not tell of the full disk")
+    download.program.wait_for(download.tells_of_full_disk, "it does not tell of the full disk", TELLS_WITHIN)
     require(download.program.is_running, "it did not wait")
     require(not any(foreign.read_bytes()), "a foreign file was touched")
     foreign.unlink()
