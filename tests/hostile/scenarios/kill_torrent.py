@@ -24,12 +24,12 @@ def good_pieces(place, torrent, folder):
 def attempt(place):
     """One download with its kills."""
     choice, folder = place.choice, place.folder("files")
-    torrent = Torrent(choice, [choice.randint(1, 4_000_000) for _ in range(3)], 4 * BLOCK)
+    torrent = Torrent(choice, [choice.randint(1, 1_500_000) for _ in range(3)], 4 * BLOCK)
     document = place.root / "set.torrent"
     document.write_bytes(torrent.document())
     seeder = place.serve(Peer(torrent))
     strangers = {"diary.txt": DIARY}
-    command = ["get", document, "--dir", folder, "--peer", seeder.address, "--download-limit", "12M", "--no-trackers",
+    command = ["get", document, "--dir", folder, "--peer", seeder.address, "--download-limit", "2M", "--no-trackers",
                "--no-dht", "--no-cache-sites", *ALONE]
     (folder / torrent.name).mkdir()
     (folder / torrent.name / "diary.txt").write_bytes(DIARY)
