@@ -1,5 +1,6 @@
 """One conversation in the peer wire protocol. Source: BEP 3, BEP 6, BEP 9, BEP 10."""
 
+import socket
 import struct
 
 from kit import bencode
@@ -31,6 +32,11 @@ def extended(number, values, after=b""):
 def piece(index, begin, data):
     """A block."""
     return message(PIECE, struct.pack(">II", index, begin) + data)
+
+
+def compact(host, port):
+    """An IPv4 address in the 6 bytes that trackers, PEX and the DHT send."""
+    return socket.inet_aton(host) + struct.pack(">H", port)
 
 
 class Conversation:

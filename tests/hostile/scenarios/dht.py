@@ -2,8 +2,6 @@
 
 import hashlib
 import random
-import socket
-import struct
 
 from kit import bencode
 from kit.download import Download
@@ -11,15 +9,11 @@ from kit.http_mischief import UGLY
 from kit.listening import UDPServer
 from kit.metainfo import Torrent
 from kit.peer import Peer
+from kit.wire import compact
 
 UNIT = "datagrams"
 MOST_FLOOD = 500
 """Datagrams of one hostile node in one round."""
-
-
-def compact(host, port):
-    """6 bytes."""
-    return socket.inet_aton(host) + struct.pack(">H", port)
 
 
 class Node(UDPServer):

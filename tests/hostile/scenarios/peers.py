@@ -2,7 +2,6 @@
 
 import random
 import socket
-import struct
 
 from kit import mischief, wire
 from kit.download import Download
@@ -22,7 +21,7 @@ class HostilePeer(Peer):
 
     def __init__(self, torrent, host, seed, kind, trap):
         self.choice, self.kind, self.corrupts = random.Random(seed), kind, False
-        self.trap = socket.inet_aton(trap.host) + struct.pack(">H", trap.port)
+        self.trap = wire.compact(trap.host, trap.port)
         super().__init__(torrent, host)
         if self.choice.random() < 0.8:
             self.peer_id = b"-HO0002-" + self.choice.randbytes(12)

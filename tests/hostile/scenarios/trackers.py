@@ -1,7 +1,6 @@
 """Trackers that answer with everything but peers, beside one that knows the honest seeder."""
 
 import random
-import socket
 import struct
 
 from kit import bencode, http_mischief
@@ -10,14 +9,10 @@ from kit.http import HTTPServer, response
 from kit.listening import UDPServer
 from kit.metainfo import Torrent
 from kit.peer import Peer
+from kit.wire import compact
 
 UNIT = "hostile answers"
 UGLY = http_mischief.UGLY
-
-
-def compact(host, port):
-    """6 bytes."""
-    return socket.inet_aton(host) + struct.pack(">H", port)
 
 
 def many_ports(server, connection, _):
