@@ -19,7 +19,7 @@ PATIENCE = 120
 """Seconds: many times what a download takes on an idle machine."""
 ANSWER_LIMIT = 1.0
 """Seconds within which the API answers. One late answer is the machine's doing, three in a row are the program's."""
-UNFIT = re.compile("[\x00-\x08\x0b-\x1f\x7f]")
+UNFIT = re.compile("[\\x00-\\x08\\x0b-\\x1f\\x7f-\\x9f\\u202a-\\u202e\\u2066-\\u2069]")
 """What strangers must not bring to a terminal or a log."""
 LOG_LINES = 15
 LAST_WORDS = ("terminate called", "skein: fatal:", "Sanitizer", "runtime error:", "Assertion ", "stack smashing",
