@@ -24,11 +24,11 @@ asio::awaitable<std::invoke_result_t<Work&>> runOn(asio::any_io_executor pool, W
     using Result = std::invoke_result_t<Work&>;
     if constexpr (std::is_void_v<Result>) {
         std::function<void()> step = [&work] { work(); };
-        co_await runOnPool(std::move(pool), std::move(step));
+        co_await runOnPool(pool, std::move(step));
     } else {
         std::optional<Result> result;
         std::function<void()> step = [&work, &result] { result.emplace(work()); };
-        co_await runOnPool(std::move(pool), std::move(step));
+        co_await runOnPool(pool, std::move(step));
         co_return std::move(*result);
     }
 }

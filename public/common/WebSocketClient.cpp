@@ -4,7 +4,7 @@
 #include "public/common/BoundSocket.h"
 #include "public/common/ErrorText.h"
 #include "public/common/ShownURL.h"
-#include "public/common/WebSocketTransport.h"
+#include "public/common/WebSocketStream.h"
 #include "public/common/Within.h"
 
 #include <boost/asio/co_spawn.hpp>
@@ -13,14 +13,9 @@
 #include <boost/asio/experimental/parallel_group.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
-#include <boost/asio/ssl/context.hpp>
-#include <boost/asio/ssl/host_name_verification.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/websocket/stream.hpp>
 #include <boost/system/system_error.hpp>
 #include <boost/url/parse.hpp>
-#include <openssl/ssl.h>
 
 #include <charconv>
 #include <system_error>
@@ -30,12 +25,7 @@ namespace skein {
 
 namespace {
 
-namespace websocket = boost::beast::websocket;
-namespace ssl = asio::ssl;
 using asio::ip::tcp;
-
-/// Masked and written at once: the library's 4 KiB would cost a system call and a frame each.
-constexpr std::size_t writeBufferBytes = std::size_t{64} << 10U;
 
 struct Target {
     bool isSecure = false;
@@ -67,65 +57,7 @@ Target targetOf(const std::string& url) {
     return target;
 }
 
-/// The system's certificates, read once for the program.
-ssl::context& trust() {
-    static ssl::context context = [] {
-        ssl::context made(ssl::context::tls_client);
-        made.set_default_verify_paths();
-        made.set_verify_mode(ssl::verify_peer);
-        return made;
-    }();
-    return context;
-}
-
 }  // namespace
-
-asio::awaitable<void> WebSocketTransport::secureAs(std::string host, ssl::context& trust) {
-    tls_.emplace(socket_, trust);
-    if (!IPAddress::parse(host)) SSL_set_tlsext_host_name(tls_->native_handle(), host.c_str());
-    tls_->set_verify_callback(ssl::host_name_verification(host));
-    co_await tls_->async_handshake(ssl::stream_base::client, asio::use_awaitable);
-}
-
-struct WebSocketClient::Stream {
-    Stream(const Strand& strand, std::size_t maxMessageBytes) : socket(strand) {
-        socket.read_message_max(maxMessageBytes);
-        socket.write_buffer_bytes(writeBufferBytes);
-    }
-
-    WebSocketTransport& transport() { return socket.next_layer(); }
-
-    asio::awaitable<void> upgrade(Target target, const std::vector<HTTPHeader>& headers) {
-        socket.set_option(websocket::stream_base::decorator([&headers](websocket::request_type& request) {
-            for (const HTTPHeader& header : headers) request.set(header.name, header.value);
-        }));
-        websocket::response_type response;
-        boost::system::error_code error;
-        co_await socket.async_handshake(response, target.authority, target.path,
-                                        asio::redirect_error(asio::use_awaitable, error));
-        if (error == websocket::condition::handshake_failed)
-            throw WebSocketException(WebSocketError::refused, "HTTP " + std::to_string(response.result_int()));
-        if (error) throw boost::system::system_error(error);
-    }
-
-    asio::awaitable<WebSocketMessage> read() {
-        const std::size_t size = co_await socket.async_read(incoming, asio::use_awaitable);
-        const auto* begin = static_cast<const std::uint8_t*>(incoming.data().data());
-        WebSocketMessage message{socket.got_text(), Bytes(begin, begin + size)};
-        incoming.consume(size);
-        co_return message;
-    }
-
-    asio::awaitable<void> write(WebSocketMessage message) {
-        socket.text(message.isText);
-        co_await socket.async_write(asio::buffer(message.data), asio::use_awaitable);
-    }
-
-    asio::awaitable<void> close() { co_await socket.async_close(websocket::close_code::normal, asio::use_awaitable); }
-
-    websocket::stream<WebSocketTransport, false> socket;  // compression is never offered
-    boost::beast::flat_buffer incoming;
-};
 
 WebSocketClient::WebSocketClient(const asio::any_io_executor& pool, Clock& clock, WayOut way, WebSocketRequest request)
     : WebSocketClient(asio::make_strand(pool), clock, std::move(way), std::move(request)) {}
@@ -166,12 +98,12 @@ asio::awaitable<void> WebSocketClient::connectAndUpgrade() {
     auto step = WebSocketError::cannotConnect;
     try {
         const std::vector<IPAddress> addresses = co_await way_.resolver.resolve(target.host);
-        stream_ = std::make_unique<Stream>(tasks_.strand(), request_.maxMessageBytes);
+        stream_ = std::make_unique<WebSocketStream>(tasks_.strand(), request_.maxMessageBytes);
         co_await connect(addresses, target.port);
         step = WebSocketError::insecure;
-        if (target.isSecure) co_await stream_->transport().secureAs(target.host, trust());
+        if (target.isSecure) co_await stream_->secureAs(target.host);
         step = WebSocketError::closed;
-        co_await stream_->upgrade(target, request_.headers);
+        co_await stream_->upgrade(target.authority, target.path, request_.headers);
     } catch (const boost::system::system_error& error) {
         if (error.code() == asio::error::operation_aborted) throw;
         throw WebSocketException(step, textOf(error));
@@ -182,7 +114,7 @@ asio::awaitable<void> WebSocketClient::connectAndUpgrade() {
 asio::awaitable<void> WebSocketClient::connect(std::vector<IPAddress> addresses, std::uint16_t port) {
     boost::system::error_code error = asio::error::host_not_found;
     for (const IPAddress& address : addresses) {
-        tcp::socket& socket = stream_->transport().socket();
+        tcp::socket& socket = stream_->socket();
         const tcp::endpoint remote(toAsio(address), port);
         socket.close(error);
         try {
@@ -266,7 +198,7 @@ void WebSocketClient::breakOff() noexcept {
     sendEnded_.notify();
     if (!stream_) return;
     boost::system::error_code ignored;
-    stream_->transport().socket().close(ignored);
+    stream_->socket().close(ignored);
 }
 
 }  // namespace skein

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "public/common/Bytes.h"
 #include "public/common/Clock.h"
 #include "public/common/HTTPMessage.h"
 #include "public/common/Notifier.h"
 #include "public/common/TaskGroup.h"
 #include "public/common/WayOut.h"
 #include "public/common/WebSocketError.h"
+#include "public/common/WebSocketMessage.h"
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
@@ -17,12 +17,13 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace skein {
 
 namespace asio = boost::asio;
+
+class WebSocketStream;
 
 struct WebSocketRequest {
     std::string url;                                ///< ws or wss, with path and query as they are to be sent
@@ -30,15 +31,6 @@ struct WebSocketRequest {
     std::chrono::milliseconds openTimeout{15'000};  ///< for the name, TCP, TLS and the upgrade together
     std::chrono::milliseconds sendTimeout{30'000};  ///< for one message to be taken
     std::size_t maxMessageBytes = std::size_t{1} << 20U;
-};
-
-struct WebSocketMessage {
-    bool isText = true;
-    Bytes data;
-
-    static WebSocketMessage text(std::string_view text) { return {true, Bytes(text.begin(), text.end())}; }
-    static WebSocketMessage binary(ByteView bytes) { return {false, Bytes(bytes.begin(), bytes.end())}; }
-    std::string_view view() const noexcept { return {reinterpret_cast<const char*>(data.data()), data.size()}; }
 };
 
 /// One websocket to a server, opened once and not reopened. Source: RFC 6455. Pings are answered while `receive` waits.
@@ -69,8 +61,6 @@ public:
     asio::awaitable<void> stop();
 
 private:
-    struct Stream;
-
     asio::awaitable<void> doOpen();
     asio::awaitable<void> connectAndUpgrade();
     asio::awaitable<void> connect(std::vector<IPAddress> addresses, std::uint16_t port);
@@ -84,7 +74,7 @@ private:
     Clock& clock_;
     const WayOut way_;
     const WebSocketRequest request_;
-    std::unique_ptr<Stream> stream_;
+    std::unique_ptr<WebSocketStream> stream_;
     std::uint64_t sendsBegun_ = 0;
     std::uint64_t sendsEnded_ = 0;
     bool isOpen_ = false;
